@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build needs, only those that are missing. With --test it adds
+# what the tests need besides (Python with numpy and Pillow for the cross-check against an
+# independent implementation). Does nothing when everything is present.
+set -euo pipefail
+
+packages=(cmake g++ make pkgconf libgtest-dev libgmock-dev libbenchmark-dev libfftw3-dev libeigen3-dev
+          libtiff-dev libpng-dev libcli11-dev libsleef-dev)
+if [[ "${1:-}" == "--test" ]]; then
+  packages+=(python3 python3-numpy python3-pil)
+fi
+
+missing=()
+for package in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$package")
+  fi
+done
+[[ ${#missing[@]} -eq 0 ]] && exit 0
+
+echo "Installing missing packages: ${missing[*]}"
+if [[ $(id -u) -ne 0 ]]; then
+  echo "error: not root; install them with: sudo apt-get install ${missing[*]}" >&2
+  exit 1
+fi
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}"

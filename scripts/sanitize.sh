@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Sanitizer runs in their own build folders:
+#   scripts/sanitize.sh address   every test under AddressSanitizer + UndefinedBehaviorSanitizer
+#   scripts/sanitize.sh thread    the multi-threaded tests under ThreadSanitizer
+set -euo pipefail
+cd "$(dirname "$0")/.."
+kind="${1:?usage: scripts/sanitize.sh address|thread}"
+scripts/deps.sh --test
+dir="build-${kind}"
+cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUARN_SANITIZE="$kind" -DQUARN_WARNINGS_AS_ERRORS=ON \
+  -DQUARN_BUILD_BENCHMARKS=OFF
+if [[ "$kind" == "thread" ]]; then
+  cmake --build "$dir" -j"$(nproc)" --target quarn_threaded_tests
+  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+    ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" -L threaded
+else
+  cmake --build "$dir" -j"$(nproc)"
+  ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
+    ctest --test-dir "$dir" --output-on-failure -j"$(nproc)"
+fi

@@ -1,0 +1,109 @@
+#include "Analysis/Core/DataWindow2D.h"
+
+#include <cmath>
+#include <limits>
+
+#include <gtest/gtest.h>
+
+#include "Analysis/Core/AnyValid.h"
+#include "Analysis/Core/DoubleMatrix2D.h"
+#include "Analysis/Core/IntMatrix2D.h"
+
+namespace Quarn::Metrology::Analysis::Core {
+namespace {
+
+constexpr double kNo = DoubleWindow2D::NoData();
+
+TEST(DataWindow2DTest, NoDataConvention) {
+  EXPECT_TRUE(DoubleWindow2D::IsNoData(1.7976931348623157e308));
+  EXPECT_FALSE(DoubleWindow2D::IsDataValid(1.7976931348623157e308));
+  EXPECT_TRUE(DoubleWindow2D::IsNoData(std::numeric_limits<double>::infinity()));
+  EXPECT_TRUE(DoubleWindow2D::IsDataValid(std::nextafter(1.7976931348623157e308, 0.0)));
+  EXPECT_TRUE(DoubleWindow2D::IsDataValid(-std::numeric_limits<double>::infinity()));
+  EXPECT_TRUE(IntWindow2D::IsNoData(2147483640));
+  EXPECT_TRUE(IntWindow2D::IsDataValid(2147483639));
+}
+
+// Builds a rows x cols map that is no-data except at the given points.
+DoubleMatrix2D MapWithPoints(int rows, int cols, std::initializer_list<std::pair<int, int>> points) {
+  DoubleMatrix2D map(rows, cols);
+  map.SetAll(kNo);
+  for (const auto& [r, c] : points) map(r, c) = 1.0;
+  return map;
+}
+
+TEST(DataWindow2DTest, FindMinEnclosingBoundsTheValidData) {
+  DoubleMatrix2D map = MapWithPoints(6, 8, {{1, 5}, {4, 2}, {3, 6}});
+  EXPECT_EQ(map.FindMinEnclosing(), Window2D(1, 2, 4, 5));
+
+  // In camera coordinates once the matrix has an origin.
+  map.MoveStartTo(100, 200);
+  EXPECT_EQ(map.FindMinEnclosing(), Window2D(101, 202, 4, 5));
+
+  // Only the current window is searched.
+  map.SetWindow(Window2D(100, 200, 2, 8));
+  EXPECT_EQ(map.FindMinEnclosing(), Window2D(101, 205, 1, 1));
+
+  DoubleMatrix2D empty = MapWithPoints(3, 3, {});
+  empty.MoveStartTo(7, 9);
+  EXPECT_EQ(empty.FindMinEnclosing(), Window2D(7, 9, 0, 0));
+  EXPECT_FALSE(Calculation::AnyValid(empty));
+
+  DoubleMatrix2D corner = MapWithPoints(5, 5, {{4, 4}});
+  EXPECT_EQ(corner.FindMinEnclosing(), Window2D(4, 4, 1, 1));
+  EXPECT_TRUE(Calculation::AnyValid(corner));
+}
+
+TEST(DataWindow2DTest, StaleWindowIsRebuiltAsTheWholeMatrix) {
+  DoubleMatrix2D map = MapWithPoints(4, 4, {{0, 0}, {3, 3}});
+  map.SetWindow(Window2D(0, 0, 2, 2));
+  EXPECT_EQ(map.FindMinEnclosing(), Window2D(0, 0, 1, 1));
+  ASSERT_TRUE(map.Resize(4, 5));  // the matrix changed since the window was made
+  map.SetAll(kNo);
+  map(3, 4) = 2.0;
+  EXPECT_EQ(map.GetWindow(), Window2D(0, 0, 4, 5));
+  EXPECT_EQ(map.FindMinEnclosing(), Window2D(3, 4, 1, 1));
+}
+
+TEST(DataWindow2DTest, ValueOperationsRespectTheWindow) {
+  DoubleMatrix2D map(3, 3);
+  map.SetAll(1.0);
+  map(1, 1) = kNo;
+  map.SetWindow(Window2D(0, 0, 2, 3));
+  map.SetValid(5.0);
+  EXPECT_EQ(map(0, 0), 5.0);
+  EXPECT_EQ(map(1, 1), kNo) << "SetValid leaves no-data alone";
+  EXPECT_EQ(map(2, 2), 1.0) << "outside the window";
+  map.Replace(5.0, 7.0);
+  EXPECT_EQ(map(1, 0), 7.0);
+  EXPECT_EQ(map.CountValid(), 5);
+}
+
+TEST(DataWindow2DTest, ResizeToValidDataCropsAndKeepsValues) {
+  DoubleMatrix2D map = MapWithPoints(6, 6, {{2, 3}, {4, 1}});
+  map(2, 3) = 23.0;
+  map(4, 1) = 41.0;
+  ASSERT_TRUE(map.ResizeToValidData());
+  EXPECT_EQ(map.GetMatrixWindow(), Window2D(2, 1, 3, 3));
+  EXPECT_EQ(map(0, 2), 23.0);
+  EXPECT_EQ(map(2, 0), 41.0);
+  EXPECT_EQ(map(1, 1), kNo);
+}
+
+TEST(DataWindow2DTest, CopyAllTakesShapeOriginWindowAndUnits) {
+  DoubleMatrix2D source = MapWithPoints(3, 4, {{1, 1}});
+  source.MoveStartTo(10, 20);
+  source.SetWindow(Window2D(10, 20, 2, 2));
+  UnitManager units;
+  units.SetConverter(UnitAxis::kValue, LinearConverter(Units::kNanometers));
+  source.SetUnitManager(units);
+  DoubleMatrix2D copy;
+  ASSERT_TRUE(copy.CopyAll(source));
+  EXPECT_EQ(copy.GetMatrixWindow(), source.GetMatrixWindow());
+  EXPECT_EQ(copy.GetWindow(), Window2D(10, 20, 2, 2));
+  EXPECT_EQ(copy(1, 1), 1.0);
+  EXPECT_EQ(copy.GetUnitManager(), units);
+}
+
+}  // namespace
+}  // namespace Quarn::Metrology::Analysis::Core

@@ -1,0 +1,91 @@
+#include "Analysis/Core/FrameBuffer.h"
+
+#include <cstdint>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace Quarn::Metrology::Analysis::Core {
+namespace {
+
+// A 3 x 4 window whose frame f holds 100 f + pixel at each pixel.
+FrameBuffer MakeNumberedStack(FrameBuffer::ElementRes res, int scanned, int stored = 0) {
+  FrameBuffer frames;
+  EXPECT_TRUE(frames.Allocate(Window2D(5, 6, 3, 4), scanned, res, stored)) << frames.GetStatus().GetPrintString();
+  for (int f = 0; f < scanned; ++f) {
+    std::vector<std::int32_t> image(12);
+    for (int p = 0; p < 12; ++p) image[static_cast<std::size_t>(p)] = (res == FrameBuffer::kRes8Bit ? 10 : 100) * f + p;
+    EXPECT_TRUE(frames.StoreFrame(f, image.data())) << frames.GetStatus().GetPrintString();
+  }
+  return frames;
+}
+
+class FrameBufferWidthTest : public ::testing::TestWithParam<FrameBuffer::ElementRes> {};
+
+TEST_P(FrameBufferWidthTest, ExtractIndexGathersOnePixelAcrossFrames) {
+  const FrameBuffer::ElementRes res = GetParam();
+  FrameBuffer frames = MakeNumberedStack(res, 7);
+  const int step = res == FrameBuffer::kRes8Bit ? 10 : 100;
+  ASSERT_TRUE(frames.MakeThreadData(3).IsOk());
+  const int* a = frames.ExtractIndex<int>(0, 5);
+  const double* b = frames.ExtractIndex<double>(2, 11);
+  ASSERT_NE(a, nullptr);
+  ASSERT_NE(b, nullptr);
+  for (int f = 0; f < 7; ++f) {
+    EXPECT_EQ(a[f], step * f + 5) << "frame " << f;
+    EXPECT_EQ(b[f], step * f + 11) << "frame " << f << ": thread 2 must not overwrite thread 0's scratch";
+  }
+  EXPECT_EQ(frames.GetMaxValue(), FrameBuffer::DefaultMaxValue(res));
+  if (res == FrameBuffer::kRes8Bit) {
+    EXPECT_EQ(frames.ExtractIndex<unsigned char>(1, 3)[6], 63);
+  } else {
+    EXPECT_EQ(frames.ExtractIndex<unsigned char>(1, 3), nullptr) << "bytes cannot hold wider samples";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(AllWidths, FrameBufferWidthTest,
+                         ::testing::Values(FrameBuffer::kRes8Bit, FrameBuffer::kRes16Bit, FrameBuffer::kRes32Bit));
+
+TEST(FrameBufferTest, RingKeepsTheLastFramesInSlotFrameModS) {
+  FrameBuffer frames = MakeNumberedStack(FrameBuffer::kRes16Bit, 10, 4);
+  EXPECT_TRUE(frames.IsRing());
+  EXPECT_EQ(frames.GetNumberOfFrames(), 10);
+  EXPECT_EQ(frames.GetFramesStored(), 4);
+  const int* s = frames.ExtractIndex<int>(0, 2);
+  // Frames 6..9 are the last four; frame f sits in slot f mod 4.
+  EXPECT_EQ(s[0], 802);
+  EXPECT_EQ(s[1], 902);
+  EXPECT_EQ(s[2], 602);
+  EXPECT_EQ(s[3], 702);
+}
+
+TEST(FrameBufferTest, StoreFrameHonoursRowStrideAndRejectsOverflow) {
+  FrameBuffer frames;
+  ASSERT_TRUE(frames.Allocate(Window2D(0, 0, 2, 3), 1, FrameBuffer::kRes8Bit));
+  const std::uint16_t padded[] = {1, 2, 3, 999, 4, 5, 6, 999};
+  ASSERT_TRUE(frames.StoreFrame(0, padded, 4));
+  const std::uint8_t* slot = frames.GetFrame<std::uint8_t>(0);
+  ASSERT_NE(slot, nullptr);
+  EXPECT_EQ(slot[3], 4);
+  EXPECT_EQ(frames.GetFrame<std::uint16_t>(0), nullptr);
+
+  const std::uint16_t tooBright[] = {1, 2, 300, 4, 5, 6};
+  EXPECT_FALSE(frames.StoreFrame(0, tooBright));
+  EXPECT_EQ(frames.GetStatus().GetCode(), StatusCode::kArgumentOutOfRange);
+  EXPECT_FALSE(frames.StoreFrame(1, padded)) << "frame index beyond the frames scanned";
+  EXPECT_FALSE(frames.StoreFrame(0, static_cast<const std::uint8_t*>(nullptr)));
+}
+
+TEST(FrameBufferTest, BadAllocationsAreStatusesNotCrashes) {
+  FrameBuffer frames;
+  EXPECT_FALSE(frames.Allocate(Window2D(0, 0, -3, 4), 7, FrameBuffer::kRes8Bit));
+  EXPECT_EQ(frames.GetStatus().GetCode(), StatusCode::kArgumentOutOfRange);
+  EXPECT_FALSE(frames.Allocate(Window2D(0, 0, 3, 4), 0, FrameBuffer::kRes8Bit));
+  EXPECT_FALSE(frames.Allocate(Window2D(0, 0, 3, 4), 4, FrameBuffer::kRes8Bit, 8)) << "stored > scanned";
+  EXPECT_EQ(frames.GetPixelCount(), 0);
+  EXPECT_FALSE(frames.MakeThreadData(0).IsOk());
+  EXPECT_EQ(frames.GetFrameData(0), nullptr);
+}
+
+}  // namespace
+}  // namespace Quarn::Metrology::Analysis::Core

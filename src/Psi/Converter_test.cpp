@@ -1,0 +1,262 @@
+#include "Psi/Converter.h"
+
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <numbers>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Psi/Convert13.h"
+#include "Psi/Convert20.h"
+#include "Psi/Convert7.h"
+#include "Psi/ConvertSliding13.h"
+#include "Testing/SeededRandom.h"
+#include "Testing/SyntheticPsi.h"
+
+namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
+namespace {
+
+using Testing::FringeSamples;
+using Testing::PixelFringe;
+
+double WrapToPi(double a) { return std::remainder(a, 2.0 * std::numbers::pi); }
+
+// One converter with the phase-shift model its weights are designed for.
+struct ConverterCase {
+  std::string name;
+  int frames;
+  std::function<std::shared_ptr<Converter>()> make;
+  std::function<std::vector<double>(double gainError)> shifts;
+  // sqrt(N^2 + D^2) / modulation scale for fringes of unit amplitude (from the weights: 16 for the
+  // 7-frame kernel, 93.255 for each 13-frame kernel copy, 1.0129 for the 20-frame one).
+  double modulationPerAmplitude;
+};
+
+void PrintTo(const ConverterCase& c, std::ostream* os) { *os << c.name; }
+
+std::vector<ConverterCase> AllConverters() {
+  return {
+      {"Convert7", 7, [] { return std::make_shared<Convert7>(); }, [](double e) { return Testing::ShiftsFor7(e); },
+       16.0 / 7.2},
+      {"Convert13", 13, [] { return std::make_shared<Convert13>(); }, [](double e) { return Testing::ShiftsFor13(e); },
+       93.255 / 45.438},
+      {"Convert20", 20, [] { return std::make_shared<Convert20>(); }, [](double e) { return Testing::ShiftsFor20(e); },
+       1.0129 / 0.5},
+      {"Sliding13x13", 13, [] { return std::make_shared<ConvertSliding13>(); },
+       [](double e) { return Testing::ShiftsForSliding13(13, e); }, 93.255 / 45.438},
+      {"Sliding13x21", 21, [] { return std::make_shared<ConvertSliding13>(); },
+       [](double e) { return Testing::ShiftsForSliding13(21, e); }, 9 * 93.255 / 45.438},
+  };
+}
+
+// The converter's weight tables applied to exact (unrounded) samples, with its phase sign.
+void WeightedSums(const Converter& converter, const std::vector<double>& samples, double& n, double& d) {
+  n = d = 0.0;
+  for (std::size_t k = 0; k < samples.size(); ++k) {
+    n += converter.GetNumerator()[k] * samples[k];
+    d += converter.GetDenominator()[k] * samples[k];
+  }
+  n *= converter.GetPhaseSign();
+}
+
+class ConverterTest : public ::testing::TestWithParam<ConverterCase> {
+ protected:
+  void SetUp() override {
+    converter_ = GetParam().make();
+    converter_->Initialize(GetParam().frames);
+  }
+  std::shared_ptr<Converter> converter_;
+};
+
+TEST_P(ConverterTest, WeightsRecoverThePhaseOverTheWholeCircle) {
+  const std::vector<double> shifts = GetParam().shifts(0.0);
+  for (int i = 0; i < 72; ++i) {
+    const double phase = -std::numbers::pi + (i + 0.5) * std::numbers::pi / 36;
+    double n = 0, d = 0;
+    WeightedSums(*converter_, FringeSamples({120.0, 80.0, phase}, shifts), n, d);
+    // The 20-frame coefficients are rounded to five digits, which bounds the error near 1e-6.
+    EXPECT_NEAR(WrapToPi(std::atan2(n, d) - phase), 0.0, 1e-6) << GetParam().name << " at phase " << phase;
+  }
+}
+
+TEST_P(ConverterTest, IntegerKernelEqualsTheWeightTablesExactly) {
+  Testing::SeededRandom random(11);
+  SCOPED_TRACE(random.Describe());
+  const int frames = GetParam().frames;
+  for (int trial = 0; trial < 200; ++trial) {
+    std::vector<int> wide(static_cast<std::size_t>(frames));
+    std::vector<unsigned char> narrow(static_cast<std::size_t>(frames));
+    std::vector<double> asDouble(static_cast<std::size_t>(frames));
+    for (int k = 0; k < frames; ++k) {
+      wide[static_cast<std::size_t>(k)] = random.UniformInt(0, 65535);
+      narrow[static_cast<std::size_t>(k)] = static_cast<unsigned char>(wide[static_cast<std::size_t>(k)] & 0xff);
+    }
+    double n = 0, d = 0, nRef = 0, dRef = 0;
+    converter_->Convert(n, d, wide.data());
+    for (int k = 0; k < frames; ++k) asDouble[static_cast<std::size_t>(k)] = wide[static_cast<std::size_t>(k)];
+    WeightedSums(*converter_, asDouble, nRef, dRef);
+    // Integer weights give exact sums; the 20-frame pairs round differently by a few ulp at most.
+    EXPECT_NEAR(n, nRef, 1e-9 * (1.0 + std::abs(nRef))) << GetParam().name;
+    EXPECT_NEAR(d, dRef, 1e-9 * (1.0 + std::abs(dRef))) << GetParam().name;
+
+    converter_->Convert(n, d, narrow.data());
+    for (int k = 0; k < frames; ++k) asDouble[static_cast<std::size_t>(k)] = narrow[static_cast<std::size_t>(k)];
+    WeightedSums(*converter_, asDouble, nRef, dRef);
+    EXPECT_NEAR(n, nRef, 1e-9 * (1.0 + std::abs(nRef))) << GetParam().name << " (8-bit)";
+    EXPECT_NEAR(d, dRef, 1e-9 * (1.0 + std::abs(dRef))) << GetParam().name << " (8-bit)";
+  }
+}
+
+TEST_P(ConverterTest, CameraSamplesGiveThePhaseWithinTheQuantisationBound) {
+  // 16-bit samples of amplitude 20000: rounding to integers moves the phase by ~1/20000 rad.
+  const std::vector<double> shifts = GetParam().shifts(0.0);
+  std::vector<int> samples(shifts.size());
+  double worst = 0.0, modulationSum = 0.0;
+  for (int i = 0; i < 360; ++i) {
+    const double phase = -std::numbers::pi + (i + 0.25) * std::numbers::pi / 180;
+    const std::vector<double> exact = FringeSamples({30000.0, 20000.0, phase}, shifts);
+    for (std::size_t k = 0; k < exact.size(); ++k) samples[k] = static_cast<int>(std::lround(exact[k]));
+    double n = 0, d = 0;
+    converter_->Convert(n, d, samples.data());
+    worst = std::max(worst, std::abs(WrapToPi(std::atan2(n, d) - phase)));
+    modulationSum += std::hypot(n, d) / converter_->GetModulationScale();
+  }
+  EXPECT_LT(worst, 2e-4) << GetParam().name;
+  EXPECT_NEAR(modulationSum / 360 / 20000.0, GetParam().modulationPerAmplitude,
+              1e-3 * GetParam().modulationPerAmplitude)
+      << GetParam().name;
+}
+
+INSTANTIATE_TEST_SUITE_P(AllAlgorithms, ConverterTest, ::testing::ValuesIn(AllConverters()),
+                         [](const auto& info) { return info.param.name; });
+
+// Peak-to-valley of the phase error over the circle for a shifter with a gain error.
+double PhaseErrorRipple(Converter& converter, const std::vector<double>& shifts, double thirdHarmonic = 0.0) {
+  double lo = 1e9, hi = -1e9;
+  for (int i = 0; i < 360; ++i) {
+    const double phase = -std::numbers::pi + i * std::numbers::pi / 180;
+    std::vector<double> samples = FringeSamples({120.0, 80.0, phase}, shifts);
+    for (std::size_t k = 0; k < samples.size(); ++k) samples[k] += thirdHarmonic * std::cos(3.0 * (phase + shifts[k]));
+    double n = 0, d = 0;
+    WeightedSums(converter, samples, n, d);
+    const double e = WrapToPi(std::atan2(n, d) - phase);
+    lo = std::min(lo, e);
+    hi = std::max(hi, e);
+  }
+  return hi - lo;
+}
+
+TEST(ConverterPhysicsTest, MiscalibratedShifterErrorsFollowTheDesignOrder) {
+  Convert7 seven;
+  Convert13 thirteen;
+  // Both kernels compensate a linear gain error: a plain four-frame algorithm would ripple by about
+  // eps pi / 2 (0.08 rad at 5 %), these stay orders of magnitude below.
+  const double r7at2 = PhaseErrorRipple(seven, Testing::ShiftsFor7(0.02));
+  const double r7at5 = PhaseErrorRipple(seven, Testing::ShiftsFor7(0.05));
+  const double r13at2 = PhaseErrorRipple(thirteen, Testing::ShiftsFor13(0.02));
+  const double r13at5 = PhaseErrorRipple(thirteen, Testing::ShiftsFor13(0.05));
+  EXPECT_LT(r7at5, 1e-5);
+  EXPECT_LT(r13at5, 1e-4);
+  // Raising eps 2.5-fold raises the 7-frame ripple by 2.5^4 (fourth-order compensation) and the
+  // 13-frame ripple by 2.5^3 (third order): the 7-frame kernel is the more gain-tolerant one.
+  EXPECT_NEAR(r7at5 / r7at2, std::pow(2.5, 4), 0.1 * std::pow(2.5, 4));
+  EXPECT_NEAR(r13at5 / r13at2, std::pow(2.5, 3), 0.1 * std::pow(2.5, 3));
+  EXPECT_LT(r7at5, r13at5);
+}
+
+TEST(ConverterPhysicsTest, ThirteenFrameKernelSuppressesThirdHarmonic) {
+  // A detector nonlinearity puts a third harmonic (here 5 % of the fringe) into the intensity.
+  Convert7 seven;
+  Convert13 thirteen;
+  const double r7 = PhaseErrorRipple(seven, Testing::ShiftsFor7(), 4.0);
+  const double r13 = PhaseErrorRipple(thirteen, Testing::ShiftsFor13(), 4.0);
+  EXPECT_GT(r7, 0.1);
+  EXPECT_LT(r13, r7 / 20.0);
+}
+
+TEST(ConverterEdgeCaseTest, SevenFrameKnownSums) {
+  Convert7 seven;
+  double n = -1, d = -1;
+  const unsigned char flat[7] = {9, 9, 9, 9, 9, 9, 9};
+  seven.Convert(n, d, flat);
+  EXPECT_EQ(n, 0.0);
+  EXPECT_EQ(d, 0.0);
+  const int spike[7] = {0, 0, 10, 0, 0, 0, 0};
+  seven.Convert(n, d, spike);
+  EXPECT_EQ(n, 70.0);
+  EXPECT_EQ(d, 0.0);
+  EXPECT_EQ(seven.GetPhaseExcursion(), 9.424778);
+}
+
+TEST(ConverterEdgeCaseTest, TwentyFrameNumeratorCarriesNoSignFlip) {
+  Convert20 twenty;
+  int samples[20] = {};
+  samples[0] = 100;  // only the first weight of each column contributes
+  double n = 0, d = 0;
+  twenty.Convert(n, d, samples);
+  EXPECT_DOUBLE_EQ(n, 0.07014 * 100);
+  EXPECT_DOUBLE_EQ(d, 0.06611 * 100);
+  EXPECT_EQ(twenty.GetPhaseExcursion(), 4.18);
+}
+
+TEST(ConverterEdgeCaseTest, ThirteenFrameNumeratorIsTheNegatedWeightedSum) {
+  Convert13 thirteen;
+  int samples[13] = {};
+  samples[4] = 1;  // weight 21 in the numerator, 0 in the denominator
+  double n = 0, d = 0;
+  thirteen.Convert(n, d, samples);
+  EXPECT_EQ(n, -21.0);
+  EXPECT_EQ(d, 0.0);
+}
+
+TEST(ConvertSliding13Test, InitializeBuildsWeightsOnlyForNewValidCounts) {
+  ConvertSliding13 sliding;
+  EXPECT_EQ(sliding.GetNumerator(), nullptr);
+  double n = 1, d = 1;
+  const int samples[13] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};
+  sliding.Convert(n, d, samples);
+  EXPECT_EQ(n, 0.0) << "never initialised: zero sums";
+  EXPECT_EQ(d, 0.0);
+
+  sliding.Initialize(12);
+  EXPECT_EQ(sliding.GetNumerator(), nullptr) << "fewer than 13 frames is ignored";
+  sliding.Initialize(13);
+  for (int k = 0; k < 13; ++k) {
+    EXPECT_EQ(sliding.GetNumerator()[k], Convert13::kNumeratorWeights[k]);
+    EXPECT_EQ(sliding.GetDenominator()[k], Convert13::kDenominatorWeights[k]);
+  }
+  const double* before = sliding.GetNumerator();
+  sliding.Initialize(13);
+  EXPECT_EQ(sliding.GetNumerator(), before) << "same count: arrays kept";
+  sliding.Initialize(12);
+  EXPECT_EQ(sliding.GetNumberOfFrames(), 13);
+  EXPECT_NEAR(sliding.GetPhaseExcursion(), 12 * std::numbers::pi / 4, 1e-12);
+
+  // With 13 frames it is Convert13, bit for bit.
+  Convert13 thirteen;
+  double n13 = 0, d13 = 0;
+  sliding.Convert(n, d, samples);
+  thirteen.Convert(n13, d13, samples);
+  EXPECT_EQ(n, n13);
+  EXPECT_EQ(d, d13);
+}
+
+TEST(ConvertSliding13Test, CopiesShareWeightsUntilReinitialised) {
+  ConvertSliding13 original;
+  original.Initialize(16);
+  ConvertSliding13 copy(original);
+  EXPECT_EQ(copy.GetNumerator(), original.GetNumerator());
+  EXPECT_EQ(copy.GetNumberOfFrames(), 16);
+  copy.Initialize(20);
+  EXPECT_NE(copy.GetNumerator(), original.GetNumerator());
+  EXPECT_EQ(original.GetNumberOfFrames(), 16);
+  ConvertSliding13 assigned;
+  assigned = copy;
+  EXPECT_EQ(assigned.GetNumberOfFrames(), 20);
+}
+
+}  // namespace
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi

@@ -1,0 +1,80 @@
+// The converter generator on a 2048 x 2048, 13-frame, 8-bit stack with phase and modulation output:
+// megapixels per second and the effective bandwidth (frame bytes read + map bytes written per
+// second) as a ratio of memcpy's bandwidth over the same number of bytes, measured in the same run.
+// Arguments: threads (0 = the calling thread only), fast path (1) or per-pixel reference (0).
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cmath>
+#include <numbers>
+
+#include "Analysis/Core/Threading/CpuCounter.h"
+#include "Psi/Convert13.h"
+#include "Psi/ConverterGenerator.h"
+#include "Testing/MemoryBandwidth.h"
+#include "Testing/SeededRandom.h"
+#include "Testing/SyntheticPsi.h"
+
+namespace {
+
+using namespace Quarn::Metrology::Analysis::Core;
+using namespace Quarn::Metrology::PhaseProcessing::Core::Psi;
+
+constexpr int kSize = 2048;
+constexpr int kFrames = 13;
+
+FrameBuffer& Stack() {
+  static FrameBuffer frames = [] {
+    FrameBuffer f;
+    f.Allocate(Window2D(0, 0, kSize, kSize), kFrames, FrameBuffer::kRes8Bit);
+    Quarn::Testing::SeededRandom random(5);
+    Quarn::Testing::FillPsiStack(
+        f, Quarn::Testing::ShiftsFor13(0.03),
+        [](int r, int c) {
+          const double x = (c - kSize / 2.0) / kSize, y = (r - kSize / 2.0) / kSize;
+          return Quarn::Testing::PixelFringe{120.0, 90.0, 2 * std::numbers::pi * (20 * x + 10 * (x * x + y * y))};
+        },
+        2.0, &random);
+    return f;
+  }();
+  return frames;
+}
+
+void BM_ConverterGenerator13(benchmark::State& state) {
+  const int threads = static_cast<int>(state.range(0));
+  FrameBuffer& frames = Stack();
+  Convert13 converter;
+  ConverterGenerator generator;
+  generator.SetAlgorithm(&converter);
+  generator.SetUseFastPath(state.range(1) != 0);
+  generator.SetAllowMultiThreads(threads > 0);
+  generator.SetNumberOfThreads(threads);
+  DoubleMatrix2D phase(kSize, kSize), modulation(kSize, kSize);
+  generator.Process(frames, phase, &modulation);  // warm the maps and the pool
+
+  const auto start = std::chrono::steady_clock::now();
+  for (auto _ : state) {
+    generator.Process(frames, phase, &modulation);
+    benchmark::DoNotOptimize(phase.Data());
+  }
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const double pixels = static_cast<double>(kSize) * kSize;
+  const double bytes = pixels * (kFrames * 1.0 + 2 * sizeof(double));
+  const double perRun = seconds / static_cast<double>(state.iterations());
+  state.counters["threads"] = generator.GetAllowMultiThreads() ? generator.GetNumberOfThreads() : 1;
+  state.counters["MPix_per_s"] = pixels / perRun / 1e6;
+  state.counters["GB_per_s"] = bytes / perRun / 1e9;
+  state.counters["ratio_to_memcpy"] = (bytes / perRun) / Quarn::Testing::MemcpyBytesPerSecond(static_cast<std::size_t>(bytes));
+}
+
+const int kAllThreads = Threading::CpuCounter::Instance().GetNumberOfProcessors();
+BENCHMARK(BM_ConverterGenerator13)
+    ->ArgNames({"threads", "fast"})
+    ->Args({0, 0})
+    ->Args({0, 1})
+    ->Args({kAllThreads, 0})
+    ->Args({kAllThreads, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+}  // namespace

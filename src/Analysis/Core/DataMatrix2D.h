@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "Analysis/Core/AlignedBuffer.h"
 #include "Analysis/Core/SharedMemorySection.h"
 #include "Analysis/Core/Status.h"
 #include "Analysis/Core/UnitManager.h"
@@ -28,7 +29,8 @@ namespace Quarn::Metrology::Analysis::Core {
 // requested size, 3 when the heap refuses the allocation.
 //
 // Storage is kept when a resize fits into what is already allocated (the matrix is re-laid out in
-// place, element values are then unspecified); it grows otherwise (new elements are zero).
+// place, element values are then unspecified); it grows otherwise (new storage is zero bytes).
+// Elements are plain data (trivially copyable), so that a matrix can live in a shared section.
 //
 //   DoubleMatrix2D map;                       // (a DataMatrix2D<double> with a window)
 //   map.CreateSharedMemory("phase", 1 << 20); // 1 MiB section
@@ -37,6 +39,8 @@ namespace Quarn::Metrology::Analysis::Core {
 //   view.OpenSharedMemory("phase");           // same bytes, same 100 x 200 layout
 template <typename T>
 class DataMatrix2D {
+  static_assert(std::is_trivially_copyable_v<T>, "matrix elements are plain data");
+
  public:
   DataMatrix2D() = default;
   DataMatrix2D(int rows, int cols) { Resize(rows, cols); }
@@ -56,11 +60,9 @@ class DataMatrix2D {
   // in bytes (header included) or opens it when it exists; `OpenSharedMemory` only opens. Either
   // replaces the current storage; the matrix then shows the layout recorded in the section.
   bool CreateSharedMemory(const std::string& name, std::size_t capacityBytes) {
-    static_assert(std::is_trivially_copyable_v<T>, "shared matrices hold plain data only");
     return AttachSection(SharedMemorySection::CreateOrOpen(name, capacityBytes, sizeof(T), status_));
   }
   bool OpenSharedMemory(const std::string& name) {
-    static_assert(std::is_trivially_copyable_v<T>, "shared matrices hold plain data only");
     return AttachSection(SharedMemorySection::Open(name, sizeof(T), status_));
   }
   bool IsSharedMemory() const { return section_ != nullptr; }
@@ -113,13 +115,13 @@ class DataMatrix2D {
       }
       section_->WriteLayout(SharedMatrixLayout{startRow, startCol, rows, cols});
     } else if (count > capacity_) {
-      std::unique_ptr<T[]> fresh(new (std::nothrow) T[static_cast<std::size_t>(count)]());
-      if (!fresh) {
+      AlignedBuffer fresh;
+      if (!fresh.Allocate(static_cast<std::size_t>(count) * sizeof(T))) {
         status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "");
         return false;
       }
       heap_ = std::move(fresh);
-      data_ = heap_.get();
+      data_ = reinterpret_cast<T*>(heap_.Data());
       capacity_ = count;
     }
     if (startRow != startRow_ || startCol != startCol_ || rows != rows_ || cols != cols_) ++generation_;
@@ -139,7 +141,7 @@ class DataMatrix2D {
   // Releases heap storage (a shared section stays attached) and leaves an empty matrix at origin 0.
   void Reset() {
     if (!section_) {
-      heap_.reset();
+      heap_.Release();
       data_ = nullptr;
       capacity_ = 0;
     }
@@ -184,7 +186,7 @@ class DataMatrix2D {
  private:
   bool AttachSection(std::unique_ptr<SharedMemorySection> section) {
     if (!section) return false;
-    heap_.reset();
+    heap_.Release();
     capacity_ = 0;
     section_ = std::move(section);
     data_ = static_cast<T*>(section_->GetElements());
@@ -214,7 +216,7 @@ class DataMatrix2D {
     ++other.generation_;
   }
 
-  std::unique_ptr<T[]> heap_;
+  AlignedBuffer heap_;
   std::unique_ptr<SharedMemorySection> section_;
   T* data_ = nullptr;
   std::int64_t capacity_ = 0;  // heap elements allocated

@@ -23,15 +23,12 @@ int FrameBuffer::DefaultMaxValue(ElementRes resolution) {
   return 255;
 }
 
-bool FrameBuffer::Allocate(const Window2D& window, int framesScanned, ElementRes resolution, int framesStored,
-                           int scanDirection) {
-  Release();
-  if (framesStored <= 0) framesStored = framesScanned;
+bool FrameBuffer::CheckGeometry(const Window2D& window, int framesScanned, ElementRes resolution, int framesStored) {
   if (!window.IsWellFormed()) {
     status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource, "Frame window has a negative size");
     return false;
   }
-  if (framesScanned < 1 || framesStored > framesScanned) {
+  if (framesScanned < 1 || framesStored > framesScanned || framesStored < 1) {
     status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
                      "Frames scanned must be at least 1 and frames stored at most frames scanned (got " +
                          std::to_string(framesScanned) + " scanned, " + std::to_string(framesStored) + " stored)");
@@ -45,20 +42,58 @@ bool FrameBuffer::Allocate(const Window2D& window, int framesScanned, ElementRes
     status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Frame window of more than 2^31 pixels");
     return false;
   }
+  return true;
+}
+
+bool FrameBuffer::Allocate(const Window2D& window, int framesScanned, ElementRes resolution, int framesStored,
+                           int scanDirection) {
+  Release();
+  if (framesStored <= 0) framesStored = framesScanned;
+  if (!CheckGeometry(window, framesScanned, resolution, framesStored)) return false;
   const std::size_t frameBytes = static_cast<std::size_t>(window.GetCount()) * static_cast<std::size_t>(resolution);
   const std::size_t stride = AlignedBuffer::RoundUp(frameBytes);
   if (!frames_.Allocate(stride * static_cast<std::size_t>(framesStored))) {
     status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Allocation of the frames failed");
     return false;
   }
-  frames_.Zero();
+  slots_.resize(static_cast<std::size_t>(framesStored));
+  for (int slot = 0; slot < framesStored; ++slot) {
+    slots_[static_cast<std::size_t>(slot)] = frames_.Data() + static_cast<std::size_t>(slot) * stride;
+  }
   window_ = window;
   framesScanned_ = framesScanned;
   framesStored_ = framesStored;
   scanDirection_ = scanDirection < 0 ? -1 : 1;
   resolution_ = resolution;
   maxValue_ = DefaultMaxValue(resolution);
-  frameStride_ = stride;
+  const Status scratch = MakeThreadData(1);
+  if (scratch.IsError()) {
+    Release();
+    status_ = scratch;
+    return false;
+  }
+  return true;
+}
+
+bool FrameBuffer::AdoptFrames(const Window2D& window, int framesScanned, ElementRes resolution,
+                              std::vector<std::byte*> slots, std::shared_ptr<void> owner, int scanDirection) {
+  Release();
+  const int framesStored = static_cast<int>(slots.size());
+  if (!CheckGeometry(window, framesScanned, resolution, framesStored)) return false;
+  for (std::byte* slot : slots) {
+    if (!slot || reinterpret_cast<std::uintptr_t>(slot) % static_cast<std::uintptr_t>(resolution) != 0) {
+      status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource, "Adopted frame is null or misaligned");
+      return false;
+    }
+  }
+  adoptedOwner_ = std::move(owner);
+  slots_ = std::move(slots);
+  window_ = window;
+  framesScanned_ = framesScanned;
+  framesStored_ = framesStored;
+  scanDirection_ = scanDirection < 0 ? -1 : 1;
+  resolution_ = resolution;
+  maxValue_ = DefaultMaxValue(resolution);
   const Status scratch = MakeThreadData(1);
   if (scratch.IsError()) {
     Release();
@@ -70,21 +105,23 @@ bool FrameBuffer::Allocate(const Window2D& window, int framesScanned, ElementRes
 
 void FrameBuffer::Release() {
   frames_.Release();
+  adoptedOwner_.reset();
+  slots_.clear();
   scratch_.Release();
   window_ = Window2D();
   framesScanned_ = framesStored_ = 0;
-  frameStride_ = scratchStride_ = 0;
+  scratchStride_ = 0;
   threadCount_ = 0;
 }
 
 void* FrameBuffer::GetFrameData(int slot) {
   if (slot < 0 || slot >= framesStored_) return nullptr;
-  return frames_.Data() + static_cast<std::size_t>(slot) * frameStride_;
+  return slots_[static_cast<std::size_t>(slot)];
 }
 
 const void* FrameBuffer::GetFrameData(int slot) const {
   if (slot < 0 || slot >= framesStored_) return nullptr;
-  return frames_.Data() + static_cast<std::size_t>(slot) * frameStride_;
+  return slots_[static_cast<std::size_t>(slot)];
 }
 
 template <typename Source>

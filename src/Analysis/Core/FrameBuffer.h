@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <type_traits>
 #include <vector>
 
@@ -36,7 +38,9 @@ namespace Quarn::Metrology::Analysis::Core {
 //
 // Filling: `StoreFrame(frame, pixels)` copies a host buffer (any of the three sample types, with an
 // optional row stride) into the frame's slot, or a host writes a slot in place through
-// `GetFrameData(slot)` (how the TIFF reader fills it without an intermediate copy).
+// `GetFrameData(slot)`. A host that already holds the frames in memory (a memory-mapped file, a
+// camera driver's buffers) can instead lend them with `AdoptFrames`: no copy is made, the buffer
+// reads the host's memory for as long as the owner handle it was given lives.
 class QUARN_CORE_EXPORT FrameBuffer {
  public:
   enum ElementRes : int { kRes8Bit = 1, kRes16Bit = 2, kRes32Bit = 4 };
@@ -53,6 +57,16 @@ class QUARN_CORE_EXPORT FrameBuffer {
   // S > F, and with code 3 when memory runs out; the buffer is then empty.
   bool Allocate(const Window2D& window, int framesScanned, ElementRes resolution, int framesStored = 0,
                 int scanDirection = 1);
+
+  // Uses the host's frames in place: slot k is the row-major image at `slots[k]` (S = slots.size()
+  // slots of pixel-count samples, each aligned to its sample size). `owner` keeps that memory alive
+  // and is released with the buffer. The memory must be writable if the host writes frames through
+  // `GetFrameData` or `StoreFrame`. Fails with code 20 for the same reasons as `Allocate`, and for a
+  // null or misaligned slot.
+  bool AdoptFrames(const Window2D& window, int framesScanned, ElementRes resolution, std::vector<std::byte*> slots,
+                   std::shared_ptr<void> owner, int scanDirection = 1);
+  bool OwnsFrames() const { return !adoptedOwner_; }
+
   void Release();
 
   Window2D GetAllocatedWindow() const { return window_; }
@@ -85,7 +99,6 @@ class QUARN_CORE_EXPORT FrameBuffer {
   const T* GetFrame(int slot) const {
     return MatchesStorage<T>() ? static_cast<const T*>(GetFrameData(slot)) : nullptr;
   }
-  std::size_t GetFrameStrideBytes() const { return frameStride_; }
 
   // Copies one frame from a host buffer into slot `frame mod S`. `rowStride` is in samples (0 for
   // tightly packed rows). Samples that do not fit the buffer's type fail with code 20 and leave the
@@ -119,9 +132,9 @@ class QUARN_CORE_EXPORT FrameBuffer {
   template <typename Stored, typename T>
   T* ExtractIndexAs(int thread, int pixel) {
     T* out = ThreadScratch<T>(thread);
-    const std::byte* base = frames_.Data() + static_cast<std::size_t>(pixel) * sizeof(Stored);
+    std::byte* const* slots = slots_.data();
     for (int slot = 0; slot < framesStored_; ++slot) {
-      out[slot] = static_cast<T>(*reinterpret_cast<const Stored*>(base + slot * frameStride_));
+      out[slot] = static_cast<T>(reinterpret_cast<const Stored*>(slots[slot])[pixel]);
     }
     return out;
   }
@@ -151,6 +164,7 @@ class QUARN_CORE_EXPORT FrameBuffer {
 
   template <typename Source>
   bool StoreFrameImpl(int frame, const Source* pixels, int rowStride);
+  bool CheckGeometry(const Window2D& window, int framesScanned, ElementRes resolution, int framesStored);
 
   Window2D window_;
   int framesScanned_ = 0;
@@ -158,8 +172,9 @@ class QUARN_CORE_EXPORT FrameBuffer {
   int scanDirection_ = 1;
   ElementRes resolution_ = kRes8Bit;
   int maxValue_ = 255;
-  std::size_t frameStride_ = 0;  // bytes from one slot to the next
-  AlignedBuffer frames_;
+  AlignedBuffer frames_;               // own storage (empty when the frames are adopted)
+  std::shared_ptr<void> adoptedOwner_;  // keeps adopted frames alive
+  std::vector<std::byte*> slots_;      // start of each slot's image
   AlignedBuffer scratch_;
   std::size_t scratchStride_ = 0;  // bytes from one thread's scratch to the next
   int threadCount_ = 0;

@@ -1,6 +1,7 @@
 #include "Analysis/Core/FrameBuffer.h"
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -85,6 +86,40 @@ TEST(FrameBufferTest, BadAllocationsAreStatusesNotCrashes) {
   EXPECT_EQ(frames.GetPixelCount(), 0);
   EXPECT_FALSE(frames.MakeThreadData(0).IsOk());
   EXPECT_EQ(frames.GetFrameData(0), nullptr);
+}
+
+}  // namespace
+}  // namespace Quarn::Metrology::Analysis::Core
+
+namespace Quarn::Metrology::Analysis::Core {
+namespace {
+
+TEST(FrameBufferTest, AdoptedFramesAreReadInPlaceInAnySlotOrder) {
+  // Three 2 x 2 frames of 16-bit samples in host memory, lent in reverse order.
+  auto host = std::make_shared<std::vector<std::uint16_t>>(std::vector<std::uint16_t>{
+      100, 101, 102, 103, 200, 201, 202, 203, 300, 301, 302, 303});
+  std::vector<std::byte*> slots = {reinterpret_cast<std::byte*>(host->data() + 8),
+                                   reinterpret_cast<std::byte*>(host->data() + 4),
+                                   reinterpret_cast<std::byte*>(host->data())};
+  FrameBuffer frames;
+  ASSERT_TRUE(frames.AdoptFrames(Window2D(0, 0, 2, 2), 3, FrameBuffer::kRes16Bit, slots, host));
+  EXPECT_FALSE(frames.OwnsFrames());
+  const int* s = frames.ExtractIndex<int>(0, 3);
+  EXPECT_EQ(s[0], 303);
+  EXPECT_EQ(s[2], 103);
+  (*host)[5] = 999;  // no copy was made
+  EXPECT_EQ(frames.ExtractIndex<int>(0, 1)[1], 999);
+  const std::weak_ptr<std::vector<std::uint16_t>> watch = host;
+  host.reset();
+  EXPECT_FALSE(watch.expired()) << "the buffer keeps the host memory alive";
+  frames.Release();
+  EXPECT_TRUE(watch.expired());
+
+  auto bytes = std::make_shared<std::vector<std::byte>>(64);
+  FrameBuffer misaligned;
+  EXPECT_FALSE(misaligned.AdoptFrames(Window2D(0, 0, 2, 2), 1, FrameBuffer::kRes16Bit, {bytes->data() + 1}, bytes));
+  EXPECT_EQ(misaligned.GetStatus().GetCode(), StatusCode::kArgumentOutOfRange);
+  EXPECT_FALSE(misaligned.AdoptFrames(Window2D(0, 0, 2, 2), 1, FrameBuffer::kRes8Bit, {nullptr}, bytes));
 }
 
 }  // namespace

@@ -36,6 +36,8 @@ function(quarn_cc_test)
   cmake_parse_arguments(QT "THREADED" "NAME;TIMEOUT" "SOURCES;DEPS" ${ARGN})
   add_executable(${QT_NAME} ${QT_SOURCES})
   target_link_libraries(${QT_NAME} PRIVATE ${QT_DEPS} QuarnTesting GTest::gtest GTest::gmock GTest::gtest_main)
+  # Real measured data (with its licences) lives in testdata/ of the source tree.
+  target_compile_definitions(${QT_NAME} PRIVATE QUARN_TESTDATA_DIR="${PROJECT_SOURCE_DIR}/testdata")
   quarn_target_warnings(${QT_NAME})
   # One label per test: a list would not survive the discovery script.
   set(label unit)

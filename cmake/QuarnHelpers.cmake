@@ -25,6 +25,17 @@ if(QUARN_BUILD_TESTS AND NOT TARGET quarn_threaded_tests)
   add_custom_target(quarn_threaded_tests)
 endif()
 
+# GoogleTest's headers cost more to compile than most tests; they are precompiled once and reused by
+# every test target. The carrier is an executable like the tests (with no tests of its own) so that
+# it is compiled with exactly their flags; otherwise the compiler would refuse the precompiled header.
+if(QUARN_BUILD_TESTS AND NOT TARGET quarn_test_pch)
+  add_executable(quarn_test_pch ${CMAKE_CURRENT_LIST_DIR}/quarn_test_pch.cpp)
+  target_link_libraries(quarn_test_pch PRIVATE GTest::gtest GTest::gmock GTest::gtest_main)
+  target_compile_definitions(quarn_test_pch PRIVATE QUARN_TESTDATA_DIR="${PROJECT_SOURCE_DIR}/testdata")
+  target_precompile_headers(quarn_test_pch PRIVATE <gtest/gtest.h> <gmock/gmock.h> <cmath> <string> <vector>)
+  quarn_target_warnings(quarn_test_pch)
+endif()
+
 # quarn_cc_test(NAME <name> SOURCES <files...> [DEPS <targets...>] [THREADED])
 #
 # One GoogleTest executable; its cases are registered with ctest one by one. THREADED marks a test
@@ -38,6 +49,7 @@ function(quarn_cc_test)
   target_link_libraries(${QT_NAME} PRIVATE ${QT_DEPS} QuarnTesting GTest::gtest GTest::gmock GTest::gtest_main)
   # Real measured data (with its licences) lives in testdata/ of the source tree.
   target_compile_definitions(${QT_NAME} PRIVATE QUARN_TESTDATA_DIR="${PROJECT_SOURCE_DIR}/testdata")
+  target_precompile_headers(${QT_NAME} REUSE_FROM quarn_test_pch)
   quarn_target_warnings(${QT_NAME})
   # One label per test: a list would not survive the discovery script.
   set(label unit)

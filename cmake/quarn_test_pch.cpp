@@ -1,0 +1,1 @@
+// Carries the precompiled GoogleTest headers that every test target reuses.

@@ -1,0 +1,94 @@
+#pragma once
+
+#include "Analysis/Core/DoubleMatrix2D.h"
+#include "Analysis/Core/FrameBuffer.h"
+#include "Analysis/Core/RegionIdMatrix2D.h"
+#include "Analysis/Core/Status.h"
+#include "Analysis/Core/Threading/ThreadDispatcher.h"
+#include "Psi/CorvaneAlgorithm.h"
+#include "QuarnPhaseProcessingExport.h"
+
+namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
+
+// CorvaneCalculator
+//
+// Checks the phase shifter of a phase-shifting interferometer: runs one `CorvaneAlgorithm`
+// (`Corvane7` for 7-frame stacks, `Corvane13` for 13-frame stacks) over the pixels of a
+// `FrameBuffer` and fills a map of step values 256 cos(alpha), alpha being the phase step the
+// shifter really made at each pixel (between frames for `Corvane7`, between frame pairs for
+// `Corvane13`). At the nominal quarter-period step the values scatter around 0; a shifter that
+// moves too far gives negative values, one that moves too little positive ones.
+//
+// Which pixels are evaluated:
+//   - the scan period N (default 1) takes every N-th pixel of the frame window in row-major order,
+//     pixels 0, N, 2N, ... (the same pixels for every number of threads);
+//   - a region mask (optional, a `RegionIdMatrix2D` in camera coordinates) restricts them to the
+//     pixels where the mask holds a valid region id; a mask of another window than the frame
+//     buffer's counts only where the two windows overlap.
+// Pixels that are not evaluated are not written: fill the map beforehand (for example with
+// `DoubleMatrix2D::NoData()`) when it matters. The map must hold one element per pixel of the frame
+// window (row-major); evaluated pixels get their step value or no data (the largest finite double).
+//
+// The minimum modulation is in percent of the frame buffer's saturation level (default 15 %).
+//
+// Status (not reset by `Calculate`: an earlier failure stays until a later one overwrites it):
+// code 6 with source "Psi\CorvaneCalculator" without an algorithm; the algorithm's code 6 for a
+// missing frame buffer or a frame count it cannot use; code 20 for a scan period below 1; code 1
+// (from the algorithm) when no evaluated pixel was valid; a failure of a worker, of the frame
+// buffer's scratch or of the mask windows is copied as it is. Anything thrown inside becomes code 6
+// "Unhandled exception".
+//
+// Threads: pixel ranges are spread over the workers of the embedded dispatcher (one per processor
+// by default, `SetNumberOfThreads` to choose); each worker counts into its own record. The map is
+// identical for every thread count.
+//
+//   FrameBuffer frames;                          // 7 frames, a quarter period apart
+//   DoubleMatrix2D steps(frames.GetRows(), frames.GetColumns());
+//   steps.SetAll(DoubleMatrix2D::NoData());
+//   Corvane7 algorithm;
+//   CorvaneCalculator calculator;
+//   calculator.SetAlgorithm(&algorithm);
+//   calculator.Calculate(frames, steps);        // steps(r, c) = 256 cos(step at (r, c))
+class QUARN_PP_EXPORT CorvaneCalculator {
+ public:
+  CorvaneCalculator();
+  CorvaneCalculator(const CorvaneCalculator& other);
+  CorvaneCalculator& operator=(const CorvaneCalculator& other);
+  ~CorvaneCalculator();
+
+  void Calculate(Analysis::Core::FrameBuffer& frames, Analysis::Core::DoubleMatrix2D& out);
+  void Calculate(Analysis::Core::FrameBuffer& frames, Analysis::Core::RegionIdMatrix2D* regions,
+                 Analysis::Core::DoubleMatrix2D& out);
+
+  void SetAlgorithm(CorvaneAlgorithm* algorithm) { algorithm_ = algorithm; }
+  CorvaneAlgorithm* GetAlgorithm() const { return algorithm_; }
+  void SetMinimumModulation(double percent) { minimumModulation_ = percent; }
+  double GetMinimumModulation() const { return minimumModulation_; }
+  void SetScanPeriod(int period) { scanPeriod_ = period; }
+  int GetScanPeriod() const { return scanPeriod_; }
+  void SetAllowMultipleThreads(bool allow) { allowMultipleThreads_ = allow; }
+  bool GetAllowMultipleThreads() const { return allowMultipleThreads_; }
+  // The number of workers a run with multiple threads uses; n <= 0 means one per processor.
+  void SetNumberOfThreads(int n);
+  int GetNumberOfThreads() const { return dispatcher_.GetNumberOfThreads(); }
+
+  Analysis::Core::Status& GetStatus() { return status_; }
+
+ private:
+  void Run(Analysis::Core::FrameBuffer& frames, Analysis::Core::RegionIdMatrix2D* regions,
+           Analysis::Core::DoubleMatrix2D& out);
+  void ProcessPixels(void* walk, int thread, int first, int end);
+  template <typename Stored, typename Sample, typename Algorithm>
+  void Walk(Algorithm& algorithm, const void* walk, int thread, int first, int end);
+
+  CorvaneAlgorithm* algorithm_ = nullptr;
+  double minimumModulation_ = 15.0;  // percent of the saturation level
+  int scanPeriod_ = 1;
+  bool allowMultipleThreads_ = true;
+  Analysis::Core::FrameBuffer* frameBuffer_ = nullptr;
+  Analysis::Core::RegionIdMatrix2D* regionMask_ = nullptr;
+  Analysis::Core::Threading::ThreadDispatcher<CorvaneCalculator> dispatcher_;
+  Analysis::Core::Status status_;
+};
+
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi

@@ -1,0 +1,81 @@
+#pragma once
+
+#include "Analysis/Core/FrameBuffer.h"
+#include "Analysis/Core/RegionIdMatrix2D.h"
+#include "Analysis/Core/Status.h"
+#include "Analysis/Core/Threading/ThreadDispatcher.h"
+#include "Psi/GainCorrection.h"
+#include "QuarnPhaseProcessingExport.h"
+
+namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
+
+// GainCorrectionCalculator
+//
+// Estimates the gain error of a phase shifter from one stack of phase-shifted frames: runs one
+// `GainCorrection` algorithm (`GainCorrectionPmi` for 7- and 13-frame stacks,
+// `GainCorrectionSinPsi` for 20 frames or more) over the pixels of a `FrameBuffer` and returns the
+// single number `GetGainCorrection()`: 0 for a calibrated shifter, its sign following the sign of
+// the step error and its size growing with it (see the algorithms for the scale).
+//
+// Pixels are chosen as by `CorvaneCalculator`: every N-th pixel of the frame window in row-major
+// order (scan period N, default 1; the same pixels for every number of threads), restricted to the
+// valid pixels of an optional region mask in camera coordinates (only where its window overlaps the
+// frame window). The minimum modulation is in percent of the saturation level (default 15 %).
+//
+// Status (not reset by `Calculate`: an earlier failure stays until a later one overwrites it):
+// code 6 with source "Psi\GainCorrectionCalculator" without an algorithm; the algorithm's code 6
+// for a missing frame buffer or a frame count it cannot use; code 20 for a scan period below 1;
+// code 1 (from the algorithm) when no pixel contributed. A failure of a worker, of the frame
+// buffer's scratch or of the mask windows is copied as it is; anything thrown inside becomes code 6
+// "Unhandled exception". The gain correction is the no-data value (the largest finite double)
+// after every run that did not produce one.
+//
+//   FrameBuffer frames;                          // 7 or 13 phase-shifted frames
+//   GainCorrectionPmi algorithm;
+//   GainCorrectionCalculator calculator;
+//   calculator.SetAlgorithm(&algorithm);
+//   calculator.Calculate(frames);
+//   const double gain = calculator.GetGainCorrection();   // about -1.27 x relative step error
+class QUARN_PP_EXPORT GainCorrectionCalculator {
+ public:
+  GainCorrectionCalculator();
+  GainCorrectionCalculator(const GainCorrectionCalculator& other);
+  GainCorrectionCalculator& operator=(const GainCorrectionCalculator& other);
+  ~GainCorrectionCalculator();
+
+  void Calculate(Analysis::Core::FrameBuffer& frames);
+  void Calculate(Analysis::Core::FrameBuffer& frames, Analysis::Core::RegionIdMatrix2D* regions);
+  double GetGainCorrection() const { return gainCorrection_; }
+
+  void SetAlgorithm(GainCorrection* algorithm) { algorithm_ = algorithm; }
+  GainCorrection* GetAlgorithm() const { return algorithm_; }
+  void SetMinimumModulation(double percent) { minimumModulation_ = percent; }
+  double GetMinimumModulation() const { return minimumModulation_; }
+  void SetScanPeriod(int period) { scanPeriod_ = period; }
+  int GetScanPeriod() const { return scanPeriod_; }
+  void SetAllowMultipleThreads(bool allow) { allowMultipleThreads_ = allow; }
+  bool GetAllowMultipleThreads() const { return allowMultipleThreads_; }
+  // The number of workers a run with multiple threads uses; n <= 0 means one per processor.
+  void SetNumberOfThreads(int n);
+  int GetNumberOfThreads() const { return dispatcher_.GetNumberOfThreads(); }
+
+  Analysis::Core::Status& GetStatus() { return status_; }
+
+ private:
+  void Run(Analysis::Core::FrameBuffer& frames, Analysis::Core::RegionIdMatrix2D* regions);
+  void ProcessPixels(void* walk, int thread, int first, int end);
+  template <typename Stored, typename Sample, typename Algorithm>
+  void Walk(Algorithm& algorithm, const void* walk, int thread, int first, int end);
+
+  GainCorrection* algorithm_ = nullptr;
+  double minimumModulation_ = 15.0;  // percent of the saturation level
+  int scanPeriod_ = 1;
+  bool allowMultipleThreads_ = true;
+  double gainCorrection_ = 0.0;
+  Analysis::Core::FrameBuffer* frameBuffer_ = nullptr;
+  Analysis::Core::RegionIdMatrix2D* regionMask_ = nullptr;
+  Analysis::Core::Threading::ThreadDispatcher<GainCorrectionCalculator> dispatcher_;
+  Analysis::Core::Status status_;
+};
+
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi

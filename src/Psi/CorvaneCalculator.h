@@ -20,8 +20,8 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 // moves too far gives negative values, one that moves too little positive ones.
 //
 // Which pixels are evaluated:
-//   - the scan period N (default 1) takes every N-th pixel of the frame window in row-major order,
-//     pixels 0, N, 2N, ... (the same pixels for every number of threads);
+//   - the scan period N (default 1) takes every N-th pixel of each worker's chunk of the frame
+//     window in row-major order, first, first + N, ... (0, N, 2N, ... with one thread);
 //   - a region mask (optional, a `RegionIdMatrix2D` in camera coordinates) restricts them to the
 //     pixels where the mask holds a valid region id; a mask of another window than the frame
 //     buffer's counts only where the two windows overlap.
@@ -39,8 +39,9 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 // "Unhandled exception".
 //
 // Threads: pixel ranges are spread over the workers of the embedded dispatcher (one per processor
-// by default, `SetNumberOfThreads` to choose); each worker counts into its own record. The map is
-// identical for every thread count.
+// by default, `SetNumberOfThreads` to choose); each worker counts into its own record. Every
+// evaluated pixel gets the same value whatever the thread count; with a scan period above 1 the
+// stride grid starts at each worker's first pixel, so which pixels are sampled depends on it.
 //
 //   FrameBuffer frames;                          // 7 frames, a quarter period apart
 //   DoubleMatrix2D steps(frames.GetRows(), frames.GetColumns());

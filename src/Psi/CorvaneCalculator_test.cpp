@@ -315,8 +315,15 @@ RegionIdMatrix2D MakeMask(MaskKind kind) {
 
 // Independent statement of which pixel takes part: on the stride grid, and inside the mask's window
 // on a valid id at the same camera position.
-bool ShouldVisit(int p, int period, const RegionIdMatrix2D* mask) {
-  if (p % period != 0) return false;
+bool ShouldVisit(int p, int period, const RegionIdMatrix2D* mask, int workers) {
+  // The stride grid starts at the first pixel of each worker's chunk; the dispatcher gives worker i
+  // the pixels [i n / W, (i + 1) n / W) of n.
+  const std::int64_t n = static_cast<std::int64_t>(kFrameWindow.GetRows()) * kFrameWindow.GetCols();
+  std::int64_t chunkFirst = 0;
+  for (int i = 0; i < workers; ++i) {
+    if (i * n / workers <= p) chunkFirst = i * n / workers;
+  }
+  if ((p - chunkFirst) % period != 0) return false;
   if (!mask) return true;
   const int row = kFrameWindow.GetStartRow() + p / kFrameWindow.GetCols();
   const int col = kFrameWindow.GetStartCol() + p % kFrameWindow.GetCols();
@@ -346,7 +353,7 @@ TEST_P(CorvaneWalkTest, VisitsExactlyTheStrideAndMaskPixelsWithTheSameValues) {
   RunCheck(algorithm, frames, out, param.threads, param.period, mask);
   int visited = 0;
   for (int p = 0; p < pixels; ++p) {
-    const bool expected = ShouldVisit(p, param.period, mask);
+    const bool expected = ShouldVisit(p, param.period, mask, param.threads == 0 ? 1 : param.threads);
     ASSERT_EQ(out.At(p) != kUntouched, expected) << "pixel " << p;
     if (expected) {
       ++visited;

@@ -17,8 +17,8 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 // single number `GetGainCorrection()`: 0 for a calibrated shifter, its sign following the sign of
 // the step error and its size growing with it (see the algorithms for the scale).
 //
-// Pixels are chosen as by `CorvaneCalculator`: every N-th pixel of the frame window in row-major
-// order (scan period N, default 1; the same pixels for every number of threads), restricted to the
+// Pixels are chosen as by `CorvaneCalculator`: every N-th pixel of each worker's chunk of the frame
+// window in row-major order (scan period N, default 1; 0, N, 2N, ... with one thread), restricted to the
 // valid pixels of an optional region mask in camera coordinates (only where its window overlaps the
 // frame window). The minimum modulation is in percent of the saturation level (default 15 %).
 //

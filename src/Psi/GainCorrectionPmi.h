@@ -47,7 +47,8 @@ static_assert(sizeof(PmiThreadAccumulator) == 128, "one accumulator per 128-byte
 // Status: `Intialize` sets code 6 (no message) without a frame buffer or for a frame count other
 // than 7 or 13, code 20 for a ring buffer, and starts each run from a clean status. `PostProcess`
 // sets code 1 (source "Psi\GainCorrectionPmi") and the no-data gain correction when no pixel
-// contributed. The integer sums make the result identical for every number of threads.
+// contributed. The integer sums make the result identical for every number of threads (over the
+// same pixels).
 class QUARN_PP_EXPORT GainCorrectionPmi final : public GainCorrection {
  public:
   GainCorrectionPmi();

@@ -10,13 +10,15 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi::detail {
 
 // PixelWalk
 //
-// Which pixels of a frame buffer's window a phase-step calculator hands to its algorithm: every
-// `scanPeriod`-th pixel in linear (row-major) order over the window, p = 0, N, 2N, ..., and of
-// those only the ones inside the region mask, if there is one.
+// Which pixels of a frame buffer's window a phase-step calculator hands to its algorithm: in each
+// worker's chunk [first, end) of the linear (row-major) pixel range, every `scanPeriod`-th pixel
+// p = first, first + N, first + 2N, ..., and of those only the ones inside the region mask, if
+// there is one.
 //
-// The stride grid is that of the whole window, not of a worker's chunk: a chunk [first, end)
-// starts at the first multiple of N at or after `first`, so the visited pixels are the same for
-// every number of workers.
+// The stride grid starts at each chunk's first pixel, as hosts of these checks expect: with one
+// worker the pixels are 0, N, 2N, ...; with several workers and N > 1 each chunk's grid is shifted
+// to its own start, so which pixels are sampled depends on the number of workers (every pixel's
+// value does not). A scan period of 1 visits every pixel whatever the number of workers.
 //
 // The mask is a region map in camera coordinates: a pixel takes part where the mask holds a valid
 // region id at the same camera position. Three cases, decided once per run by `Prepare`:
@@ -69,7 +71,6 @@ class PixelWalk {
   void ForEach(int first, int end, Visit&& visit) const {
     const std::int64_t period = period_;
     std::int64_t p = first < 0 ? 0 : first;
-    p += (period - p % period) % period;
     switch (mode_) {
       case Mode::kAll:
         for (; p < end; p += period)

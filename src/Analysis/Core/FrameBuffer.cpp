@@ -45,21 +45,8 @@ bool FrameBuffer::CheckGeometry(const Window2D& window, int framesScanned, Eleme
   return true;
 }
 
-bool FrameBuffer::Allocate(const Window2D& window, int framesScanned, ElementRes resolution, int framesStored,
-                           int scanDirection) {
-  Release();
-  if (framesStored <= 0) framesStored = framesScanned;
-  if (!CheckGeometry(window, framesScanned, resolution, framesStored)) return false;
-  const std::size_t frameBytes = static_cast<std::size_t>(window.GetCount()) * static_cast<std::size_t>(resolution);
-  const std::size_t stride = AlignedBuffer::RoundUp(frameBytes);
-  if (!frames_.Allocate(stride * static_cast<std::size_t>(framesStored))) {
-    status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Allocation of the frames failed");
-    return false;
-  }
-  slots_.resize(static_cast<std::size_t>(framesStored));
-  for (int slot = 0; slot < framesStored; ++slot) {
-    slots_[static_cast<std::size_t>(slot)] = frames_.Data() + static_cast<std::size_t>(slot) * stride;
-  }
+bool FrameBuffer::TakeGeometry(const Window2D& window, int framesScanned, ElementRes resolution, int framesStored,
+                               int scanDirection) {
   window_ = window;
   framesScanned_ = framesScanned;
   framesStored_ = framesStored;
@@ -75,6 +62,24 @@ bool FrameBuffer::Allocate(const Window2D& window, int framesScanned, ElementRes
   return true;
 }
 
+bool FrameBuffer::Allocate(const Window2D& window, int framesScanned, ElementRes resolution, int framesStored,
+                           int scanDirection) {
+  Release();
+  if (framesStored <= 0) framesStored = framesScanned;
+  if (!CheckGeometry(window, framesScanned, resolution, framesStored)) return false;
+  const std::size_t frameBytes = static_cast<std::size_t>(window.GetCount()) * static_cast<std::size_t>(resolution);
+  const std::size_t stride = AlignedBuffer::RoundUp(frameBytes);
+  if (!frames_.Allocate(stride * static_cast<std::size_t>(framesStored))) {
+    status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Allocation of the frames failed");
+    return false;
+  }
+  slots_.resize(static_cast<std::size_t>(framesStored));
+  for (int slot = 0; slot < framesStored; ++slot) {
+    slots_[static_cast<std::size_t>(slot)] = frames_.Data() + static_cast<std::size_t>(slot) * stride;
+  }
+  return TakeGeometry(window, framesScanned, resolution, framesStored, scanDirection);
+}
+
 bool FrameBuffer::AdoptFrames(const Window2D& window, int framesScanned, ElementRes resolution,
                               std::vector<std::byte*> slots, std::shared_ptr<void> owner, int scanDirection) {
   Release();
@@ -88,19 +93,7 @@ bool FrameBuffer::AdoptFrames(const Window2D& window, int framesScanned, Element
   }
   adoptedOwner_ = std::move(owner);
   slots_ = std::move(slots);
-  window_ = window;
-  framesScanned_ = framesScanned;
-  framesStored_ = framesStored;
-  scanDirection_ = scanDirection < 0 ? -1 : 1;
-  resolution_ = resolution;
-  maxValue_ = DefaultMaxValue(resolution);
-  const Status scratch = MakeThreadData(1);
-  if (scratch.IsError()) {
-    Release();
-    status_ = scratch;
-    return false;
-  }
-  return true;
+  return TakeGeometry(window, framesScanned, resolution, framesStored, scanDirection);
 }
 
 void FrameBuffer::Release() {

@@ -165,6 +165,9 @@ class QUARN_CORE_EXPORT FrameBuffer {
   template <typename Source>
   bool StoreFrameImpl(int frame, const Source* pixels, int rowStride);
   bool CheckGeometry(const Window2D& window, int framesScanned, ElementRes resolution, int framesStored);
+  // Records the geometry of fresh or adopted frames and creates the scratch of one thread.
+  bool TakeGeometry(const Window2D& window, int framesScanned, ElementRes resolution, int framesStored,
+                    int scanDirection);
 
   Window2D window_;
   int framesScanned_ = 0;

@@ -3,10 +3,10 @@
 namespace Quarn::Metrology::Analysis::Core::Threading {
 
 void ManualEvent::Set() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    set_ = true;
-  }
+  // Notified under the lock: a waiter can only return, and then destroy the event, after this call
+  // has released the mutex, never while it is still inside notify_all.
+  std::lock_guard<std::mutex> lock(mutex_);
+  set_ = true;
   changed_.notify_all();
 }
 

@@ -28,8 +28,9 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 // - an auxiliary integer matrix passed unchanged to the algorithm;
 // - the surface matrix, which is both the input mask and the output: pixels holding any value are
 //   evaluated, pixels holding no-data (the largest finite double) are skipped (they still get an
-//   intensity when the algorithm makes one) and stay no-data. At the end it receives the
-//   algorithm's heights (nanometres, no-data where a pixel has none).
+//   intensity when the algorithm makes one) and stay no-data. At the end of a successful run it
+//   receives the algorithm's heights (nanometres, no-data where a pixel has none); after a failure
+//   it is left as it was handed in.
 //
 // Signal loading (q = the algorithm's signal size, h = q/2). With the whole scan stored, a window
 // of q frames is cut around the peak whenever the algorithm needs the discriminator (or the peak

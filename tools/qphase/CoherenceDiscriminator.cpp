@@ -48,6 +48,9 @@ class Discriminator {
   void RowsAs(int first, int end) {
     const int cols = frames_.GetColumns();
     const int count = frames_.GetFramesStored();
+    // Ties go to the frame met first in scan order: the lowest stored frame of a forward scan, the
+    // highest of a reversed one, so that both directions pick the same scan position.
+    const bool reversed = frames_.GetScanDirection() < 0;
     std::vector<double> ring(static_cast<std::size_t>(kWindow) * static_cast<std::size_t>(cols));
     std::vector<double> sum(static_cast<std::size_t>(cols)), best(static_cast<std::size_t>(cols));
     for (int r = first; r < end; ++r) {
@@ -69,8 +72,10 @@ class Discriminator {
           const double v = d * d;
           sum[static_cast<std::size_t>(c)] += v - slot[c];
           slot[c] = v;
-          if (j >= kWindow && sum[static_cast<std::size_t>(c)] > best[static_cast<std::size_t>(c)]) {
-            best[static_cast<std::size_t>(c)] = sum[static_cast<std::size_t>(c)];
+          const double energy = sum[static_cast<std::size_t>(c)];
+          const double top = best[static_cast<std::size_t>(c)];
+          if (j >= kWindow && energy > 0.0 && (energy > top || (reversed && energy == top))) {
+            best[static_cast<std::size_t>(c)] = energy;
             peaks[c] = k;
           }
         }

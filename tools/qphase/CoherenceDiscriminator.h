@@ -19,9 +19,10 @@ namespace Core = ::Quarn::Metrology::Analysis::Core;
 //
 // the squared two-frame differences (which see fringes of about four frames per period best) summed
 // over nine frames (about two fringes, which smooths away the fringe's own phase). The peak frame
-// is the k of largest E (the first one on ties), searched over k = 5 .. F-6 so that every window is
-// complete; a pixel whose signal never changes gets peak frame 0 ("unknown"). The frames are read
-// in storage order: for a reversed scan the result is a stored frame, as the generator expects.
+// is the k of largest E (on ties the one the scan reached first), searched over k = 5 .. F-6 so
+// that every window is complete; a pixel whose signal never changes gets peak frame 0 ("unknown").
+// The result is a stored frame: for a reversed scan, frame p sits where frame F - p of a forward
+// scan would, and the generator mirrors it so.
 //
 // Sums of squared integer differences are exact in double precision, so the result does not depend
 // on the number of threads (rows are shared among them).

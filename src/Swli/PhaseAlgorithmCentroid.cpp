@@ -32,16 +32,33 @@ int PhaseAlgorithmCentroid::ProcessPixel(int thread, int pixel, int peakFrame, i
   const int c = windowed ? h : peakFrame;
   const double m = std::abs((d[c] - d[c - 2]) + (d[c] - d[c + 2])) + std::abs(2.0 * (d[c - 1] - d[c + 1]));
   if (modulationThreshold_ <= m) {
-    double mean = 0.0;
-    for (int k = 0; k < q; ++k)
-      mean += d[k];
-    mean /= q;
-    double sum = 0.0, moment = 0.0;
-    for (int k = 1; k <= q; ++k) {
-      const double weight = std::abs(d[k - 1] - mean);
-      sum += weight;
-      moment += k * weight;
+    // Four partial sums each, so that the additions of one sum do not wait for one another. The
+    // samples are integers, so the mean is exact in any order.
+    double partialMean[4] = {0.0, 0.0, 0.0, 0.0};
+    int k = 0;
+    for (; k + 4 <= q; k += 4) {
+      for (int lane = 0; lane < 4; ++lane)
+        partialMean[lane] += d[k + lane];
     }
+    for (; k < q; ++k)
+      partialMean[0] += d[k];
+    const double mean = ((partialMean[0] + partialMean[1]) + (partialMean[2] + partialMean[3])) / q;
+    double partialSum[4] = {0.0, 0.0, 0.0, 0.0}, partialMoment[4] = {0.0, 0.0, 0.0, 0.0};
+    k = 1;  // one-based positions
+    for (; k + 3 <= q; k += 4) {
+      for (int lane = 0; lane < 4; ++lane) {
+        const double weight = std::abs(d[k - 1 + lane] - mean);
+        partialSum[lane] += weight;
+        partialMoment[lane] += (k + lane) * weight;
+      }
+    }
+    for (; k <= q; ++k) {
+      const double weight = std::abs(d[k - 1] - mean);
+      partialSum[0] += weight;
+      partialMoment[0] += k * weight;
+    }
+    const double sum = (partialSum[0] + partialSum[1]) + (partialSum[2] + partialSum[3]);
+    const double moment = (partialMoment[0] + partialMoment[1]) + (partialMoment[2] + partialMoment[3]);
     if (sum > 0.0) {
       double position = moment / sum + 1.0;
       if (windowed) position += peakFrame - h - 1;

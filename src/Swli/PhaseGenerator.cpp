@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "Analysis/Core/AnyValid.h"
@@ -310,20 +311,71 @@ void PhaseGenerator::PixelLoop(const Loader& load, int thread, int begin, int en
   const bool intensity = algorithm.GetRemoveFringes() != FringeRemovalMethod::kNone;
   const void* const* slots = slots_.data();
 
-  for (std::int64_t index = begin; index < end; index += step) {
-    const int pixel = static_cast<int>(index);
+  const auto visit = [&](int pixel, const auto& samples) {
     int peak = peaks ? peaks[pixel] : 0;
     const int auxiliary = aux ? aux[pixel] : 0;
     if (!tracePixels.empty()) SetDebugFlag(thread, tracePixels, pixel, skip);
     const bool evaluate = DoubleMatrix2D::IsDataValid(mask[pixel]);
     // A masked pixel without an intensity to make needs no signal at all.
-    if (!evaluate && !intensity) continue;
-    peak = load(detail::PixelSamples<Stored>{slots, pixel}, signal, peak);
+    if (!evaluate && !intensity) return;
+    peak = load(samples, signal, peak);
     if (evaluate) {
       algorithm.ProcessPixel(thread, pixel, peak, auxiliary);
     } else {
       algorithm.RemoveFringes(thread, pixel, peak);
     }
+  };
+
+  if (!useFastPath_) {
+    // Reference: every sample straight from its frame.
+    for (std::int64_t index = begin; index < end; index += step) {
+      const int pixel = static_cast<int>(index);
+      visit(pixel, detail::PixelSamples<Stored>{slots, pixel});
+    }
+    return;
+  }
+
+  // Fast path: the frames of a block of pixels are first copied into a compact block, frame by
+  // frame. Frame planes of power-of-two size (512 x 512 bytes) lie a multiple of the cache's way
+  // size apart, so the samples of one pixel all compete for one cache set; in the block they are a
+  // block width apart and fill different sets. The copy reads every frame once, in whole lines.
+  const int stored = frames_->GetFramesStored();
+  std::vector<Stored> block(static_cast<std::size_t>(detail::kBlockPixels) *
+                            static_cast<std::size_t>(stored));
+  // The slots the pixels of a block read: only those are copied (a window of 64 of 256 frames).
+  const auto slotsOf = [&](int first, int width, int& lo, int& hi) {
+    lo = stored;
+    hi = 0;
+    for (int i = 0; i < width; ++i)
+      load.Needs(peaks ? peaks[first + i] : 0, lo, hi);
+  };
+  const auto widthAt = [end](std::int64_t first) {
+    return static_cast<int>(std::min<std::int64_t>(detail::kBlockPixels, end - first));
+  };
+  // Blocks start at a processed pixel; with a stride the next one starts at the first processed pixel
+  // past the block.
+  const auto firstProcessedFrom = [begin, step](std::int64_t from) {
+    return from <= begin ? std::int64_t{begin} : begin + (from - begin + step - 1) / step * step;
+  };
+  std::int64_t index = begin;
+  int lo = 0, hi = 0;
+  if (index < end) slotsOf(begin, widthAt(begin), lo, hi);
+  while (index < end) {
+    const int blockStart = static_cast<int>(index);
+    const int width = widthAt(index);
+    detail::CopyBlock<Stored>(slots, lo, hi, blockStart, width, block.data());
+    const std::int64_t next = firstProcessedFrom(std::int64_t{blockStart} + width);
+    int nextLo = 0, nextHi = 0;
+    if (next < end) {
+      slotsOf(static_cast<int>(next), widthAt(next), nextLo, nextHi);
+      detail::PrefetchBlock<Stored>(slots, nextLo, nextHi, static_cast<int>(next), widthAt(next));
+    }
+    for (; index < blockStart + width; index += step) {
+      const int pixel = static_cast<int>(index);
+      visit(pixel, detail::BlockSamples<Stored>{block.data(), pixel - blockStart});
+    }
+    lo = nextLo;
+    hi = nextHi;
   }
 }
 

@@ -48,7 +48,9 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 // the algorithm reported it.
 //
 // Threads: off by default (`SetAllowMultiThreads(true)`); the pixel range is cut into one
-// contiguous block per worker. Results do not depend on the number of threads.
+// contiguous block per worker. Results do not depend on the number of threads. A pass that runs on
+// one thread (threads not allowed, or an algorithm that is not multi-threadable) sets the threads in
+// use to 1, and they stay so: set them again with `SetMaxNumThreads` before a multi-threaded run.
 //
 // Stage timings go to the debug channel ("\tPhaseGenerator ProcessPixels: 12.5 ms\n").
 //
@@ -81,6 +83,11 @@ class QUARN_PP_EXPORT PhaseGenerator {
   // Threads in use: min(n, the processor count) for n > 0, else 1.
   void SetMaxNumThreads(int n) { dispatcher_.SetNumberOfWorkers(n); }
   int GetMaxNumThreads() const { return dispatcher_.GetNumberOfWorkers(); }
+  // Fast path (default): the frames of each block of 64 pixels are copied into a compact block before
+  // the signals are loaded, which keeps a pixel's samples from competing for one cache set. Off: each
+  // sample is read straight from its frame (the reference). Both load the same samples.
+  void SetUseFastPath(bool use) { useFastPath_ = use; }
+  bool GetUseFastPath() const { return useFastPath_; }
 
  private:
   void ProcessRun(Analysis::Core::FrameBuffer& frames, Analysis::Core::IntMatrix2D& peakFrames,
@@ -102,6 +109,7 @@ class QUARN_PP_EXPORT PhaseGenerator {
   Analysis::Core::FrameBuffer* frames_ = nullptr;
   PhaseAlgorithm* algorithm_ = nullptr;
   bool allowMultiThreads_ = false;
+  bool useFastPath_ = true;
   Analysis::Core::Threading::ThreadDispatcher<PhaseGenerator> dispatcher_;
 
   // Per run: the algorithm driven (fixed at the start of the run), the start of each stored slot,

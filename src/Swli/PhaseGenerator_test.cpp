@@ -552,6 +552,112 @@ TEST(PhaseGeneratorTest, WholeUnwindowedScansGiveTheSameHeightsInBothDirections)
 }
 
 // ---------------------------------------------------------------------------------------------
+// The fast path (frames copied block by block) against the reference (samples read one by one)
+
+// Keeps every pixel's loaded signal and peak; pixels of different threads go to different rows.
+class SignalTable : public PhaseAlgorithmNone {
+ public:
+  bool discriminator = true;
+  int skip = 1;
+  std::vector<std::vector<double>> signals;
+  std::vector<int> peaksSeen;
+  bool NeedDiscriminator() const override { return discriminator; }
+  int GetSkipCount() const override { return skip; }
+  void Initialize(int pass, int frames, int q, const Window2D& window) override {
+    PhaseAlgorithmNone::Initialize(pass, frames, q, window);
+    signals.assign(static_cast<std::size_t>(window.GetCount()), {});
+    peaksSeen.assign(static_cast<std::size_t>(window.GetCount()), -999);
+  }
+  int ProcessPixel(int thread, int pixel, int peak, int aux) override {
+    signals[static_cast<std::size_t>(pixel)].assign(GetDataArray(thread),
+                                                    GetDataArray(thread) + GetDataArraySize(thread));
+    peaksSeen[static_cast<std::size_t>(pixel)] = peak;
+    return PhaseAlgorithmNone::ProcessPixel(thread, pixel, peak, aux);
+  }
+};
+
+struct PathCase {
+  std::string name;
+  int direction;
+  int scanned;
+  int stored;          // 0: whole scan
+  bool discriminator;  // false with a whole scan of 64 frames: loaded unwindowed
+  int skip;
+  int threads;
+};
+
+class FastPathTest : public ::testing::TestWithParam<PathCase> {};
+
+// Both paths must hand every pixel the same samples and peak, for every loader, for peaks of every
+// kind (unknown, negative, near either end, beyond the scan) and for partial blocks (a width that is
+// not a multiple of the block), strides and threads.
+TEST_P(FastPathTest, LoadsTheSameSignalsAsTheReference) {
+  const PathCase& c = GetParam();
+  Testing::ScanSettings s = Settings(7, 75);
+  s.framesScanned = c.scanned;
+  s.framesStored = c.stored;
+  s.scanDirection = c.direction;
+  s.resolution = FrameBuffer::kRes16Bit;
+  s.biasCounts = 1600.0;
+  s.modulationCounts = 900.0;
+  ScanCase scan;
+  MakeScan(scan, s,
+           [&](int r, int col) { return (0.15 + 0.7 * (r * 75 + col) / 525.0) * c.scanned * kStepNm; });
+  // Peaks of every kind on the first row.
+  const int specials[] = {0, -3, 1, 31, 32, c.scanned - 33, c.scanned - 32, c.scanned - 1, c.scanned + 7};
+  for (int i = 0; i < 9; ++i)
+    scan.peaks(0, 3 * i) = specials[i];
+  std::vector<std::vector<double>> signals[2];
+  std::vector<int> peaks[2];
+  DoubleMatrix2D surfaces[2];
+  int workers = 1;
+  for (const bool fast : {false, true}) {
+    SignalTable table;
+    table.discriminator = c.discriminator;
+    table.skip = c.skip;
+    table.SetRemoveFringes(c.discriminator ? FringeRemovalMethod::kStandard : FringeRemovalMethod::kNone);
+    table.SetScanIncrement(Nanometres(kStepNm));
+    PhaseGenerator generator(&table);
+    generator.SetUseFastPath(fast);
+    generator.SetAllowMultiThreads(c.threads > 1);
+    generator.SetMaxNumThreads(c.threads);
+    DoubleMatrix2D& surface = surfaces[fast ? 1 : 0];
+    surface.Resize(0, 0, 7, 75);
+    surface.SetAll(0.0);
+    generator.Process(scan.frames, scan.peaks, scan.aux, surface);
+    ASSERT_TRUE(generator.GetStatus().IsOk()) << generator.GetStatus().GetPrintString();
+    workers = c.threads > 1 ? generator.GetMaxNumThreads() : 1;
+    signals[fast ? 1 : 0] = table.signals;
+    peaks[fast ? 1 : 0] = table.peaksSeen;
+  }
+  int loaded = 0;
+  for (std::size_t p = 0; p < signals[0].size(); ++p) {
+    ASSERT_EQ(signals[1][p], signals[0][p]) << "pixel " << p;
+    ASSERT_EQ(peaks[1][p], peaks[0][p]) << "pixel " << p;
+    ASSERT_EQ(surfaces[1].At(static_cast<std::int64_t>(p)), surfaces[0].At(static_cast<std::int64_t>(p)));
+    loaded += signals[0][p].empty() ? 0 : 1;
+  }
+  // Each worker's range is strided from its own first pixel.
+  int expected = 0;
+  for (int i = 0; i < workers; ++i) {
+    const int first = i * 525 / workers, last = (i + 1) * 525 / workers;
+    expected += (last - first + c.skip - 1) / c.skip;
+  }
+  EXPECT_EQ(loaded, expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Loaders, FastPathTest,
+                         ::testing::Values(PathCase{"ForwardWindowed", 1, 200, 0, true, 1, 1},
+                                           PathCase{"ForwardWindowedThreadsStride", 1, 200, 0, true, 3, 3},
+                                           PathCase{"ForwardWhole", 1, 64, 0, false, 1, 1},
+                                           PathCase{"ForwardRing", 1, 200, 64, true, 1, 2},
+                                           PathCase{"ReversedWindowed", -1, 200, 0, true, 1, 1},
+                                           PathCase{"ReversedWindowedThreadsStride", -1, 200, 0, true, 2, 3},
+                                           PathCase{"ReversedWhole", -1, 64, 0, false, 1, 1},
+                                           PathCase{"ReversedRing", -1, 200, 64, true, 1, 2}),
+                         [](const ::testing::TestParamInfo<PathCase>& info) { return info.param.name; });
+
+// ---------------------------------------------------------------------------------------------
 // The same surface in every layout
 
 enum class Algorithm { kCentroid, kFda };

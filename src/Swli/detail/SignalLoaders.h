@@ -1,5 +1,9 @@
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 
 // The stored samples of one pixel: s(k) is the pixel's sample in slot k, converted to double.
@@ -9,6 +13,42 @@ struct PixelSamples {
   int pixel;
   double operator()(int slot) const {
     return static_cast<double>(static_cast<const Stored*>(slots[slot])[pixel]);
+  }
+};
+
+// The fast path's copy of a block of pixels: kBlockPixels samples of each stored frame, frame after
+// frame (the samples of pixel i of the block at i, kBlockPixels + i, 2 kBlockPixels + i, ...).
+inline constexpr int kBlockPixels = 64;
+
+// Copies slots [lo, hi) of pixels firstPixel .. firstPixel + width - 1 into rows lo .. hi - 1 of the
+// block (other rows are left as they are).
+template <typename Stored>
+void CopyBlock(const void* const* slots, int lo, int hi, int firstPixel, int width, Stored* block) {
+  for (int slot = lo; slot < hi; ++slot) {
+    std::memcpy(block + static_cast<std::ptrdiff_t>(slot) * kBlockPixels,
+                static_cast<const Stored*>(slots[slot]) + firstPixel,
+                static_cast<std::size_t>(width) * sizeof(Stored));
+  }
+}
+
+// Asks for the lines the next CopyBlock will read, so that they arrive while this block is evaluated.
+template <typename Stored>
+void PrefetchBlock(const void* const* slots, int lo, int hi, int firstPixel, int width) {
+  constexpr int kLineSamples = static_cast<int>(64 / sizeof(Stored));
+  for (int slot = lo; slot < hi; ++slot) {
+    const Stored* row = static_cast<const Stored*>(slots[slot]) + firstPixel;
+    for (int i = 0; i < width; i += kLineSamples)
+      __builtin_prefetch(row + i);
+  }
+}
+
+// The stored samples of one pixel of a copied block.
+template <typename Stored>
+struct BlockSamples {
+  const Stored* block;
+  int offset;  // the pixel's place in the block
+  double operator()(int slot) const {
+    return static_cast<double>(block[static_cast<std::ptrdiff_t>(slot) * kBlockPixels + offset]);
   }
 };
 
@@ -41,9 +81,16 @@ int EstimatePeak(const Samples& s, int stored, int peak) {
 // Each loader writes the pixel's signal into `out` in scan order and returns the peak frame the
 // algorithm is to use. They are chosen once per range of pixels.
 
+// Each loader also tells which slots [lo, hi) a pixel with a given incoming peak reads (widening the
+// range it is handed), so that the fast path copies no more of a block than its pixels use.
+
 // Forward, whole scan, no window: the S samples as stored.
 struct ForwardWhole {
   LoaderGeometry g;
+  void Needs(int, int& lo, int& hi) const {
+    lo = 0;
+    hi = g.stored;
+  }
   template <typename Samples>
   int operator()(const Samples& s, double* out, int peak) const {
     for (int k = 0; k < g.stored; ++k)
@@ -57,6 +104,22 @@ struct ForwardWhole {
 // it (h, or S - h - 1).
 struct ForwardWindowed {
   LoaderGeometry g;
+  void Needs(int peak, int& lo, int& hi) const {
+    const int h = g.q / 2;
+    if (peak <= 0) {  // the peak is estimated from every sample
+      lo = 0;
+      hi = g.stored;
+    } else if (h <= peak && peak + h < g.scanned) {
+      lo = std::min(lo, peak - h);
+      hi = std::max(hi, peak + h);
+    } else if (peak < h) {
+      lo = 0;
+      hi = std::max(hi, g.q);
+    } else {
+      lo = std::min(lo, g.stored - g.q);
+      hi = g.stored;
+    }
+  }
   template <typename Samples>
   int operator()(const Samples& s, double* out, int peak) const {
     const int h = g.q / 2;
@@ -84,6 +147,10 @@ struct ForwardWindowed {
 // end of the scan for a centred ring leaves the slots in their stored order.
 struct ForwardRing {
   LoaderGeometry g;
+  void Needs(int, int& lo, int& hi) const {
+    lo = 0;
+    hi = g.stored;
+  }
   template <typename Samples>
   int operator()(const Samples& s, double* out, int peak) const {
     const int half = g.stored / 2;
@@ -102,6 +169,10 @@ struct ForwardRing {
 // Reversed, whole scan, no window: sample k mirrored to F - 1 - k, the peak to F - peak.
 struct ReversedWhole {
   LoaderGeometry g;
+  void Needs(int, int& lo, int& hi) const {
+    lo = 0;
+    hi = g.stored;
+  }
   template <typename Samples>
   int operator()(const Samples& s, double* out, int peak) const {
     for (int k = 0; k < g.stored; ++k)
@@ -113,6 +184,22 @@ struct ReversedWhole {
 // Reversed, whole scan, q-sample window around the peak, mirrored; the peak becomes F - peak.
 struct ReversedWindowed {
   LoaderGeometry g;
+  void Needs(int peak, int& lo, int& hi) const {
+    const int h = g.q / 2;
+    if (peak <= 0) {
+      lo = 0;
+      hi = g.stored;
+    } else if (peak < h) {
+      lo = std::min(lo, g.scanned - g.q);
+      hi = g.stored;
+    } else if (peak + h >= g.scanned) {
+      lo = 0;
+      hi = std::max(hi, g.q);
+    } else {
+      lo = std::min(lo, peak + h - g.q + 1);
+      hi = std::max(hi, peak + h + 1);
+    }
+  }
   template <typename Samples>
   int operator()(const Samples& s, double* out, int peak) const {
     const int h = g.q / 2;
@@ -134,6 +221,10 @@ struct ReversedWindowed {
 // Reversed, ring: unrolled around the peak and mirrored; the peak becomes F - peak.
 struct ReversedRing {
   LoaderGeometry g;
+  void Needs(int, int& lo, int& hi) const {
+    lo = 0;
+    hi = g.stored;
+  }
   template <typename Samples>
   int operator()(const Samples& s, double* out, int peak) const {
     const int half = g.stored / 2;

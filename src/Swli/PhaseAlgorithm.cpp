@@ -103,7 +103,7 @@ void PhaseAlgorithm::InitializeThread(int numberThreads) {
 void PhaseAlgorithm::FinalizeThread() {
   threadBuffers_.clear();
   numberThreads_ = 0;
-  tracePixels_.reset();
+  if (tracePixels_) tracePixels_->Resize(0);
 }
 
 void PhaseAlgorithm::PostProcess() {}

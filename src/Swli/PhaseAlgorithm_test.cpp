@@ -182,7 +182,8 @@ TEST(PhaseAlgorithmTest, TracePixelsSwitchDebugModeAndAreForgottenAfterThePass) 
   probe.ClearDebug(1);
   EXPECT_FALSE(probe.IsDebuging(1));
   probe.FinalizeThread();
-  EXPECT_EQ(probe.TracePixels(), nullptr);
+  ASSERT_NE(probe.TracePixels(), nullptr);
+  EXPECT_EQ(probe.TracePixels()->Size(), 0) << "emptied by the end of the pass";
   EXPECT_EQ(probe.GetNumberOfThreads(), 0);
   EXPECT_FALSE(probe.IsDebuging(0)) << "no buffers, no tracing";
 }

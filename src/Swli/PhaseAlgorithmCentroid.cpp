@@ -1,0 +1,81 @@
+#include "Swli/PhaseAlgorithmCentroid.h"
+
+#include <cmath>
+
+#include "Analysis/Core/DebugChannel.h"
+
+namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
+
+namespace {
+constexpr const char* kSource = "Swli\\PhaseAlgorithmCentroid";
+}
+
+PhaseAlgorithmCentroid::PhaseAlgorithmCentroid() : PhaseAlgorithm(__LINE__, kSource) {}
+
+PhaseAlgorithmCentroid::~PhaseAlgorithmCentroid() = default;
+
+void PhaseAlgorithmCentroid::Initialize(int pass, int numberFrames, int qSize,
+                                        const Analysis::Core::Window2D& window) {
+  PhaseAlgorithm::Initialize(pass, numberFrames, qSize, window);
+  modulationThreshold_ = minimumModulation_ * 2.0 * maxScanValue_ / 100.0;
+}
+
+int PhaseAlgorithmCentroid::ProcessPixel(int thread, int pixel, int peakFrame, int) {
+  const double* d = SignalOf(thread);
+  const int q = signalSize_;
+  const int h = halfSignalSize_;
+  const int frames = numberFrames_;
+  if (!d || q < 5 || peakFrame < h || peakFrame >= frames - h) return RemoveFringes(thread, pixel, peakFrame);
+
+  // A window cut around the peak has the peak at its centre; a whole-scan signal has it where it is.
+  const bool windowed = frames != q;
+  const int c = windowed ? h : peakFrame;
+  const double m = std::abs((d[c] - d[c - 2]) + (d[c] - d[c + 2])) + std::abs(2.0 * (d[c - 1] - d[c + 1]));
+  if (modulationThreshold_ <= m) {
+    // Four partial sums each, so that the additions of one sum do not wait for one another. The
+    // samples are integers, so the mean is exact in any order.
+    double partialMean[4] = {0.0, 0.0, 0.0, 0.0};
+    int k = 0;
+    for (; k + 4 <= q; k += 4) {
+      for (int lane = 0; lane < 4; ++lane)
+        partialMean[lane] += d[k + lane];
+    }
+    for (; k < q; ++k)
+      partialMean[0] += d[k];
+    const double mean = ((partialMean[0] + partialMean[1]) + (partialMean[2] + partialMean[3])) / q;
+    double partialSum[4] = {0.0, 0.0, 0.0, 0.0}, partialMoment[4] = {0.0, 0.0, 0.0, 0.0};
+    k = 1;  // one-based positions
+    for (; k + 3 <= q; k += 4) {
+      for (int lane = 0; lane < 4; ++lane) {
+        const double weight = std::abs(d[k - 1 + lane] - mean);
+        partialSum[lane] += weight;
+        partialMoment[lane] += (k + lane) * weight;
+      }
+    }
+    for (; k <= q; ++k) {
+      const double weight = std::abs(d[k - 1] - mean);
+      partialSum[0] += weight;
+      partialMoment[0] += k * weight;
+    }
+    const double sum = (partialSum[0] + partialSum[1]) + (partialSum[2] + partialSum[3]);
+    const double moment = (partialMoment[0] + partialMoment[1]) + (partialMoment[2] + partialMoment[3]);
+    if (sum > 0.0) {
+      double position = moment / sum + 1.0;
+      if (windowed) position += peakFrame - h - 1;
+      surface_->At(pixel) = position * scanIncrementValue_;
+      if (IsDebuging(thread)) {
+        Analysis::Core::debug_printf(
+            "Centroid pixel %d: peak %d, modulation %g, position %g frames, height %g nm\n", pixel, peakFrame,
+            m, position, position * scanIncrementValue_);
+      }
+    }
+  } else if (IsDebuging(thread)) {
+    Analysis::Core::debug_printf("Centroid pixel %d: peak %d, modulation %g below %g\n", pixel, peakFrame, m,
+                                 modulationThreshold_);
+  }
+  return RemoveFringes(thread, pixel, peakFrame);
+}
+
+void PhaseAlgorithmCentroid::PostProcess() {}
+
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli

@@ -1,0 +1,224 @@
+#include "Swli/PhaseAlgorithmFda.h"
+
+#include <cmath>
+#include <complex>
+#include <numbers>
+#include <string>
+
+#include "Analysis/Core/DebugChannel.h"
+
+namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
+
+using Analysis::Core::AdcPoint;
+using Analysis::Core::DataWindow2D;
+using Analysis::Core::DoubleMatrix2D;
+using Analysis::Core::Status;
+using Analysis::Core::Window2D;
+namespace StatusCode = Analysis::Core::StatusCode;
+
+namespace {
+constexpr const char* kSource = "Swli\\PhaseAlgorithmFda";
+// The line hosts know the "no pixel succeeded" failure by.
+constexpr unsigned kLineNoValidPixel = 116;
+
+constexpr double kTwoPi = 2.0 * std::numbers::pi;
+constexpr double kPi = std::numbers::pi;
+// The band holds at most the bins of a 128-sample transform.
+constexpr int kMaxBandBins = 65;
+// Each pixel's k0 is rounded to a multiple of 2^-20 bin before it is summed: such sums are exact in
+// double precision (up to some 10^8 pixels), so K0 is the same however the pixels were shared
+// among threads. The rounding (1e-6 bin) is far below any pixel's own uncertainty.
+constexpr double kWavenumberGrid = 1048576.0;
+
+struct PhaseFit {
+  double intercept = 0.0;
+  double slope = 0.0;
+};
+
+// Power-weighted least-squares line through phase[k] over bins lower .. upper (arrays indexed from
+// the band's first bin).
+PhaseFit WeightedPhaseFit(const double* power, const double* phase, int firstBin, int lower, int upper,
+                          int size) {
+  if (upper + 1 >= size / 2) return {};
+  double sw = 0.0, sk = 0.0, skk = 0.0, sy = 0.0, sky = 0.0;
+  for (int k = lower; k <= upper; ++k) {
+    const double w = power[k - firstBin];
+    const double y = phase[k - firstBin];
+    sw += w;
+    sk += w * k;
+    skk += w * k * k;
+    sy += w * y;
+    sky += w * y * k;
+  }
+  const double d = skk * sw - sk * sk;
+  return {(sy * skk - sky * sk) / d, (sky * sw - sy * sk) / d};
+}
+
+// The unwrapping step: the phase of a bin within pi of its inner neighbour.
+double Unwrapped(double phase, double inner) {
+  const double difference = phase - inner;
+  if (difference > kPi) return phase - kTwoPi;
+  if (difference < -kPi) return phase + kTwoPi;
+  return phase;
+}
+}  // namespace
+
+PhaseAlgorithmFda::PhaseAlgorithmFda() : PhaseAlgorithmHigh2G(__LINE__, kSource) {}
+
+PhaseAlgorithmFda::~PhaseAlgorithmFda() = default;
+
+void PhaseAlgorithmFda::Initialize(int pass, int numberFrames, int qSize, const Window2D& window) {
+  PhaseAlgorithmHigh2G::Initialize(pass, numberFrames, qSize, window);
+  if (status_.IsError()) return;
+  if (firstBin_ < 0 || lastBin_ < firstBin_ || lastBin_ > qSize / 2 ||
+      lastBin_ - firstBin_ + 1 > kMaxBandBins) {
+    status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+                     "The band of bins " + std::to_string(firstBin_) + " .. " + std::to_string(lastBin_) +
+                         " does not fit a transform of " + std::to_string(qSize) + " samples");
+    return;
+  }
+  // (4 x saturation x minimum modulation / 100)^2: a bin must hold the power of fringes of that
+  // amplitude over a few samples.
+  powerThreshold_ =
+      (minimumModulation_ * minimumModulation_ * maxScanValue_ * maxScanValue_ * 16.0) / 10000.0;
+  if (!fitRecords_) fitRecords_ = std::make_unique<DataWindow2D<AdcPoint>>();
+  if (!fitRecords_->Resize(window)) {
+    Analysis::Core::RecordCallFailure(status_, fitRecords_->GetStatus(), "fitRecords.Resize", kSource,
+                                      __LINE__);
+    return;
+  }
+  fitRecords_->SetAll(DataWindow2D<AdcPoint>::NoData());
+}
+
+int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
+  const int q = signalSize_;
+  const int h = halfSignalSize_;
+  const double* d = SignalOf(thread);
+  if (!d || thread < 0 || thread >= static_cast<int>(threadStates_.size()))
+    return RemoveFringes(thread, pixel, peakFrame);
+  ThreadState& state = threadStates_[static_cast<std::size_t>(thread)];
+  double* input = state.transform.Input();
+  if (!input || state.transform.GetSize() != q) return RemoveFringes(thread, pixel, peakFrame);
+  const bool whole = numberFrames_ == q;
+  if (!whole && (peakFrame < h || peakFrame + h >= numberFrames_))
+    return RemoveFringes(thread, pixel, peakFrame);
+
+  for (int k = 0; k < q; ++k)
+    input[k] = d[k];
+  state.transform.Forward();
+  const std::complex<double>* bins = state.transform.Output();
+
+  const int first = firstBin_;
+  const int last = lastBin_;
+  double re[kMaxBandBins], im[kMaxBandBins], power[kMaxBandBins], phase[kMaxBandBins];
+  int strongest = -1;
+  double strongestPower = 0.0;
+  for (int k = first; k <= last; ++k) {
+    const int b = k - first;
+    // The height formulas are written for the kernel exp(+2 pi i j k / q); the transform uses
+    // exp(-2 pi i j k / q), whose bins of a real signal are the complex conjugates.
+    re[b] = bins[k].real();
+    im[b] = -bins[k].imag();
+    // (-1)^k moves the phase origin from sample 0 to the window centre q/2, the peak frame.
+    if (k & 1) {
+      re[b] = -re[b];
+      im[b] = -im[b];
+    }
+    const double p = re[b] * re[b] + im[b] * im[b];
+    power[b] = p > powerThreshold_ ? p : 0.0;
+    if (power[b] > strongestPower) {
+      strongestPower = power[b];
+      strongest = k;
+    }
+  }
+  if (strongest < 0 || strongestPower < powerThreshold_) return RemoveFringes(thread, pixel, peakFrame);
+
+  // Unwrap outwards from the strongest bin while the bins hold fringe power.
+  phase[strongest - first] = std::atan2(im[strongest - first], re[strongest - first]);
+  int lower = strongest, upper = strongest;
+  for (int k = strongest - 1; k >= first && power[k - first] > 0.0; --k) {
+    phase[k - first] = Unwrapped(std::atan2(im[k - first], re[k - first]), phase[k + 1 - first]);
+    lower = k;
+  }
+  for (int k = strongest + 1; k <= last && power[k - first] > 0.0; ++k) {
+    phase[k - first] = Unwrapped(std::atan2(im[k - first], re[k - first]), phase[k - 1 - first]);
+    upper = k;
+  }
+  const int reached = upper - lower + 1;
+  if (reached <= 2 || lower == strongest || upper == strongest)
+    return RemoveFringes(thread, pixel, peakFrame);
+
+  const double below = power[strongest - 1 - first];
+  const double centre = power[strongest - first];
+  const double above = power[strongest + 1 - first];
+  const double k0 = strongest + (below - above) / (2.0 * (above + below - 2.0 * centre));
+  state.wavenumberSum += std::round(k0 * kWavenumberGrid) / kWavenumberGrid;
+  ++state.count;
+
+  const PhaseFit fit = WeightedPhaseFit(power, phase, first, lower, upper, q);
+  fitRecords_->At(pixel) = AdcPoint{fit.intercept, fit.slope, static_cast<double>(peakFrame)};
+  coherence_.At(pixel) = (whole ? h : peakFrame) * scanIncrementValue_;
+  if (IsDebuging(thread)) {
+    Analysis::Core::debug_printf(
+        "FDA pixel %d: peak %d, bins %d..%d, strongest %d, k0 %g, intercept %g rad, slope %g rad/bin\n",
+        pixel, peakFrame, lower, upper, strongest, k0, fit.intercept, fit.slope);
+  }
+  return RemoveFringes(thread, pixel, peakFrame);
+}
+
+void PhaseAlgorithmFda::PostProcess() {
+  // A failure of an earlier step (a transform that could not be planned) is the one to report.
+  if (status_.IsError()) return;
+  validCount_ = 0;
+  meanPeakBin_ = 0.0;
+  for (const ThreadState& state : threadStates_) {
+    validCount_ += state.count;
+    meanPeakBin_ += state.wavenumberSum;
+  }
+  if (GetValidCount() < 1) {
+    status_ = Status(0, StatusCode::kNoValidResult, kLineNoValidPixel, kSource, "");
+    return;
+  }
+  meanPeakBin_ /= validCount_;
+  const double delta = scanIncrementValue_;
+  const double length = signalSize_ * delta;
+  const double c = length / kTwoPi;
+  wavelength_ = length / meanPeakBin_;
+  halfWavelength_ = wavelength_ / 2.0;
+  const bool canFold = wavelength_ > 0.0 && std::isfinite(wavelength_);
+
+  const std::int64_t count = coherence_.GetCount();
+  for (std::int64_t i = 0; i < count; ++i) {
+    if (!DoubleMatrix2D::IsDataValid(coherence_.At(i))) continue;
+    const AdcPoint& fit = fitRecords_->At(i);
+    const double coherence = coherence_.At(i) + c * fit.y;
+    double phase = fit.z * delta + (meanPeakBin_ * fit.y + fit.x) * c / meanPeakBin_;
+    if (canFold) {
+      // Whole wavelengths to within half a wavelength of the coherence height; the jump is computed,
+      // the loops only settle rounding at the boundary.
+      const double difference = phase - coherence;
+      if (difference > halfWavelength_) {
+        phase -= wavelength_ * std::ceil((difference - halfWavelength_) / wavelength_);
+      } else if (difference < -halfWavelength_) {
+        phase += wavelength_ * std::ceil((-halfWavelength_ - difference) / wavelength_);
+      }
+      for (int i2 = 0; i2 < 4 && phase - coherence > halfWavelength_; ++i2)
+        phase -= wavelength_;
+      for (int i2 = 0; i2 < 4 && phase - coherence < -halfWavelength_; ++i2)
+        phase += wavelength_;
+    }
+    coherence_.At(i) = coherence;
+    phase_.At(i) = phase;
+  }
+  averageGap_ = FringeOrderAnalysis(fringeOrder_, kTwoPi, kPi, coherence_, phase_, *surface_, wavelength_);
+}
+
+double PhaseAlgorithmFda::GetAverageK0() const {
+  return signalSize_ > 0 ? meanPeakBin_ / signalSize_ : 0.0;
+}
+
+double PhaseAlgorithmFda::GetWaveLength() const {
+  return meanPeakBin_ > 0.0 ? signalSize_ * scanIncrementValue_ / meanPeakBin_ : 0.0;
+}
+
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli

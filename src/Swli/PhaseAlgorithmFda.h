@@ -1,0 +1,90 @@
+#pragma once
+
+#include <memory>
+
+#include "Analysis/Core/DataWindow2D.h"
+#include "Analysis/Core/NoData.h"
+#include "QuarnPhaseProcessingExport.h"
+#include "Swli/FrequencyScan.h"
+#include "Swli/PhaseAlgorithmHigh2G.h"
+
+namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
+
+// PhaseAlgorithmFda
+//
+// Frequency-domain analysis: surface height from the phase of the signal's spectrum. A white-light
+// signal is a sum of fringes of many wavenumbers, all in phase where the scan reaches the surface;
+// in the spectrum of a signal window centred on the peak frame, bin k therefore has the phase
+//
+//   phi(k) = intercept + slope k,    slope = 2 pi (H - z_c) / (q step),
+//
+// where z_c is the window centre's scan position, H the surface and the intercept the phase change
+// on reflection. Per pixel the spectrum of the q samples (transform kernel exp(+2 pi i j k / q)
+// with the origin at the window centre) is searched in the band of bins [first, last] (13..21 by
+// default, where fringes sampled about four times per fringe land with q = 64): bins below the power
+// threshold (4 x saturation x minimum modulation / 100, squared) are empty, the phase is unwrapped
+// outwards from the strongest bin while bins are not empty, and a power-weighted line phi(k) is
+// fitted. The strongest bin, refined by a parabola through its neighbours' powers, gives the pixel's
+// fringe wavenumber k0. A pixel needs at least three unwrapped bins, with some on each side of the
+// strongest one; otherwise it gets no height.
+//
+// After all pixels (PostProcess), with K0 the mean k0 over the field, L = q x step and c = L / 2 pi:
+// - the equivalent wavelength lambda = L / K0 (half the mean optical wavelength);
+// - coherence height = z_c + c x slope (from the envelope position, unambiguous);
+// - phase height = z_c + (K0 slope + intercept) c / K0, moved by whole lambda to within lambda/2 of
+//   the coherence height;
+// - the fringe-order analysis (see PhaseAlgorithmHigh2G) joins them into the surface, reporting the
+//   field's average gap between the two.
+// Heights are nanometres along the scan with frame f at f x step. The noise of the result is that of
+// the phase: a small fraction of a nanometre for well-modulated 8-bit signals.
+//
+// Status: code 1 (source "Swli\PhaseAlgorithmFda") when no pixel of the run succeeded.
+//
+//   PhaseAlgorithmFda fda;
+//   fda.SetScanIncrement(UnitNumber(80.0, LinearConverter(Units::kNanometers)));
+//   PhaseGenerator generator(&fda);
+//   generator.Process(frames, peakFrames, auxiliary, surface);
+//   fda.GetWaveLength();   // ~ 300 nm for 600 nm light
+class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
+ public:
+  PhaseAlgorithmFda();
+  ~PhaseAlgorithmFda() override;
+
+  using PhaseAlgorithm::Initialize;
+  void Initialize(int pass, int numberFrames, int qSize, const Analysis::Core::Window2D& window) override;
+  int ProcessPixel(int thread, int pixel, int peakFrame, int auxiliary) override;
+  void PostProcess() override;
+  // K0 / signal size: the mean fringe frequency in cycles per sample (0.0 before any pixel).
+  double GetAverageK0() const override;
+  // Signal size x scan increment / K0, nanometres (0.0 before any pixel).
+  double GetWaveLength() const override;
+
+  FrequencyScan GetFrequencyScanType() const { return frequencyScan_; }
+  void SetFrequencyScanType(FrequencyScan type) { frequencyScan_ = type; }
+  // The band of bins searched and fitted (default 13 .. 21). It must lie within the transform's
+  // bins (0 .. q/2); a band reaching q/2 - 1 fits no slope.
+  int GetFirstBandBin() const { return firstBin_; }
+  int GetLastBandBin() const { return lastBin_; }
+  void SetBand(int firstBin, int lastBin) {
+    firstBin_ = firstBin;
+    lastBin_ = lastBin;
+  }
+
+  // Per pixel of the last run: phase intercept (x, rad), phase slope (y, rad per bin) and the peak
+  // frame (z); no-data where the pixel did not succeed.
+  const Analysis::Core::DataWindow2D<Analysis::Core::AdcPoint>* GetFitRecords() const {
+    return fitRecords_.get();
+  }
+
+ private:
+  FrequencyScan frequencyScan_;
+  int firstBin_ = 13;
+  int lastBin_ = 21;
+  double meanPeakBin_ = 0.0;  // K0
+  double powerThreshold_ = 0.0;
+  std::unique_ptr<Analysis::Core::DataWindow2D<Analysis::Core::AdcPoint>> fitRecords_;
+  double wavelength_ = 0.0;
+  double halfWavelength_ = 0.0;
+};
+
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli

@@ -1,0 +1,382 @@
+#include "Swli/PhaseGenerator.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "Analysis/Core/AnyValid.h"
+#include "Analysis/Core/CTimer.h"
+#include "Analysis/Core/DebugChannel.h"
+#include "Analysis/Core/NoData.h"
+#include "Swli/detail/SignalLoaders.h"
+
+namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
+
+using Analysis::Core::CTimer;
+using Analysis::Core::debug_printf;
+using Analysis::Core::DoubleMatrix2D;
+using Analysis::Core::FrameBuffer;
+using Analysis::Core::IntMatrix2D;
+using Analysis::Core::Status;
+using Analysis::Core::Window2D;
+namespace StatusCode = Analysis::Core::StatusCode;
+
+namespace {
+constexpr const char* kSource = "Swli\\PhaseGenerator";
+
+// The source lines hosts know these failures by; they are part of the interface and stay fixed.
+constexpr unsigned kLineNoAlgorithm = 276;
+constexpr unsigned kLineRingSignalSize = 301;
+constexpr unsigned kLineTooFewFrames = 319;
+constexpr unsigned kLinePeakFrameWindow = 337;
+constexpr unsigned kLineSurfaceWindow = 346;
+constexpr unsigned kLineNoValidPixel = 389;
+constexpr unsigned kLineMissingInput = 144;
+
+bool SameSize(const Analysis::Core::DataMatrix2D<int>& a, const DoubleMatrix2D& b) {
+  return a.GetRows() == b.GetRows() && a.GetColumns() == b.GetColumns();
+}
+}  // namespace
+
+PhaseGenerator::PhaseGenerator() : PhaseGenerator(nullptr) {}
+
+PhaseGenerator::PhaseGenerator(PhaseAlgorithm* algorithm)
+    : status_(__LINE__, kSource),
+      algorithm_(algorithm),
+      dispatcher_(this, nullptr, -1, 0),
+      directStatus_(__LINE__, kSource) {}
+
+PhaseGenerator::~PhaseGenerator() = default;
+
+Status& PhaseGenerator::Process(FrameBuffer& frames, IntMatrix2D& peakFrames, IntMatrix2D& auxiliary,
+                                DoubleMatrix2D& surface) {
+  try {
+    ProcessRun(frames, peakFrames, auxiliary, surface);
+  } catch (const Status& thrown) {
+    status_ = thrown;
+  } catch (...) {
+    status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "Unhandled exception");
+  }
+  DropMatrices();
+  return status_;
+}
+
+void PhaseGenerator::DropMatrices() {
+  peakFrames_ = nullptr;
+  auxiliary_ = nullptr;
+  surface_ = nullptr;
+  frames_ = nullptr;
+  runAlgorithm_ = nullptr;
+  slots_.clear();
+}
+
+void PhaseGenerator::ProcessRun(FrameBuffer& frames, IntMatrix2D& peakFrames, IntMatrix2D& auxiliary,
+                                DoubleMatrix2D& surface) {
+  const auto fail = [this](unsigned code, unsigned line, const std::string& message) {
+    status_ = Status(0, code, line, kSource, message);
+  };
+  PhaseAlgorithm* const algorithm = algorithm_;
+  if (!algorithm) return fail(StatusCode::kNotSet, kLineNoAlgorithm, "No phase algorithm has been set");
+
+  const int n = allowMultiThreads_ ? dispatcher_.GetNumberOfWorkers() : 1;
+  const int scanned = frames.GetNumberOfFrames();
+  const int stored = frames.GetFramesStored();
+  const FringeRemovalMethod method = algorithm->GetRemoveFringes();
+
+  int q = stored;
+  if (!algorithm->NeedDiscriminator()) {
+    q = algorithm->CalculateQSize(scanned, stored, method);
+    if (stored < q) {
+      return fail(StatusCode::kNotSet, kLineTooFewFrames,
+                  std::to_string(stored) + " frames stored, the algorithm needs " + std::to_string(q));
+    }
+    // A ring is unrolled whole into the signal buffer, so it must be exactly one signal long.
+    if (scanned != stored && stored != q) {
+      return fail(StatusCode::kNotSet, __LINE__,
+                  "A ring of " + std::to_string(stored) + " frames does not hold one " + std::to_string(q) +
+                      "-sample signal");
+    }
+  } else if (scanned != stored) {
+    q = algorithm->CalculateQSize(scanned, stored, method);
+    if (q != stored) {
+      return fail(StatusCode::kNotSet, kLineRingSignalSize,
+                  "A ring of " + std::to_string(stored) + " frames does not hold one " + std::to_string(q) +
+                      "-sample signal");
+    }
+  } else {
+    q = algorithm->CalculateQSize(scanned, -1, method);
+    // The window cut around each peak must fit into the scan.
+    if (stored < q) {
+      return fail(StatusCode::kNotSet, kLineTooFewFrames,
+                  std::to_string(stored) + " frames stored, the algorithm needs " + std::to_string(q));
+    }
+  }
+
+  algorithm->SetMaxScanValue(frames.GetMaxValue());
+  frames_ = &frames;
+  peakFrames_ = &peakFrames;
+  auxiliary_ = &auxiliary;
+  surface_ = &surface;
+  runAlgorithm_ = algorithm;
+
+  const Window2D window = frames.GetAllocatedWindow();
+  const bool needPeakFrames = algorithm->NeedPeakFrame();
+  if (needPeakFrames && (peakFrames.GetMatrixWindow() != window || auxiliary.GetMatrixWindow() != window)) {
+    return fail(StatusCode::kPeakFrameMismatch, kLinePeakFrameWindow,
+                "The peak-frame and auxiliary matrices must cover the frame window");
+  }
+  if (surface.GetMatrixWindow() != window) {
+    return fail(StatusCode::kNotSet, kLineSurfaceWindow, "The surface matrix must cover the frame window");
+  }
+  if (n > 1) {
+    const Status threadData = frames.MakeThreadData(n);
+    if (threadData.IsError()) {
+      status_ = threadData;
+      return;
+    }
+  }
+  slots_.resize(static_cast<std::size_t>(stored));
+  for (int slot = 0; slot < stored; ++slot)
+    slots_[static_cast<std::size_t>(slot)] = frames.GetFrameData(slot);
+
+  try {
+    ProcessMultiPass(q);
+  } catch (...) {
+    // The algorithm is reset even when a step of the pass loop threw.
+    algorithm->Reset();
+    throw;
+  }
+  algorithm->Reset();
+  if (status_.IsError()) return;
+
+  if (!surface.CopyAll(algorithm->GetSurfaceMatrix())) {
+    Analysis::Core::RecordCallFailure(status_, surface.GetStatus(), "surface.CopyAll", kSource, __LINE__);
+    return;
+  }
+  if (!Analysis::Core::Calculation::AnyValid(surface)) {
+    status_ = Status(0, StatusCode::kNoValidResult, kLineNoValidPixel, kSource, "");
+  }
+}
+
+void PhaseGenerator::ProcessMultiPass(int qSize) {
+  PhaseAlgorithm& algorithm = *runAlgorithm_;
+  CTimer timer;
+  algorithm.Initialize(*frames_, peakFrames_->GetInternalMat(), allowMultiThreads_);
+  debug_printf("-------------  PhaseGenerator Initialize: %g ms -------------------\n",
+               timer.Restart() / 1000.0);
+
+  const int pixels = frames_->GetPixelCount();
+  const Window2D window = frames_->GetAllocatedWindow();
+  for (int pass = 0; pass < algorithm.RequiredNumberOfPasses(); ++pass) {
+    algorithm.Initialize(pass, frames_->GetNumberOfFrames(), qSize, window);
+    if (algorithm.GetStatus().IsError()) {
+      status_ = algorithm.GetStatus();
+      return;
+    }
+    debug_printf("\tPhaseGenerator Initialize(%d): %g ms\n", pass, timer.Restart() / 1000.0);
+
+    int threads = 1;
+    if (allowMultiThreads_ && algorithm.IsMultThreadable()) threads = dispatcher_.GetNumberOfWorkers();
+    algorithm.InitializeThread(threads);
+    debug_printf("Generator Number Threads %d\n", threads);
+
+    if (threads < 2) {
+      dispatcher_.SetNumberOfWorkers(std::min(dispatcher_.GetNumberOfThreads(), 1));
+      dispatching_ = false;
+      directStatus_.ClearError();
+      ProcessPixels(0, 0, pixels);
+      if (directStatus_.IsError()) {
+        status_ = directStatus_;
+        return;
+      }
+    } else if (pixels > 0) {
+      dispatching_ = true;
+      try {
+        dispatcher_.Invoke(&PhaseGenerator::ProcessPixels, 0, pixels);
+      } catch (const Status& failed) {
+        dispatching_ = false;
+        status_ = failed;
+        return;
+      }
+      dispatching_ = false;
+    }
+    status_ = algorithm.GetStatus();
+    debug_printf("\tPhaseGenerator ProcessPixels: %g ms\n", timer.Restart() / 1000.0);
+
+    algorithm.PostProcess();
+    if (algorithm.GetStatus().IsError()) {
+      status_ = algorithm.GetStatus();
+      algorithm.FinalizeThread();
+      return;
+    }
+    debug_printf("\tPhaseGenerator PostProcess: %g ms\n", timer.Restart() / 1000.0);
+
+    algorithm.FinalizeThread();
+    if (algorithm.GetStatus().IsError()) {
+      status_ = algorithm.GetStatus();
+      return;
+    }
+    debug_printf("\tPhaseGenerator FinalizeThread: %g ms\n", timer.Restart() / 1000.0);
+  }
+}
+
+void PhaseGenerator::SetDebugFlag(int thread, const std::vector<int>& tracePixels, int pixel, int skip) {
+  PhaseAlgorithm& algorithm = *runAlgorithm_;
+  algorithm.ClearDebug(thread);
+  for (const int trace : tracePixels) {
+    // With a pixel stride above one, a traced pixel that the loop steps over is traced through the
+    // processed pixel just before it.
+    if (trace == pixel || (skip >= 2 && trace > pixel && trace < pixel + skip)) {
+      algorithm.SetDebug(thread, pixel);
+      return;
+    }
+  }
+}
+
+void PhaseGenerator::ProcessPixels(int thread, int begin, int end) {
+  Status& failure = dispatching_ ? dispatcher_.GetDelegateStatus(thread) : directStatus_;
+  if (!peakFrames_ || !auxiliary_ || !frames_ || !surface_ || !algorithm_) {
+    failure = Status(0, StatusCode::kArgumentOutOfRange, kLineMissingInput, kSource,
+                     "A matrix, the frame buffer or the algorithm went missing during the run");
+    return;
+  }
+  switch (frames_->GetElementRes()) {
+    case FrameBuffer::kRes8Bit:
+      ProcessPixelsAs<std::uint8_t>(thread, begin, end, failure);
+      return;
+    case FrameBuffer::kRes16Bit:
+      ProcessPixelsAs<std::uint16_t>(thread, begin, end, failure);
+      return;
+    case FrameBuffer::kRes32Bit:
+      ProcessPixelsAs<std::int32_t>(thread, begin, end, failure);
+      return;
+  }
+}
+
+template <typename Stored>
+void PhaseGenerator::ProcessPixelsAs(int thread, int begin, int end, Status& failure) {
+  PhaseAlgorithm& algorithm = *runAlgorithm_;
+  double* const signal = algorithm.GetDataArray(thread);
+  const int length = algorithm.GetDataArraySize(thread);
+  const int q = algorithm.GetQSize();
+  const int scanned = frames_->GetNumberOfFrames();
+  const int stored = frames_->GetFramesStored();
+  const detail::LoaderGeometry geometry{stored, scanned, q};
+
+  std::vector<int> trace;
+  if (const Analysis::Core::Array<int>* all = algorithm.TracePixels()) {
+    for (const int pixel : *all) {
+      if (pixel >= begin && pixel < end) trace.push_back(pixel);
+    }
+  }
+
+  const bool ring = scanned != stored;
+  bool windowed = false;
+  if (!ring) {
+    windowed = !SameSize(*peakFrames_, *surface_) || algorithm.NeedDiscriminator() || length < stored;
+  }
+  // What the chosen loader writes must fit the thread's buffer.
+  const int written = (ring || !windowed) ? stored : q;
+  if (!signal || length < written || (windowed && (q < 1 || q > stored))) {
+    failure = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+                     "The algorithm's signal buffer holds " + std::to_string(length) +
+                         " samples, the loader writes " + std::to_string(written));
+    return;
+  }
+
+  const bool reversed = frames_->GetScanDirection() < 0;
+  if (reversed) {
+    if (ring) return PixelLoop<Stored>(detail::ReversedRing{geometry}, thread, begin, end, signal, trace);
+    if (windowed)
+      return PixelLoop<Stored>(detail::ReversedWindowed{geometry}, thread, begin, end, signal, trace);
+    return PixelLoop<Stored>(detail::ReversedWhole{geometry}, thread, begin, end, signal, trace);
+  }
+  if (ring) return PixelLoop<Stored>(detail::ForwardRing{geometry}, thread, begin, end, signal, trace);
+  if (windowed)
+    return PixelLoop<Stored>(detail::ForwardWindowed{geometry}, thread, begin, end, signal, trace);
+  return PixelLoop<Stored>(detail::ForwardWhole{geometry}, thread, begin, end, signal, trace);
+}
+
+template <typename Stored, typename Loader>
+void PhaseGenerator::PixelLoop(const Loader& load, int thread, int begin, int end, double* signal,
+                               const std::vector<int>& tracePixels) {
+  PhaseAlgorithm& algorithm = *runAlgorithm_;
+  const int skip = algorithm.GetSkipCount();
+  const std::int64_t step = std::max(skip, 1);
+  const bool havePeaks = SameSize(*peakFrames_, *surface_) && SameSize(*auxiliary_, *surface_);
+  const int* peaks = havePeaks ? peakFrames_->Data() : nullptr;
+  const int* aux = havePeaks ? auxiliary_->Data() : nullptr;
+  const double* mask = surface_->Data();
+  const bool intensity = algorithm.GetRemoveFringes() != FringeRemovalMethod::kNone;
+  const void* const* slots = slots_.data();
+
+  const auto visit = [&](int pixel, const auto& samples) {
+    int peak = peaks ? peaks[pixel] : 0;
+    const int auxiliary = aux ? aux[pixel] : 0;
+    if (!tracePixels.empty()) SetDebugFlag(thread, tracePixels, pixel, skip);
+    const bool evaluate = DoubleMatrix2D::IsDataValid(mask[pixel]);
+    // A masked pixel without an intensity to make needs no signal at all.
+    if (!evaluate && !intensity) return;
+    peak = load(samples, signal, peak);
+    if (evaluate) {
+      algorithm.ProcessPixel(thread, pixel, peak, auxiliary);
+    } else {
+      algorithm.RemoveFringes(thread, pixel, peak);
+    }
+  };
+
+  if (!useFastPath_) {
+    // Reference: every sample straight from its frame.
+    for (std::int64_t index = begin; index < end; index += step) {
+      const int pixel = static_cast<int>(index);
+      visit(pixel, detail::PixelSamples<Stored>{slots, pixel});
+    }
+    return;
+  }
+
+  // Fast path: the frames of a block of pixels are first copied into a compact block, frame by
+  // frame. Frame planes of power-of-two size (512 x 512 bytes) lie a multiple of the cache's way
+  // size apart, so the samples of one pixel all compete for one cache set; in the block they are a
+  // block width apart and fill different sets. The copy reads every frame once, in whole lines.
+  const int stored = frames_->GetFramesStored();
+  std::vector<Stored> block(static_cast<std::size_t>(detail::kBlockPixels) *
+                            static_cast<std::size_t>(stored));
+  // The slots the pixels of a block read: only those are copied (a window of 64 of 256 frames).
+  const auto slotsOf = [&](int first, int width, int& lo, int& hi) {
+    lo = stored;
+    hi = 0;
+    for (int i = 0; i < width; ++i)
+      load.Needs(peaks ? peaks[first + i] : 0, lo, hi);
+  };
+  const auto widthAt = [end](std::int64_t first) {
+    return static_cast<int>(std::min<std::int64_t>(detail::kBlockPixels, end - first));
+  };
+  // Blocks start at a processed pixel; with a stride the next one starts at the first processed pixel
+  // past the block.
+  const auto firstProcessedFrom = [begin, step](std::int64_t from) {
+    return from <= begin ? std::int64_t{begin} : begin + (from - begin + step - 1) / step * step;
+  };
+  std::int64_t index = begin;
+  int lo = 0, hi = 0;
+  if (index < end) slotsOf(begin, widthAt(begin), lo, hi);
+  while (index < end) {
+    const int blockStart = static_cast<int>(index);
+    const int width = widthAt(index);
+    detail::CopyBlock<Stored>(slots, lo, hi, blockStart, width, block.data());
+    const std::int64_t next = firstProcessedFrom(std::int64_t{blockStart} + width);
+    int nextLo = 0, nextHi = 0;
+    if (next < end) {
+      slotsOf(static_cast<int>(next), widthAt(next), nextLo, nextHi);
+      detail::PrefetchBlock<Stored>(slots, nextLo, nextHi, static_cast<int>(next), widthAt(next));
+    }
+    for (; index < blockStart + width; index += step) {
+      const int pixel = static_cast<int>(index);
+      visit(pixel, detail::BlockSamples<Stored>{block.data(), pixel - blockStart});
+    }
+    lo = nextLo;
+    hi = nextHi;
+  }
+}
+
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli

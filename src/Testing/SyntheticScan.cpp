@@ -1,0 +1,114 @@
+#include "Testing/SyntheticScan.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <numbers>
+#include <vector>
+
+namespace Quarn::Testing {
+
+using Core::FrameBuffer;
+
+namespace {
+
+// exp(-(pi dsigma x)^2 / (4 ln 2)) is below 1e-12 beyond this many envelope widths: no fringe
+// term is computed there.
+constexpr double kEnvelopeReach = 3.0;
+
+struct Model {
+  double twoPiSigma0;     // 2 pi / lambda0, per nanometre of path
+  double envelopeFactor;  // (pi dsigma)^2 / (4 ln 2), per nanometre^2 of path
+  double reachNm;         // |z - H| beyond which the envelope is negligible
+
+  explicit Model(const ScanSettings& s) {
+    const double sigma0 = 1.0 / s.light.centreWavelengthNm;
+    const double dsigma = s.light.bandwidthNm / (s.light.centreWavelengthNm * s.light.centreWavelengthNm);
+    twoPiSigma0 = 2.0 * std::numbers::pi * sigma0;
+    envelopeFactor = (std::numbers::pi * dsigma) * (std::numbers::pi * dsigma) / (4.0 * std::numbers::ln2);
+    reachNm = kEnvelopeReach * CoherenceLengthNm(s.light);
+  }
+
+  double Intensity(const ScanSettings& s, double heightNm, double zNm) const {
+    if (std::abs(zNm - heightNm) > reachNm) return s.biasCounts;
+    const double x = 2.0 * (zNm - heightNm);
+    return s.biasCounts + s.modulationCounts * std::exp(-envelopeFactor * x * x) *
+                              std::cos(twoPiSigma0 * x + s.reflectionPhaseRad);
+  }
+};
+
+}  // namespace
+
+double CoherenceLengthNm(const ScanLight& light) {
+  // FWHM of exp(-(pi dsigma x)^2 / (4 ln 2)) in path is 4 ln 2 / (pi dsigma); the scan moves half as far.
+  const double dsigma = light.bandwidthNm / (light.centreWavelengthNm * light.centreWavelengthNm);
+  return 2.0 * std::numbers::ln2 / (std::numbers::pi * dsigma);
+}
+
+double ScanIntensity(const ScanSettings& settings, double heightNm, double zNm) {
+  return Model(settings).Intensity(settings, heightNm, zNm);
+}
+
+int TruePeakFrame(const ScanSettings& settings, double heightNm) {
+  const int frame = static_cast<int>(std::lround(heightNm / settings.scanStepNm));
+  return settings.scanDirection < 0 ? settings.framesScanned - frame : frame;
+}
+
+bool MakeSyntheticScan(FrameBuffer& frames, const ScanSettings& settings,
+                       const std::function<double(int row, int col)>& heightNm, SeededRandom* random,
+                       const Core::IntMatrix2D* ringCentres) {
+  const int scanned = settings.framesScanned;
+  const int stored = settings.framesStored > 0 ? settings.framesStored : scanned;
+  const bool ring = stored != scanned;
+  if (ring &&
+      (!ringCentres || ringCentres->GetCount() < static_cast<std::int64_t>(settings.rows) * settings.cols)) {
+    return false;
+  }
+  if (!frames.Allocate(Core::Window2D(0, 0, settings.rows, settings.cols), scanned, settings.resolution,
+                       stored, settings.scanDirection)) {
+    return false;
+  }
+  const Model model(settings);
+  const double maxValue = frames.GetMaxValue();
+  const bool noisy = random && settings.noiseSigmaCounts > 0.0;
+  const bool reversed = settings.scanDirection < 0;
+  // Scan positions 0 .. F in steps: a forward scan uses 0 .. F-1, a reversed one 1 .. F. One noise
+  // value is drawn per position, in position order, so both directions see the same noise.
+  std::vector<double> samples(static_cast<std::size_t>(scanned) + 1);
+  for (int r = 0; r < settings.rows; ++r) {
+    for (int c = 0; c < settings.cols; ++c) {
+      const std::size_t pixel =
+          static_cast<std::size_t>(r) * static_cast<std::size_t>(settings.cols) + static_cast<std::size_t>(c);
+      const double h = heightNm(r, c);
+      for (int position = 0; position <= scanned; ++position) {
+        double value = model.Intensity(settings, h, position * settings.scanStepNm);
+        if (noisy) value += random->Normal(settings.noiseSigmaCounts);
+        samples[static_cast<std::size_t>(position)] = std::clamp(std::round(value), 0.0, maxValue);
+      }
+      int firstKept = 0;
+      if (ring) {
+        const int centre = ringCentres->At(static_cast<std::int64_t>(pixel));
+        firstKept =
+            (centre >= stored / 2 && centre < scanned - stored / 2) ? centre - stored / 2 : scanned - stored;
+      }
+      for (int frame = firstKept; frame < firstKept + stored; ++frame) {
+        const double value = samples[static_cast<std::size_t>(reversed ? scanned - frame : frame)];
+        void* slot = frames.GetFrameData(frames.GetSlotOfFrame(frame));
+        switch (frames.GetElementRes()) {
+          case FrameBuffer::kRes8Bit:
+            static_cast<std::uint8_t*>(slot)[pixel] = static_cast<std::uint8_t>(value);
+            break;
+          case FrameBuffer::kRes16Bit:
+            static_cast<std::uint16_t*>(slot)[pixel] = static_cast<std::uint16_t>(value);
+            break;
+          case FrameBuffer::kRes32Bit:
+            static_cast<std::int32_t*>(slot)[pixel] = static_cast<std::int32_t>(value);
+            break;
+        }
+      }
+    }
+  }
+  return true;
+}
+
+}  // namespace Quarn::Testing

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <functional>
+
+#include "Analysis/Core/FrameBuffer.h"
+#include "Analysis/Core/IntMatrix2D.h"
+#include "Testing/SeededRandom.h"
+
+namespace Quarn::Testing {
+
+namespace Core = ::Quarn::Metrology::Analysis::Core;
+
+// The light of a white-light interferometer: a Gaussian spectrum in wavenumber with the given centre
+// wavelength and full width at half maximum (in wavelength, converted as d(1/lambda) = dlambda /
+// lambda^2).
+struct ScanLight {
+  double centreWavelengthNm = 600.0;
+  double bandwidthNm = 100.0;
+};
+
+// A coherence scan of a surface, as a camera records it.
+//
+// Geometry: frame k of a forward scan is taken with the reference at scan position k x step; a
+// reversed scan runs the other way, frame k at (F - k) x step, so that its frame p sees what frame
+// F - p of the forward scan sees. A surface point at height H (nanometres, along the scan) sees an
+// optical path difference x = 2 (z - H) and the intensity
+//
+//   I = bias + modulation exp(-(pi dsigma x)^2 / (4 ln 2)) cos(2 pi x / lambda0 + reflectionPhase)
+//
+// (the interference of a Gaussian spectrum of centre 1/lambda0 and width dsigma): fringes of half
+// the centre wavelength under an envelope of full width at half maximum 0.44 lambda0^2 / bandwidth
+// in scan (1.6 um for 600 nm light of 100 nm bandwidth), centred on z = H. Gaussian noise of the
+// given sigma is added, and the result is rounded and clipped to [0, saturation] as the camera
+// delivers it.
+//
+// Storage: the whole scan (framesStored 0), or a ring of S slots (frame f in slot f mod S) that, as
+// a host does around each pixel's peak, keeps frames c - S/2 .. c + S/2 - 1 of every pixel, c being
+// the pixel's entry in `ringCentres` (the stored-frame peak the host found); where that window would
+// leave the scan the ring holds the last S frames.
+//
+// The noise of a pixel depends only on the scan position, not on the direction or the storage, so
+// scans of one surface in different layouts carry the same samples.
+struct ScanSettings {
+  int rows = 32;
+  int cols = 32;
+  int framesScanned = 256;
+  int framesStored = 0;
+  double scanStepNm = 80.0;
+  ScanLight light;
+  double biasCounts = 100.0;
+  double modulationCounts = 60.0;
+  double reflectionPhaseRad = 0.0;
+  double noiseSigmaCounts = 0.0;
+  Core::FrameBuffer::ElementRes resolution = Core::FrameBuffer::kRes8Bit;
+  int scanDirection = 1;
+};
+
+// Allocates `frames` and records the scan of the surface `heightNm(row, col)`. `random` supplies the
+// noise (required when noiseSigmaCounts > 0); `ringCentres` is required for ring storage. Returns
+// false when the settings cannot be allocated.
+bool MakeSyntheticScan(Core::FrameBuffer& frames, const ScanSettings& settings,
+                       const std::function<double(int row, int col)>& heightNm,
+                       SeededRandom* random = nullptr, const Core::IntMatrix2D* ringCentres = nullptr);
+
+// The intensity of one sample, without noise and rounding: the model above at scan position zNm.
+double ScanIntensity(const ScanSettings& settings, double heightNm, double zNm);
+
+// The stored frame nearest to where the envelope of a surface at `heightNm` peaks: round(H / step),
+// or F - round(H / step) for a reversed scan. What an ideal coherence discriminator reports.
+int TruePeakFrame(const ScanSettings& settings, double heightNm);
+
+// Full width at half maximum of the coherence envelope along the scan, nanometres.
+double CoherenceLengthNm(const ScanLight& light);
+
+}  // namespace Quarn::Testing

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "Analysis/Core/FrameBuffer.h"
+#include "Analysis/Core/IntMatrix2D.h"
+
+namespace Quarn::Qphase {
+
+namespace Core = ::Quarn::Metrology::Analysis::Core;
+
+// FindPeakFrames
+//
+// The coherence discriminator of the tool: for every pixel of a white-light scan, the stored frame
+// at which its fringes are strongest, which the evaluation then centres its signal window on.
+//
+// Fringes change the intensity from frame to frame, and the more so the stronger they are; a
+// constant or slowly varying background does not. The fringe energy at frame k is
+//
+//   E(k) = sum over j = k-4 .. k+4 of (s[j+1] - s[j-1])^2,
+//
+// the squared two-frame differences (which see fringes of about four frames per period best) summed
+// over nine frames (about two fringes, which smooths away the fringe's own phase). The peak frame
+// is the k of largest E (on ties the one the scan reached first), searched over k = 5 .. F-6 so
+// that every window is complete; a pixel whose signal never changes gets peak frame 0 ("unknown").
+// The result is a stored frame: for a reversed scan, frame p sits where frame F - p of a forward
+// scan would, and the generator mirrors it so.
+//
+// Sums of squared integer differences are exact in double precision, so the result does not depend
+// on the number of threads (rows are shared among them).
+//
+// `peakFrames` is resized to the frame buffer's window.
+void FindPeakFrames(Core::FrameBuffer& frames, Core::IntMatrix2D& peakFrames, int threads);
+
+}  // namespace Quarn::Qphase

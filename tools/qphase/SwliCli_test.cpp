@@ -1,0 +1,221 @@
+// qphase swli seen from a shell: heights of known surfaces, exit statuses, messages and leftovers.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Analysis/Core/DoubleMatrix2D.h"
+#include "Analysis/Core/FrameBuffer.h"
+#include "Testing/SeededRandom.h"
+#include "Testing/SyntheticScan.h"
+#include "TiffIO.h"
+
+namespace Quarn::Qphase {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr double kStepNm = 80.0;
+
+struct RunResult {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+// A tilted plane with a 300 nm step: frames 80 to 95 of a 160-frame scan.
+double Surface(int r, int c) {
+  return 6400.0 + 19.0 * r + 13.0 * c + (c >= 16 ? 300.0 : 0.0);
+}
+
+class SwliCliTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::path(::testing::TempDir()) / ("qphase_swli_" + std::to_string(getpid()) + "_" +
+                                             ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
+
+  RunResult Run(const std::string& arguments) const {
+    const std::string out = Path("stdout.txt"), err = Path("stderr.txt");
+    const std::string command = std::string(QPHASE_BINARY) + " " + arguments + " >" + out + " 2>" + err;
+    const int raw = std::system(command.c_str());
+    RunResult result;
+    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    result.out = Slurp(out);
+    result.err = Slurp(err);
+    fs::remove(out);
+    fs::remove(err);
+    return result;
+  }
+
+  static std::string Slurp(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+
+  static Testing::ScanSettings Settings(int direction = 1) {
+    Testing::ScanSettings s;
+    s.rows = 20;
+    s.cols = 28;
+    s.framesScanned = 160;
+    s.scanStepNm = kStepNm;
+    s.noiseSigmaCounts = 1.0;
+    s.scanDirection = direction;
+    return s;
+  }
+
+  std::string WriteScan(const std::string& name, const Testing::ScanSettings& settings) const {
+    Testing::SeededRandom random(71);
+    Core::FrameBuffer frames;
+    EXPECT_TRUE(Testing::MakeSyntheticScan(frames, settings, Surface, &random));
+    WriteTiffStack(Path(name), frames);
+    return Path(name);
+  }
+
+  std::vector<std::string> Leftovers(std::initializer_list<std::string> expected) const {
+    std::vector<std::string> extra;
+    for (const auto& entry : fs::directory_iterator(dir_)) {
+      const std::string name = entry.path().filename().string();
+      if (std::find(expected.begin(), expected.end(), name) == expected.end()) extra.push_back(name);
+    }
+    return extra;
+  }
+
+  fs::path dir_;
+};
+
+TEST_F(SwliCliTest, HelpExplainsTheDiscriminatorAndTheHeights) {
+  const RunResult result = Run("swli --help");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.out.find("Usage"), std::string::npos);
+  EXPECT_NE(result.out.find("fringe energy"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("nanometres"), std::string::npos) << result.out;
+}
+
+// The frequency-domain analysis through the tool: the surface to within 2.5 nm (see the library's
+// accuracy test: about 0.3 nm RMS per count of noise; the float file keeps 0.001 nm), the intensity
+// at the bias (fringes of 3.75 frames per period leave a few counts in the 8-frame window), a
+// preview, and nothing else on disk.
+TEST_F(SwliCliTest, FdaWritesHeightsIntensityAndAPreview) {
+  const std::string scan = WriteScan("scan.tif", Settings());
+  const RunResult result =
+      Run("swli " + scan + " -o " + Path("height.tif") + " --scan-step 80 --algorithm fda" + " --intensity " +
+          Path("intensity.tif") + " --png " + Path("height.png") + " --threads 2");
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("algorithm fda: 100.0 % valid"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("equivalent wavelength 30"), std::string::npos) << result.out;
+  EXPECT_GT(fs::file_size(Path("height.png")), 1000u);
+  EXPECT_TRUE(Leftovers({"scan.tif", "height.tif", "intensity.tif", "height.png"}).empty());
+
+  Core::DoubleMatrix2D height, intensity;
+  ReadFloatTiff(Path("height.tif"), height);
+  ReadFloatTiff(Path("intensity.tif"), intensity);
+  ASSERT_EQ(height.GetRows(), 20);
+  ASSERT_EQ(height.GetColumns(), 28);
+  for (int r = 0; r < 20; ++r) {
+    for (int c = 0; c < 28; ++c) {
+      EXPECT_NEAR(height(r, c), Surface(r, c), 2.5) << r << "," << c;
+      EXPECT_NEAR(intensity(r, c), 100.0, 8.0) << r << "," << c;
+    }
+  }
+}
+
+// The centroid through the tool lands within a tenth of the coherence length of the surface (one
+// step above it, by its convention); the same surface scanned the other way gives the same file
+// contents, and so does any thread count.
+TEST_F(SwliCliTest, CentroidHeightsAgreeAcrossDirectionsAndThreads) {
+  const std::string forward = WriteScan("forward.tif", Settings(1));
+  const std::string reversed = WriteScan("reversed.tif", Settings(-1));
+  ASSERT_EQ(Run("swli " + forward + " -o " + Path("f.tif") + " --scan-step 80 --threads 0").status, 0);
+  ASSERT_EQ(Run("swli " + forward + " -o " + Path("f3.tif") + " --scan-step 80 --threads 3").status, 0);
+  const RunResult result = Run("swli " + reversed + " -o " + Path("r.tif") + " --scan-step 80 --reverse");
+  ASSERT_EQ(result.status, 0) << result.err;
+  Core::DoubleMatrix2D f, f3, r;
+  ReadFloatTiff(Path("f.tif"), f);
+  ReadFloatTiff(Path("f3.tif"), f3);
+  ReadFloatTiff(Path("r.tif"), r);
+  const double tolerance = 0.1 * Testing::CoherenceLengthNm(Testing::ScanLight{});
+  for (int row = 0; row < 20; ++row) {
+    for (int c = 0; c < 28; ++c) {
+      EXPECT_NEAR(f(row, c), Surface(row, c) + kStepNm, tolerance) << row << "," << c;
+      EXPECT_EQ(r(row, c), f(row, c)) << row << "," << c;
+      EXPECT_EQ(f3(row, c), f(row, c)) << row << "," << c;
+    }
+  }
+}
+
+TEST_F(SwliCliTest, NoValidPixelIsExitStatus1AndNothingIsWritten) {
+  Testing::ScanSettings flat = Settings();
+  flat.modulationCounts = 3.0;  // far below 15 % of 255
+  const std::string scan = WriteScan("weak.tif", flat);
+  RunResult result = Run("swli " + scan + " -o " + Path("h.tif") + " --scan-step 80 --intensity " +
+                         Path("i.tif") + " --png " + Path("h.png"));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find("no valid pixel in " + scan), std::string::npos) << result.err;
+  EXPECT_TRUE(Leftovers({"weak.tif"}).empty()) << "a failed run must not leave files";
+
+  // Fringes sampled at 40 nm lie outside the FDA's band: the message says what the FDA needs.
+  Testing::ScanSettings fine = Settings();
+  fine.scanStepNm = 40.0;
+  fine.framesScanned = 320;
+  const std::string fineScan = WriteScan("fine.tif", fine);
+  result = Run("swli " + fineScan + " -o " + Path("h.tif") + " --scan-step 40 --algorithm fda");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find("bins 13 .. 21"), std::string::npos) << result.err;
+  // The centroid does not mind the step.
+  EXPECT_EQ(Run("swli " + fineScan + " -o " + Path("h.tif") + " --scan-step 40").status, 0);
+}
+
+TEST_F(SwliCliTest, UsageErrorsAreExitStatus2WithTheProblemNamed) {
+  const std::string scan = WriteScan("scan.tif", Settings());
+  RunResult result = Run("swli " + scan + " -o " + Path("h.tif"));
+  EXPECT_EQ(result.status, 2) << "the scan step is required";
+
+  result = Run("swli " + scan + " -o " + Path("h.tif") + " --scan-step 80 --algorithm hilbert");
+  EXPECT_EQ(result.status, 2);
+
+  result = Run("swli " + scan + " -o " + Path("h.tif") +
+               " --scan-step 80 --fringe-removal none --intensity " + Path("i.tif"));
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("--intensity needs a fringe-removal method"), std::string::npos) << result.err;
+
+  Testing::ScanSettings shortScan = Settings();
+  shortScan.framesScanned = 64;
+  const std::string sixtyFour = WriteScan("short.tif", shortScan);
+  result = Run("swli " + sixtyFour + " -o " + Path("h.tif") + " --scan-step 80");
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("short.tif has 64 frames"), std::string::npos) << result.err;
+
+  result = Run("swli " + Path("absent.tif") + " -o " + Path("h.tif") + " --scan-step 80");
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("absent.tif"), std::string::npos) << result.err;
+
+  std::ofstream(Path("notes.tif")) << "plain text\n";
+  result = Run("swli " + Path("notes.tif") + " -o " + Path("h.tif") + " --scan-step 80");
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("notes.tif: not a readable TIFF file"), std::string::npos) << result.err;
+
+  result = Run("swli " + scan + " -o " + Path("no/such/dir/h.tif") + " --scan-step 80");
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("no/such/dir"), std::string::npos) << result.err;
+  EXPECT_TRUE(Leftovers({"scan.tif", "short.tif", "notes.tif"}).empty());
+}
+
+}  // namespace
+}  // namespace Quarn::Qphase

@@ -1,0 +1,229 @@
+// qphase swli: a white-light (coherence) scan, one TIFF page per scan frame, into a height map.
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <future>
+#include <memory>
+#include <string>
+
+#include "Analysis/Core/CTimer.h"
+#include "Analysis/Core/DebugChannel.h"
+#include "Analysis/Core/DoubleMatrix2D.h"
+#include "Analysis/Core/FrameBuffer.h"
+#include "Analysis/Core/IntMatrix2D.h"
+#include "Analysis/Core/LinearConverter.h"
+#include "Analysis/Core/Threading/CpuCounter.h"
+#include "Analysis/Core/UnitNumber.h"
+#include "CoherenceDiscriminator.h"
+#include "CommandRegistry.h"
+#include "MapPreview.h"
+#include "OutputFiles.h"
+#include "Swli/PhaseAlgorithmCentroid.h"
+#include "Swli/PhaseAlgorithmFda.h"
+#include "Swli/PhaseGenerator.h"
+#include "TiffIO.h"
+#include "ToolError.h"
+
+namespace Quarn::Qphase {
+
+namespace {
+
+namespace Swli = ::Quarn::Metrology::PhaseProcessing::Core::Swli;
+namespace StatusCode = Core::StatusCode;
+
+// The signal window the algorithms cut around each pixel's peak.
+constexpr int kSignalFrames = 64;
+
+struct SwliOptions {
+  std::string scan;
+  std::string heightOut;
+  std::string intensityOut;
+  std::string pngOut;
+  std::string algorithm = "centroid";
+  double scanStepNm = 0.0;
+  double minModulation = 15.0;
+  std::string fringeRemoval = "standard";
+  bool reverse = false;
+  int maxValue = 0;
+  int threads = -1;
+};
+
+std::string FormatNumber(double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", value);
+  return text;
+}
+
+Swli::FringeRemovalMethod MethodFor(const std::string& name) {
+  if (name == "none") return Swli::FringeRemovalMethod::kNone;
+  if (name == "64full") return Swli::FringeRemovalMethod::k64Bucket;
+  return Swli::FringeRemovalMethod::kStandard;
+}
+
+// Why no pixel got a height, in the terms of the chosen algorithm.
+std::string NoValidPixelReason(const SwliOptions& options, int maxValue) {
+  std::string reason = "no pixel has fringes modulated by at least " + FormatNumber(options.minModulation) +
+                       " % of the saturation level " + std::to_string(maxValue) +
+                       " within its 64-frame window, at least 32 frames from either end of the scan";
+  if (options.algorithm == "fda") {
+    reason +=
+        ", with its fringe frequency in bins 13 .. 21 of 64 (a scan step of about a tenth to a sixth of the "
+        "centre wavelength, e.g. 60 to 100 nm for 600 nm light)";
+  }
+  return reason;
+}
+
+int RunSwli(const SwliOptions& options) {
+  Core::CTimer stage;
+  Core::FrameBuffer frames;
+  const TiffStackInfo info = ReadTiffStack(options.scan, frames, 0, options.reverse ? -1 : 1);
+  Core::debug_printf("qphase swli: read %s: %g ms\n", options.scan.c_str(), stage.Restart() / 1000.0);
+  if (info.pages <= kSignalFrames) {
+    throw UsageError(
+        options.scan + " has " + std::to_string(info.pages) +
+        " frames; a white-light evaluation cuts a 64-frame window around each pixel's peak and needs "
+        "more than 64");
+  }
+  if (!options.intensityOut.empty() && options.fringeRemoval == "none") {
+    throw UsageError(
+        "--intensity needs a fringe-removal method; --fringe-removal none makes no intensity map");
+  }
+  if (options.maxValue > 0) frames.SetMaxValue(options.maxValue);
+
+  const auto start = std::chrono::steady_clock::now();
+  const int threads = options.threads < 0 ? Core::Threading::CpuCounter::Instance().GetNumberOfProcessors()
+                                          : std::max(options.threads, 1);
+  Core::IntMatrix2D peaks;
+  FindPeakFrames(frames, peaks, threads);
+  Core::IntMatrix2D auxiliary(info.rows, info.cols);
+  auxiliary.SetAll(0);
+  Core::debug_printf("qphase swli: peak frames found: %g ms\n", stage.Restart() / 1000.0);
+
+  Swli::PhaseAlgorithmCentroid centroid;
+  Swli::PhaseAlgorithmFda fda;
+  Swli::PhaseAlgorithm& algorithm = options.algorithm == "fda" ? static_cast<Swli::PhaseAlgorithm&>(fda)
+                                                               : static_cast<Swli::PhaseAlgorithm&>(centroid);
+  centroid.SetMinimumModulation(options.minModulation);
+  fda.SetMinimumModulation(options.minModulation);
+  algorithm.SetScanIncrement(
+      Core::UnitNumber(options.scanStepNm, Core::LinearConverter(Core::Units::kNanometers)));
+  algorithm.SetRemoveFringes(MethodFor(options.fringeRemoval));
+  Core::IntMatrix2D intensity;
+  algorithm.SetIntensityMatrix(intensity);
+
+  Swli::PhaseGenerator generator(&algorithm);
+  generator.SetAllowMultiThreads(threads > 1);
+  generator.SetMaxNumThreads(threads);
+  Core::DoubleMatrix2D height(info.rows, info.cols);
+  height.SetAll(0.0);  // every pixel is evaluated
+  generator.Process(frames, peaks, auxiliary, height);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  Core::debug_printf("qphase swli: evaluated: %g ms\n", stage.Restart() / 1000.0);
+
+  const Core::Status& status = generator.GetStatus();
+  if (status.GetCode() == StatusCode::kNoValidResult) {
+    throw NoResultError("no valid pixel in " + options.scan + ": " +
+                        NoValidPixelReason(options, frames.GetMaxValue()) + "; nothing written");
+  }
+  if (status.IsError()) throw UsageError(options.scan + ": " + status.GetPrintString());
+
+  OutputFiles outputs;
+  const std::string heightPath = outputs.Stage(options.heightOut);
+  const std::string intensityPath =
+      options.intensityOut.empty() ? std::string() : outputs.Stage(options.intensityOut);
+  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut);
+  std::int64_t validPixels = 0;
+  std::future<void> others = std::async(std::launch::async, [&] {
+    validPixels = height.CountValid();
+    if (!intensityPath.empty()) {
+      Core::DoubleMatrix2D counts(info.rows, info.cols);
+      for (std::int64_t i = 0; i < counts.GetCount(); ++i) {
+        const int v = intensity.At(i);
+        counts.At(i) =
+            Core::IntMatrix2D::IsNoData(v) ? Core::DoubleMatrix2D::NoData() : static_cast<double>(v);
+      }
+      WriteFloatTiff(intensityPath, counts);
+    }
+    if (!pngPath.empty()) WritePreviewPng(pngPath, height, PreviewStyle{"height", "nm"});
+  });
+  std::exception_ptr failure;
+  try {
+    WriteFloatTiff(heightPath, height);
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  others.get();
+  if (failure) std::rethrow_exception(failure);
+  outputs.Commit();
+  Core::debug_printf("qphase swli: files written: %g ms\n", stage.Restart() / 1000.0);
+
+  const double valid = static_cast<double>(validPixels) / static_cast<double>(height.GetCount());
+  std::printf("%s: %d x %d, %d frames of %d bits, algorithm %s: %.1f %% valid", options.scan.c_str(),
+              info.cols, info.rows, info.pages, info.bitsPerSample, options.algorithm.c_str(), 100.0 * valid);
+  if (options.algorithm == "fda") {
+    std::printf(", equivalent wavelength %.2f nm, average gap %.2f nm", fda.GetWaveLength(),
+                fda.GetAverageGap());
+  }
+  std::printf(", evaluated in %.1f ms\n", 1e3 * seconds);
+  return kExitSuccess;
+}
+
+std::function<int()> SetupSwli(CLI::App& app) {
+  auto options = std::make_shared<SwliOptions>();
+  app.footer(
+      "Heights are positions along the scan in nanometres: frame k of a forward scan is at k x the scan "
+      "step. Each "
+      "pixel's peak frame is where its fringe energy, the sum of (s[j+1] - s[j-1])^2 over the nine frames "
+      "around it, "
+      "is largest; a 64-frame window is cut around it. The centroid places the surface at the centre of mass "
+      "of the "
+      "fringe envelope (robust, any scan step; its heights count positions from one, one step above the "
+      "FDA's); the "
+      "frequency-domain analysis (fda) fits the phase of the fringe spectrum (nanometre precision; it needs "
+      "a scan "
+      "step of about a tenth to a sixth of the centre wavelength, e.g. 75 nm for 600 nm light).");
+  app.add_option("scan", options->scan, "Multi-page TIFF, one 8- or 16-bit grayscale page per scan frame")
+      ->required()
+      ->check(CLI::ExistingFile);
+  app.add_option("-o,--output", options->heightOut,
+                 "Height map to write: 32-bit float TIFF, nanometres, NaN = no data")
+      ->required();
+  app.add_option("--scan-step", options->scanStepNm, "Distance the scan moves between frames, nanometres")
+      ->required()
+      ->check(CLI::PositiveNumber);
+  app.add_option("--algorithm", options->algorithm, "centroid or fda")
+      ->check(CLI::IsMember({"centroid", "fda"}))
+      ->capture_default_str();
+  app.add_option("--intensity", options->intensityOut,
+                 "Fringe-free intensity map to write (32-bit float TIFF, counts)");
+  app.add_option(
+         "--min-modulation", options->minModulation,
+         "Pixels whose fringes are modulated less than this percentage of the saturation level get no height")
+      ->check(CLI::Range(0.0, 100.0))
+      ->capture_default_str();
+  app.add_option(
+         "--fringe-removal", options->fringeRemoval,
+         "How the intensity is freed of fringes: standard (8 frames weighted 1 1 3 3 3 3 1 1 at the peak), "
+         "64full (the mean of the 64-frame window) or none (no intensity map)")
+      ->check(CLI::IsMember({"none", "standard", "64full"}))
+      ->capture_default_str();
+  app.add_flag("--reverse", options->reverse,
+               "The scan ran the other way: frame k was taken at (frames - k) x the scan step");
+  app.add_option("--max-value", options->maxValue,
+                 "Saturation level (default: the sample type's maximum, e.g. 4095 for a 12-bit camera)")
+      ->check(CLI::PositiveNumber);
+  app.add_option("--threads", options->threads,
+                 "Worker threads (0 or 1: the calling thread only; default: all)")
+      ->check(CLI::NonNegativeNumber);
+  app.add_option("--png", options->pngOut, "Colour preview of the heights with a colour bar");
+  return [options] { return RunSwli(*options); };
+}
+
+[[maybe_unused]] const bool registered =
+    RegisterCommand({"swli", "Surface heights from a white-light (coherence) scan", SetupSwli});
+
+}  // namespace
+
+}  // namespace Quarn::Qphase

@@ -63,6 +63,11 @@ void BM_DetectSpotPosition(benchmark::State& state) {
   state.counters["memcpy_passes"] = perRun / memcpySeconds;
 }
 
-BENCHMARK(BM_DetectSpotPosition)->ArgName("halfWidth")->Arg(1024)->Arg(256)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_DetectSpotPosition)
+    ->ArgName("halfWidth")
+    ->Arg(1024)
+    ->Arg(256)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 }  // namespace

@@ -24,8 +24,12 @@ AsdController::~AsdController() = default;
 
 AsdSpotPosition AsdController::DetectSpotPosition() {
   if (!board_) return AsdSpotPosition::DetectionFailed;
-  if (!CheckWired() || !SigmaClipping() || !ApplyMask()) return AsdSpotPosition::DetectionFailed;
-  if (!InputImageHasTooManySaturatedPixels()) return AsdSpotPosition::TooManySaturatedPixels;
+  if (!CheckWired()) return AsdSpotPosition::DetectionFailed;
+  // Steps 2 to 4 in one pass over the image: the same images and count as SigmaClipping, ApplyMask
+  // and InputImageHasTooManySaturatedPixels in turn.
+  std::int64_t saturated = 0;
+  if (!SigmaClippingMaskAndCount(saturated)) return AsdSpotPosition::DetectionFailed;
+  if (saturated > board_->maxNumberOfSaturatedPixels) return AsdSpotPosition::TooManySaturatedPixels;
   if (!Regionize()) return AsdSpotPosition::DetectionFailed;
   if (SpotListEmpty()) return AsdSpotPosition::NoSignificantSpot;
   if (!DropInsignificantRegions()) return AsdSpotPosition::DetectionFailed;
@@ -54,20 +58,39 @@ bool AsdController::CheckWired() {
       .Passed();
 }
 
-bool AsdController::SigmaClipping() {
+void AsdController::BackgroundBand(int& lo, int& hi) {
   AsdBoard& b = *board_;
   const double k = b.clipThatManySigmas;
   // The first split into background and foreground only serves to measure the background: its
   // statistics are those of the input's pixels inside the first band, taken without building it.
   const detail::BandStatistics all = detail::StatisticsInBand(*b.input, INT_MIN, INT_MAX);
   b.backgroundSigma = all.stdDev;
-  const int lo = detail::TruncateToInt(all.mean - k * all.stdDev);
-  const int hi = detail::TruncateToInt(all.mean + k * all.stdDev);
-  const detail::BandStatistics floor = detail::StatisticsInBand(*b.input, lo, hi);
+  const int firstLo = detail::TruncateToInt(all.mean - k * all.stdDev);
+  const int firstHi = detail::TruncateToInt(all.mean + k * all.stdDev);
+  const detail::BandStatistics floor = detail::StatisticsInBand(*b.input, firstLo, firstHi);
   b.backgroundSigma = floor.stdDev;
-  const int lo2 = detail::TruncateToInt(floor.mean - k * floor.stdDev);
-  const int hi2 = detail::TruncateToInt(floor.mean + k * floor.stdDev);
-  if (!detail::SplitAtBand(*b.input, lo2, hi2, b.background, b.foreground)) {
+  lo = detail::TruncateToInt(floor.mean - k * floor.stdDev);
+  hi = detail::TruncateToInt(floor.mean + k * floor.stdDev);
+}
+
+bool AsdController::SigmaClipping() {
+  AsdBoard& b = *board_;
+  int lo = 0, hi = 0;
+  BackgroundBand(lo, hi);
+  if (!detail::SplitAtBand(*b.input, lo, hi, b.background, b.foreground)) {
+    b.status = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "");
+    return false;
+  }
+  return true;
+}
+
+bool AsdController::SigmaClippingMaskAndCount(std::int64_t& saturated) {
+  AsdBoard& b = *board_;
+  int lo = 0, hi = 0;
+  BackgroundBand(lo, hi);
+  if (!detail::SplitMaskAndCount(*b.input, lo, hi, b.reticleCenterX, b.reticleCenterY, b.interestRegionRadius,
+                                 b.reticleCenterR, detail::TruncateToInt(b.saturationThreshold), b.background,
+                                 b.foreground, saturated)) {
     b.status = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "");
     return false;
   }
@@ -185,6 +208,37 @@ bool AsdController::ApplyRegionRestrictor() {
   return true;
 }
 
+namespace {
+
+// Every valid pixel of the region map lies in the bounding window of one of the regions the finder
+// reported (later steps only invalidate or renumber pixels), so the passes over the map need only
+// the union of those windows: for a spot in a large frame, a few rows instead of the frame.
+Window2D RegionBounds(const AsdBoard& b) {
+  int top = INT_MAX, left = INT_MAX, bottom = INT_MIN, right = INT_MIN;
+  for (const RegionInfo& region : b.regions) {
+    const Window2D& w = region.window;
+    if (w.IsEmpty()) continue;
+    top = std::min(top, w.GetStartRow());
+    left = std::min(left, w.GetStartCol());
+    bottom = std::max(bottom, w.GetEndRow());
+    right = std::max(right, w.GetEndCol());
+  }
+  if (top > bottom) return Window2D(b.regionIdMap.GetStartRow(), b.regionIdMap.GetStartCol(), 0, 0);
+  return Window2D(Window2D(top, left, bottom - top, right - left), b.regionIdMap.GetMatrixWindow());
+}
+
+// Calls f(id) for every element of the map inside `w`.
+template <typename F>
+void ForEachId(RegionIdMatrix2D& map, const Window2D& w, F&& f) {
+  for (int r = w.GetStartRow(); r < w.GetEndRow(); ++r) {
+    int* row = map.Row(r - map.GetStartRow()) + (w.GetStartCol() - map.GetStartCol());
+    for (int c = 0; c < w.GetCols(); ++c)
+      f(row[c]);
+  }
+}
+
+}  // namespace
+
 bool AsdController::InvalidateInsignificantRegions() {
   AsdBoard& b = *board_;
   if (!HasSpotList()) return false;
@@ -196,14 +250,11 @@ bool AsdController::InvalidateInsignificantRegions() {
   for (const AsdSpotInfo& spot : spots) {
     if (spot.GetId() >= 0) survives[static_cast<std::size_t>(spot.GetId())] = 1;
   }
-  int* id = b.regionIdMap.Data();
-  const std::int64_t count = b.regionIdMap.GetCount();
   const int invalid = RegionIdMatrix2D::NoData();
-  for (std::int64_t i = 0; i < count; ++i) {
-    const int v = id[i];
-    if (!RegionIdMatrix2D::IsValid(v)) continue;
-    if (v < 0 || v > largestId || !survives[static_cast<std::size_t>(v)]) id[i] = invalid;
-  }
+  ForEachId(b.regionIdMap, RegionBounds(b), [&](int& id) {
+    if (!RegionIdMatrix2D::IsValid(id)) return;
+    if (id < 0 || id > largestId || !survives[static_cast<std::size_t>(id)]) id = invalid;
+  });
   return true;
 }
 
@@ -220,14 +271,11 @@ bool AsdController::ReassignRegionIds() {
   for (int i = 0; i < n; ++i) {
     if (spots[i].GetId() >= 0) renumber[static_cast<std::size_t>(spots[i].GetId())] = n - 1 - i;
   }
-  int* id = b.regionIdMap.Data();
-  const std::int64_t count = b.regionIdMap.GetCount();
-  for (std::int64_t i = 0; i < count; ++i) {
-    const int v = id[i];
-    if (v >= 0 && v <= largestId && renumber[static_cast<std::size_t>(v)] >= 0) {
-      id[i] = renumber[static_cast<std::size_t>(v)];
+  ForEachId(b.regionIdMap, RegionBounds(b), [&](int& id) {
+    if (id >= 0 && id <= largestId && renumber[static_cast<std::size_t>(id)] >= 0) {
+      id = renumber[static_cast<std::size_t>(id)];
     }
-  }
+  });
   for (int i = 0; i < n; ++i)
     spots[i].SetId(n - 1 - i);
   return true;

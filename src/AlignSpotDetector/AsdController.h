@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "AlignSpotDetector/AsdBoard.h"
@@ -74,6 +75,10 @@ class QUARN_PP_EXPORT AsdController : public BoardController<AsdBoard> {
   bool RemoveItemsWhoseSumIsBelow(double threshold);
 
  private:
+  // The final background band [lo, hi] of the sigma clipping (sets backgroundSigma).
+  void BackgroundBand(int& lo, int& hi);
+  // SigmaClipping, ApplyMask and the saturation count in one pass.
+  bool SigmaClippingMaskAndCount(std::int64_t& saturated);
   bool HasSpotList();
   bool SpotListEmpty() const;
 };

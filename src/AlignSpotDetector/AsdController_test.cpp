@@ -69,7 +69,13 @@ TEST_P(PixelOperationTest, BandStatisticsMatchSurfaceStatsOfTheClippedImage) {
     SurfaceStats reference;
     reference.Calculate(clipped);
     const detail::BandStatistics fast = detail::StatisticsInBand(image, lo, hi);
+    const detail::BandStatistics exact =
+        detail::StatisticsInBand(image, lo, hi, detail::PixelPath::kReference);
     ASSERT_EQ(fast.count, reference.GetCount()) << "trial " << trial;
+    // Both paths sum exact integers: identical to the last bit.
+    EXPECT_EQ(fast.count, exact.count);
+    EXPECT_EQ(fast.mean, exact.mean) << "trial " << trial;
+    EXPECT_EQ(fast.stdDev, exact.stdDev) << "trial " << trial;
     // The reference sums in doubles: its mean is off by up to count ulp of the largest value, its
     // deviation by as much relative to the spread; the exact integer sums are within one rounding.
     const double scale = std::max(std::fabs(static_cast<double>(GetParam().lo)),
@@ -133,6 +139,34 @@ TEST(MaskTest, FastMaskEqualsThePerPixelRule) {
     for (std::int64_t i = 0; i < image.GetCount(); ++i) {
       ASSERT_EQ(fast.At(i), reference.At(i)) << "trial " << trial << ", element " << i << ", centre (" << cx
                                              << ", " << cy << "), radius " << r << ", half-width " << w;
+    }
+  }
+}
+
+// The one-pass split, mask and count against the three operations in turn.
+TEST(MaskTest, SplitMaskAndCountEqualsTheStepsInTurn) {
+  Testing::SeededRandom random(37);
+  SCOPED_TRACE(random.Describe());
+  IntMatrix2D inside, outside;
+  for (int trial = 0; trial < 400; ++trial) {
+    const IntMatrix2D image = RandomImage(random, ImageKind{"any", 0, 300}, trial % 3 == 0);
+    const Window2D m = image.GetMatrixWindow();
+    double cx = random.UniformInt(m.GetStartCol() - 5, m.GetEndCol() + 5);
+    double cy = random.UniformInt(m.GetStartRow() - 5, m.GetEndRow() + 5);
+    if (trial % 2 == 1) cx += random.Uniform(-1, 1), cy += random.Uniform(-1, 1);
+    const double r = trial % 7 == 0 ? 50.0 : random.Uniform(0, 8);  // sometimes wider than the square
+    const double w = trial % 11 == 0 ? -1.0 : random.Uniform(0, 30);
+    const int lo = random.UniformInt(0, 150), hi = random.UniformInt(lo, 300);
+    const int threshold = random.UniformInt(150, 301);
+    std::int64_t count = -1;
+    ASSERT_TRUE(detail::SplitMaskAndCount(image, lo, hi, cx, cy, w, r, threshold, inside, outside, count));
+    IntMatrix2D keep, drop;
+    ASSERT_TRUE(detail::SplitAtBand(image, lo, hi, keep, drop));
+    detail::ApplySquareAndObscurationMaskReference(drop, cx, cy, w, r);
+    EXPECT_EQ(count, detail::CountAtOrAbove(drop, threshold)) << "trial " << trial;
+    for (std::int64_t i = 0; i < image.GetCount(); ++i) {
+      ASSERT_EQ(inside.At(i), keep.At(i)) << "trial " << trial << ", element " << i;
+      ASSERT_EQ(outside.At(i), drop.At(i)) << "trial " << trial << ", element " << i;
     }
   }
 }
@@ -352,6 +386,32 @@ TEST(SaturationTest, TheLimitItselfPassesAndMaskedPixelsDoNotCount) {
       EXPECT_EQ(position, AsdSpotPosition::TooManySaturatedPixels) << saturated << " saturated pixels";
     }
     EXPECT_TRUE(rig.board.status.IsOk());
+  }
+}
+
+// A detection runs steps 2 to 4 in one pass; the steps one by one leave the same images.
+TEST(ControllerTest, DetectionLeavesWhatTheStepsInTurnLeave) {
+  Testing::SeededRandom random(41);
+  SCOPED_TRACE(random.Describe());
+  Testing::SpotScene scene;
+  scene.background = 30.0;
+  scene.noiseSigma = 2.0;
+  scene.gradientX = 0.1;
+  scene.spots = {{60.3, 30.8, 3.0, 3.0, 240.0}, {35.0, 50.0, 2.0, 2.0, 120.0}};
+  Rig whole(80, 100, scene, &random);
+  whole.board.interestRegionRadius = 30.0;
+  whole.board.reticleCenterR = 8.5;
+  AsdBoard steps = whole.board;
+  AsdController(whole.board).DetectSpotPosition();
+  AsdController controller(steps);
+  ASSERT_TRUE(controller.CheckWired());
+  ASSERT_TRUE(controller.SigmaClipping());
+  ASSERT_TRUE(controller.ApplyMask());
+  EXPECT_TRUE(controller.InputImageHasTooManySaturatedPixels());
+  EXPECT_EQ(steps.backgroundSigma, whole.board.backgroundSigma);
+  for (std::int64_t i = 0; i < whole.image.GetCount(); ++i) {
+    ASSERT_EQ(steps.foreground.At(i), whole.board.foreground.At(i)) << "pixel " << i;
+    ASSERT_EQ(steps.background.At(i), whole.board.background.At(i)) << "pixel " << i;
   }
 }
 

@@ -5,6 +5,10 @@
 #include <cmath>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace Quarn::Metrology::PhaseProcessing::Core::Alignment::detail {
 
 namespace {
@@ -28,43 +32,98 @@ struct Moments {
   UInt128 squares = 0;
 };
 
-// One row's contribution. The squares of a row go into 64 bits, which holds them whenever
-// columns x max|v|^2 < 2^64 (any 16-bit camera row of up to 2^32 pixels); a row of larger values
-// is summed again in 128 bits.
-void AddRow(const int* v, int n, int lo, int hi, Moments& m) {
-  std::int64_t count = 0;
-  std::int64_t sum = 0;
-  std::uint64_t squares = 0;
-  std::uint32_t largest = 0;
+bool Take(int x, int lo, int hi) {
+  return x < kInvalid && x >= lo && x <= hi;
+}
+
+// One row's contribution, pixel by pixel in exact integers.
+void AddRowReference(const int* v, int n, int lo, int hi, Moments& m) {
   for (int i = 0; i < n; ++i) {
-    const int x = v[i];
-    const bool take = x < kInvalid && x >= lo && x <= hi;
-    const std::uint32_t a = take ? Magnitude(x) : 0u;
-    count += take ? 1 : 0;
-    sum += take ? x : 0;
-    squares += static_cast<std::uint64_t>(a) * a;
-    largest = std::max(largest, a);
-  }
-  m.count += count;
-  m.sum += sum;
-  if (static_cast<UInt128>(largest) * largest * static_cast<UInt128>(n) < (static_cast<UInt128>(1) << 64)) {
-    m.squares += squares;
-    return;
-  }
-  for (int i = 0; i < n; ++i) {
-    const int x = v[i];
-    if (x < kInvalid && x >= lo && x <= hi) m.squares += static_cast<UInt128>(Magnitude(x)) * Magnitude(x);
+    if (!Take(v[i], lo, hi)) continue;
+    ++m.count;
+    m.sum += v[i];
+    m.squares += static_cast<UInt128>(Magnitude(v[i])) * Magnitude(v[i]);
   }
 }
 
+// Number of bits needed for the magnitudes of which `bits` is the bitwise or.
+int BitWidth(std::uint32_t bits) {
+  return bits == 0 ? 0 : 32 - __builtin_clz(bits);
+}
+
+// Whether n squares of magnitudes below 2^bits fit into 64 bits.
+bool SquaresFit(int bits, int n) {
+  return 2 * bits + BitWidth(static_cast<std::uint32_t>(n)) < 64;
+}
+
+#if defined(__SSE2__)
+// Four pixels at a time: a lane mask selects the pixels in the band; counts run in 32-bit lanes,
+// the sum in two 64-bit lanes (the pixels sign-extended), the squares of the magnitudes in two
+// 64-bit lanes (32 x 32 -> 64-bit products of the even and the odd lanes). The magnitudes are or-ed
+// together so that a row whose squares could overflow 64 bits is summed again exactly.
+void AddRowFast(const int* v, int n, int lo, int hi, Moments& m) {
+  // A pixel is taken when lo <= x <= min(hi, last valid value): two comparisons, and only one for
+  // the unbounded band of the first statistics (lo - 1 then wraps to the largest int).
+  const bool unbounded = lo == INT_MIN;
+  const __m128i belowLow = _mm_set1_epi32(unbounded ? lo : lo - 1);
+  const __m128i high = _mm_set1_epi32(std::min(hi, kInvalid - 1));
+  __m128i count = _mm_setzero_si128();
+  __m128i sum = _mm_setzero_si128();
+  __m128i squares = _mm_setzero_si128();
+  __m128i magnitudes = _mm_setzero_si128();
+  int i = 0;
+  for (; i + 4 <= n; i += 4) {
+    const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(v + i));
+    const __m128i aboveHigh = _mm_cmpgt_epi32(x, high);
+    const __m128i take = unbounded ? _mm_andnot_si128(aboveHigh, _mm_set1_epi32(-1))
+                                   : _mm_andnot_si128(aboveHigh, _mm_cmpgt_epi32(x, belowLow));
+    const __m128i kept = _mm_and_si128(x, take);
+    count = _mm_sub_epi32(count, take);
+    const __m128i sign = _mm_srai_epi32(kept, 31);
+    sum = _mm_add_epi64(sum, _mm_add_epi64(_mm_unpacklo_epi32(kept, sign), _mm_unpackhi_epi32(kept, sign)));
+    const __m128i magnitude = _mm_sub_epi32(_mm_xor_si128(kept, sign), sign);
+    magnitudes = _mm_or_si128(magnitudes, magnitude);
+    const __m128i odd = _mm_srli_epi64(magnitude, 32);
+    squares =
+        _mm_add_epi64(squares, _mm_add_epi64(_mm_mul_epu32(magnitude, magnitude), _mm_mul_epu32(odd, odd)));
+  }
+  alignas(16) std::int32_t counts[4];
+  alignas(16) std::int64_t sums[2];
+  alignas(16) std::uint64_t squareSums[2];
+  alignas(16) std::uint32_t ors[4];
+  _mm_store_si128(reinterpret_cast<__m128i*>(counts), count);
+  _mm_store_si128(reinterpret_cast<__m128i*>(sums), sum);
+  _mm_store_si128(reinterpret_cast<__m128i*>(squareSums), squares);
+  _mm_store_si128(reinterpret_cast<__m128i*>(ors), magnitudes);
+  const std::uint32_t allBits = ors[0] | ors[1] | ors[2] | ors[3];
+  if (!SquaresFit(BitWidth(allBits), (i + 1) / 2)) {
+    // Values too large for 64-bit square sums over this row (above 2^20 or so): exact, slowly.
+    AddRowReference(v, n, lo, hi, m);
+    return;
+  }
+  m.count += static_cast<std::int64_t>(counts[0]) + counts[1] + counts[2] + counts[3];
+  m.sum += sums[0] + sums[1];
+  m.squares += static_cast<UInt128>(squareSums[0]) + squareSums[1];
+  AddRowReference(v + i, n - i, lo, hi, m);
+}
+#else
+void AddRowFast(const int* v, int n, int lo, int hi, Moments& m) {
+  AddRowReference(v, n, lo, hi, m);
+}
+#endif
+
 }  // namespace
 
-BandStatistics StatisticsInBand(const IntWindow2D& image, int lo, int hi) {
+BandStatistics StatisticsInBand(const IntWindow2D& image, int lo, int hi, PixelPath path) {
   const Window2D w = image.GetWindow();
   Moments m;
   for (int r = w.GetStartRow(); r < w.GetEndRow(); ++r) {
     const int* row = image.Row(r - image.GetStartRow()) + (w.GetStartCol() - image.GetStartCol());
-    AddRow(row, w.GetCols(), lo, hi, m);
+    if (path == PixelPath::kFast) {
+      AddRowFast(row, w.GetCols(), lo, hi, m);
+    } else {
+      AddRowReference(row, w.GetCols(), lo, hi, m);
+    }
   }
   BandStatistics stats;
   stats.count = m.count;
@@ -85,18 +144,91 @@ int TruncateToInt(double value) {
   return static_cast<int>(value);
 }
 
-bool SplitAtBand(const IntWindow2D& input, int lo, int hi, IntWindow2D& inside, IntWindow2D& outside) {
+namespace {
+
+// Sizes a split output like the input: shape, origin, units and window.
+bool SizeLike(const IntWindow2D& input, IntWindow2D& target) {
   const Window2D all = input.GetMatrixWindow();
   const Window2D w = input.GetWindow();
-  for (IntWindow2D* target : {&inside, &outside}) {
-    if (!target->Resize(all)) return false;
-    target->SetUnitManager(input.GetUnitManager());
-    if (w != all) {
-      target->SetWindow(w);
-    } else {
-      target->ResetWindow();
-    }
+  if (!target.Resize(all)) return false;
+  target.SetUnitManager(input.GetUnitManager());
+  if (w != all) {
+    target.SetWindow(w);
+  } else {
+    target.ResetWindow();
   }
+  return true;
+}
+
+// The split of in[from, to): pixels in the band to `keep`, valid pixels beyond it to `drop`.
+void SplitSpan(const int* in, int* keep, int* drop, int from, int to, int lo, int hi) {
+  for (int c = from; c < to; ++c) {
+    const int v = in[c];
+    const bool valid = v < kInvalid;
+    const bool inBand = v >= lo && v <= hi;
+    keep[c] = valid && inBand ? v : kInvalid;
+    drop[c] = valid && !inBand ? v : kInvalid;
+  }
+}
+
+// As SplitSpan where the mask takes every dropped pixel anyway.
+void KeepSpan(const int* in, int* keep, int* drop, int from, int to, int lo, int hi) {
+  for (int c = from; c < to; ++c) {
+    const int v = in[c];
+    keep[c] = v < kInvalid && v >= lo && v <= hi ? v : kInvalid;
+  }
+  std::fill(drop + from, drop + to, kInvalid);
+}
+
+std::int64_t CountSpan(const int* row, int from, int to, int threshold) {
+  std::int64_t count = 0;
+  for (int c = from; c < to; ++c)
+    count += (row[c] >= threshold && row[c] < kInvalid) ? 1 : 0;
+  return count;
+}
+
+// The mask's geometry over a window: the columns within the square (an interval, since |dx| grows
+// both ways from the centre), the columns close enough to the centre to be under the obscuration,
+// and the rules for a row and a pixel. The expressions are those of the per-pixel rule, so the
+// results agree with it bit for bit; the square root is needed only near the centre, because the
+// rounded sqrt(dx^2 + dy^2) is never below |dx| or |dy|.
+struct MaskGeometry {
+  MaskGeometry(const Window2D& w, double cx, double cy, double halfWidth, double radius)
+      : startCol(w.GetStartCol()), centerX(cx), centerY(cy), halfWidth(halfWidth), radius(radius) {
+    for (int c = 0; c < w.GetCols(); ++c) {
+      const double dx = (startCol + c) - centerX;
+      if (!(std::fabs(dx) > halfWidth)) {
+        insideFirst = std::min(insideFirst, c);
+        insideEnd = c + 1;
+      }
+      if (std::fabs(dx) < radius) {
+        nearFirst = std::min(nearFirst, c);
+        nearEnd = c + 1;
+      }
+    }
+    insideFirst = std::min(insideFirst, insideEnd);
+    nearFirst = std::min(nearFirst, nearEnd);
+  }
+
+  bool RowOutside(int y) const { return std::fabs(y - centerY) > halfWidth; }
+  bool RowNearObscuration(int y) const { return std::fabs(y - centerY) < radius; }
+  bool UnderObscuration(int c, int y) const {
+    const double dx = (startCol + c) - centerX;
+    const double dy = y - centerY;
+    return std::sqrt(dx * dx + dy * dy) < radius;
+  }
+
+  int startCol;
+  double centerX, centerY, halfWidth, radius;
+  int insideFirst = INT_MAX, insideEnd = 0;  // window columns
+  int nearFirst = INT_MAX, nearEnd = 0;
+};
+
+}  // namespace
+
+bool SplitAtBand(const IntWindow2D& input, int lo, int hi, IntWindow2D& inside, IntWindow2D& outside) {
+  if (!SizeLike(input, inside) || !SizeLike(input, outside)) return false;
+  const Window2D w = input.GetWindow();
   const int cols = input.GetColumns();
   const int first = w.GetStartCol() - input.GetStartCol();
   const int last = first + w.GetCols();
@@ -112,15 +244,53 @@ bool SplitAtBand(const IntWindow2D& input, int lo, int hi, IntWindow2D& inside, 
     }
     std::copy(in, in + first, keep);
     std::copy(in, in + first, drop);
-    for (int c = first; c < last; ++c) {
-      const int v = in[c];
-      const bool valid = v < kInvalid;
-      const bool inBand = v >= lo && v <= hi;
-      keep[c] = valid && inBand ? v : kInvalid;
-      drop[c] = valid && !inBand ? v : kInvalid;
-    }
+    SplitSpan(in, keep, drop, first, last, lo, hi);
     std::copy(in + last, in + cols, keep + last);
     std::copy(in + last, in + cols, drop + last);
+  }
+  return true;
+}
+
+bool SplitMaskAndCount(const IntWindow2D& input, int lo, int hi, double centerX, double centerY,
+                       double halfWidth, double obscurationRadius, int threshold, IntWindow2D& inside,
+                       IntWindow2D& outside, std::int64_t& count) {
+  count = 0;
+  if (!SizeLike(input, inside) || !SizeLike(input, outside)) return false;
+  const Window2D w = input.GetWindow();
+  const MaskGeometry mask(w, centerX, centerY, halfWidth, obscurationRadius);
+  const int cols = input.GetColumns();
+  const int first = w.GetStartCol() - input.GetStartCol();
+  const int last = first + w.GetCols();
+  for (int r = 0; r < input.GetRows(); ++r) {
+    const int* in = input.Row(r);
+    int* keep = inside.Row(r);
+    int* drop = outside.Row(r);
+    const int y = r + input.GetStartRow();
+    if (y < w.GetStartRow() || y >= w.GetEndRow() || w.IsEmpty()) {
+      std::copy(in, in + cols, keep);
+      std::copy(in, in + cols, drop);
+      continue;
+    }
+    std::copy(in, in + first, keep);
+    std::copy(in, in + first, drop);
+    std::copy(in + last, in + cols, keep + last);
+    std::copy(in + last, in + cols, drop + last);
+    if (mask.RowOutside(y)) {
+      KeepSpan(in, keep, drop, first, last, lo, hi);
+      continue;
+    }
+    const int a = first + mask.insideFirst, b = first + mask.insideEnd;
+    KeepSpan(in, keep, drop, first, a, lo, hi);
+    SplitSpan(in, keep, drop, a, b, lo, hi);
+    KeepSpan(in, keep, drop, b, last, lo, hi);
+    count += CountSpan(drop, a, b, threshold);
+    if (!mask.RowNearObscuration(y)) continue;
+    for (int c = mask.nearFirst; c < mask.nearEnd; ++c) {
+      int& v = drop[first + c];
+      if (v == kInvalid || !mask.UnderObscuration(c, y)) continue;
+      if (v >= threshold) --count;
+      v = kInvalid;
+    }
   }
   return true;
 }
@@ -129,45 +299,18 @@ void ApplySquareAndObscurationMask(IntWindow2D& image, double centerX, double ce
                                    double obscurationRadius) {
   const Window2D w = image.GetWindow();
   if (w.IsEmpty()) return;
-  // Columns: outside the square, and near enough to the centre to be under the obscuration. The
-  // expressions are those of the reference, so the flags agree with it bit for bit.
-  std::vector<unsigned char> columnOutside(static_cast<std::size_t>(w.GetCols()));
-  int nearFirst = w.GetCols(), nearEnd = 0;
-  for (int c = 0; c < w.GetCols(); ++c) {
-    const double dx = (w.GetStartCol() + c) - centerX;
-    columnOutside[static_cast<std::size_t>(c)] = std::fabs(dx) > halfWidth ? 1 : 0;
-    if (std::fabs(dx) < obscurationRadius) {
-      nearFirst = std::min(nearFirst, c);
-      nearEnd = c + 1;
-    }
-  }
-  // Runs of outside columns, so that each row is cut with a few fills.
-  std::vector<std::pair<int, int>> runs;
-  for (int c = 0; c < w.GetCols();) {
-    if (!columnOutside[static_cast<std::size_t>(c)]) {
-      ++c;
-      continue;
-    }
-    const int start = c;
-    while (c < w.GetCols() && columnOutside[static_cast<std::size_t>(c)])
-      ++c;
-    runs.emplace_back(start, c);
-  }
-  for (int r = w.GetStartRow(); r < w.GetEndRow(); ++r) {
-    int* row = image.Row(r - image.GetStartRow()) + (w.GetStartCol() - image.GetStartCol());
-    const double dy = r - centerY;
-    if (std::fabs(dy) > halfWidth) {
+  const MaskGeometry mask(w, centerX, centerY, halfWidth, obscurationRadius);
+  for (int y = w.GetStartRow(); y < w.GetEndRow(); ++y) {
+    int* row = image.Row(y - image.GetStartRow()) + (w.GetStartCol() - image.GetStartCol());
+    if (mask.RowOutside(y)) {
       std::fill(row, row + w.GetCols(), kInvalid);
       continue;
     }
-    for (const auto& [start, end] : runs)
-      std::fill(row + start, row + end, kInvalid);
-    // A pixel can be under the obscuration only if |dx| < radius and |dy| < radius: the rounded
-    // sqrt(dx^2 + dy^2) is never below |dx| or |dy|.
-    if (!(std::fabs(dy) < obscurationRadius)) continue;
-    for (int c = nearFirst; c < nearEnd; ++c) {
-      const double dx = (w.GetStartCol() + c) - centerX;
-      if (std::sqrt(dx * dx + dy * dy) < obscurationRadius) row[c] = kInvalid;
+    std::fill(row, row + mask.insideFirst, kInvalid);
+    std::fill(row + mask.insideEnd, row + w.GetCols(), kInvalid);
+    if (!mask.RowNearObscuration(y)) continue;
+    for (int c = mask.nearFirst; c < mask.nearEnd; ++c) {
+      if (mask.UnderObscuration(c, y)) row[c] = kInvalid;
     }
   }
 }
@@ -193,10 +336,7 @@ std::int64_t CountAtOrAbove(const IntWindow2D& image, int threshold) {
   std::int64_t total = 0;
   for (int r = w.GetStartRow(); r < w.GetEndRow(); ++r) {
     const int* row = image.Row(r - image.GetStartRow()) + (w.GetStartCol() - image.GetStartCol());
-    std::int64_t count = 0;
-    for (int c = 0; c < w.GetCols(); ++c)
-      count += (row[c] >= threshold && row[c] < kInvalid) ? 1 : 0;
-    total += count;
+    total += CountSpan(row, 0, w.GetCols(), threshold);
   }
   return total;
 }

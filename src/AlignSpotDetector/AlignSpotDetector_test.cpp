@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -171,6 +172,8 @@ struct OutcomeCase {
   bool wireInput = true;
   int saturationLevel = 65535;
 };
+
+void PrintTo(const OutcomeCase& c, std::ostream* out) { *out << c.name; }
 
 class OutcomeTest : public ::testing::TestWithParam<OutcomeCase> {};
 

@@ -5,6 +5,7 @@
 
 #include <climits>
 #include <cmath>
+#include <ostream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -52,6 +53,8 @@ IntMatrix2D RandomImage(Testing::SeededRandom& random, const ImageKind& kind, bo
   }
   return image;
 }
+
+void PrintTo(const ImageKind& kind, std::ostream* out) { *out << kind.name; }
 
 class PixelOperationTest : public ::testing::TestWithParam<ImageKind> {};
 

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -305,6 +306,8 @@ struct RealSpot {
   const char* extra;     // options beyond centre, radius and obscuration
   const char* quadrant;  // from the beam's place relative to the centre (640, 480)
 };
+
+void PrintTo(const RealSpot& spot, std::ostream* out) { *out << spot.file; }
 
 class RealSpotTest : public SpotCommandTest, public ::testing::WithParamInterface<RealSpot> {};
 

@@ -2,7 +2,6 @@
 // restrictors and the result dictionary.
 #include "AlignSpotDetector/AsdSpotInfo.h"
 
-#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <string>
@@ -14,7 +13,6 @@
 #include "AlignSpotDetector/AsdProperties.h"
 #include "AlignSpotDetector/AsdRegionRestrictor.h"
 #include "AlignSpotDetector/AsdSpotPosition.h"
-#include "Testing/SeededRandom.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Alignment {
 namespace {
@@ -96,20 +94,6 @@ INSTANTIATE_TEST_SUITE_P(Offsets, QuadrantTest,
                                            std::make_tuple(0.0, 0.0, 1), std::make_tuple(0.0, -1e-9, 4),
                                            std::make_tuple(-1e-9, 0.0, 2), std::make_tuple(-0.0, 5.0, 1)));
 
-TEST(AsdSpotInfoTest, ReferenceToCenterTurnsRowsGrowingDownIntoUp) {
-  // Centre at column 50, row 50. A spot at a smaller row is above it.
-  const struct {
-    double x, y;
-    int quadrant;
-  } cases[] = {{60, 40, 1}, {40, 40, 2}, {40, 60, 3}, {60, 60, 4}, {50, 60, 4}, {60, 50, 1}};
-  for (const auto& c : cases) {
-    AsdSpotInfo spot;
-    spot.Feed(c.x, c.y, 5.0);
-    spot.ReferenceToCenter(50.0, 50.0);
-    EXPECT_EQ(spot.GetQuadrant(), c.quadrant) << "spot at column " << c.x << ", row " << c.y;
-  }
-}
-
 class RestrictorTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(RestrictorTest, AdmitsTheQuadrantsOfItsDiagonal) {
@@ -173,44 +157,6 @@ TEST(AsdPropertiesTest, AbsentKeysReadAsUndefinedAndNumbersKeepSixDigits) {
   EXPECT_TRUE(properties.Finalize());
   EXPECT_EQ(properties.Get("Region.0.Quadrant"), "undefined");
   EXPECT_EQ(copy.GetAsInt("Region.0.Quadrant"), 1);
-}
-
-// The moments of a fed cloud of random weighted points against a direct two-pass computation.
-TEST(AsdSpotInfoTest, MomentsOfRandomPointsMatchADirectComputation) {
-  Testing::SeededRandom random(77);
-  SCOPED_TRACE(random.Describe());
-  for (int trial = 0; trial < 20; ++trial) {
-    const int n = random.UniformInt(1, 300);
-    std::vector<double> x(static_cast<std::size_t>(n)), y(x.size()), w(x.size());
-    AsdSpotInfo spot;
-    for (std::size_t i = 0; i < x.size(); ++i) {
-      x[i] = random.UniformInt(0, 2047);
-      y[i] = random.UniformInt(0, 2047);
-      w[i] = random.UniformInt(1, 65535);
-      spot.Feed(x[i], y[i], w[i]);
-    }
-    double sum = 0, mx = 0, my = 0;
-    for (std::size_t i = 0; i < x.size(); ++i) {
-      sum += w[i];
-      mx += w[i] * x[i];
-      my += w[i] * y[i];
-    }
-    mx /= sum;
-    my /= sum;
-    double vx = 0, vy = 0;
-    for (std::size_t i = 0; i < x.size(); ++i) {
-      vx += w[i] * (x[i] - mx) * (x[i] - mx);
-      vy += w[i] * (y[i] - my) * (y[i] - my);
-    }
-    EXPECT_NEAR(spot.CenterOfMassX(), mx, 1e-9);
-    EXPECT_NEAR(spot.CenterOfMassY(), my, 1e-9);
-    // One-pass moments lose about (coordinate / sigma)^2 ulp to cancellation: coordinates up to 2^11
-    // and a spread of at least one pixel keep the error below 1e-5 pixels.
-    EXPECT_NEAR(spot.SigmaX(), std::sqrt(vx / sum), 1e-5);
-    EXPECT_NEAR(spot.SigmaY(), std::sqrt(vy / sum), 1e-5);
-    EXPECT_EQ(spot.GetX0(), *std::min_element(x.begin(), x.end()));
-    EXPECT_EQ(spot.GetY1(), *std::max_element(y.begin(), y.end()));
-  }
 }
 
 }  // namespace

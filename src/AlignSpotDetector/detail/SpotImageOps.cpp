@@ -146,6 +146,14 @@ int TruncateToInt(double value) {
 
 namespace {
 
+// Orders the streaming stores of a split before anything that follows it (another thread may read
+// the images next).
+void FinishStreaming() {
+#if defined(__SSE2__)
+  _mm_sfence();
+#endif
+}
+
 // Sizes a split output like the input: shape, origin, units and window.
 bool SizeLike(const IntWindow2D& input, IntWindow2D& target) {
   const Window2D all = input.GetMatrixWindow();
@@ -160,30 +168,72 @@ bool SizeLike(const IntWindow2D& input, IntWindow2D& target) {
   return true;
 }
 
-// The split of in[from, to): pixels in the band to `keep`, valid pixels beyond it to `drop`.
-void SplitSpan(const int* in, int* keep, int* drop, int from, int to, int lo, int hi) {
-  for (int c = from; c < to; ++c) {
-    const int v = in[c];
-    const bool valid = v < kInvalid;
-    const bool inBand = v >= lo && v <= hi;
-    keep[c] = valid && inBand ? v : kInvalid;
-    drop[c] = valid && !inBand ? v : kInvalid;
-  }
-}
-
-// As SplitSpan where the mask takes every dropped pixel anyway.
-void KeepSpan(const int* in, int* keep, int* drop, int from, int to, int lo, int hi) {
-  for (int c = from; c < to; ++c) {
-    const int v = in[c];
-    keep[c] = v < kInvalid && v >= lo && v <= hi ? v : kInvalid;
-  }
-  std::fill(drop + from, drop + to, kInvalid);
-}
-
 std::int64_t CountSpan(const int* row, int from, int to, int threshold) {
   std::int64_t count = 0;
   for (int c = from; c < to; ++c)
     count += (row[c] >= threshold && row[c] < kInvalid) ? 1 : 0;
+  return count;
+}
+
+// The split of in[from, to): pixels in the band to `keep`, valid pixels beyond it to `drop` (or,
+// with `dropAll`, every pixel of `drop` invalid: the mask takes them anyway). Returns the number
+// of pixels written to `drop` at or above `threshold`.
+//
+// Four pixels at a time where `keep` and `drop` are equally aligned (matrices of one shape are):
+// the outputs are written with streaming stores, which do not first read the lines they fill.
+std::int64_t SplitSpan(const int* in, int* keep, int* drop, int from, int to, int lo, int hi, int threshold,
+                       bool dropAll) {
+  const auto scalar = [&](int c) {
+    const int v = in[c];
+    const bool valid = v < kInvalid;
+    const bool inBand = v >= lo && v <= hi;
+    keep[c] = valid && inBand ? v : kInvalid;
+    drop[c] = valid && !inBand && !dropAll ? v : kInvalid;
+    return drop[c] >= threshold && drop[c] < kInvalid ? 1 : 0;
+  };
+  std::int64_t count = 0;
+  int c = from;
+#if defined(__SSE2__)
+  const auto misalignment = [](const int* p) { return reinterpret_cast<std::uintptr_t>(p) & 15u; };
+  if (misalignment(keep) == misalignment(drop)) {
+    while (c < to && misalignment(keep + c) != 0)
+      count += scalar(c++);
+    // In the band: lo <= v <= min(hi, last valid value); valid: v below the invalid value; counted:
+    // dropped and at or above the threshold. Compared as "greater than one less" (lo - 1 wraps only
+    // for lo = INT_MIN, where nothing is below).
+    const bool unbounded = lo == INT_MIN;
+    const __m128i belowLow = _mm_set1_epi32(unbounded ? lo : lo - 1);
+    const __m128i high = _mm_set1_epi32(std::min(hi, kInvalid - 1));
+    const __m128i lastValid = _mm_set1_epi32(kInvalid - 1);
+    const __m128i invalid = _mm_set1_epi32(kInvalid);
+    const __m128i all = _mm_set1_epi32(-1);
+    const bool countAll = threshold == INT_MIN;
+    const __m128i belowThreshold = _mm_set1_epi32(countAll ? threshold : threshold - 1);
+    __m128i counts = _mm_setzero_si128();
+    for (; c + 4 <= to; c += 4) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + c));
+      const __m128i aboveHigh = _mm_cmpgt_epi32(v, high);
+      const __m128i inBand = _mm_andnot_si128(aboveHigh, unbounded ? all : _mm_cmpgt_epi32(v, belowLow));
+      const __m128i keepValue = _mm_or_si128(_mm_and_si128(inBand, v), _mm_andnot_si128(inBand, invalid));
+      _mm_stream_si128(reinterpret_cast<__m128i*>(keep + c), keepValue);
+      if (dropAll) {
+        _mm_stream_si128(reinterpret_cast<__m128i*>(drop + c), invalid);
+        continue;
+      }
+      const __m128i valid = _mm_andnot_si128(_mm_cmpgt_epi32(v, lastValid), all);
+      const __m128i dropped = _mm_andnot_si128(inBand, valid);
+      const __m128i dropValue = _mm_or_si128(_mm_and_si128(dropped, v), _mm_andnot_si128(dropped, invalid));
+      _mm_stream_si128(reinterpret_cast<__m128i*>(drop + c), dropValue);
+      const __m128i counted = countAll ? dropped : _mm_and_si128(dropped, _mm_cmpgt_epi32(v, belowThreshold));
+      counts = _mm_sub_epi32(counts, counted);
+    }
+    alignas(16) std::int32_t lanes[4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(lanes), counts);
+    count += static_cast<std::int64_t>(lanes[0]) + lanes[1] + lanes[2] + lanes[3];
+  }
+#endif
+  while (c < to)
+    count += scalar(c++);
   return count;
 }
 
@@ -244,10 +294,11 @@ bool SplitAtBand(const IntWindow2D& input, int lo, int hi, IntWindow2D& inside, 
     }
     std::copy(in, in + first, keep);
     std::copy(in, in + first, drop);
-    SplitSpan(in, keep, drop, first, last, lo, hi);
+    SplitSpan(in, keep, drop, first, last, lo, hi, INT_MAX, false);
     std::copy(in + last, in + cols, keep + last);
     std::copy(in + last, in + cols, drop + last);
   }
+  FinishStreaming();
   return true;
 }
 
@@ -276,14 +327,13 @@ bool SplitMaskAndCount(const IntWindow2D& input, int lo, int hi, double centerX,
     std::copy(in + last, in + cols, keep + last);
     std::copy(in + last, in + cols, drop + last);
     if (mask.RowOutside(y)) {
-      KeepSpan(in, keep, drop, first, last, lo, hi);
+      SplitSpan(in, keep, drop, first, last, lo, hi, INT_MAX, true);
       continue;
     }
     const int a = first + mask.insideFirst, b = first + mask.insideEnd;
-    KeepSpan(in, keep, drop, first, a, lo, hi);
-    SplitSpan(in, keep, drop, a, b, lo, hi);
-    KeepSpan(in, keep, drop, b, last, lo, hi);
-    count += CountSpan(drop, a, b, threshold);
+    SplitSpan(in, keep, drop, first, a, lo, hi, INT_MAX, true);
+    count += SplitSpan(in, keep, drop, a, b, lo, hi, threshold, false);
+    SplitSpan(in, keep, drop, b, last, lo, hi, INT_MAX, true);
     if (!mask.RowNearObscuration(y)) continue;
     for (int c = mask.nearFirst; c < mask.nearEnd; ++c) {
       int& v = drop[first + c];
@@ -292,6 +342,7 @@ bool SplitMaskAndCount(const IntWindow2D& input, int lo, int hi, double centerX,
       v = kInvalid;
     }
   }
+  FinishStreaming();
   return true;
 }
 

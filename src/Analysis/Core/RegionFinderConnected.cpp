@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace Quarn::Metrology::Analysis::Core {
 
 namespace {
@@ -26,6 +30,82 @@ void Unite(std::vector<int>& parent, int a, int b) {
   }
 }
 
+// The provisional labels of the first pass: a union-find forest over them and, per label, its
+// pixel count and bounding box (rows and columns of the matrix).
+struct ProvisionalLabels {
+  std::vector<int> parent, pixels, minRow, maxRow, minCol, maxCol;
+
+  // The label of the valid pixel (r, c) given the labels of its already labelled neighbours (the
+  // no-data value for none): the neighbours' labels are united, a pixel without any starts a new
+  // label.
+  int Label(int r, int c, int left, int upLeft, int up, int upRight) {
+    constexpr int kNone = RegionIdMatrix2D::NoData();
+    int current = -1;
+    for (const int neighbour : {left, upLeft, up, upRight}) {
+      if (neighbour == kNone) continue;
+      if (current < 0) {
+        current = neighbour;
+      } else {
+        Unite(parent, current, neighbour);
+      }
+    }
+    if (current < 0) {
+      current = static_cast<int>(parent.size());
+      parent.push_back(current);
+      pixels.push_back(0);
+      minRow.push_back(r);
+      maxRow.push_back(r);
+      minCol.push_back(c);
+      maxCol.push_back(c);
+    }
+    const auto k = static_cast<std::size_t>(current);
+    ++pixels[k];
+    maxRow[k] = r;
+    minCol[k] = std::min(minCol[k], c);
+    maxCol[k] = std::max(maxCol[k], c);
+    return current;
+  }
+};
+
+// The first valid pixel of in[c, cols), or cols. Most of a sparse mask is invalid, so the scan for
+// the next region pixel goes four pixels at a time.
+int NextValid(const int* in, int c, int cols) {
+#if defined(__SSE2__)
+  const __m128i invalid = _mm_set1_epi32(RegionIdMatrix2D::NoData());
+  for (; c + 4 <= cols; c += 4) {
+    const __m128i valid = _mm_cmplt_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(in + c)), invalid);
+    const int mask = _mm_movemask_ps(_mm_castsi128_ps(valid));
+    if (mask != 0) return c + __builtin_ctz(static_cast<unsigned>(mask));
+  }
+#endif
+  while (c < cols && !IntWindow2D::IsDataValid(in[c]))
+    ++c;
+  return c;
+}
+
+// Labels row r: `in` the input row, `label` the output row, `above` the labels of the row above
+// (null for the first row). True when the row holds a region pixel.
+bool LabelRow(const int* in, int* label, const int* above, int cols, int r, bool eight,
+              ProvisionalLabels& provisional) {
+  constexpr int kNone = RegionIdMatrix2D::NoData();
+  bool used = false;
+  int c = 0;
+  while (true) {
+    // Only pixels already read are overwritten, even when `label` is `in`.
+    const int next = NextValid(in, c, cols);
+    std::fill(label + c, label + next, kNone);
+    c = next;
+    if (c >= cols) return used;
+    used = true;
+    const int left = c > 0 ? label[c - 1] : kNone;
+    const int up = above ? above[c] : kNone;
+    const int upLeft = above && eight && c > 0 ? above[c - 1] : kNone;
+    const int upRight = above && eight && c + 1 < cols ? above[c + 1] : kNone;
+    label[c] = provisional.Label(r, c, left, upLeft, up, upRight);
+    ++c;
+  }
+}
+
 }  // namespace
 
 bool RegionFinderConnected::MakeRegions(RegionIdMatrix2D& regionIds, Array<RegionInfo>& regions) {
@@ -35,90 +115,79 @@ bool RegionFinderConnected::MakeRegions(RegionIdMatrix2D& regionIds, Array<Regio
   }
   const int rows = input_->GetRows();
   const int cols = input_->GetColumns();
-  const std::int64_t count = input_->GetCount();
-
-  // First pass: provisional labels, -1 for pixels outside every region.
-  std::vector<int> labels(static_cast<std::size_t>(count), -1);
-  std::vector<int> parent;
-  const bool eight = connectivity_ == Connectivity::kEight;
-  for (int r = 0; r < rows; ++r) {
-    const int* in = input_->Row(r);
-    int* label = labels.data() + static_cast<std::int64_t>(r) * cols;
-    const int* above = r > 0 ? label - cols : nullptr;
-    for (int c = 0; c < cols; ++c) {
-      if (!IntWindow2D::IsDataValid(in[c])) continue;
-      int current = -1;
-      const auto join = [&](int neighbour) {
-        if (neighbour < 0) return;
-        if (current < 0) {
-          current = neighbour;
-        } else {
-          Unite(parent, current, neighbour);
-        }
-      };
-      if (c > 0) join(label[c - 1]);
-      if (above) {
-        join(above[c]);
-        if (eight && c > 0) join(above[c - 1]);
-        if (eight && c + 1 < cols) join(above[c + 1]);
-      }
-      if (current < 0) {
-        current = static_cast<int>(parent.size());
-        parent.push_back(current);
-      }
-      label[c] = current;
-    }
+  const Window2D window = input_->GetMatrixWindow();
+  const UnitManager units = input_->GetUnitManager();
+  // The provisional labels go straight into the output. That is safe even when the output is the
+  // input itself: a pixel is read before its label is written, and only labels already written
+  // (the row above, the pixel to the left) are read back as labels.
+  const bool inPlace = regionIds.Data() == input_->Data() && rows > 0 && cols > 0;
+  if (!inPlace && !regionIds.Resize(window)) {
+    RecordCallFailure(status_, regionIds.GetStatus(), "regionIds.Resize", __LINE__);
+    return false;
   }
 
-  // Final ids in order of first appearance in the scan.
+  // First pass: provisional labels (their own numbering) with the pixel count and bounding box of
+  // each, the no-data value outside every region, and which rows hold a region pixel at all.
+  constexpr int kNone = RegionIdMatrix2D::NoData();
+  ProvisionalLabels provisional;
+  std::vector<unsigned char> rowUsed(static_cast<std::size_t>(rows), 0);
+  const bool eight = connectivity_ == Connectivity::kEight;
+  for (int r = 0; r < rows; ++r) {
+    rowUsed[static_cast<std::size_t>(r)] =
+        LabelRow(input_->Row(r), regionIds.Row(r), r > 0 ? regionIds.Row(r - 1) : nullptr, cols, r, eight,
+                 provisional);
+  }
+  const std::vector<int>& pixels = provisional.pixels;
+  const std::vector<int>& minRow = provisional.minRow;
+  const std::vector<int>& maxRow = provisional.maxRow;
+  const std::vector<int>& minCol = provisional.minCol;
+  const std::vector<int>& maxCol = provisional.maxCol;
+  std::vector<int>& parent = provisional.parent;
+
+  // Final ids in order of first appearance in the scan (the smallest provisional label of a region
+  // is its root and the first met), each with the merged counts and boxes of its labels.
   std::vector<int> finalId(parent.size(), -1);
   int regionCount = 0;
+  bool renumbered = false;
   for (std::size_t i = 0; i < parent.size(); ++i) {
     const int root = FindRoot(parent, static_cast<int>(i));
     if (finalId[static_cast<std::size_t>(root)] < 0) finalId[static_cast<std::size_t>(root)] = regionCount++;
     finalId[i] = finalId[static_cast<std::size_t>(root)];
+    renumbered = renumbered || finalId[i] != static_cast<int>(i);
   }
-
-  const Window2D window = input_->GetMatrixWindow();
-  const UnitManager units = input_->GetUnitManager();
-  if (!regionIds.Resize(window)) {
-    RecordCallFailure(status_, regionIds.GetStatus(), "regionIds.Resize", __LINE__);
-    return false;
-  }
-  regionIds.ResetWindow();
-  regionIds.SetUnitManager(units);
   if (!regions.Resize(regionCount)) {
     RecordCallFailure(status_, regions.GetStatus(), "regions.Resize", __LINE__);
     return false;
   }
+  std::vector<int> count(static_cast<std::size_t>(regionCount), 0);
+  std::vector<int> top(count.size(), rows), bottom(count.size(), -1), left(count.size(), cols),
+      right(count.size(), -1);
+  for (std::size_t i = 0; i < parent.size(); ++i) {
+    const auto k = static_cast<std::size_t>(finalId[i]);
+    count[k] += pixels[i];
+    top[k] = std::min(top[k], minRow[i]);
+    bottom[k] = std::max(bottom[k], maxRow[i]);
+    left[k] = std::min(left[k], minCol[i]);
+    right[k] = std::max(right[k], maxCol[i]);
+  }
 
-  // Bounding boxes in matrix coordinates first, then shifted into the camera frame.
-  std::vector<int> minRow(static_cast<std::size_t>(regionCount), rows), maxRow(static_cast<std::size_t>(regionCount), -1);
-  std::vector<int> minCol(static_cast<std::size_t>(regionCount), cols), maxCol(static_cast<std::size_t>(regionCount), -1);
-  std::vector<int> pixels(static_cast<std::size_t>(regionCount), 0);
-  for (int r = 0; r < rows; ++r) {
-    const int* label = labels.data() + static_cast<std::int64_t>(r) * cols;
-    int* out = regionIds.Row(r);
-    for (int c = 0; c < cols; ++c) {
-      if (label[c] < 0) {
-        out[c] = RegionIdMatrix2D::NoData();
-        continue;
+  // Second pass, only where labels were merged or renumbered and only over rows holding regions.
+  if (renumbered) {
+    for (int r = 0; r < rows; ++r) {
+      if (!rowUsed[static_cast<std::size_t>(r)]) continue;
+      int* label = regionIds.Row(r);
+      for (int c = 0; c < cols; ++c) {
+        if (label[c] != kNone) label[c] = finalId[static_cast<std::size_t>(label[c])];
       }
-      const int id = finalId[static_cast<std::size_t>(label[c])];
-      const auto k = static_cast<std::size_t>(id);
-      out[c] = id;
-      ++pixels[k];
-      minRow[k] = std::min(minRow[k], r);
-      maxRow[k] = std::max(maxRow[k], r);
-      minCol[k] = std::min(minCol[k], c);
-      maxCol[k] = std::max(maxCol[k], c);
     }
   }
+  regionIds.ResetWindow();
+  regionIds.SetUnitManager(units);
   for (int id = 0; id < regionCount; ++id) {
     const auto k = static_cast<std::size_t>(id);
-    regions[id] = RegionInfo{id, pixels[k],
-                             Window2D(window.GetStartRow() + minRow[k], window.GetStartCol() + minCol[k],
-                                      maxRow[k] - minRow[k] + 1, maxCol[k] - minCol[k] + 1)};
+    regions[id] = RegionInfo{id, count[k],
+                             Window2D(window.GetStartRow() + top[k], window.GetStartCol() + left[k],
+                                      bottom[k] - top[k] + 1, right[k] - left[k] + 1)};
   }
   return true;
 }

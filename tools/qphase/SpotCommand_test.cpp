@@ -1,0 +1,392 @@
+// qphase spot seen from a shell (exit statuses, messages, the JSON and the overlay, what is left on
+// disk), on synthetic frames of known truth and on two real laser-spot images.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Analysis/Core/FrameBuffer.h"
+#include "Analysis/Core/IntMatrix2D.h"
+#include "SpotOverlay.h"
+#include "Testing/SeededRandom.h"
+#include "Testing/SyntheticSpot.h"
+#include "TiffIO.h"
+
+namespace Quarn::Qphase {
+namespace {
+
+namespace fs = std::filesystem;
+using Metrology::Analysis::Core::IntMatrix2D;
+
+struct RunResult {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string Slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Single quotes for the shell (file names here hold blanks, quotes and backslashes).
+std::string ShellQuote(const std::string& text) {
+  std::string quoted = "'";
+  for (const char c : text)
+    quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+// The number after `label` in the tool's output ("centre of mass x 652.464, y 518.873").
+double NumberAfter(const std::string& text, const std::string& label) {
+  const std::size_t at = text.find(label);
+  return at == std::string::npos ? NAN : std::atof(text.c_str() + at + label.size());
+}
+
+class SpotCommandTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::path(::testing::TempDir()) / ("qphase_spot_" + std::to_string(getpid()) + "_" +
+                                             ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
+
+  RunResult Run(const std::string& arguments) const {
+    const std::string out = Path("stdout.txt"), err = Path("stderr.txt");
+    const std::string command = std::string(QPHASE_BINARY) + " " + arguments + " >" + out + " 2>" + err;
+    const int raw = std::system(command.c_str());
+    RunResult result;
+    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    result.out = Slurp(out);
+    result.err = Slurp(err);
+    fs::remove(out);
+    fs::remove(err);
+    return result;
+  }
+
+  // A 128 x 160 frame of the scene as an 8- or 16-bit TIFF.
+  std::string WriteFrame(const std::string& name, const Testing::SpotScene& scene, int bits = 8) const {
+    IntMatrix2D image(128, 160);
+    Testing::SeededRandom random(61);
+    Testing::FillSpotImage(image, scene, &random);
+    Metrology::Analysis::Core::FrameBuffer frame;
+    frame.Allocate(image.GetMatrixWindow(), 1,
+                   bits == 8 ? Metrology::Analysis::Core::FrameBuffer::kRes8Bit
+                             : Metrology::Analysis::Core::FrameBuffer::kRes16Bit);
+    frame.StoreFrame(0, image.Data());
+    WriteTiffStack(Path(name), frame);
+    return Path(name);
+  }
+
+  static Testing::SpotScene Scene(std::vector<Testing::GaussianSpot> spots, int saturationLevel = 255) {
+    Testing::SpotScene scene;
+    scene.background = 20.0;
+    scene.noiseSigma = 1.0;
+    scene.saturationLevel = saturationLevel;
+    scene.spots = std::move(spots);
+    return scene;
+  }
+
+  std::vector<std::string> Leftovers(std::initializer_list<std::string> expected) const {
+    std::vector<std::string> extra;
+    for (const auto& entry : fs::directory_iterator(dir_)) {
+      const std::string name = entry.path().filename().string();
+      if (std::find(expected.begin(), expected.end(), name) == expected.end()) extra.push_back(name);
+    }
+    return extra;
+  }
+
+  fs::path dir_;
+};
+
+TEST_F(SpotCommandTest, HelpNamesEveryOption) {
+  const RunResult result = Run("spot --help");
+  EXPECT_EQ(result.status, 0);
+  for (const std::string option : {"--center", "--radius", "--obscuration", "--restrict", "--saturation",
+                                   "--max-saturated", "--json", "--png"}) {
+    EXPECT_NE(result.out.find(option), std::string::npos) << option << " in " << result.out;
+  }
+}
+
+// Reticle centre (80, 64): a spot at column 50.3, row 30.6 is left of and above it.
+TEST_F(SpotCommandTest, OneSpotIsNamedWithItsMomentsAndWrittenToJsonAndPng) {
+  const std::string frame = WriteFrame("spot.tif", Scene({{50.3, 30.6, 2.5, 2.5, 200}}));
+  const RunResult result = Run("spot " + frame + " --center 80,64 --radius 60 --obscuration 5 --json " +
+                               Path("spot.json") + " --png " + Path("spot.png"));
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("position: Quadrant2 (one spot, left of and above"), std::string::npos)
+      << result.out;
+  // The synthetic truth, to a few hundredths of a pixel (see the detector's own tests).
+  EXPECT_NEAR(NumberAfter(result.out, "centre of mass x "), 50.3, 0.05) << result.out;
+  EXPECT_NEAR(NumberAfter(result.out, ", y "), 30.6, 0.05) << result.out;
+  EXPECT_NE(result.out.find("sigma x "), std::string::npos);
+  EXPECT_NE(result.out.find("bounding box x "), std::string::npos);
+
+  const std::string json = Slurp(Path("spot.json"));
+  EXPECT_NE(json.find("\"position\": \"Quadrant2\""), std::string::npos) << json;
+  EXPECT_NE(json.find("\"positionCode\": 2"), std::string::npos);
+  for (const std::string key :
+       {"Regions.Size", "Region.0", "Region.0.CenterOfMassX", "Region.0.CenterOfMassY", "Region.0.SigmaX",
+        "Region.0.SigmaY", "Region.0.Quadrant", "Region.0.BoundingRect.X0", "Region.0.BoundingRect.Y0",
+        "Region.0.BoundingRect.X1", "Region.0.BoundingRect.Y1"}) {
+    EXPECT_NE(json.find("\"" + key + "\": \""), std::string::npos) << key;
+  }
+  EXPECT_NE(json.find("\"Regions.Size\": \"1\""), std::string::npos);
+  EXPECT_GT(fs::file_size(Path("spot.png")), 500u);
+  EXPECT_TRUE(Leftovers({"spot.tif", "spot.json", "spot.png"}).empty());
+}
+
+// Outcomes that are not failures end with status 0 and are named.
+TEST_F(SpotCommandTest, NoSpotSeveralSpotsAndSaturationAreReportedNotFailed) {
+  const std::string empty = WriteFrame("empty.tif", Scene({}));
+  RunResult result = Run("spot " + empty + " --center 80,64 --radius 60 --obscuration 5");
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("position: NoSignificantSpot"), std::string::npos) << result.out;
+
+  const std::string two = WriteFrame("two.tif", Scene({{50, 30, 2.5, 2.5, 200}, {120, 100, 2.5, 2.5, 180}}));
+  result = Run("spot " + two + " --center 80,64 --radius 60 --obscuration 5 --json " + Path("two.json"));
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("position: TooManySignificantSpots"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("spot 0: "), std::string::npos);
+  EXPECT_NE(result.out.find("spot 1: "), std::string::npos);
+  EXPECT_NE(Slurp(Path("two.json")).find("\"Regions.Size\": \"2\""), std::string::npos);
+  // The restrictor keeps the diagonal of quadrants 2 and 4: both spots (2 and 4) stay; 1 and 3:
+  // neither does.
+  result = Run("spot " + two + " --center 80,64 --radius 60 --obscuration 5 --restrict 13");
+  EXPECT_NE(result.out.find("position: NoSignificantSpot"), std::string::npos) << result.out;
+
+  // An 8-bit spot clipped at 255: some 60 pixels reach the default level of 250.
+  const std::string clipped = WriteFrame("clipped.tif", Scene({{50, 30, 3, 3, 600}}));
+  result =
+      Run("spot " + clipped + " --center 80,64 --radius 60 --obscuration 5 --png " + Path("clipped.png"));
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("position: TooManySaturatedPixels"), std::string::npos) << result.out;
+  EXPECT_TRUE(fs::exists(Path("clipped.png")));
+  // Tolerating them, or a level above the camera's range, lets the clipped spot through.
+  result = Run("spot " + clipped + " --center 80,64 --radius 60 --obscuration 5 --max-saturated 1000");
+  EXPECT_NE(result.out.find("position: Quadrant2"), std::string::npos) << result.out;
+  result = Run("spot " + clipped + " --center 80,64 --radius 60 --obscuration 5 --saturation 256");
+  EXPECT_NE(result.out.find("position: Quadrant2"), std::string::npos) << result.out;
+}
+
+// A 16-bit frame: the default level is 64250 counts (250/255 of full scale), not 250.
+TEST_F(SpotCommandTest, SixteenBitFramesGetAFullScaleSaturationLevel) {
+  const std::string frame = WriteFrame("deep.tif", Scene({{110.5, 90.25, 3, 3, 30000}}, 65535), 16);
+  RunResult result = Run("spot " + frame + " --center 80,64 --radius 60 --obscuration 5");
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("16 bits"), std::string::npos);
+  EXPECT_NE(result.out.find("saturation 64250"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("position: Quadrant4"), std::string::npos) << result.out;
+  result = Run("spot " + frame + " --center 80,64 --radius 60 --obscuration 5 --saturation 250");
+  EXPECT_NE(result.out.find("position: TooManySaturatedPixels"), std::string::npos) << result.out;
+}
+
+TEST_F(SpotCommandTest, UsageErrorsAndFailedDetectionsLeaveNothing) {
+  const std::string frame = WriteFrame("spot.tif", Scene({{50, 30, 2.5, 2.5, 200}}));
+  const std::string outputs = " --json " + Path("out.json") + " --png " + Path("out.png");
+  RunResult result = Run("spot " + frame + " --center 80,64 --obscuration 5" + outputs);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("--radius"), std::string::npos) << result.err;
+  result = Run("spot " + frame + " --center 80 --radius 60 --obscuration 5");
+  EXPECT_EQ(result.status, 2) << "a centre needs both coordinates";
+  result = Run("spot " + frame + " --center 80,64 --radius 60 --obscuration 5 --restrict 12");
+  EXPECT_EQ(result.status, 2);
+  result = Run("spot " + frame + " --center 80,64 --radius -3 --obscuration 5");
+  EXPECT_EQ(result.status, 2);
+
+  result = Run("spot " + Path("absent.tif") + " --center 80,64 --radius 60 --obscuration 5");
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("absent.tif"), std::string::npos) << result.err;
+  std::ofstream(Path("notes.tif")) << "plain text\n";
+  result = Run("spot " + Path("notes.tif") + " --center 80,64 --radius 60 --obscuration 5" + outputs);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("notes.tif: not a readable TIFF file"), std::string::npos) << result.err;
+
+  // The largest finite double is the library's "undefined": the detection itself fails (status 1).
+  result = Run("spot " + frame + " --center 80,64 --radius 1.7976931348623157e308 --obscuration 5" + outputs);
+  EXPECT_EQ(result.status, 1) << result.out;
+  EXPECT_NE(result.err.find("detection in " + frame + " failed: error 4"), std::string::npos) << result.err;
+
+  result = Run("spot " + frame + " --center 80,64 --radius 60 --obscuration 5 --json " +
+               Path("no/dir/out.json") + " --png " + Path("out.png"));
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("no/dir"), std::string::npos) << result.err;
+  EXPECT_TRUE(Leftovers({"spot.tif", "notes.tif"}).empty()) << "failed runs must not leave files";
+}
+
+// The JSON names the image exactly, whatever characters its path holds, and parses.
+TEST_F(SpotCommandTest, JsonEscapesTheImagePathAndParses) {
+  const std::string frame = WriteFrame("spot \"q\" \\ x.tif", Scene({{50, 30, 2.5, 2.5, 200}}));
+  const RunResult result = Run("spot " + ShellQuote(frame) +
+                               " --center 80,64 --radius 60 --obscuration 5 --json " + Path("q.json"));
+  ASSERT_EQ(result.status, 0) << result.err;
+  const std::string json = Slurp(Path("q.json"));
+  EXPECT_NE(json.find("spot \\\"q\\\" \\\\ x.tif\""), std::string::npos) << json;
+  if (fs::exists("/usr/bin/python3")) {
+    const std::string check =
+        "/usr/bin/python3 -c 'import json,sys; d=json.load(open(sys.argv[1])); "
+        "sys.exit(0 if d[\"image\"].endswith(sys.argv[2]) and d[\"position\"]==\"Quadrant2\" "
+        "else 1)' " +
+        ShellQuote(Path("q.json")) + " " + ShellQuote("spot \"q\" \\ x.tif");
+    EXPECT_EQ(std::system(check.c_str()), 0) << "python's json module reads the file back";
+  }
+}
+
+// The overlay: grey image, the square, the obscuration, the reticle cross, each spot's box and
+// centre, in their colours at the places they belong.
+TEST(SpotOverlayTest, MarksSitWhereTheyBelong) {
+  IntMatrix2D image(60, 80);
+  for (int r = 0; r < 60; ++r) {
+    for (int c = 0; c < 80; ++c)
+      image(r, c) = c;  // a ramp: column 0 black, column 79 white
+  }
+  image(5, 5) = IntMatrix2D::NoData();
+  SpotOverlay overlay;
+  overlay.reticleX = 40;
+  overlay.reticleY = 30;
+  overlay.obscurationRadius = 6;
+  overlay.halfWidth = 20.5;
+  overlay.spots = {{25.4, 18.6, 20, 15, 30, 22}};
+  const RgbImage out = RenderSpotOverlay(image, overlay);
+  EXPECT_EQ(out.Get(0, 50), (Rgb{0, 0, 0}));
+  EXPECT_EQ(out.Get(79, 50), (Rgb{255, 255, 255}));
+  EXPECT_EQ(out.Get(5, 5), (Rgb{0, 0, 90})) << "invalid pixels in dark blue";
+  EXPECT_EQ(out.Get(20, 40), kSquareColour) << "square from column ceil(40 - 20.5) = 20";
+  EXPECT_EQ(out.Get(60, 45), kSquareColour) << "to column floor(40 + 20.5) = 60";
+  EXPECT_EQ(out.Get(40, 10), kSquareColour) << "and from row 10";
+  EXPECT_EQ(out.Get(46, 30), kObscurationColour);
+  EXPECT_EQ(out.Get(40, 30), kReticleColour);
+  EXPECT_EQ(out.Get(43, 30), kReticleColour);
+  EXPECT_EQ(out.Get(25, 19), kSpotCentreColour) << "the centre of mass, rounded to its pixel";
+  EXPECT_EQ(out.Get(19, 14), kSpotBoxColour) << "the box one pixel outside the spot's pixels";
+  EXPECT_EQ(out.Get(31, 23), kSpotBoxColour);
+  EXPECT_NE(out.Get(20, 15), kSpotBoxColour) << "the spot's own corner pixel stays visible";
+
+  // A square far larger than the image costs no more than the image and shows no edge.
+  overlay.halfWidth = 1e300;
+  overlay.spots.clear();
+  const RgbImage wide = RenderSpotOverlay(image, overlay);
+  for (int x = 0; x < 80; ++x)
+    EXPECT_NE(wide.Get(x, 0), kSquareColour);
+}
+
+// Real laser spots (see testdata/licenses): the reticle at the frame's centre, a square that holds
+// the spot. Where the light is, found here without the detector: the beam's height is the largest
+// 5 x 5 mean above the median background; its half-maximum area (5 x 5 means above half the
+// height) gives the beam's radius r = sqrt(area / pi) and a box the spot's box must hold; the
+// centre of the light is the background-subtracted, intensity-weighted centroid of the pixels whose
+// 5 x 5 mean exceeds a tenth of the height, within 3 r of the half-maximum area's centroid (hot
+// pixels elsewhere are no light of the beam).
+//
+// Tolerance: a real beam is not a Gaussian, and its weighted centroid depends on the level down to
+// which the light is counted. Measured on these images between 25 % and 5 % of the height it moves
+// by 0.012 r (8-bit beam) and 0.085 r (16-bit beam, whose wing trails to the lower left). The
+// detector counts down to its own noise-derived level and weights raw counts (the pedestal
+// included), so it is held to 0.1 r of the 10 % centroid: 2.8 and 3.9 pixels here, against spots
+// of radius 28 and 40 pixels that sit 40 and 370 pixels from the reticle centre.
+struct RealSpot {
+  const char* file;
+  const char* extra;     // options beyond centre, radius and obscuration
+  const char* quadrant;  // from the beam's place relative to the centre (640, 480)
+};
+
+void PrintTo(const RealSpot& spot, std::ostream* out) { *out << spot.file; }
+
+class RealSpotTest : public SpotCommandTest, public ::testing::WithParamInterface<RealSpot> {};
+
+TEST_P(RealSpotTest, OneSpotWhereTheLightIs) {
+  const std::string file = std::string(QUARN_TESTDATA_DIR) + "/" + GetParam().file;
+  IntMatrix2D image;
+  ReadTiffImage(file, image);
+  std::vector<int> values(image.Data(), image.Data() + image.GetCount());
+  std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
+  const double background = values[values.size() / 2];
+  const int rows = image.GetRows(), cols = image.GetColumns();
+  std::vector<double> smooth(static_cast<std::size_t>(rows) * cols, 0.0);
+  double peak = 0.0;
+  for (int r = 2; r < rows - 2; ++r) {
+    for (int c = 2; c < cols - 2; ++c) {
+      double sum = 0.0;
+      for (int dr = -2; dr <= 2; ++dr) {
+        for (int dc = -2; dc <= 2; ++dc)
+          sum += image(r + dr, c + dc);
+      }
+      smooth[static_cast<std::size_t>(r) * cols + c] = sum / 25.0;
+      peak = std::max(peak, sum / 25.0);
+    }
+  }
+  const double half = background + 0.5 * (peak - background);
+  double sx = 0, sy = 0, n = 0;
+  int x0 = cols, x1 = -1, y0 = rows, y1 = -1;
+  for (int r = 0; r < rows; ++r) {
+    for (int c = 0; c < cols; ++c) {
+      if (smooth[static_cast<std::size_t>(r) * cols + c] <= half) continue;
+      sx += c, sy += r, n += 1;
+      x0 = std::min(x0, c), x1 = std::max(x1, c), y0 = std::min(y0, r), y1 = std::max(y1, r);
+    }
+  }
+  ASSERT_GT(n, 100) << "a beam, not a hot pixel";
+  const double hx = sx / n, hy = sy / n, radius = std::sqrt(n / 3.14159265358979);
+  const double tenth = background + 0.1 * (peak - background);
+  double w = 0, wx = 0, wy = 0;
+  for (int r = 0; r < rows; ++r) {
+    for (int c = 0; c < cols; ++c) {
+      if (smooth[static_cast<std::size_t>(r) * cols + c] <= tenth || std::hypot(c - hx, r - hy) > 3 * radius)
+        continue;
+      const double light = image(r, c) - background;
+      w += light, wx += light * c, wy += light * r;
+    }
+  }
+  const double cx = wx / w, cy = wy / w;
+
+  const RunResult result = Run("spot " + file + " --center 640,480 --radius 450 --obscuration 10 " +
+                               GetParam().extra + " --json " + Path("real.json"));
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find(std::string("position: ") + GetParam().quadrant), std::string::npos)
+      << result.out;
+  EXPECT_EQ(result.out.find("spot 1:"), std::string::npos) << "one spot only: " << result.out;
+  const double x = NumberAfter(result.out, "centre of mass x "), y = NumberAfter(result.out, ", y ");
+  EXPECT_LT(std::hypot(x - cx, y - cy), 0.1 * radius)
+      << "detected (" << x << ", " << y << "), centroid of the light (" << cx << ", " << cy << "), radius "
+      << radius;
+  int bx0 = 0, bx1 = -1, by0 = 0, by1 = -1;  // pixel coordinates: whole numbers
+  const std::size_t box = result.out.find("bounding box x ");
+  ASSERT_NE(box, std::string::npos) << result.out;
+  ASSERT_EQ(std::sscanf(result.out.c_str() + box, "bounding box x %d..%d, y %d..%d", &bx0, &bx1, &by0, &by1),
+            4);
+  EXPECT_TRUE(bx0 <= x0 && bx1 >= x1 && by0 <= y0 && by1 >= y1)
+      << "box x " << bx0 << ".." << bx1 << ", y " << by0 << ".." << by1 << "; half maximum x " << x0 << ".."
+      << x1 << ", y " << y0 << ".." << y1;
+  RecordProperty("centre_of_mass", std::to_string(x) + "," + std::to_string(y));
+  RecordProperty("centroid_of_the_light", std::to_string(cx) + "," + std::to_string(cy));
+  RecordProperty("half_maximum_radius", std::to_string(radius));
+}
+
+INSTANTIATE_TEST_SUITE_P(Beams, RealSpotTest,
+                         ::testing::Values(RealSpot{"beam_spot_8bit.tif", "", "Quadrant4"},
+                                           RealSpot{"beam_spot_16bit.tif", "--saturation 70000",
+                                                    "Quadrant2"}),
+                         [](const auto& info) {
+                           std::string name = std::string(info.param.file).substr(10);
+                           return name.substr(0, name.find('.'));
+                         });
+
+}  // namespace
+}  // namespace Quarn::Qphase

@@ -328,24 +328,30 @@ class Fft2D::Impl {
     const int windowRows = sourceWindow_.GetRows();
     const int windowCols = sourceWindow_.GetCols();
     const bool hann = !rowWeights_.empty();
+    const bool plain = !hann && !centre_ && offset_ == 0.0;
     for (int r = first; r < end; ++r) {
       fftw_complex* out = Row(r);
-      std::memset(static_cast<void*>(out), 0, sizeof(fftw_complex) * static_cast<std::size_t>(columns_));
-      if (r >= windowRows) continue;
+      if (r >= windowRows) {
+        std::memset(static_cast<void*>(out), 0, sizeof(fftw_complex) * static_cast<std::size_t>(columns_));
+        continue;
+      }
       const double* in = SourceRow(r);
       const double rowWeight = hann ? rowWeights_[static_cast<std::size_t>(r)] : 1.0;
       const double rowSign = centre_ && (r & 1) ? -1.0 : 1.0;
-      if (!hann && !centre_ && offset_ == 0.0) {
-        for (int c = 0; c < windowCols; ++c)
-          out[c][0] = DataWindow2D<double>::IsDataValid(in[c]) ? in[c] : 0.0;
-        continue;
-      }
       for (int c = 0; c < windowCols; ++c) {
-        if (!DataWindow2D<double>::IsDataValid(in[c])) continue;
-        double v = (in[c] - offset_) * rowWeight * rowSign;
-        if (hann) v *= columnWeights_[static_cast<std::size_t>(c)];
-        if (centre_ && (c & 1)) v = -v;
+        const bool valid = DataWindow2D<double>::IsDataValid(in[c]);
+        double v = valid ? in[c] : 0.0;
+        if (!plain && valid) {
+          v = (v - offset_) * rowWeight * rowSign;
+          if (hann) v *= columnWeights_[static_cast<std::size_t>(c)];
+          if (centre_ && (c & 1)) v = -v;
+        }
         out[c][0] = v;
+        out[c][1] = 0.0;
+      }
+      if (windowCols < columns_) {
+        std::memset(static_cast<void*>(out + windowCols), 0,
+                    sizeof(fftw_complex) * static_cast<std::size_t>(columns_ - windowCols));
       }
     }
   }

@@ -74,6 +74,8 @@ class QUARN_PP_EXPORT KinephaseAlgorithm {
   int GetMinRegionSizeToTrim() const { return board_.minRegionSizeToTrim; }
   void SetMinRegionSizeToTrim(int pixels) { board_.minRegionSizeToTrim = std::max(pixels, 0); }
   const KpKernelSelector& GetKernelSelector() const { return board_.kernelSelector; }
+  bool GetUseFastPath() const { return board_.useFastPath; }
+  void SetUseFastPath(bool use) { board_.useFastPath = use; }
   // Whether the filter matches the current size and kernel (false until the first build).
   bool GetFilterValid() const { return board_.filterValid; }
 

@@ -288,6 +288,52 @@ TEST(KinephaseAlgorithmTest, EveryThreadCountGivesTheSingleThreadedBits) {
   EXPECT_TRUE(DoubleMatrix2D::IsDataValid(phase1(40, 40)));
 }
 
+// Distance in units in the last place between two doubles of the same sign.
+std::int64_t UlpDistance(double a, double b) {
+  std::int64_t ia, ib;
+  std::memcpy(&ia, &a, sizeof a);
+  std::memcpy(&ib, &b, sizeof b);
+  return ia > ib ? ia - ib : ib - ia;
+}
+
+// The vector phase extraction against the one-pixel-at-a-time reference, on a width that leaves a
+// tail of three pixels per row: modulation and validity bit for bit, the phase within the 2 ulp
+// by which SLEEF's and libm's atan2 may differ (the scale adds none: it is applied alike).
+TEST(KinephaseAlgorithmTest, FastPathMatchesTheReference) {
+  Testing::SeededRandom random(17);
+  SCOPED_TRACE(random.Describe());
+  const int rows = 61, cols = 79;
+  Testing::CarrierScene scene;
+  scene.phase = SmoothPhase(rows, cols);
+  scene.noiseSigma = 2.0;
+  scene.obscured = [](int r, int c) { return r > 20 && r < 35 && c > 30 && c < 50; };
+  FrameBuffer frames;
+  frames.Allocate(Window2D(0, 0, rows, cols), 1, FrameBuffer::kRes8Bit);
+  Testing::FillCarrierFrame(frames, 0, scene, &random);
+  DoubleMatrix2D phase[2], modulation[2];
+  for (const bool fast : {false, true}) {
+    KinephaseAlgorithm kinephase;
+    kinephase.SetUseFastPath(fast);
+    kinephase.SetModulationThreshold(20.0);
+    kinephase.SetIntensity(frames, 0);
+    kinephase.Process(phase[fast], modulation[fast]);
+    ASSERT_TRUE(kinephase.GetStatus().IsOk());
+  }
+  std::int64_t rejected = 0;
+  for (std::int64_t i = 0; i < phase[0].GetCount(); ++i) {
+    ASSERT_EQ(modulation[1].At(i), modulation[0].At(i)) << "pixel " << i;
+    ASSERT_EQ(DoubleMatrix2D::IsNoData(phase[1].At(i)), DoubleMatrix2D::IsNoData(phase[0].At(i)))
+        << "pixel " << i;
+    if (DoubleMatrix2D::IsNoData(phase[0].At(i))) {
+      ++rejected;
+      continue;
+    }
+    if (std::abs(phase[0].At(i)) < 1e-300) continue;  // zero against a tiny number of either sign
+    ASSERT_LE(UlpDistance(phase[1].At(i), phase[0].At(i)), 2) << "pixel " << i << ": " << phase[0].At(i);
+  }
+  EXPECT_GT(rejected, 14 * 19) << "the obscured block is rejected in both";
+}
+
 // Without the carrier removal the phase is that of the fringes themselves, phi + carrier; with the
 // data sign +1 the phase is negated; the real and imaginary parts are the complex signal behind
 // phase and modulation.

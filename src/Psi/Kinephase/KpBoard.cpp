@@ -31,7 +31,8 @@ KpBoard::KpBoard(const KpBoard& other)
       fft(other.fft),
       trimRegions(other.trimRegions),
       trimWork(other.trimWork),
-      status(other.status) {
+      status(other.status),
+      useFastPath(other.useFastPath) {
   Wire();
 }
 
@@ -58,6 +59,7 @@ KpBoard& KpBoard::operator=(const KpBoard& other) {
   trimRegions = other.trimRegions;
   trimWork = other.trimWork;
   status = other.status;
+  useFastPath = other.useFastPath;
   Wire();
   return *this;
 }

@@ -24,6 +24,8 @@ KpCarrierSubtractor::KpCarrierSubtractor(const KpCarrierSubtractor& other)
       orientation_(other.orientation_),
       rotators_(other.rotators_),
       dispatcher_(other.dispatcher_),
+      sequence_(other.sequence_),
+      step_(other.step_),
       requestedWorkers_(other.requestedWorkers_),
       status_(other.status_) {
   dispatcher_.SetObject(this);
@@ -37,6 +39,8 @@ KpCarrierSubtractor& KpCarrierSubtractor::operator=(const KpCarrierSubtractor& o
   orientation_ = other.orientation_;
   rotators_ = other.rotators_;
   dispatcher_ = other.dispatcher_;
+  sequence_ = other.sequence_;
+  step_ = other.step_;
   dispatcher_.SetObject(this);
   requestedWorkers_ = other.requestedWorkers_;
   status_ = other.status_;
@@ -51,7 +55,8 @@ Status KpCarrierSubtractor::Execute() {
     return Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
                   "The fringe period must be at least 1 pixel, not " + std::to_string(fringePeriod_));
   }
-  if (!BuildRotators()) return rotators_.GetStatus();
+  if (!BuildRotators())
+    return rotators_.GetStatus().IsError() ? rotators_.GetStatus() : sequence_.GetStatus();
   const int rows = fft_->GetRows();
   try {
     if (allowMultiThreads_ && rows > 1) {
@@ -72,41 +77,45 @@ bool KpCarrierSubtractor::BuildRotators() {
     const double angle = kTwoPi * k / fringePeriod_;
     rotators_[k] = std::complex<double>(std::cos(angle), std::sin(angle));
   }
+  // Along a row the index walks the table by one step (+1 or -1) per column. Unrolled into a
+  // sequence one period longer than a row, every row reads a contiguous slice of it, starting
+  // where its first pixel's index is: the inner loop is a plain complex multiply.
+  step_ = (orientation_ == KpQuadrant::Quadrant1 || orientation_ == KpQuadrant::Quadrant4) ? -1 : 1;
+  const int length = fft_->GetColumns() + fringePeriod_;
+  if (!sequence_.Resize(length)) return false;
+  for (int j = 0; j < length; ++j)
+    sequence_[j] = rotators_[((step_ * j) % fringePeriod_ + fringePeriod_) % fringePeriod_];
   return true;
 }
 
 void KpCarrierSubtractor::ApplyRotators(int first, int end) {
-  const int rows = fft_->GetRows();
+  const long long rows = fft_->GetRows();
   const int columns = fft_->GetColumns();
   const int period = fringePeriod_;
-  const std::complex<double>* rotator = rotators_.Data();
-  // m = base + step x along a row, so k = m mod P walks the table by +1 or -1 per column.
-  int step = 1;
   for (int y = first; y < end; ++y) {
-    long long base = 0;
+    // m = base + step x; pixel x takes rotator (base + step x) mod P = sequence[x + j0] with
+    // j0 = step base mod P (step is its own inverse).
+    long long base = y;
     switch (static_cast<int>(orientation_)) {
       case KpQuadrant::Quadrant1:
-        base = static_cast<long long>(rows) + columns + y, step = -1;
+        base = rows + columns + y;
         break;
       case KpQuadrant::Quadrant3:
-        base = static_cast<long long>(rows) + columns - y, step = 1;
-        break;
       case KpQuadrant::Quadrant4:
-        base = static_cast<long long>(rows) + columns - y, step = -1;
+        base = rows + columns - y;
         break;
       default:
-        base = y, step = 1;
-        break;  // quadrant 2 and anything undefined
+        break;  // quadrant 2 and anything undefined: m = x + y
     }
-    int k = static_cast<int>(base % period);
-    std::complex<double>* row = fft_->GetRow(y);
+    const int k0 = static_cast<int>(base % period);
+    const int j0 = (step_ * k0 % period + period) % period;
+    const double* rotator = reinterpret_cast<const double*>(sequence_.Data() + j0);
+    double* z = reinterpret_cast<double*>(fft_->GetRow(y));
     for (int x = 0; x < columns; ++x) {
-      const double re = row[x].real(), im = row[x].imag();
-      const double cosine = rotator[k].real(), sine = rotator[k].imag();
-      row[x] = std::complex<double>(re * cosine - im * sine, re * sine + im * cosine);
-      k += step;
-      if (k == period) k = 0;
-      if (k < 0) k = period - 1;
+      const double re = z[2 * x], im = z[2 * x + 1];
+      const double cosine = rotator[2 * x], sine = rotator[2 * x + 1];
+      z[2 * x] = re * cosine - im * sine;
+      z[2 * x + 1] = re * sine + im * cosine;
     }
   }
 }

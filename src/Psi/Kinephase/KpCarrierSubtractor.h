@@ -19,7 +19,7 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase {
 //   1: m = R + N + y - x    2: m = x + y    3: m = R + N - y + x    4: m = R + N - y - x
 // (any other orientation: m = x + y). The offset R + N only keeps m non-negative; where it is not a
 // multiple of P it adds the constant 2 pi (R + N) / P to every pixel. The rotators e^{2 pi i k / P}
-// are tabulated once per `Execute`, so no pixel evaluates a sine.
+// are tabulated once per `Execute`, so no pixel evaluates a sine or a remainder.
 //
 // Rows are spread over the workers of the embedded dispatcher when allowed; each row is rotated
 // with the same table, so the result does not depend on the thread count.
@@ -61,6 +61,8 @@ class QUARN_PP_EXPORT KpCarrierSubtractor {
   KpQuadrant orientation_ = KpQuadrant::Quadrant2;
   Analysis::Core::Array<std::complex<double>> rotators_;
   Analysis::Core::Threading::ThreadDispatcher<KpCarrierSubtractor> dispatcher_;
+  Analysis::Core::Array<std::complex<double>> sequence_;  // the rotators in the order a row meets them
+  int step_ = 1;
   int requestedWorkers_ = 1;
   Analysis::Core::Status status_;
 };

@@ -73,6 +73,8 @@ class QUARN_PP_EXPORT KpController : public BoardController<KpBoard> {
   void ApplyFilter(int first, int end);
   void ExtractPhaseAndModulation(void* job, int thread, int first, int end);
   void LoadIntensity(void* job, int thread, int first, int end);
+  void MarkTrimRows(int first, int end);
+  void ApplyTrimRows(void* phase, int thread, int first, int end);
 
   // Runs a row function over [0, rows) on the workers or, when multithreading is off, in one call.
   void Rows(void (KpController::*work)(int, int), int rows);

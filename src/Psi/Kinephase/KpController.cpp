@@ -132,44 +132,45 @@ void KpController::Rows(void (KpController::*work)(void*, int, int, int), void* 
   dispatcher_.Invoke(work, job, 0, rows);
 }
 
+bool KpController::LoadFrame(FrameBuffer& frames, int frame) {
+  KpBoard& board = *board_;
+  if (frame < 0 || frame >= frames.GetNumberOfFrames()) {
+    board.status = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+                          "Frame " + std::to_string(frame) + " is not in the frame buffer (" +
+                              std::to_string(frames.GetNumberOfFrames()) + " frames)");
+    return false;
+  }
+  board.intensityRange = frames.GetMaxValue();
+  board.width = frames.GetColumns();
+  board.height = frames.GetRows();
+  const Window2D window = frames.GetAllocatedWindow();
+  if (!board.intensity.Resize(window)) {
+    CopyIfFailed(board.status, board.intensity.GetStatus());
+    return false;
+  }
+  board.intensity.ResetWindow();
+  if (!board.mask.Resize(window)) {
+    CopyIfFailed(board.status, board.mask.GetStatus());
+    return false;
+  }
+  board.mask.ResetWindow();
+  board.mask.SetAll(0);  // without a mask every pixel is in
+  LoadJob job{&frames, frames.GetSlotOfFrame(frame)};
+  Rows(&KpController::LoadIntensity, &job, board.height);
+  return true;
+}
+
 void KpController::SetIntensity(FrameBuffer& frames, int frame) {
-  Guarded([&](KpBoard& board) {
-    if (frame < 0 || frame >= frames.GetNumberOfFrames()) {
-      board.status = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
-                            "Frame " + std::to_string(frame) + " is not in the frame buffer (" +
-                                std::to_string(frames.GetNumberOfFrames()) + " frames)");
-      return;
-    }
-    board.intensityRange = frames.GetMaxValue();
-    board.width = frames.GetColumns();
-    board.height = frames.GetRows();
-    const Window2D window = frames.GetAllocatedWindow();
-    if (!board.intensity.Resize(window)) {
-      CopyIfFailed(board.status, board.intensity.GetStatus());
-      return;
-    }
-    board.intensity.ResetWindow();
-    if (!board.mask.Resize(window)) {
-      CopyIfFailed(board.status, board.mask.GetStatus());
-      return;
-    }
-    board.mask.ResetWindow();
-    board.mask.SetAll(0);  // without a mask every pixel is in
-    LoadJob job{&frames, frames.GetSlotOfFrame(frame)};
-    Rows(&KpController::LoadIntensity, &job, board.height);
-  });
+  Guarded([&](KpBoard&) { LoadFrame(frames, frame); });
 }
 
 void KpController::SetIntensity(FrameBuffer& frames, int frame, const RegionIdMatrix2D& mask) {
-  SetIntensity(frames, frame);
   Guarded([&](KpBoard& board) {
-    if (board.intensity.GetRows() != frames.GetRows() || board.intensity.GetColumns() != frames.GetColumns())
-      return;
+    if (!LoadFrame(frames, frame)) return;
     if (mask.GetRows() != board.height || mask.GetColumns() != board.width) {
       board.status = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
                             "The mask (" + SizeText(mask.GetRows(), mask.GetColumns()) +
                                 ") does not match the frame (" + SizeText(board.height, board.width) + ")");
-      board.mask.SetAll(0);
       return;
     }
     if (!board.mask.CopyAll(mask)) CopyIfFailed(board.status, board.mask.GetStatus());

@@ -62,6 +62,7 @@ class QUARN_PP_EXPORT KpController : public BoardController<KpBoard> {
   struct ExtractJob;
   struct LoadJob;
 
+  bool LoadFrame(Analysis::Core::FrameBuffer& frames, int frame);
   bool Process();
   bool UpdateFftSize();
   bool UpdateFilterSize();

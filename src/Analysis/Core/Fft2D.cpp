@@ -1,0 +1,478 @@
+#include "Analysis/Core/Fft2D.h"
+
+#include <fftw3.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <list>
+#include <mutex>
+#include <numbers>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Analysis/Core/AlignedBuffer.h"
+#include "Analysis/Core/Threading/ThreadDispatcher.h"
+#include "Analysis/Core/detail/FftwPlanning.h"
+
+namespace Quarn::Metrology::Analysis::Core {
+
+namespace {
+
+constexpr const char* kSource = "analysis\\core\\Fft2D";
+
+// Columns are transformed in blocks of this many neighbouring columns: one block is 16 complex
+// values (four cache lines) per row, so every line fetched from a row is used completely, and a
+// block of a 2048-row image (512 KiB) stays in the second-level cache while FFTW works on it.
+// Fixed blocks (rather than one block per worker) keep the arithmetic independent of the number of
+// threads.
+constexpr int kColumnBlock = 16;
+
+// The six plans of one size: rows, full column blocks and the last, narrower block, each forward
+// and backward. Plans are made on a buffer of the final layout and run on any buffer of that layout
+// (FFTW's new-array execution), which needs equal alignment: rows and blocks start on 64-byte
+// boundaries everywhere.
+struct PlanSet {
+  int rows = 0;
+  int columns = 0;
+  std::ptrdiff_t stride = 0;
+  fftw_plan rowForward = nullptr;
+  fftw_plan rowBackward = nullptr;
+  fftw_plan blockForward = nullptr;
+  fftw_plan blockBackward = nullptr;
+  fftw_plan tailForward = nullptr;
+  fftw_plan tailBackward = nullptr;
+
+  PlanSet() = default;
+  PlanSet(const PlanSet&) = delete;
+  PlanSet& operator=(const PlanSet&) = delete;
+  ~PlanSet() {
+    std::lock_guard<std::mutex> lock(detail::FftwPlannerMutex());
+    for (fftw_plan plan : {rowForward, rowBackward, blockForward, blockBackward, tailForward, tailBackward}) {
+      if (plan) fftw_destroy_plan(plan);
+    }
+  }
+  bool Complete() const {
+    const bool blocks = columns < kColumnBlock || (blockForward && blockBackward);
+    const bool tail = columns % kColumnBlock == 0 || (tailForward && tailBackward);
+    return rowForward && rowBackward && blocks && tail;
+  }
+};
+
+// The plans of the sizes used last, shared by every transform of the process. A transform keeps
+// its plans alive while it holds them, so dropping a size from the cache never pulls plans from
+// under a running transform.
+class PlanCache {
+ public:
+  static constexpr std::size_t kCapacity = 8;
+
+  // The plans for rows x columns with the given row stride, made on `buffer` (whose contents
+  // FFTW's measuring planner overwrites) when the cache does not hold them. Null when FFTW cannot
+  // plan the size.
+  std::shared_ptr<const PlanSet> Acquire(int rows, int columns, std::ptrdiff_t stride, fftw_complex* buffer) {
+    std::shared_ptr<const PlanSet> dropped;  // released after the lock: its destructor takes the lock
+    std::lock_guard<std::mutex> lock(detail::FftwPlannerMutex());
+    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+      if ((*it)->rows == rows && (*it)->columns == columns && (*it)->stride == stride) {
+        entries_.splice(entries_.begin(), entries_, it);
+        return entries_.front();
+      }
+    }
+    auto plans = std::make_shared<PlanSet>();
+    plans->rows = rows;
+    plans->columns = columns;
+    plans->stride = stride;
+    const unsigned flags = FFTW_MEASURE;
+    plans->rowForward = fftw_plan_dft_1d(columns, buffer, buffer, FFTW_FORWARD, flags);
+    plans->rowBackward = fftw_plan_dft_1d(columns, buffer, buffer, FFTW_BACKWARD, flags);
+    const int n[1] = {rows};
+    const int stride32 = static_cast<int>(stride);
+    if (columns >= kColumnBlock) {
+      plans->blockForward = fftw_plan_many_dft(1, n, kColumnBlock, buffer, nullptr, stride32, 1, buffer,
+                                               nullptr, stride32, 1, FFTW_FORWARD, flags);
+      plans->blockBackward = fftw_plan_many_dft(1, n, kColumnBlock, buffer, nullptr, stride32, 1, buffer,
+                                                nullptr, stride32, 1, FFTW_BACKWARD, flags);
+    }
+    if (const int tail = columns % kColumnBlock; tail > 0) {
+      plans->tailForward = fftw_plan_many_dft(1, n, tail, buffer, nullptr, stride32, 1, buffer, nullptr,
+                                              stride32, 1, FFTW_FORWARD, flags);
+      plans->tailBackward = fftw_plan_many_dft(1, n, tail, buffer, nullptr, stride32, 1, buffer, nullptr,
+                                               stride32, 1, FFTW_BACKWARD, flags);
+    }
+    if (!plans->Complete()) {
+      dropped = std::move(plans);
+      return nullptr;
+    }
+    entries_.push_front(std::move(plans));
+    if (entries_.size() > kCapacity) {
+      dropped = std::move(entries_.back());
+      entries_.pop_back();
+    }
+    return entries_.front();
+  }
+
+ private:
+  std::list<std::shared_ptr<const PlanSet>> entries_;
+};
+
+PlanCache& Plans() {
+  // Never destroyed: transforms held in static objects may release their plans after the end of
+  // main, and the planner lock they then take must still exist.
+  static PlanCache* cache = new PlanCache;
+  return *cache;
+}
+
+// Rows start on 64-byte boundaries (four complex values); a row of a multiple of 4 KiB is padded by
+// one cache line so that the rows of a column block do not all fall into the same cache sets.
+std::ptrdiff_t RowStrideFor(int columns) {
+  std::ptrdiff_t stride = (static_cast<std::ptrdiff_t>(columns) + 3) / 4 * 4;
+  if (stride > 0 && stride % 256 == 0) stride += 4;
+  return stride;
+}
+
+}  // namespace
+
+class Fft2D::Impl {
+ public:
+  Impl() : dispatcher_(this) { requestedWorkers_ = dispatcher_.GetNumberOfWorkers(); }
+  Impl(const Impl& other)
+      : rows_(other.rows_),
+        columns_(other.columns_),
+        stride_(other.stride_),
+        plans_(other.plans_),
+        allowMultiThreads_(other.allowMultiThreads_),
+        requestedWorkers_(other.requestedWorkers_),
+        dispatcher_(other.dispatcher_),
+        status_(other.status_) {
+    dispatcher_.SetObject(this);
+    const std::size_t bytes = other.data_.Size();
+    if (bytes > 0) {
+      if (data_.Allocate(bytes)) {
+        std::memcpy(data_.Data(), other.data_.Data(), bytes);
+      } else {
+        rows_ = columns_ = 0;
+        stride_ = 0;
+        plans_.reset();
+        status_ =
+            Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Copying the transform data failed");
+      }
+    }
+  }
+
+  bool SetSize(int rows, int columns) {
+    if (rows < 0 || columns < 0) {
+      status_ = Status(0, StatusCode::kNegativeDimension, __LINE__, kSource, "");
+      return false;
+    }
+    if (rows == rows_ && columns == columns_) return true;
+    const std::ptrdiff_t stride = RowStrideFor(columns);
+    const std::size_t bytes =
+        static_cast<std::size_t>(rows) * static_cast<std::size_t>(stride) * sizeof(fftw_complex);
+    AlignedBuffer fresh;
+    if (!fresh.Allocate(bytes)) {
+      status_ =
+          Status(0, StatusCode::kAllocationFailed, __LINE__, kSource,
+                 "No memory for a " + std::to_string(rows) + " x " + std::to_string(columns) + " transform");
+      return false;
+    }
+    std::shared_ptr<const PlanSet> plans;
+    if (rows > 0 && columns > 0) {
+      plans = Plans().Acquire(rows, columns, stride, reinterpret_cast<fftw_complex*>(fresh.Data()));
+      if (!plans) {
+        status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource,
+                         "Call to fftw_plan_many_dft failed for " + std::to_string(rows) + " x " +
+                             std::to_string(columns));
+        return false;
+      }
+      fresh.Zero();  // the measuring planner has scribbled over the buffer
+    }
+    data_ = std::move(fresh);
+    plans_ = std::move(plans);
+    rows_ = rows;
+    columns_ = columns;
+    stride_ = stride;
+    return true;
+  }
+
+  bool SetData(const DataWindow2D<double>& data, bool removeMean, bool applyHann, bool centreSpectrum) {
+    const Window2D window = data.GetWindow();
+    if (window.GetRows() > rows_ || window.GetCols() > columns_) {
+      status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+                       "The data window (" + std::to_string(window.GetRows()) + " x " +
+                           std::to_string(window.GetCols()) + ") is larger than the transform (" +
+                           std::to_string(rows_) + " x " + std::to_string(columns_) + ")");
+      return false;
+    }
+    source_ = &data;
+    sourceWindow_ = window;
+    centre_ = centreSpectrum;
+    offset_ = 0.0;
+    rowWeights_.clear();
+    columnWeights_.clear();
+    if (applyHann) {
+      rowWeights_ = HannWeights(window.GetRows());
+      columnWeights_ = HannWeights(window.GetCols());
+    }
+    return Guarded([&] {
+      if (removeMean) {
+        // Per-row sums first, added in row order afterwards: the mean does not depend on how the
+        // rows were shared out.
+        rowSums_.assign(static_cast<std::size_t>(window.GetRows()), 0.0);
+        rowCounts_.assign(static_cast<std::size_t>(window.GetRows()), 0);
+        Run(&Impl::SumRows, window.GetRows());
+        double sum = 0.0;
+        std::int64_t count = 0;
+        for (std::size_t r = 0; r < rowSums_.size(); ++r) {
+          sum += rowSums_[r];
+          count += rowCounts_[r];
+        }
+        offset_ = count > 0 ? sum / static_cast<double>(count) : 0.0;
+      }
+      Run(&Impl::LoadRows, rows_);
+    });
+  }
+
+  bool Transform(bool inverse) {
+    if (rows_ == 0 || columns_ == 0) {
+      status_ = Status(0, StatusCode::kNotSet, __LINE__, kSource, "The transform has no size (SetSize)");
+      return false;
+    }
+    inverse_ = inverse;
+    const int blocks = (columns_ + kColumnBlock - 1) / kColumnBlock;
+    return Guarded([&] {
+      // The inverse goes columns first so that the 1 / (rows x columns) scaling rides on the row
+      // pass, while each row is still in the first-level cache.
+      if (inverse) {
+        Run(&Impl::ColumnBlocks, blocks);
+        Run(&Impl::Rows, rows_);
+      } else {
+        Run(&Impl::Rows, rows_);
+        Run(&Impl::ColumnBlocks, blocks);
+      }
+    });
+  }
+
+  fftw_complex* Row(int row) const {
+    return reinterpret_cast<fftw_complex*>(data_.Data()) + static_cast<std::ptrdiff_t>(row) * stride_;
+  }
+
+  int rows_ = 0;
+  int columns_ = 0;
+  std::ptrdiff_t stride_ = 0;
+  AlignedBuffer data_;
+  std::shared_ptr<const PlanSet> plans_;
+  bool allowMultiThreads_ = true;
+  int requestedWorkers_ = 1;
+  Threading::ThreadDispatcher<Impl> dispatcher_;
+  Status status_{__LINE__, kSource};
+
+ private:
+  static std::vector<double> HannWeights(int n) {
+    std::vector<double> w(static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i) {
+      const double s = std::sin(std::numbers::pi * (i + 1) / (n + 1));
+      w[static_cast<std::size_t>(i)] = s * s;
+    }
+    return w;
+  }
+
+  template <typename F>
+  bool Guarded(F&& work) {
+    try {
+      work();
+    } catch (const Status& failure) {
+      status_ = failure;
+      return false;
+    } catch (...) {
+      status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "Unhandled exception");
+      return false;
+    }
+    return true;
+  }
+
+  void Run(void (Impl::*work)(int, int), int count) {
+    if (count <= 0) return;
+    if (!allowMultiThreads_ || count == 1) {
+      (this->*work)(0, count);
+      return;
+    }
+    // A short range lowers the dispatcher's worker count for good; ask for the full count each time.
+    dispatcher_.SetNumberOfWorkers(requestedWorkers_);
+    dispatcher_.Invoke(work, 0, count);
+  }
+
+  const double* SourceRow(int r) const {
+    return source_->Row(sourceWindow_.GetStartRow() - source_->GetStartRow() + r) +
+           (sourceWindow_.GetStartCol() - source_->GetStartCol());
+  }
+
+  void SumRows(int first, int end) {
+    const int cols = sourceWindow_.GetCols();
+    for (int r = first; r < end; ++r) {
+      const double* in = SourceRow(r);
+      double sum = 0.0;
+      int count = 0;
+      for (int c = 0; c < cols; ++c) {
+        if (DataWindow2D<double>::IsDataValid(in[c])) {
+          sum += in[c];
+          ++count;
+        }
+      }
+      rowSums_[static_cast<std::size_t>(r)] = sum;
+      rowCounts_[static_cast<std::size_t>(r)] = count;
+    }
+  }
+
+  void LoadRows(int first, int end) {
+    const int windowRows = sourceWindow_.GetRows();
+    const int windowCols = sourceWindow_.GetCols();
+    const bool hann = !rowWeights_.empty();
+    const bool plain = !hann && !centre_ && offset_ == 0.0;
+    for (int r = first; r < end; ++r) {
+      fftw_complex* out = Row(r);
+      if (r >= windowRows) {
+        std::memset(static_cast<void*>(out), 0, sizeof(fftw_complex) * static_cast<std::size_t>(columns_));
+        continue;
+      }
+      const double* in = SourceRow(r);
+      const double rowWeight = hann ? rowWeights_[static_cast<std::size_t>(r)] : 1.0;
+      const double rowSign = centre_ && (r & 1) ? -1.0 : 1.0;
+      for (int c = 0; c < windowCols; ++c) {
+        const bool valid = DataWindow2D<double>::IsDataValid(in[c]);
+        double v = valid ? in[c] : 0.0;
+        if (!plain && valid) {
+          v = (v - offset_) * rowWeight * rowSign;
+          if (hann) v *= columnWeights_[static_cast<std::size_t>(c)];
+          if (centre_ && (c & 1)) v = -v;
+        }
+        out[c][0] = v;
+        out[c][1] = 0.0;
+      }
+      if (windowCols < columns_) {
+        std::memset(static_cast<void*>(out + windowCols), 0,
+                    sizeof(fftw_complex) * static_cast<std::size_t>(columns_ - windowCols));
+      }
+    }
+  }
+
+  void Rows(int first, int end) {
+    const fftw_plan plan = inverse_ ? plans_->rowBackward : plans_->rowForward;
+    const double scale = inverse_ ? 1.0 / (static_cast<double>(rows_) * columns_) : 1.0;
+    for (int r = first; r < end; ++r) {
+      fftw_complex* row = Row(r);
+      fftw_execute_dft(plan, row, row);
+      if (inverse_) {
+        double* values = &row[0][0];
+        for (int i = 0; i < 2 * columns_; ++i)
+          values[i] *= scale;
+      }
+    }
+  }
+
+  void ColumnBlocks(int first, int end) {
+    const int fullBlocks = columns_ / kColumnBlock;
+    for (int b = first; b < end; ++b) {
+      const fftw_plan plan = b < fullBlocks ? (inverse_ ? plans_->blockBackward : plans_->blockForward)
+                                            : (inverse_ ? plans_->tailBackward : plans_->tailForward);
+      fftw_complex* start = Row(0) + static_cast<std::ptrdiff_t>(b) * kColumnBlock;
+      fftw_execute_dft(plan, start, start);
+    }
+  }
+
+  // State of the pass in progress, read by the work functions.
+  const DataWindow2D<double>* source_ = nullptr;
+  Window2D sourceWindow_;
+  bool centre_ = false;
+  double offset_ = 0.0;
+  bool inverse_ = false;
+  std::vector<double> rowWeights_;
+  std::vector<double> columnWeights_;
+  std::vector<double> rowSums_;
+  std::vector<std::int64_t> rowCounts_;
+};
+
+Fft2D::Fft2D() : impl_(std::make_unique<Impl>()) {}
+Fft2D::Fft2D(const Fft2D& other) : impl_(std::make_unique<Impl>(*other.impl_)) {}
+Fft2D& Fft2D::operator=(const Fft2D& other) {
+  if (this != &other) impl_ = std::make_unique<Impl>(*other.impl_);
+  return *this;
+}
+Fft2D::~Fft2D() = default;
+
+bool Fft2D::SetSize(int rows, int columns) {
+  return impl_->SetSize(rows, columns);
+}
+int Fft2D::GetRows() const {
+  return impl_->rows_;
+}
+int Fft2D::GetColumns() const {
+  return impl_->columns_;
+}
+std::ptrdiff_t Fft2D::GetRowStride() const {
+  return impl_->stride_;
+}
+
+bool Fft2D::SetData(const DataWindow2D<double>& data, bool removeMean, bool applyHann, bool centreSpectrum) {
+  return impl_->SetData(data, removeMean, applyHann, centreSpectrum);
+}
+
+bool Fft2D::Transform(bool inverse) {
+  return impl_->Transform(inverse);
+}
+
+double Fft2D::MagSquared(int row, int column) const {
+  const fftw_complex& x = impl_->Row(row)[column];
+  return x[0] * x[0] + x[1] * x[1];
+}
+
+std::complex<double>* Fft2D::GetRow(int row) {
+  return reinterpret_cast<std::complex<double>*>(impl_->Row(row));
+}
+const std::complex<double>* Fft2D::GetRow(int row) const {
+  return reinterpret_cast<const std::complex<double>*>(impl_->Row(row));
+}
+
+namespace {
+template <int Part>
+bool CopyPart(const Fft2D& fft, DataMatrix2D<double>& out) {
+  if (!out.Resize(fft.GetRows(), fft.GetColumns())) return false;
+  for (int r = 0; r < fft.GetRows(); ++r) {
+    const double* in = reinterpret_cast<const double*>(fft.GetRow(r));
+    double* o = out.Row(r);
+    for (int c = 0; c < fft.GetColumns(); ++c)
+      o[c] = in[2 * c + Part];
+  }
+  return true;
+}
+}  // namespace
+
+bool Fft2D::GetRealPart(DataMatrix2D<double>& real) const {
+  return CopyPart<0>(*this, real);
+}
+bool Fft2D::GetImaginaryPart(DataMatrix2D<double>& imaginary) const {
+  return CopyPart<1>(*this, imaginary);
+}
+
+bool Fft2D::GetAllowMultiThreads() const {
+  return impl_->allowMultiThreads_;
+}
+void Fft2D::SetAllowMultiThreads(bool allow) {
+  impl_->allowMultiThreads_ = allow;
+}
+int Fft2D::GetNumberOfThreads() const {
+  return impl_->requestedWorkers_;
+}
+void Fft2D::SetNumberOfThreads(int n) {
+  impl_->dispatcher_.SetNumberOfWorkers(n);
+  impl_->requestedWorkers_ = impl_->dispatcher_.GetNumberOfWorkers();
+}
+
+Status& Fft2D::GetStatus() {
+  return impl_->status_;
+}
+const Status& Fft2D::GetStatus() const {
+  return impl_->status_;
+}
+
+}  // namespace Quarn::Metrology::Analysis::Core

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <complex>
+#include <cstddef>
+#include <memory>
+
+#include "Analysis/Core/DataMatrix2D.h"
+#include "Analysis/Core/DataWindow2D.h"
+#include "Analysis/Core/QuarnCoreExport.h"
+#include "Analysis/Core/Status.h"
+
+namespace Quarn::Metrology::Analysis::Core {
+
+// Fft2D
+//
+// The complex two-dimensional discrete Fourier transform of an image, in place, on FFTW.
+//
+// Conventions
+// - Data: `rows` x `columns` complex doubles, row-major, row r starting `GetRowStride()` elements
+//   after row r - 1 (the stride may exceed the column count: rows are padded so that the column
+//   transforms do not hit the same cache sets over and over).
+// - Forward (`Transform(false)`): X[k, l] = sum over (r, c) of x[r, c] e^{-2 pi i (k r / rows + l c /
+// columns)},
+//   FFTW's own kernel, unscaled. Bin (k, l) sits at row k, column l: k = 0 is zero frequency, bins
+//   k >= rows / 2 (integer division) are the negative frequencies k - rows; the same for columns.
+//   A fringe e^{+2 pi i (u c / columns + v r / rows)} therefore lands in the bin of row v, column u.
+// - Inverse (`Transform(true)`): the conjugate kernel, scaled by 1 / (rows x columns), so that the
+//   inverse of the forward transform gives the data back. A real fringe a + b cos(theta) thus has
+//   two side lobes that each carry b / 2, and one lobe, kept and transformed back, has magnitude
+//   b / 2 in every pixel.
+//
+// Plans are made once per size for the whole process (FFTW's measuring planner, under the library's
+// planner lock) and shared by every transform of that size, so transforms of equal data give
+// bit-identical results, whatever the instance and the number of threads. Rows and column blocks
+// are spread over the worker threads of an embedded dispatcher.
+//
+//   Fft2D fft;
+//   fft.SetSize(rows, cols);
+//   fft.SetData(image, false, false, false);   // the image's window, no-data samples as 0
+//   fft.Transform(false);                      // spectrum
+//   fft.GetRow(0)[0];                          // zero frequency: the sum of all samples
+//   fft.Transform(true);                       // the image again
+//
+// Failures are recorded in the status and the operation returns false: code 30 for a negative
+// size, 3 when memory runs out, 6 when FFTW cannot plan, 20 for a data window larger than the
+// transform, 21 for a transform without a size.
+class QUARN_CORE_EXPORT Fft2D {
+ public:
+  Fft2D();
+  Fft2D(const Fft2D& other);
+  Fft2D& operator=(const Fft2D& other);
+  ~Fft2D();
+
+  // Sizes the transform (data zero); nothing happens when the size is already rows x columns.
+  bool SetSize(int rows, int columns);
+  int GetRows() const;
+  int GetColumns() const;
+  // Distance in complex elements between the starts of two rows (>= the column count).
+  std::ptrdiff_t GetRowStride() const;
+
+  // Loads the window of `data` (its current window, at most the transform's size) as real samples,
+  // imaginary parts 0, at the transform's origin; elements outside the window are 0, and so are
+  // no-data samples. Flags:
+  //   removeMean      subtract the mean of the valid samples (the zero-frequency spike goes);
+  //   applyHann       taper with a separable Hann window over the data window (less leakage from
+  //                   the image borders);
+  //   centreSpectrum  multiply by (-1)^(row + column), which moves zero frequency to the bin
+  //                   (rows / 2, columns / 2) of the forward transform.
+  bool SetData(const DataWindow2D<double>& data, bool removeMean, bool applyHann, bool centreSpectrum);
+
+  // Forward (false) or scaled inverse (true) transform of the data in place.
+  bool Transform(bool inverse);
+
+  // |X|^2 of the element at (row, column).
+  double MagSquared(int row, int column) const;
+
+  // The elements of one row (GetColumns() of them). Valid until the next SetSize.
+  std::complex<double>* GetRow(int row);
+  const std::complex<double>* GetRow(int row) const;
+
+  // Copies of the real or imaginary parts as a rows x columns matrix (resized, origin kept).
+  bool GetRealPart(DataMatrix2D<double>& real) const;
+  bool GetImaginaryPart(DataMatrix2D<double>& imaginary) const;
+
+  bool GetAllowMultiThreads() const;
+  void SetAllowMultiThreads(bool allow);
+  int GetNumberOfThreads() const;
+  void SetNumberOfThreads(int n);
+
+  Status& GetStatus();
+  const Status& GetStatus() const;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace Quarn::Metrology::Analysis::Core

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstdint>
+
+#include "Analysis/Core/DataMatrix2D.h"
+#include "Analysis/Core/DoubleMatrix2D.h"
+#include "Analysis/Core/Fft2D.h"
+#include "Analysis/Core/RegionIdMatrix2D.h"
+#include "Analysis/Core/Status.h"
+#include "Psi/Kinephase/KpCarrierSubtractor.h"
+#include "Psi/Kinephase/KpController.h"
+#include "Psi/Kinephase/KpKernelSelector.h"
+#include "QuarnPhaseProcessingExport.h"
+
+namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase {
+
+// KpBoard
+//
+// Everything one carrier-fringe pipeline instance holds: its parameters (with the defaults below,
+// restored by `Clear`), the frame as doubles with its optional mask, the filter, the transform, the
+// carrier subtractor, the trim's working maps, the status, and the controller that runs the steps,
+// wired to this board. `KinephaseAlgorithm` holds one by value and reads and writes its fields.
+//
+// Units and conventions: the frame is `height` rows by `width` columns; the filter is real, in the
+// transform's bin order (zero frequency at row 0, column 0); `modulationThreshold` is in percent of
+// half the intensity range (half the saturation level: the largest modulation an unclipped fringe
+// can have); `phaseScale` turns radians into the phase map's unit; `dataSign` multiplies the phase.
+class QUARN_PP_EXPORT KpBoard {
+ public:
+  KpBoard();
+  KpBoard(const KpBoard& other);
+  KpBoard& operator=(const KpBoard& other);
+  virtual ~KpBoard();
+
+  // Restores the parameter defaults; the frame, the mask and the working data stay.
+  void Clear();
+
+  bool allowMultiThreads = true;
+  bool filterValid = false;
+  bool subtractCarrier = true;
+  bool useTrim = false;  // stored and reported only: the trim always runs
+  int dataSign = -1;
+  int width = 0;
+  int height = 0;
+  int intensityRange = 255;
+  int minRegionSizeToTrim = 10;
+  double phaseScale = 1.0;
+  double modulationThreshold = 0.0;
+  Analysis::Core::DoubleMatrix2D filter;
+  Analysis::Core::DoubleMatrix2D intensity;
+  Analysis::Core::RegionIdMatrix2D mask;
+  KpCarrierSubtractor carrierSubtractor;
+  KpController controller;
+  KpKernelSelector kernelSelector;
+  Analysis::Core::Fft2D fft;
+  Analysis::Core::RegionIdMatrix2D trimRegions;
+  Analysis::Core::DataMatrix2D<std::uint8_t> trimWork;
+  Analysis::Core::Status status;
+  // The phase extraction runs four pixels at a time with a vector atan2 (within 2 ulp of libm's);
+  // false selects the one-pixel-at-a-time reference.
+  bool useFastPath = true;
+
+ private:
+  void Wire();
+};
+
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase

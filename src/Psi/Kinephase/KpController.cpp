@@ -1,0 +1,508 @@
+#include "Psi/Kinephase/KpController.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <string>
+
+#include "Analysis/Core/AnyValid.h"
+#include "Analysis/Core/Array.h"
+#include "Analysis/Core/CTimer.h"
+#include "Analysis/Core/DebugChannel.h"
+#include "Analysis/Core/IppiWrapper.h"
+#include "Analysis/Core/RegionFinderConnected.h"
+#include "Analysis/Core/RegionInfo.h"
+#include "Analysis/Core/Units.h"
+#include "Core/Board/WiringCheck.h"
+#include "Psi/Kinephase/KpBoard.h"
+#include "Psi/Kinephase/detail/KpPhaseKernel.h"
+
+namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase {
+
+using Analysis::Core::Array;
+using Analysis::Core::CopyIfFailed;
+using Analysis::Core::DataMatrix2D;
+using Analysis::Core::DoubleMatrix2D;
+using Analysis::Core::FrameBuffer;
+using Analysis::Core::RegionIdMatrix2D;
+using Analysis::Core::RegionInfo;
+using Analysis::Core::Status;
+using Analysis::Core::Window2D;
+namespace StatusCode = Analysis::Core::StatusCode;
+
+namespace {
+constexpr const char* kSource = "Psi\\Kinephase\\KpController";
+
+std::string SizeText(int rows, int cols) {
+  return std::to_string(rows) + " x " + std::to_string(cols);
+}
+
+// Stage timings on the debug channel ("\tKinephase forward transform: 21.3 ms"), for finding where a
+// run spends its time; nothing is formatted while the channel is silent.
+class StageTimer {
+ public:
+  void Done(const char* stage) {
+    if (Analysis::Core::IsDebugEnabled()) {
+      Analysis::Core::debug_printf("\tKinephase %s: %.2f ms\n", stage, timer_.GetElapsed() / 1000.0);
+    }
+    timer_.Start();
+  }
+
+ private:
+  Analysis::Core::CTimer timer_;
+};
+}  // namespace
+
+// What the phase extraction writes, handed to the workers with the dispatcher's data pointer.
+struct KpController::ExtractJob {
+  DataMatrix2D<double>* phase = nullptr;
+  DataMatrix2D<double>* modulation = nullptr;
+  double threshold = 0.0;                                       // counts
+  double scale = 1.0;                                           // data sign x radians-to-map-unit factor
+  detail::KpPhaseRowFunction row = &detail::PhaseRowReference;  // chosen once per run
+};
+
+// Which frame slot the loading of the intensity reads.
+struct KpController::LoadJob {
+  const FrameBuffer* frames = nullptr;
+  int slot = 0;
+};
+
+KpController::KpController() : dispatcher_(this) {
+  requestedWorkers_ = dispatcher_.GetNumberOfWorkers();
+}
+
+KpController::KpController(const KpController& other)
+    : BoardController<KpBoard>(other),
+      dispatcher_(other.dispatcher_),
+      requestedWorkers_(other.requestedWorkers_) {
+  dispatcher_.SetObject(this);
+}
+
+KpController& KpController::operator=(const KpController& other) {
+  if (this == &other) return *this;
+  BoardController<KpBoard>::operator=(other);
+  dispatcher_ = other.dispatcher_;
+  dispatcher_.SetObject(this);
+  requestedWorkers_ = other.requestedWorkers_;
+  return *this;
+}
+
+KpController::~KpController() = default;
+
+void KpController::SetNumberOfThreads(int n) {
+  dispatcher_.SetNumberOfWorkers(n);
+  requestedWorkers_ = dispatcher_.GetNumberOfWorkers();
+}
+
+bool KpController::IsWired() {
+  if (!board_) return false;
+  return CheckSizeDefined(board_->status, board_->width, board_->height, kSource, __LINE__);
+}
+
+template <typename F>
+void KpController::Guarded(F&& body) {
+  if (!board_) return;
+  try {
+    body(*board_);
+  } catch (const Status& failure) {
+    board_->status = failure;
+  } catch (...) {
+    board_->status = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "Unhandled exception");
+  }
+}
+
+void KpController::Rows(void (KpController::*work)(int, int), int rows) {
+  if (rows <= 0) return;
+  if (!board_->allowMultiThreads || rows == 1) {
+    (this->*work)(0, rows);
+    return;
+  }
+  dispatcher_.SetNumberOfWorkers(requestedWorkers_);  // a short range lowers it for good otherwise
+  dispatcher_.Invoke(work, 0, rows);
+}
+
+void KpController::Rows(void (KpController::*work)(void*, int, int, int), void* job, int rows) {
+  if (rows <= 0) return;
+  if (!board_->allowMultiThreads || rows == 1) {
+    (this->*work)(job, 0, 0, rows);
+    return;
+  }
+  dispatcher_.SetNumberOfWorkers(requestedWorkers_);
+  dispatcher_.Invoke(work, job, 0, rows);
+}
+
+bool KpController::LoadFrame(FrameBuffer& frames, int frame) {
+  KpBoard& board = *board_;
+  if (frame < 0 || frame >= frames.GetNumberOfFrames()) {
+    board.status = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+                          "Frame " + std::to_string(frame) + " is not in the frame buffer (" +
+                              std::to_string(frames.GetNumberOfFrames()) + " frames)");
+    return false;
+  }
+  board.intensityRange = frames.GetMaxValue();
+  board.width = frames.GetColumns();
+  board.height = frames.GetRows();
+  const Window2D window = frames.GetAllocatedWindow();
+  if (!board.intensity.Resize(window)) {
+    CopyIfFailed(board.status, board.intensity.GetStatus());
+    return false;
+  }
+  board.intensity.ResetWindow();
+  if (!board.mask.Resize(window)) {
+    CopyIfFailed(board.status, board.mask.GetStatus());
+    return false;
+  }
+  board.mask.ResetWindow();
+  board.mask.SetAll(0);  // without a mask every pixel is in
+  LoadJob job{&frames, frames.GetSlotOfFrame(frame)};
+  Rows(&KpController::LoadIntensity, &job, board.height);
+  return true;
+}
+
+void KpController::SetIntensity(FrameBuffer& frames, int frame) {
+  Guarded([&](KpBoard&) { LoadFrame(frames, frame); });
+}
+
+void KpController::SetIntensity(FrameBuffer& frames, int frame, const RegionIdMatrix2D& mask) {
+  Guarded([&](KpBoard& board) {
+    if (!LoadFrame(frames, frame)) return;
+    if (mask.GetRows() != board.height || mask.GetColumns() != board.width) {
+      board.status = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+                            "The mask (" + SizeText(mask.GetRows(), mask.GetColumns()) +
+                                ") does not match the frame (" + SizeText(board.height, board.width) + ")");
+      return;
+    }
+    if (!board.mask.CopyAll(mask)) CopyIfFailed(board.status, board.mask.GetStatus());
+  });
+}
+
+void KpController::LoadIntensity(void* data, int /*thread*/, int first, int end) {
+  const LoadJob& job = *static_cast<const LoadJob*>(data);
+  const int columns = board_->width;
+  const void* slot = job.frames->GetFrameData(job.slot);
+  // The sample type is decided once for the range.
+  const auto load = [&](const auto* samples) {
+    for (int r = first; r < end; ++r) {
+      const auto* in = samples + static_cast<std::int64_t>(r) * columns;
+      double* out = board_->intensity.Row(r);
+      for (int c = 0; c < columns; ++c)
+        out[c] = static_cast<double>(in[c]);
+    }
+  };
+  switch (job.frames->GetElementRes()) {
+    case FrameBuffer::kRes8Bit:
+      load(static_cast<const std::uint8_t*>(slot));
+      break;
+    case FrameBuffer::kRes16Bit:
+      load(static_cast<const std::uint16_t*>(slot));
+      break;
+    case FrameBuffer::kRes32Bit:
+      load(static_cast<const std::int32_t*>(slot));
+      break;
+  }
+}
+
+void KpController::Prepare(const Window2D& window) {
+  Guarded([&](KpBoard& board) {
+    if (!IsWired()) return;
+    board.width = window.GetCols();
+    board.height = window.GetRows();
+    UpdateFftSize() && UpdateFilterSize() && UpdateFilter();
+  });
+}
+
+bool KpController::UpdateFftSize() {
+  KpBoard& board = *board_;
+  if (board.fft.GetRows() == board.height && board.fft.GetColumns() == board.width) return true;
+  if (board.fft.SetSize(board.height, board.width)) return true;
+  CopyIfFailed(board.status, board.fft.GetStatus());
+  return false;
+}
+
+bool KpController::UpdateFilterSize() {
+  KpBoard& board = *board_;
+  if (board.filter.GetRows() == board.height && board.filter.GetColumns() == board.width) return true;
+  board.filterValid = false;
+  if (board.filter.Resize(board.height, board.width)) return true;
+  CopyIfFailed(board.status, board.filter.GetStatus());
+  return false;
+}
+
+bool KpController::UpdateFilter() {
+  KpBoard& board = *board_;
+  if (board.filterValid) return true;
+  if (board.kernelSelector.GetPixelsPerFringe() < 1) {
+    board.status = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+                          "The pixels per fringe must be at least 1, not " +
+                              std::to_string(board.kernelSelector.GetPixelsPerFringe()));
+    return false;
+  }
+  board.filter.SetAll(0.0);
+  Rows(&KpController::CalculateFilter, board.height);
+  board.filterValid = true;
+  return true;
+}
+
+// The analytic filter: a Gaussian of width r around the lobe at distance r from zero frequency,
+// times a notch of width r / 3 at zero frequency (the bias and its leakage) and one of width r / 6
+// at the second harmonic (the clipping of bright fringes), over the half plane towards the lobe
+// (the conjugate lobe and everything on its side go).
+void KpController::CalculateFilter(int first, int end) {
+  const KpBoard& board = *board_;
+  const int rows = board.height;
+  const int columns = board.width;
+  const double p = board.kernelSelector.GetPixelsPerFringe();
+  const double fx = columns / p;
+  const double fy = rows / p;
+  double cx = 0.0, cy = 0.0;
+  switch (static_cast<int>(board.kernelSelector.GetOrientation())) {
+    case KpQuadrant::Quadrant1:
+      cx = fx, cy = -fy;
+      break;
+    case KpQuadrant::Quadrant2:
+      cx = -fx, cy = -fy;
+      break;
+    case KpQuadrant::Quadrant3:
+      cx = -fx, cy = fy;
+      break;
+    case KpQuadrant::Quadrant4:
+      cx = fx, cy = fy;
+      break;
+    default:
+      break;
+  }
+  const double half = 1.0 / std::sqrt(2.0);
+  const double ux = cx > 0.0 ? half : (cx < 0.0 ? -half : 0.0);
+  const double uy = cy > 0.0 ? half : (cy < 0.0 ? -half : 0.0);
+  const double r = std::sqrt(cx * cx + cy * cy);
+  const double s0 = r / 3.0, s1 = r, s2 = r / 6.0;
+  const double k0 = 0.5 / (s0 * s0), k1 = 0.5 / (s1 * s1), k2 = 0.5 / (s2 * s2);
+  for (int i = first; i < end; ++i) {
+    const double v = i < rows / 2 ? i : i - rows;
+    double* out = board_->filter.Row(i);
+    for (int j = 0; j < columns; ++j) {
+      const double u = j < columns / 2 ? j : j - columns;
+      if (u * ux + v * uy <= 0.0) {
+        out[j] = 0.0;
+        continue;
+      }
+      const double d0 = u * u + v * v;
+      const double d1 = (u - cx) * (u - cx) + (v - cy) * (v - cy);
+      const double d2 = (u - 2.0 * cx) * (u - 2.0 * cx) + (v - 2.0 * cy) * (v - 2.0 * cy);
+      out[j] = (1.0 - std::exp(-d0 * k0)) * std::exp(-d1 * k1) * (1.0 - std::exp(-d2 * k2));
+    }
+  }
+}
+
+void KpController::ApplyFilter(int first, int end) {
+  KpBoard& board = *board_;
+  const int columns = board.width;
+  for (int i = first; i < end; ++i) {
+    double* z = reinterpret_cast<double*>(board.fft.GetRow(i));
+    const double* f = board.filter.Row(i);
+    for (int j = 0; j < columns; ++j) {
+      z[2 * j] *= f[j];
+      z[2 * j + 1] *= f[j];
+    }
+  }
+}
+
+bool KpController::Process() {
+  KpBoard& board = *board_;
+  if (!IsWired()) return false;
+  StageTimer timer;
+  if (!UpdateFftSize() || !UpdateFilterSize() || !UpdateFilter()) return false;
+  timer.Done("sizes and filter");
+  board.fft.SetAllowMultiThreads(board.allowMultiThreads);
+  board.fft.SetNumberOfThreads(requestedWorkers_);
+  if (!board.fft.SetData(board.intensity, false, false, false)) {
+    CopyIfFailed(board.status, board.fft.GetStatus());
+    return false;
+  }
+  timer.Done("load transform");
+  if (!board.fft.Transform(false)) {
+    CopyIfFailed(board.status, board.fft.GetStatus());
+    return false;
+  }
+  timer.Done("forward transform");
+  Rows(&KpController::ApplyFilter, board.height);
+  timer.Done("filter");
+  if (!board.fft.Transform(true)) {
+    CopyIfFailed(board.status, board.fft.GetStatus());
+    return false;
+  }
+  timer.Done("inverse transform");
+  if (board.subtractCarrier) {
+    board.carrierSubtractor.SetAllowMultiThreads(board.allowMultiThreads);
+    board.carrierSubtractor.SetNumberOfThreads(requestedWorkers_);
+    board.carrierSubtractor.SetFringePeriod(board.kernelSelector.GetPixelsPerFringe());
+    board.carrierSubtractor.SetOrientation(board.kernelSelector.GetOrientation());
+    board.status = board.carrierSubtractor.Execute();
+    if (board.status.IsError()) return false;
+    timer.Done("carrier removal");
+  }
+  return true;
+}
+
+void KpController::Process(DoubleMatrix2D& phase) {
+  DoubleMatrix2D modulation;
+  Process(phase, modulation);
+}
+
+void KpController::Process(DoubleMatrix2D& phase, DoubleMatrix2D& modulation) {
+  Guarded([&](KpBoard&) { ProcessBody(phase, modulation); });
+}
+
+void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D& modulation) {
+  KpBoard& board = *board_;
+  board.phaseScale = 1.0;
+  board.phaseScale = phase.GetUnitManager().GetSlopeToBaseUnit(Analysis::Core::Units::kRadians);
+  if (!std::isfinite(board.phaseScale) || board.phaseScale == 0.0) {
+    board.status = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+                          "The phase map's unit cannot express a phase");
+    return;
+  }
+  if (!Process()) return;
+  const int rows = board.fft.GetRows();
+  const int columns = board.fft.GetColumns();
+  if (!phase.Resize(rows, columns)) {
+    CopyIfFailed(board.status, phase.GetStatus());
+    return;
+  }
+  if (!modulation.Resize(rows, columns)) {
+    CopyIfFailed(board.status, modulation.GetStatus());
+    return;
+  }
+  ExtractJob job;
+  job.phase = &phase;
+  job.modulation = &modulation;
+  job.threshold = board.modulationThreshold / 100.0 * 0.5 * board.intensityRange;
+  job.scale = board.dataSign * board.phaseScale;
+  job.row = detail::SelectPhaseRow(board.useFastPath);
+  StageTimer timer;
+  Rows(&KpController::ExtractPhaseAndModulation, &job, rows);
+  timer.Done("phase and modulation");
+  if (!ApplyTrim(phase)) return;
+  timer.Done("trim");
+  ApplyMask(phase);
+  if (!Analysis::Core::Calculation::AnyValid(phase)) {
+    board.status = Status(0, StatusCode::kNoValidResult, __LINE__, kSource, "");
+  }
+}
+
+void KpController::ExtractPhaseAndModulation(void* data, int /*thread*/, int first, int end) {
+  const ExtractJob& job = *static_cast<const ExtractJob*>(data);
+  detail::KpPhaseRow row;
+  row.columns = board_->fft.GetColumns();
+  row.threshold = job.threshold;
+  row.scale = job.scale;
+  row.noData = DoubleMatrix2D::NoData();
+  for (int r = first; r < end; ++r) {
+    row.z = reinterpret_cast<const double*>(board_->fft.GetRow(r));
+    row.phase = job.phase->Row(r);
+    row.modulation = job.modulation->Row(r);
+    job.row(row);
+  }
+}
+
+// Valid phase next to a large no-data area (an obscuration, the frame border of a clipped pupil)
+// carries the filter's ringing: such areas are grown by one pixel into the valid phase. Small
+// holes (single rejected pixels, dust) are left alone.
+bool KpController::ApplyTrim(DoubleMatrix2D& phase) {
+  if (!board_) return false;
+  KpBoard& board = *board_;
+  StageTimer timer;
+  if (!board.trimRegions.MarkNoDataOf(phase)) {
+    CopyIfFailed(board.status, board.trimRegions.GetStatus());
+    return false;
+  }
+  Analysis::Core::RegionFinderConnected finder;
+  finder.SetMatrix(board.trimRegions);
+  Array<RegionInfo> regions;
+  if (!finder.MakeRegions(board.trimRegions, regions)) {
+    CopyIfFailed(board.status, finder.GetStatus());
+    return false;
+  }
+  timer.Done("trim: no-data regions found");
+  for (const RegionInfo& region : regions) {
+    if (region.pixelCount < board.minRegionSizeToTrim) board.trimRegions.DeleteRegion(region);
+  }
+  timer.Done("trim: small regions deleted");
+  if (!board.trimWork.Resize(phase.GetMatrixWindow())) {
+    CopyIfFailed(board.status, board.trimWork.GetStatus());
+    return false;
+  }
+  Rows(&KpController::MarkTrimRows, phase.GetRows());
+  timer.Done("trim: mask");
+  const Status dilated = Analysis::Core::IppiWrapper::Dilate3x3(board.trimWork, board.trimWork);
+  timer.Done("trim: dilation");
+  if (dilated.IsError()) {
+    board.status = dilated;
+    return false;
+  }
+  Rows(&KpController::ApplyTrimRows, &phase, phase.GetRows());
+  return true;
+}
+
+void KpController::MarkTrimRows(int first, int end) {
+  const int columns = board_->trimRegions.GetColumns();
+  for (int r = first; r < end; ++r) {
+    const int* ids = board_->trimRegions.Row(r);
+    std::uint8_t* work = board_->trimWork.Row(r);
+    for (int c = 0; c < columns; ++c)
+      work[c] = RegionIdMatrix2D::IsValid(ids[c]) ? 1 : 0;
+  }
+}
+
+void KpController::ApplyTrimRows(void* data, int /*thread*/, int first, int end) {
+  DoubleMatrix2D& phase = *static_cast<DoubleMatrix2D*>(data);
+  const int columns = phase.GetColumns();
+  const double noData = DoubleMatrix2D::NoData();
+  for (int r = first; r < end; ++r) {
+    const std::uint8_t* work = board_->trimWork.Row(r);
+    double* values = phase.Row(r);
+    for (int c = 0; c < columns; ++c) {
+      if (work[c] != 0) values[c] = noData;
+    }
+  }
+}
+
+void KpController::ApplyMask(DoubleMatrix2D& phase) {
+  const RegionIdMatrix2D& mask = board_->mask;
+  const int rows = std::min(phase.GetRows(), mask.GetRows());
+  const int columns = std::min(phase.GetColumns(), mask.GetColumns());
+  const double noData = DoubleMatrix2D::NoData();
+  for (int r = 0; r < rows; ++r) {
+    const int* in = mask.Row(r);
+    double* out = phase.Row(r);
+    for (int c = 0; c < columns; ++c) {
+      if (!RegionIdMatrix2D::IsValid(in[c])) out[c] = noData;
+    }
+  }
+}
+
+void KpController::ProcessRealImag(DoubleMatrix2D& real, DoubleMatrix2D& imaginary) {
+  Guarded([&](KpBoard& board) {
+    if (!Process()) return;
+    if (!board.fft.GetRealPart(real)) {
+      CopyIfFailed(board.status, real.GetStatus());
+      return;
+    }
+    if (!board.fft.GetImaginaryPart(imaginary)) CopyIfFailed(board.status, imaginary.GetStatus());
+  });
+}
+
+void KpController::GetFilter(DoubleMatrix2D& filter) {
+  Guarded([&](KpBoard& board) {
+    if (!filter.CopyAll(board.filter)) CopyIfFailed(board.status, filter.GetStatus());
+  });
+}
+
+void KpController::GetTrimRegions(RegionIdMatrix2D& regions) {
+  Guarded([&](KpBoard& board) {
+    if (!regions.CopyAll(board.trimRegions)) CopyIfFailed(board.status, regions.GetStatus());
+  });
+}
+
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase

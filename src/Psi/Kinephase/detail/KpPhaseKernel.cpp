@@ -1,0 +1,22 @@
+#include <cmath>
+
+#include "Psi/Kinephase/detail/KpPhaseKernel.h"
+
+namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase::detail {
+
+void PhaseRowReference(const KpPhaseRow& row) {
+  for (int c = 0; c < row.columns; ++c) {
+    const double re = row.z[2 * c], im = row.z[2 * c + 1];
+    const double m = 2.0 * std::sqrt(re * re + im * im);
+    row.modulation[c] = m;
+    row.phase[c] = row.threshold > m ? row.noData : std::atan2(im, re) * row.scale;
+  }
+}
+
+KpPhaseRowFunction SelectPhaseRow(bool fast) {
+  __builtin_cpu_init();
+  if (fast && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return &PhaseRowAvx2;
+  return &PhaseRowReference;
+}
+
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase::detail

@@ -1,0 +1,30 @@
+#pragma once
+
+namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase::detail {
+
+// One row of the phase extraction: the complex signal z (real and imaginary parts interleaved)
+// becomes modulation 2 |z| everywhere and phase atan2(Im z, Re z) x scale where the modulation is
+// not below the threshold (no data elsewhere). Plain data, so that it crosses into the
+// instruction-set-specific translation unit without library headers.
+struct KpPhaseRow {
+  const double* z = nullptr;
+  int columns = 0;
+  double threshold = 0.0;
+  double scale = 1.0;
+  double noData = 0.0;
+  double* phase = nullptr;
+  double* modulation = nullptr;
+};
+
+using KpPhaseRowFunction = void (*)(const KpPhaseRow& row);
+
+// The reference: libm's atan2, one pixel at a time.
+void PhaseRowReference(const KpPhaseRow& row);
+// Four pixels at a time with SLEEF's 1-ulp atan2; the modulation and the validity are bit-identical
+// to the reference, the phase within 2 ulp of it. Only call where AVX2 and FMA run.
+void PhaseRowAvx2(const KpPhaseRow& row);
+
+// The AVX2 row when `fast` is set and the processor runs it, the reference otherwise.
+KpPhaseRowFunction SelectPhaseRow(bool fast);
+
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase::detail

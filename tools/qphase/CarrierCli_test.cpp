@@ -1,0 +1,270 @@
+// qphase carrier and qphase quadrants seen from a shell: exit statuses, messages, what is left on
+// disk, and the maps they write against the truth they were made from.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <numbers>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Analysis/Core/DoubleMatrix2D.h"
+#include "Analysis/Core/FrameBuffer.h"
+#include "Testing/SeededRandom.h"
+#include "Testing/SyntheticCarrier.h"
+#include "TiffIO.h"
+
+namespace Quarn::Qphase {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct RunResult {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+class CarrierCliTest : public ::testing::Test {
+ protected:
+  static constexpr int kRows = 64, kCols = 80;
+
+  void SetUp() override {
+    dir_ = fs::path(::testing::TempDir()) / ("qphase_carrier_" + std::to_string(getpid()) + "_" +
+                                             ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
+
+  RunResult Run(const std::string& arguments) const {
+    const std::string out = Path("stdout.txt"), err = Path("stderr.txt");
+    const std::string command = std::string(QPHASE_BINARY) + " " + arguments + " >" + out + " 2>" + err;
+    const int raw = std::system(command.c_str());
+    RunResult result;
+    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    result.out = Slurp(out);
+    result.err = Slurp(err);
+    fs::remove(out);
+    fs::remove(err);
+    return result;
+  }
+
+  static std::string Slurp(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+
+  static double SurfacePhase(int r, int c) {
+    const double x = (c - kCols / 2.0) / kCols, y = (r - kRows / 2.0) / kRows;
+    return 2.0 * (x * x + y * y) + 1.5 * x * y + 0.6 * x;
+  }
+
+  // An 8-bit carrier frame of the surface phase with the lobe in `quadrant`, 1 count of noise.
+  std::string WriteFrame(const std::string& name, int quadrant, double amplitude = 80.0,
+                         int pages = 1) const {
+    Core::FrameBuffer frames;
+    frames.Allocate(Core::Window2D(0, 0, kRows, kCols), pages, Core::FrameBuffer::kRes8Bit);
+    Testing::SeededRandom random(40 + quadrant);
+    Testing::CarrierScene scene;
+    scene.phase = SurfacePhase;
+    scene.quadrant = quadrant;
+    scene.modulation = amplitude;
+    scene.noiseSigma = 1.0;
+    for (int page = 0; page < pages; ++page)
+      Testing::FillCarrierFrame(frames, page, scene, &random);
+    WriteTiffStack(Path(name), frames);
+    return Path(name);
+  }
+
+  std::string WriteMap(const std::string& name, int rows, int cols,
+                       const std::function<double(int, int)>& value) const {
+    Core::DoubleMatrix2D map(rows, cols);
+    for (int r = 0; r < rows; ++r) {
+      for (int c = 0; c < cols; ++c)
+        map(r, c) = value(r, c);
+    }
+    WriteFloatTiff(Path(name), map);
+    return Path(name);
+  }
+
+  // The number printed after "astigmatism PV: ", or NaN.
+  static double PrintedPv(const std::string& out) {
+    const std::string key = "astigmatism PV: ";
+    const std::size_t at = out.find(key);
+    return at == std::string::npos ? std::nan("") : std::strtod(out.c_str() + at + key.size(), nullptr);
+  }
+
+  std::vector<std::string> Leftovers(std::initializer_list<std::string> expected) const {
+    std::vector<std::string> extra;
+    for (const auto& entry : fs::directory_iterator(dir_)) {
+      const std::string name = entry.path().filename().string();
+      if (std::find(expected.begin(), expected.end(), name) == expected.end()) extra.push_back(name);
+    }
+    return extra;
+  }
+
+  fs::path dir_;
+};
+
+TEST_F(CarrierCliTest, BothSubcommandsHaveHelp) {
+  for (const std::string sub : {"carrier", "quadrants"}) {
+    const RunResult result = Run(sub + " --help");
+    EXPECT_EQ(result.status, 0) << sub;
+    EXPECT_NE(result.out.find("Usage"), std::string::npos) << sub << ": " << result.out;
+  }
+}
+
+// The written phase is the surface's in radians, up to a constant, in each quadrant; 8 pixels from
+// the frame edge the filter's own error and 1 count of noise stay well below 0.02 rad.
+TEST_F(CarrierCliTest, CarrierWritesThePhaseOfEachQuadrant) {
+  for (const int quadrant : {1, 3}) {
+    const std::string frame = WriteFrame("frame.tif", quadrant);
+    const RunResult result =
+        Run("carrier " + frame + " -o " + Path("phase.tif") + " --modulation " + Path("mod.tif") + " --png " +
+            Path("phase.png") + " --quadrant " + std::to_string(quadrant) + " --threads 2");
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("quadrant " + std::to_string(quadrant) + ", 4 pixels per fringe"),
+              std::string::npos)
+        << result.out;
+    EXPECT_NE(result.out.find("100.0 % valid"), std::string::npos) << result.out;
+    EXPECT_GT(fs::file_size(Path("phase.png")), 1000u);
+    Core::DoubleMatrix2D phase, modulation;
+    ReadFloatTiff(Path("phase.tif"), phase);
+    ReadFloatTiff(Path("mod.tif"), modulation);
+    ASSERT_EQ(phase.GetRows(), kRows);
+    ASSERT_EQ(phase.GetColumns(), kCols);
+    double sum = 0.0, sumSquares = 0.0;
+    int n = 0;
+    for (int r = 8; r < kRows - 8; ++r) {
+      for (int c = 8; c < kCols - 8; ++c) {
+        const double e = std::remainder(phase(r, c) - SurfacePhase(r, c), 2.0 * std::numbers::pi);
+        sum += e;
+        sumSquares += e * e;
+        ++n;
+        // The filter passes the lobe with 0.989 of its amplitude: 79 counts, give or take the noise.
+        ASSERT_NEAR(modulation(r, c), 79.1, 3.0) << r << "," << c;
+      }
+    }
+    EXPECT_LT(std::sqrt(sumSquares / n - (sum / n) * (sum / n)), 0.02) << "quadrant " << quadrant;
+  }
+  EXPECT_TRUE(Leftovers({"frame.tif", "phase.tif", "mod.tif", "phase.png"}).empty());
+
+  // With the carrier kept the phase is that of the fringes: surface plus carrier.
+  const std::string frame = WriteFrame("frame.tif", 2);
+  ASSERT_EQ(Run("carrier " + frame + " -o " + Path("raw.tif") + " --keep-carrier").status, 0);
+  Core::DoubleMatrix2D raw;
+  ReadFloatTiff(Path("raw.tif"), raw);
+  const double expected = SurfacePhase(30, 41) + Testing::CarrierPhase(2, 4.0, 30, 41);
+  EXPECT_NEAR(std::remainder(raw(30, 41) - expected, 2.0 * std::numbers::pi), 0.0, 0.05);
+}
+
+TEST_F(CarrierCliTest, CarrierInputProblemsAreExitStatus2AndNoResultIs1) {
+  RunResult result = Run("carrier " + Path("absent.tif") + " -o " + Path("phase.tif"));
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("absent.tif"), std::string::npos) << result.err;
+
+  const std::string stack = WriteFrame("stack.tif", 2, 80.0, 3);
+  result = Run("carrier " + stack + " -o " + Path("phase.tif"));
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("has 3 pages; carrier fringes are one frame"), std::string::npos) << result.err;
+
+  const std::string frame = WriteFrame("frame.tif", 2);
+  EXPECT_EQ(Run("carrier " + frame + " -o " + Path("phase.tif") + " --quadrant 5").status, 2);
+  EXPECT_EQ(Run("carrier " + frame + " -o " + Path("phase.tif") + " --pixels-per-fringe 2").status, 2);
+  EXPECT_EQ(Run("carrier " + frame + " -o " + Path("phase.tif") + " --threshold 120").status, 2);
+  EXPECT_EQ(Run("carrier " + frame).status, 2) << "the output is required";
+  result = Run("carrier " + frame + " -o " + Path("no/such/dir/phase.tif"));
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("no/such/dir"), std::string::npos) << result.err;
+
+  // Fringes of 6 counts are far below 20 % of half the range (25.5 counts): nothing is valid.
+  const std::string faint = WriteFrame("faint.tif", 2, 6.0);
+  result = Run("carrier " + faint + " -o " + Path("phase.tif") + " --modulation " + Path("mod.tif") +
+               " --threshold 20");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find("no valid pixel in " + faint), std::string::npos) << result.err;
+  EXPECT_TRUE(Leftovers({"stack.tif", "frame.tif", "faint.tif"}).empty()) << "a failed run leaves no file";
+}
+
+// Two quadrant maps with a known x y term: the PV printed is that of the term (over the square's
+// corners), the decision follows the tolerance, and the final and calibration maps are the mean and
+// the half difference.
+TEST_F(CarrierCliTest, QuadrantsCombineAndDecide) {
+  const int size = 32;
+  const double a = 0.05, h = (size - 1) / 2.0;  // nm per pixel^2; PV = a 2 h^2 = 24.025 nm
+  const auto astigmatic = [&](int r, int c) { return a * (c - h) * (r - h) + 3.0; };
+  const std::string q1 = WriteMap("q1.tif", size, size, [&](int r, int c) { return astigmatic(r, c) + 0.5; });
+  const std::string q3 = WriteMap("q3.tif", size, size, [&](int r, int c) { return astigmatic(r, c) - 0.5; });
+  RunResult result = Run("quadrants --q1 " + q1 + " --q3 " + q3 + " -o " + Path("final.tif") +
+                         " --calibration " + Path("cal.tif"));
+  ASSERT_EQ(result.status, 0) << result.err;
+  // The maps are stored as floats (7 digits): the PV holds to 1e-4 nm.
+  EXPECT_NEAR(PrintedPv(result.out), 24.025, 1e-3) << result.out;
+  EXPECT_NE(result.out.find("nm (tolerance 10.000 nm)"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("four quadrants required: yes"), std::string::npos) << result.out;
+  Core::DoubleMatrix2D final, calibration;
+  ReadFloatTiff(Path("final.tif"), final);
+  ReadFloatTiff(Path("cal.tif"), calibration);
+  EXPECT_NEAR(final(5, 7), astigmatic(5, 7), 1e-4);  // float files
+  EXPECT_NEAR(calibration(5, 7), 0.5, 1e-6);
+
+  result = Run("quadrants --q1 " + q1 + " --q3 " + q3 + " -o " + Path("final.tif") + " --tolerance 30");
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("four quadrants required: no"), std::string::npos) << result.out;
+
+  // Phase in radians of 632.8 nm: the PV is reported as surface height, lambda / (4 pi) per radian.
+  result = Run("quadrants --q1 " + q1 + " --q3 " + q3 + " -o " + Path("final.tif") + " --wavelength 632.8");
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NEAR(PrintedPv(result.out), 24.025 * 632.8 / (4.0 * std::numbers::pi), 2e-3) << result.out;
+
+  // Four quadrants: the mean of all four, calibrated against Q2.
+  const std::string q2 = WriteMap("q2.tif", size, size, [&](int r, int c) { return astigmatic(r, c) + 2.0; });
+  const std::string q4 = WriteMap("q4.tif", size, size, [&](int r, int c) { return astigmatic(r, c) - 2.0; });
+  result = Run("quadrants --q1 " + q1 + " --q2 " + q2 + " --q3 " + q3 + " --q4 " + q4 + " -o " +
+               Path("four.tif") + " --calibration " + Path("cal4.tif"));
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("4 quadrants"), std::string::npos) << result.out;
+  ReadFloatTiff(Path("four.tif"), final);
+  ReadFloatTiff(Path("cal4.tif"), calibration);
+  EXPECT_NEAR(final(9, 20), astigmatic(9, 20), 1e-4);
+  EXPECT_NEAR(calibration(9, 20), 2.0, 1e-5);
+}
+
+TEST_F(CarrierCliTest, QuadrantsProblemsAreNamed) {
+  const std::string q1 = WriteMap("q1.tif", 16, 16, [](int r, int c) { return 0.01 * r * c; });
+  const std::string q3 = WriteMap("q3.tif", 16, 18, [](int r, int c) { return 0.01 * r * c; });
+  RunResult result = Run("quadrants --q1 " + q1 + " --q3 " + q3 + " -o " + Path("final.tif"));
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find(q3 + " is 18 x 16, " + q1 + " is 16 x 16"), std::string::npos) << result.err;
+
+  result = Run("quadrants --q1 " + q1 + " --q3 " + q1 + " --q2 " + q1 + " -o " + Path("final.tif"));
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("--q2 and --q4 go together"), std::string::npos) << result.err;
+  EXPECT_EQ(Run("quadrants --q1 " + q1 + " -o " + Path("final.tif")).status, 2) << "--q3 is required";
+
+  // Maps without a common valid pixel: no result, nothing written.
+  const std::string left =
+      WriteMap("left.tif", 16, 16, [](int, int c) { return c < 8 ? 1.0 : std::nan(""); });
+  const std::string right =
+      WriteMap("right.tif", 16, 16, [](int, int c) { return c >= 8 ? 1.0 : std::nan(""); });
+  result = Run("quadrants --q1 " + left + " --q3 " + right + " -o " + Path("final.tif"));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find("no pixel has data in every quadrant map"), std::string::npos) << result.err;
+  EXPECT_TRUE(Leftovers({"q1.tif", "q3.tif", "left.tif", "right.tif"}).empty());
+}
+
+}  // namespace
+}  // namespace Quarn::Qphase

@@ -173,7 +173,9 @@ struct OutcomeCase {
   int saturationLevel = 65535;
 };
 
-void PrintTo(const OutcomeCase& c, std::ostream* out) { *out << c.name; }
+void PrintTo(const OutcomeCase& c, std::ostream* out) {
+  *out << c.name;
+}
 
 class OutcomeTest : public ::testing::TestWithParam<OutcomeCase> {};
 

@@ -54,7 +54,9 @@ IntMatrix2D RandomImage(Testing::SeededRandom& random, const ImageKind& kind, bo
   return image;
 }
 
-void PrintTo(const ImageKind& kind, std::ostream* out) { *out << kind.name; }
+void PrintTo(const ImageKind& kind, std::ostream* out) {
+  *out << kind.name;
+}
 
 class PixelOperationTest : public ::testing::TestWithParam<ImageKind> {};
 

@@ -30,7 +30,11 @@ void Convert7::Convert(double& numerator, double& denominator, const unsigned ch
   Convert7Samples(*this, numerator, denominator, samples);
 }
 
-const double* Convert7::GetNumerator() const { return kNumerator; }
-const double* Convert7::GetDenominator() const { return kDenominator; }
+const double* Convert7::GetNumerator() const {
+  return kNumerator;
+}
+const double* Convert7::GetDenominator() const {
+  return kDenominator;
+}
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi

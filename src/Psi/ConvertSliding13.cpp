@@ -9,7 +9,8 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 namespace {
 
 template <typename Sample>
-void SlidingSums(const ConvertSliding13& self, double& numerator, double& denominator, const Sample* samples) {
+void SlidingSums(const ConvertSliding13& self, double& numerator, double& denominator,
+                 const Sample* samples) {
   const double* wn = self.GetNumerator();
   const double* wd = self.GetDenominator();
   double n = 0.0;

@@ -31,7 +31,8 @@ int FramesRead(const Converter& converter) {
   if (dynamic_cast<const Convert7*>(&converter)) return Convert7::kFrames;
   if (dynamic_cast<const Convert13*>(&converter)) return Convert13::kFrames;
   if (dynamic_cast<const Convert20*>(&converter)) return Convert20::kFrames;
-  if (const auto* sliding = dynamic_cast<const ConvertSliding13*>(&converter)) return sliding->GetNumberOfFrames();
+  if (const auto* sliding = dynamic_cast<const ConvertSliding13*>(&converter))
+    return sliding->GetNumberOfFrames();
   return 0;
 }
 }  // namespace
@@ -66,7 +67,9 @@ ConverterGenerator& ConverterGenerator::operator=(const ConverterGenerator& othe
 
 ConverterGenerator::~ConverterGenerator() = default;
 
-void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase) { Process(frames, phase, nullptr, nullptr); }
+void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase) {
+  Process(frames, phase, nullptr, nullptr);
+}
 
 void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase, DoubleMatrix2D* modulation) {
   Process(frames, phase, modulation, nullptr);
@@ -87,11 +90,12 @@ bool ConverterGenerator::CheckInputs(const FrameBuffer& frames, const DoubleMatr
   }
   if (modulation && modulation->GetCount() < pixels) {
     return fail(StatusCode::kArgumentOutOfRange, __LINE__,
-                "The modulation map holds " + std::to_string(modulation->GetCount()) + " elements, the frame window " +
-                    std::to_string(pixels) + " pixels");
+                "The modulation map holds " + std::to_string(modulation->GetCount()) +
+                    " elements, the frame window " + std::to_string(pixels) + " pixels");
   }
   if (frames.IsRing()) {
-    return fail(StatusCode::kArgumentOutOfRange, __LINE__, "Phase-shifted frames must all be stored (not a ring)");
+    return fail(StatusCode::kArgumentOutOfRange, __LINE__,
+                "Phase-shifted frames must all be stored (not a ring)");
   }
   // What the converter reads per pixel must be in the scratch: its kernel may not be longer than the
   // stack, and re-weighting needs a weight of the converter for every frame.
@@ -107,8 +111,8 @@ bool ConverterGenerator::CheckInputs(const FrameBuffer& frames, const DoubleMatr
   if (frameWeights) {
     if (frameWeights->Size() < numberOfFrames_) {
       return fail(StatusCode::kArgumentOutOfRange, __LINE__,
-                  "Got " + std::to_string(frameWeights->Size()) + " frame weights for " + std::to_string(numberOfFrames_) +
-                      " frames");
+                  "Got " + std::to_string(frameWeights->Size()) + " frame weights for " +
+                      std::to_string(numberOfFrames_) + " frames");
     }
     for (int i = 0; i < numberOfFrames_; ++i) {
       if (!(std::isfinite((*frameWeights)[i]) && (*frameWeights)[i] > 0.0)) {
@@ -148,14 +152,17 @@ void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase, Dou
   denominatorWeights_ = converter_->GetDenominator();
   if (weighted_) {
     double sum = 0.0;
-    for (int i = 0; i < numberOfFrames_; ++i) sum += (*frameWeights)[i];
+    for (int i = 0; i < numberOfFrames_; ++i)
+      sum += (*frameWeights)[i];
     const double mean = sum / numberOfFrames_;
     if (!weightedNumerator_.Resize(numberOfFrames_)) {
-      RecordCallFailure(status_, weightedNumerator_.GetStatus(), "weightedNumerator.Resize", kSource, __LINE__);
+      RecordCallFailure(status_, weightedNumerator_.GetStatus(), "weightedNumerator.Resize", kSource,
+                        __LINE__);
       return;
     }
     if (!weightedDenominator_.Resize(numberOfFrames_)) {
-      RecordCallFailure(status_, weightedDenominator_.GetStatus(), "weightedDenominator.Resize", kSource, __LINE__);
+      RecordCallFailure(status_, weightedDenominator_.GetStatus(), "weightedDenominator.Resize", kSource,
+                        __LINE__);
       return;
     }
     for (int i = 0; i < numberOfFrames_; ++i) {
@@ -196,9 +203,15 @@ void ConverterGenerator::ConvertPixels(int thread, int first, int end) {
   const bool eightBit = frameBuffer_->GetElementRes() == FrameBuffer::kRes8Bit;
   if (useFastPath_ && kernel_ != Kernel::kConverter) {
     switch (frameBuffer_->GetElementRes()) {
-      case FrameBuffer::kRes8Bit: ConvertPixelsFast<std::uint8_t>(first, end); return;
-      case FrameBuffer::kRes16Bit: ConvertPixelsFast<std::uint16_t>(first, end); return;
-      case FrameBuffer::kRes32Bit: ConvertPixelsFast<std::int32_t>(first, end); return;
+      case FrameBuffer::kRes8Bit:
+        ConvertPixelsFast<std::uint8_t>(first, end);
+        return;
+      case FrameBuffer::kRes16Bit:
+        ConvertPixelsFast<std::uint16_t>(first, end);
+        return;
+      case FrameBuffer::kRes32Bit:
+        ConvertPixelsFast<std::int32_t>(first, end);
+        return;
     }
   }
   if (eightBit) {
@@ -263,17 +276,26 @@ void ConverterGenerator::ConvertPixelsFast(int first, int end) {
     manyPlanes.resize(static_cast<std::size_t>(numberOfFrames_));
     planeList = manyPlanes.data();
   }
-  for (int k = 0; k < numberOfFrames_; ++k) planeList[k] = frameBuffer_->GetFrameData(k);
+  for (int k = 0; k < numberOfFrames_; ++k)
+    planeList[k] = frameBuffer_->GetFrameData(k);
 
   detail::PsiBlockParams params;
   params.planes = planeList;
   params.frames = numberOfFrames_;
   params.sampleBytes = static_cast<int>(sizeof(Stored));
   switch (kernel_) {
-    case Kernel::kSeven: params.kind = detail::PsiBlockKernelKind::kSeven; break;
-    case Kernel::kThirteen: params.kind = detail::PsiBlockKernelKind::kThirteen; break;
-    case Kernel::kTwenty: params.kind = detail::PsiBlockKernelKind::kTwenty; break;
-    default: params.kind = detail::PsiBlockKernelKind::kWeights; break;
+    case Kernel::kSeven:
+      params.kind = detail::PsiBlockKernelKind::kSeven;
+      break;
+    case Kernel::kThirteen:
+      params.kind = detail::PsiBlockKernelKind::kThirteen;
+      break;
+    case Kernel::kTwenty:
+      params.kind = detail::PsiBlockKernelKind::kTwenty;
+      break;
+    default:
+      params.kind = detail::PsiBlockKernelKind::kWeights;
+      break;
   }
   params.numeratorWeights = numeratorWeights_;
   params.denominatorWeights = denominatorWeights_;

@@ -93,7 +93,8 @@ class QUARN_PP_EXPORT ConverterGenerator {
   enum class Kernel { kConverter, kSeven, kThirteen, kTwenty, kWeights };
 
   bool CheckInputs(const Analysis::Core::FrameBuffer& frames, const Analysis::Core::DoubleMatrix2D& phase,
-                   const Analysis::Core::DoubleMatrix2D* modulation, const Analysis::Core::Array<double>* frameWeights);
+                   const Analysis::Core::DoubleMatrix2D* modulation,
+                   const Analysis::Core::Array<double>* frameWeights);
   void ConvertPixels(int thread, int first, int end);
   template <typename Stored, typename Sample>
   void ConvertPixelsReference(int thread, int first, int end);

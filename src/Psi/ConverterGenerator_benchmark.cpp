@@ -32,7 +32,8 @@ FrameBuffer& Stack() {
         f, Quarn::Testing::ShiftsFor13(0.03),
         [](int r, int c) {
           const double x = (c - kSize / 2.0) / kSize, y = (r - kSize / 2.0) / kSize;
-          return Quarn::Testing::PixelFringe{120.0, 90.0, 2 * std::numbers::pi * (20 * x + 10 * (x * x + y * y))};
+          return Quarn::Testing::PixelFringe{120.0, 90.0,
+                                             2 * std::numbers::pi * (20 * x + 10 * (x * x + y * y))};
         },
         2.0, &random);
     return f;
@@ -64,7 +65,8 @@ void BM_ConverterGenerator13(benchmark::State& state) {
   state.counters["threads"] = generator.GetAllowMultiThreads() ? generator.GetNumberOfThreads() : 1;
   state.counters["MPix_per_s"] = pixels / perRun / 1e6;
   state.counters["GB_per_s"] = bytes / perRun / 1e9;
-  state.counters["ratio_to_memcpy"] = (bytes / perRun) / Quarn::Testing::MemcpyBytesPerSecond(static_cast<std::size_t>(bytes));
+  state.counters["ratio_to_memcpy"] =
+      (bytes / perRun) / Quarn::Testing::MemcpyBytesPerSecond(static_cast<std::size_t>(bytes));
 }
 
 const int kAllThreads = Threading::CpuCounter::Instance().GetNumberOfProcessors();

@@ -33,7 +33,9 @@ namespace Units = Analysis::Core::Units;
 
 constexpr double kNoData = Analysis::Core::kNoDataDouble;
 
-double WrapToPi(double a) { return std::remainder(a, 2.0 * std::numbers::pi); }
+double WrapToPi(double a) {
+  return std::remainder(a, 2.0 * std::numbers::pi);
+}
 
 // Distance in units in the last place between two finite doubles of the same sign region.
 std::int64_t UlpDistance(double a, double b) {
@@ -53,7 +55,9 @@ struct AlgorithmCase {
   std::function<std::vector<double>()> shifts;
 };
 
-void PrintTo(const AlgorithmCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const AlgorithmCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 template <typename T>
 std::unique_ptr<Converter, void (*)(Converter*)> Make() {
@@ -147,7 +151,8 @@ TEST(ConverterGeneratorTest, SaturatedAndLowModulationPixelsAreNoDataInBothMaps)
   generator.SetMinimumModulation(0.0);
   generator.Process(frames, phase, &modulation);
   for (int r = 0; r < rows; ++r) {
-    for (int c = 0; c < cols; ++c) EXPECT_EQ(phase(r, c) != kNoData, c >= 10) << r << "," << c;
+    for (int c = 0; c < cols; ++c)
+      EXPECT_EQ(phase(r, c) != kNoData, c >= 10) << r << "," << c;
   }
 }
 
@@ -171,7 +176,8 @@ TEST(ConverterGeneratorTest, SettingsActAsDocumented) {
   DoubleMatrix2D negated(rows, cols);
   generator.Process(frames, negated);
   generator.SetPhaseSign(1);
-  for (int i = 0; i < rows * cols; ++i) EXPECT_EQ(negated.At(i), -plain.At(i));
+  for (int i = 0; i < rows * cols; ++i)
+    EXPECT_EQ(negated.At(i), -plain.At(i));
 
   // A map in waves receives the phase divided by 2 pi.
   DoubleMatrix2D waves(rows, cols);
@@ -179,11 +185,13 @@ TEST(ConverterGeneratorTest, SettingsActAsDocumented) {
   inWaves.SetConverter(UnitAxis::kValue, LinearConverter(Units::kWaves));
   waves.SetUnitManager(inWaves);
   generator.Process(frames, waves);
-  for (int i = 0; i < rows * cols; ++i) EXPECT_NEAR(waves.At(i), plain.At(i) / (2 * std::numbers::pi), 1e-15);
+  for (int i = 0; i < rows * cols; ++i)
+    EXPECT_NEAR(waves.At(i), plain.At(i) / (2 * std::numbers::pi), 1e-15);
 
   // Equal frame weights change nothing (the sign is then applied by the generator).
   Array<double> weights;
-  for (int k = 0; k < 7; ++k) weights.Add(2.5);
+  for (int k = 0; k < 7; ++k)
+    weights.Add(2.5);
   DoubleMatrix2D weighted(rows, cols), weightedMod(rows, cols);
   generator.Process(frames, weighted, &weightedMod, &weights);
   for (int i = 0; i < rows * cols; ++i) {
@@ -205,7 +213,9 @@ TEST(ConverterGeneratorTest, SettingsActAsDocumented) {
 TEST(ConverterGeneratorTest, NoValidPixelIsCode1AndTheStatusIsKeptAcrossRuns) {
   FrameBuffer frames;
   ASSERT_TRUE(frames.Allocate(Window2D(0, 0, 6, 6), 7, FrameBuffer::kRes8Bit));
-  Testing::FillPsiStack(frames, Testing::ShiftsFor7(), [](int, int) { return Testing::PixelFringe{100.0, 1.0, 0.0}; });
+  Testing::FillPsiStack(frames, Testing::ShiftsFor7(), [](int, int) {
+    return Testing::PixelFringe{100.0, 1.0, 0.0};
+  });
   Convert7 converter;
   ConverterGenerator generator;
   generator.SetAlgorithm(&converter);
@@ -242,14 +252,16 @@ TEST(ConverterGeneratorTest, BadInputIsRefusedWithAStatus) {
   ConvertSliding13 sliding;
   generator.SetAlgorithm(&sliding);
   generator.Process(frames, phase);
-  EXPECT_EQ(generator.GetStatus().GetMessage(), "The converter needs at least 13 frames, the frame buffer holds 7");
+  EXPECT_EQ(generator.GetStatus().GetMessage(),
+            "The converter needs at least 13 frames, the frame buffer holds 7");
 
   Convert7 seven;
   generator.SetAlgorithm(&seven);
   generator.Process(frames, small);
   EXPECT_EQ(generator.GetStatus().GetMessage(), "The phase map holds 4 elements, the frame window 16 pixels");
   generator.Process(frames, phase, &small);
-  EXPECT_EQ(generator.GetStatus().GetMessage(), "The modulation map holds 4 elements, the frame window 16 pixels");
+  EXPECT_EQ(generator.GetStatus().GetMessage(),
+            "The modulation map holds 4 elements, the frame window 16 pixels");
 
   Array<double> weights;
   weights.Add(1.0, 1.0, 0.0, 1.0, 1.0);
@@ -301,19 +313,21 @@ TEST_P(GeneratorPathTest, BlockPathAndEveryThreadCountMatchThePerPixelReference)
   SCOPED_TRACE(random.Describe());
   for (int k = 0; k < frames; ++k) {
     std::vector<std::int32_t> image(static_cast<std::size_t>(rows * cols));
-    for (auto& v : image) v = random.UniformInt(0, maxValue);  // ~1/256 of samples saturate
+    for (auto& v : image)
+      v = random.UniformInt(0, maxValue);  // ~1/256 of samples saturate
     ASSERT_TRUE(stack.StoreFrame(k, image.data()));
   }
   Convert7 seven;
   Convert13 thirteen;
   Convert20 twenty;
   ConvertSliding13 sliding;
-  Converter* converter = c.kernel == "7" ? static_cast<Converter*>(&seven)
-                         : c.kernel == "20" ? static_cast<Converter*>(&twenty)
+  Converter* converter = c.kernel == "7"         ? static_cast<Converter*>(&seven)
+                         : c.kernel == "20"      ? static_cast<Converter*>(&twenty)
                          : c.kernel == "sliding" ? static_cast<Converter*>(&sliding)
                                                  : static_cast<Converter*>(&thirteen);
   Array<double> weights;
-  for (int k = 0; k < frames; ++k) weights.Add(random.Uniform(0.5, 2.0));
+  for (int k = 0; k < frames; ++k)
+    weights.Add(random.Uniform(0.5, 2.0));
   Array<double>* frameWeights = c.kernel == "weights" ? &weights : nullptr;
 
   const auto run = [&](bool fast, int threads, DoubleMatrix2D& phase, DoubleMatrix2D& modulation) {
@@ -332,7 +346,8 @@ TEST_P(GeneratorPathTest, BlockPathAndEveryThreadCountMatchThePerPixelReference)
   DoubleMatrix2D refPhase, refMod;
   ASSERT_EQ(run(false, 0, refPhase, refMod), 0u);
   int valid = 0;
-  for (int i = 0; i < rows * cols; ++i) valid += refPhase.At(i) != kNoData;
+  for (int i = 0; i < rows * cols; ++i)
+    valid += refPhase.At(i) != kNoData;
   EXPECT_GT(valid, 100) << "the comparison must see valid pixels";
   EXPECT_LT(valid, rows * cols) << "and rejected ones";
 
@@ -341,11 +356,12 @@ TEST_P(GeneratorPathTest, BlockPathAndEveryThreadCountMatchThePerPixelReference)
       DoubleMatrix2D phase, modulation;
       ASSERT_EQ(run(fast, threads, phase, modulation), 0u);
       for (int i = 0; i < rows * cols; ++i) {
-        ASSERT_EQ(modulation.At(i), refMod.At(i)) << "pixel " << i << (fast ? " fast" : " plain") << " threads " << threads;
+        ASSERT_EQ(modulation.At(i), refMod.At(i))
+            << "pixel " << i << (fast ? " fast" : " plain") << " threads " << threads;
         ASSERT_EQ(phase.At(i) == kNoData, refPhase.At(i) == kNoData) << "pixel " << i;
         if (fast) {
-          ASSERT_LE(UlpDistance(phase.At(i), refPhase.At(i)), 2) << "pixel " << i << ": " << phase.At(i) << " vs "
-                                                                 << refPhase.At(i);
+          ASSERT_LE(UlpDistance(phase.At(i), refPhase.At(i)), 2)
+              << "pixel " << i << ": " << phase.At(i) << " vs " << refPhase.At(i);
         } else {
           ASSERT_EQ(phase.At(i), refPhase.At(i)) << "pixel " << i << " threads " << threads;
         }
@@ -354,18 +370,21 @@ TEST_P(GeneratorPathTest, BlockPathAndEveryThreadCountMatchThePerPixelReference)
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Kernels, GeneratorPathTest,
-    ::testing::Values(PathCase{"7", FrameBuffer::kRes8Bit, false}, PathCase{"7", FrameBuffer::kRes16Bit, true},
-                      PathCase{"13", FrameBuffer::kRes8Bit, false}, PathCase{"13", FrameBuffer::kRes32Bit, false},
-                      PathCase{"20", FrameBuffer::kRes8Bit, false}, PathCase{"20", FrameBuffer::kRes16Bit, true},
-                      PathCase{"sliding", FrameBuffer::kRes8Bit, false},
-                      PathCase{"weights", FrameBuffer::kRes8Bit, false},
-                      PathCase{"weights", FrameBuffer::kRes16Bit, true}),
-    [](const auto& info) {
-      return info.param.kernel + "_" + std::to_string(static_cast<int>(info.param.resolution) * 8) + "bit" +
-             (info.param.estimate ? "_estimate" : "");
-    });
+INSTANTIATE_TEST_SUITE_P(Kernels, GeneratorPathTest,
+                         ::testing::Values(PathCase{"7", FrameBuffer::kRes8Bit, false},
+                                           PathCase{"7", FrameBuffer::kRes16Bit, true},
+                                           PathCase{"13", FrameBuffer::kRes8Bit, false},
+                                           PathCase{"13", FrameBuffer::kRes32Bit, false},
+                                           PathCase{"20", FrameBuffer::kRes8Bit, false},
+                                           PathCase{"20", FrameBuffer::kRes16Bit, true},
+                                           PathCase{"sliding", FrameBuffer::kRes8Bit, false},
+                                           PathCase{"weights", FrameBuffer::kRes8Bit, false},
+                                           PathCase{"weights", FrameBuffer::kRes16Bit, true}),
+                         [](const auto& info) {
+                           return info.param.kernel + "_" +
+                                  std::to_string(static_cast<int>(info.param.resolution) * 8) + "bit" +
+                                  (info.param.estimate ? "_estimate" : "");
+                         });
 
 }  // namespace
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi

@@ -24,7 +24,8 @@ void BM_Convert(benchmark::State& state) {
   converter.Initialize(Frames);
   Quarn::Testing::SeededRandom random(3);
   std::vector<unsigned char> samples(static_cast<std::size_t>(kPixels) * Frames);
-  for (auto& s : samples) s = static_cast<unsigned char>(random.UniformInt(0, 254));
+  for (auto& s : samples)
+    s = static_cast<unsigned char>(random.UniformInt(0, 254));
 
   double sink = 0.0;
   const auto start = std::chrono::steady_clock::now();
@@ -40,7 +41,8 @@ void BM_Convert(benchmark::State& state) {
   const double bytes = static_cast<double>(samples.size()) * static_cast<double>(state.iterations());
   state.SetItemsProcessed(state.iterations() * kPixels);
   state.counters["sample_bytes_per_s"] = bytes / seconds;
-  state.counters["ratio_to_memcpy"] = (bytes / seconds) / Quarn::Testing::MemcpyBytesPerSecond(samples.size());
+  state.counters["ratio_to_memcpy"] =
+      (bytes / seconds) / Quarn::Testing::MemcpyBytesPerSecond(samples.size());
 }
 
 BENCHMARK_TEMPLATE(BM_Convert, Convert7, 7);

@@ -22,7 +22,9 @@ namespace {
 using Testing::FringeSamples;
 using Testing::PixelFringe;
 
-double WrapToPi(double a) { return std::remainder(a, 2.0 * std::numbers::pi); }
+double WrapToPi(double a) {
+  return std::remainder(a, 2.0 * std::numbers::pi);
+}
 
 // One converter with the phase-shift model its weights are designed for.
 struct ConverterCase {
@@ -35,16 +37,18 @@ struct ConverterCase {
   double modulationPerAmplitude;
 };
 
-void PrintTo(const ConverterCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const ConverterCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 std::vector<ConverterCase> AllConverters() {
   return {
-      {"Convert7", 7, [] { return std::make_shared<Convert7>(); }, [](double e) { return Testing::ShiftsFor7(e); },
-       16.0 / 7.2},
-      {"Convert13", 13, [] { return std::make_shared<Convert13>(); }, [](double e) { return Testing::ShiftsFor13(e); },
-       93.255 / 45.438},
-      {"Convert20", 20, [] { return std::make_shared<Convert20>(); }, [](double e) { return Testing::ShiftsFor20(e); },
-       1.0129 / 0.5},
+      {"Convert7", 7, [] { return std::make_shared<Convert7>(); },
+       [](double e) { return Testing::ShiftsFor7(e); }, 16.0 / 7.2},
+      {"Convert13", 13, [] { return std::make_shared<Convert13>(); },
+       [](double e) { return Testing::ShiftsFor13(e); }, 93.255 / 45.438},
+      {"Convert20", 20, [] { return std::make_shared<Convert20>(); },
+       [](double e) { return Testing::ShiftsFor20(e); }, 1.0129 / 0.5},
       {"Sliding13x13", 13, [] { return std::make_shared<ConvertSliding13>(); },
        [](double e) { return Testing::ShiftsForSliding13(13, e); }, 93.255 / 45.438},
       {"Sliding13x21", 21, [] { return std::make_shared<ConvertSliding13>(); },
@@ -92,18 +96,21 @@ TEST_P(ConverterTest, IntegerKernelEqualsTheWeightTablesExactly) {
     std::vector<double> asDouble(static_cast<std::size_t>(frames));
     for (int k = 0; k < frames; ++k) {
       wide[static_cast<std::size_t>(k)] = random.UniformInt(0, 65535);
-      narrow[static_cast<std::size_t>(k)] = static_cast<unsigned char>(wide[static_cast<std::size_t>(k)] & 0xff);
+      narrow[static_cast<std::size_t>(k)] =
+          static_cast<unsigned char>(wide[static_cast<std::size_t>(k)] & 0xff);
     }
     double n = 0, d = 0, nRef = 0, dRef = 0;
     converter_->Convert(n, d, wide.data());
-    for (int k = 0; k < frames; ++k) asDouble[static_cast<std::size_t>(k)] = wide[static_cast<std::size_t>(k)];
+    for (int k = 0; k < frames; ++k)
+      asDouble[static_cast<std::size_t>(k)] = wide[static_cast<std::size_t>(k)];
     WeightedSums(*converter_, asDouble, nRef, dRef);
     // Integer weights give exact sums; the 20-frame pairs round differently by a few ulp at most.
     EXPECT_NEAR(n, nRef, 1e-9 * (1.0 + std::abs(nRef))) << GetParam().name;
     EXPECT_NEAR(d, dRef, 1e-9 * (1.0 + std::abs(dRef))) << GetParam().name;
 
     converter_->Convert(n, d, narrow.data());
-    for (int k = 0; k < frames; ++k) asDouble[static_cast<std::size_t>(k)] = narrow[static_cast<std::size_t>(k)];
+    for (int k = 0; k < frames; ++k)
+      asDouble[static_cast<std::size_t>(k)] = narrow[static_cast<std::size_t>(k)];
     WeightedSums(*converter_, asDouble, nRef, dRef);
     EXPECT_NEAR(n, nRef, 1e-9 * (1.0 + std::abs(nRef))) << GetParam().name << " (8-bit)";
     EXPECT_NEAR(d, dRef, 1e-9 * (1.0 + std::abs(dRef))) << GetParam().name << " (8-bit)";
@@ -118,7 +125,8 @@ TEST_P(ConverterTest, CameraSamplesGiveThePhaseWithinTheQuantisationBound) {
   for (int i = 0; i < 360; ++i) {
     const double phase = -std::numbers::pi + (i + 0.25) * std::numbers::pi / 180;
     const std::vector<double> exact = FringeSamples({30000.0, 20000.0, phase}, shifts);
-    for (std::size_t k = 0; k < exact.size(); ++k) samples[k] = static_cast<int>(std::lround(exact[k]));
+    for (std::size_t k = 0; k < exact.size(); ++k)
+      samples[k] = static_cast<int>(std::lround(exact[k]));
     double n = 0, d = 0;
     converter_->Convert(n, d, samples.data());
     worst = std::max(worst, std::abs(WrapToPi(std::atan2(n, d) - phase)));
@@ -139,7 +147,8 @@ double PhaseErrorRipple(Converter& converter, const std::vector<double>& shifts,
   for (int i = 0; i < 360; ++i) {
     const double phase = -std::numbers::pi + i * std::numbers::pi / 180;
     std::vector<double> samples = FringeSamples({120.0, 80.0, phase}, shifts);
-    for (std::size_t k = 0; k < samples.size(); ++k) samples[k] += thirdHarmonic * std::cos(3.0 * (phase + shifts[k]));
+    for (std::size_t k = 0; k < samples.size(); ++k)
+      samples[k] += thirdHarmonic * std::cos(3.0 * (phase + shifts[k]));
     double n = 0, d = 0;
     WeightedSums(converter, samples, n, d);
     const double e = WrapToPi(std::atan2(n, d) - phase);

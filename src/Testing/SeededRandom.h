@@ -18,11 +18,15 @@ class SeededRandom {
   explicit SeededRandom(std::uint64_t seed = 20261122) : seed_(Override(seed)), engine_(seed_) {}
 
   std::uint64_t Seed() const { return seed_; }
-  std::string Describe() const { return "random seed " + std::to_string(seed_) + " (QUARN_TEST_SEED replays it)"; }
+  std::string Describe() const {
+    return "random seed " + std::to_string(seed_) + " (QUARN_TEST_SEED replays it)";
+  }
 
   double Uniform(double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(engine_); }
   int UniformInt(int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(engine_); }
-  double Normal(double sigma) { return sigma > 0.0 ? std::normal_distribution<double>(0.0, sigma)(engine_) : 0.0; }
+  double Normal(double sigma) {
+    return sigma > 0.0 ? std::normal_distribution<double>(0.0, sigma)(engine_) : 0.0;
+  }
 
   std::mt19937_64& Engine() { return engine_; }
 

@@ -11,22 +11,27 @@ using Core::FrameBuffer;
 
 std::vector<double> ShiftsFor7(double gainError) {
   std::vector<double> shifts(7);
-  for (int k = 0; k < 7; ++k) shifts[static_cast<std::size_t>(k)] = (1.0 + gainError) * std::numbers::pi / 2 * (k - 3);
+  for (int k = 0; k < 7; ++k)
+    shifts[static_cast<std::size_t>(k)] = (1.0 + gainError) * std::numbers::pi / 2 * (k - 3);
   return shifts;
 }
 
-std::vector<double> ShiftsFor13(double gainError) { return ShiftsForSliding13(13, gainError); }
+std::vector<double> ShiftsFor13(double gainError) {
+  return ShiftsForSliding13(13, gainError);
+}
 
 std::vector<double> ShiftsForSliding13(int frames, double gainError) {
   std::vector<double> shifts(static_cast<std::size_t>(frames));
-  for (int k = 0; k < frames; ++k) shifts[static_cast<std::size_t>(k)] = -(1.0 + gainError) * std::numbers::pi / 4 * (k - 6);
+  for (int k = 0; k < frames; ++k)
+    shifts[static_cast<std::size_t>(k)] = -(1.0 + gainError) * std::numbers::pi / 4 * (k - 6);
   return shifts;
 }
 
 std::vector<double> ShiftsFor20(double gainError) {
   std::vector<double> shifts(20);
   for (int k = 0; k < 20; ++k) {
-    shifts[static_cast<std::size_t>(k)] = (1.0 + gainError) * 4.18 * std::cos(2.0 * std::numbers::pi * (k + 0.75) / 20.0);
+    shifts[static_cast<std::size_t>(k)] =
+        (1.0 + gainError) * 4.18 * std::cos(2.0 * std::numbers::pi * (k + 0.75) / 20.0);
   }
   return shifts;
 }
@@ -40,7 +45,8 @@ std::vector<double> FringeSamples(const PixelFringe& fringe, const std::vector<d
 }
 
 void FillPsiStack(FrameBuffer& frames, const std::vector<double>& shifts,
-                  const std::function<PixelFringe(int row, int col)>& scene, double noiseSigma, SeededRandom* random) {
+                  const std::function<PixelFringe(int row, int col)>& scene, double noiseSigma,
+                  SeededRandom* random) {
   const int rows = frames.GetRows();
   const int cols = frames.GetColumns();
   const double maxValue = frames.GetMaxValue();
@@ -64,9 +70,15 @@ void FillPsiStack(FrameBuffer& frames, const std::vector<double>& shifts,
         value = std::clamp(std::round(value), 0.0, maxValue);
         void* slot = frames.GetFrameData(k);
         switch (frames.GetElementRes()) {
-          case FrameBuffer::kRes8Bit: static_cast<std::uint8_t*>(slot)[pixel] = static_cast<std::uint8_t>(value); break;
-          case FrameBuffer::kRes16Bit: static_cast<std::uint16_t*>(slot)[pixel] = static_cast<std::uint16_t>(value); break;
-          case FrameBuffer::kRes32Bit: static_cast<std::int32_t*>(slot)[pixel] = static_cast<std::int32_t>(value); break;
+          case FrameBuffer::kRes8Bit:
+            static_cast<std::uint8_t*>(slot)[pixel] = static_cast<std::uint8_t>(value);
+            break;
+          case FrameBuffer::kRes16Bit:
+            static_cast<std::uint16_t*>(slot)[pixel] = static_cast<std::uint16_t>(value);
+            break;
+          case FrameBuffer::kRes32Bit:
+            static_cast<std::int32_t*>(slot)[pixel] = static_cast<std::int32_t>(value);
+            break;
         }
       }
     }

@@ -13,9 +13,9 @@ namespace Core = ::Quarn::Metrology::Analysis::Core;
 // Phase-shift models of the PSI algorithms: the phase shift psi_k (radians) of frame k under which
 // each converter returns the phase phi of fringes a + b cos(phi + psi_k). `gainError` scales every
 // shift (0.05: the shifter moves 5 % too far), the usual miscalibration of a piezo shifter.
-std::vector<double> ShiftsFor7(double gainError = 0.0);              // +90 deg (k - 3)
-std::vector<double> ShiftsFor13(double gainError = 0.0);             // -45 deg (k - 6)
-std::vector<double> ShiftsFor20(double gainError = 0.0);             // 4.18 cos(2 pi (k + 0.75) / 20)
+std::vector<double> ShiftsFor7(double gainError = 0.0);                      // +90 deg (k - 3)
+std::vector<double> ShiftsFor13(double gainError = 0.0);                     // -45 deg (k - 6)
+std::vector<double> ShiftsFor20(double gainError = 0.0);                     // 4.18 cos(2 pi (k + 0.75) / 20)
 std::vector<double> ShiftsForSliding13(int frames, double gainError = 0.0);  // -45 deg (k - 6), k < frames
 
 // The fringe of one pixel: intensity a + b cos(phase + psi_k).

@@ -19,7 +19,8 @@ bool RegisterCommand(Command command) {
 const std::vector<Command>& RegisteredCommands() {
   // Alphabetical, so --help lists them in a stable order whatever the link order was.
   std::vector<Command>& commands = Commands();
-  std::sort(commands.begin(), commands.end(), [](const Command& a, const Command& b) { return a.name < b.name; });
+  std::sort(commands.begin(), commands.end(),
+            [](const Command& a, const Command& b) { return a.name < b.name; });
   return commands;
 }
 

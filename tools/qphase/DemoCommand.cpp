@@ -44,9 +44,9 @@ void PrintTable(const std::vector<DemoRow>& rows) {
     const double megapixels = static_cast<double>(row.rows) * row.cols / 1e6;
     char error[32];
     std::snprintf(error, sizeof error, "%.4g %s", row.rmsError, row.errorUnit.c_str());
-    std::printf("%-28s %11s %10.2f %9.1f %14s %7.1f%%  %s\n", row.algorithm.c_str(), size.c_str(), row.milliseconds,
-                row.milliseconds > 0 ? megapixels / (row.milliseconds / 1e3) : 0.0, error, 100.0 * row.validFraction,
-                row.note.c_str());
+    std::printf("%-28s %11s %10.2f %9.1f %14s %7.1f%%  %s\n", row.algorithm.c_str(), size.c_str(),
+                row.milliseconds, row.milliseconds > 0 ? megapixels / (row.milliseconds / 1e3) : 0.0, error,
+                100.0 * row.validFraction, row.note.c_str());
   }
 }
 
@@ -82,7 +82,8 @@ std::function<int()> SetupDemo(CLI::App& app) {
       ->check(CLI::Range(64, 4096))
       ->capture_default_str();
   std::string sectionNames;
-  for (const DemoSection& section : RegisteredDemoSections()) sectionNames += (sectionNames.empty() ? "" : ", ") + section.name;
+  for (const DemoSection& section : RegisteredDemoSections())
+    sectionNames += (sectionNames.empty() ? "" : ", ") + section.name;
   app.add_option("--only", options->only, "Run one section only: " + sectionNames);
   return [options] { return RunDemo(*options); };
 }

@@ -7,8 +7,8 @@
 // and must return the surface phase everywhere except in the patch and the rectangle.
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <cmath>
+#include <cstdio>
 #include <numbers>
 #include <string>
 #include <vector>
@@ -76,9 +76,11 @@ void RunPsiDemo(DemoContext& context) {
   };
   for (const PsiAlgorithm& algorithm : algorithms) {
     Core::FrameBuffer frames;
-    frames.Allocate(Core::Window2D(0, 0, n, n), static_cast<int>(algorithm.shifts.size()), Core::FrameBuffer::kRes8Bit);
+    frames.Allocate(Core::Window2D(0, 0, n, n), static_cast<int>(algorithm.shifts.size()),
+                    Core::FrameBuffer::kRes8Bit);
     Testing::SeededRandom random(42);
-    Testing::FillPsiStack(frames, algorithm.shifts, [&](int r, int c) { return scene.Fringe(r, c); }, 1.5, &random);
+    Testing::FillPsiStack(
+        frames, algorithm.shifts, [&](int r, int c) { return scene.Fringe(r, c); }, 1.5, &random);
 
     Psi::ConverterGenerator generator;
     generator.SetAlgorithm(algorithm.converter);
@@ -86,7 +88,8 @@ void RunPsiDemo(DemoContext& context) {
     generator.Process(frames, phase, &modulation);  // warm-up: pool threads, first touch of the maps
     const auto start = std::chrono::steady_clock::now();
     generator.Process(frames, phase, &modulation);
-    const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    const double ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
 
     // Error against the truth over the valid pixels: a constant offset (piston) says nothing about the
     // surface and is reported apart; the RMS is that of what remains. Every pixel of the clipped patch
@@ -110,11 +113,13 @@ void RunPsiDemo(DemoContext& context) {
     row.algorithm = algorithm.name;
     row.rows = row.cols = n;
     row.milliseconds = ms;
-    row.rmsError = valid > 0 ? std::sqrt(std::max(0.0, sumSquares / static_cast<double>(valid) - piston * piston)) : 0.0;
+    row.rmsError =
+        valid > 0 ? std::sqrt(std::max(0.0, sumSquares / static_cast<double>(valid) - piston * piston)) : 0.0;
     row.errorUnit = "rad";
     row.validFraction = static_cast<double>(valid) / (static_cast<double>(n) * n);
     char note[200];
-    std::snprintf(note, sizeof note, "%zu frames, +3%% gain, piston %.3f rad, clipped patch %s, weak area %s%s",
+    std::snprintf(note, sizeof note,
+                  "%zu frames, +3%% gain, piston %.3f rad, clipped patch %s, weak area %s%s",
                   algorithm.shifts.size(), piston, keptSaturated ? "KEPT" : "rejected",
                   keptWeak ? "kept (kernel gain grows with frames)" : "rejected",
                   generator.GetStatus().IsOk() ? "" : ", status not clean");
@@ -122,11 +127,13 @@ void RunPsiDemo(DemoContext& context) {
     context.rows.push_back(row);
 
     WriteFloatTiff(context.OutPath("psi_" + algorithm.file + "_phase.tif"), phase);
-    WritePreviewPng(context.OutPath("psi_" + algorithm.file + "_phase.png"), phase,
-                    PreviewStyle{"phase " + algorithm.file, "rad", true, -std::numbers::pi, std::numbers::pi});
+    WritePreviewPng(
+        context.OutPath("psi_" + algorithm.file + "_phase.png"), phase,
+        PreviewStyle{"phase " + algorithm.file, "rad", true, -std::numbers::pi, std::numbers::pi});
     if (algorithm.file == "convert13") {
       WriteFloatTiff(context.OutPath("psi_convert13_modulation.tif"), modulation);
-      WritePreviewPng(context.OutPath("psi_convert13_modulation.png"), modulation, PreviewStyle{"modulation", "counts"});
+      WritePreviewPng(context.OutPath("psi_convert13_modulation.png"), modulation,
+                      PreviewStyle{"modulation", "counts"});
       WriteTiffStack(context.OutPath("psi_stack13.tif"), frames);
     }
   }

@@ -13,8 +13,8 @@ namespace Core = ::Quarn::Metrology::Analysis::Core;
 
 namespace {
 
-constexpr Rgb kRamp[] = {{68, 1, 84},    {71, 44, 122},  {59, 81, 139},  {44, 113, 142}, {33, 144, 141},
-                         {39, 173, 129}, {92, 200, 99},  {170, 220, 50}, {253, 231, 37}};
+constexpr Rgb kRamp[] = {{68, 1, 84},    {71, 44, 122}, {59, 81, 139},  {44, 113, 142}, {33, 144, 141},
+                         {39, 173, 129}, {92, 200, 99}, {170, 220, 50}, {253, 231, 37}};
 constexpr Rgb kInk{20, 20, 20};
 
 std::string Label(double value) {
@@ -34,7 +34,8 @@ Rgb ColourAt(double t) {
   const auto mix = [f](std::uint8_t a, std::uint8_t b) {
     return static_cast<std::uint8_t>(std::lround(a + (b - a) * f));
   };
-  return Rgb{mix(kRamp[i].r, kRamp[i + 1].r), mix(kRamp[i].g, kRamp[i + 1].g), mix(kRamp[i].b, kRamp[i + 1].b)};
+  return Rgb{mix(kRamp[i].r, kRamp[i + 1].r), mix(kRamp[i].g, kRamp[i + 1].g),
+             mix(kRamp[i].b, kRamp[i + 1].b)};
 }
 
 RgbImage RenderPreview(const Core::DataMatrix2D<double>& map, const PreviewStyle& style) {
@@ -43,7 +44,8 @@ RgbImage RenderPreview(const Core::DataMatrix2D<double>& map, const PreviewStyle
   const int outRows = std::max(1, rows / factor), outCols = std::max(1, cols / factor);
 
   // Block means of the valid pixels; a block without any stays no-data.
-  std::vector<double> reduced(static_cast<std::size_t>(outRows) * static_cast<std::size_t>(outCols), Core::kNoDataDouble);
+  std::vector<double> reduced(static_cast<std::size_t>(outRows) * static_cast<std::size_t>(outCols),
+                              Core::kNoDataDouble);
   double lo = 1e300, hi = -1e300;
   for (int r = 0; r < outRows; ++r) {
     for (int c = 0; c < outCols; ++c) {
@@ -59,7 +61,8 @@ RgbImage RenderPreview(const Core::DataMatrix2D<double>& map, const PreviewStyle
       }
       if (count == 0) continue;
       const double mean = sum / count;
-      reduced[static_cast<std::size_t>(r) * static_cast<std::size_t>(outCols) + static_cast<std::size_t>(c)] = mean;
+      reduced[static_cast<std::size_t>(r) * static_cast<std::size_t>(outCols) + static_cast<std::size_t>(c)] =
+          mean;
       lo = std::min(lo, mean);
       hi = std::max(hi, mean);
     }
@@ -78,8 +81,10 @@ RgbImage RenderPreview(const Core::DataMatrix2D<double>& map, const PreviewStyle
   image.DrawText(margin, 8, style.title + (anyValid ? "" : " (no valid data)"), kInk, 2);
   for (int r = 0; r < outRows; ++r) {
     for (int c = 0; c < outCols; ++c) {
-      const double v = reduced[static_cast<std::size_t>(r) * static_cast<std::size_t>(outCols) + static_cast<std::size_t>(c)];
-      image.Set(margin + c, titleHeight + r, Core::IsNoDataValue(v) ? kNoDataColour : ColourAt((v - lo) / span));
+      const double v = reduced[static_cast<std::size_t>(r) * static_cast<std::size_t>(outCols) +
+                               static_cast<std::size_t>(c)];
+      image.Set(margin + c, titleHeight + r,
+                Core::IsNoDataValue(v) ? kNoDataColour : ColourAt((v - lo) / span));
     }
   }
 
@@ -101,7 +106,8 @@ RgbImage RenderPreview(const Core::DataMatrix2D<double>& map, const PreviewStyle
   return image;
 }
 
-void WritePreviewPng(const std::string& path, const Core::DataMatrix2D<double>& map, const PreviewStyle& style) {
+void WritePreviewPng(const std::string& path, const Core::DataMatrix2D<double>& map,
+                     const PreviewStyle& style) {
   WritePng(path, RenderPreview(map, style));
 }
 

@@ -25,9 +25,11 @@ inline constexpr Rgb kNoDataColour{150, 150, 150};
 
 // Renders a map (no-data pixels in neutral grey) with a title and a labelled colour bar. Maps larger
 // than 1024 pixels on a side are reduced by averaging blocks of valid pixels.
-RgbImage RenderPreview(const ::Quarn::Metrology::Analysis::Core::DataMatrix2D<double>& map, const PreviewStyle& style);
+RgbImage RenderPreview(const ::Quarn::Metrology::Analysis::Core::DataMatrix2D<double>& map,
+                       const PreviewStyle& style);
 
-void WritePreviewPng(const std::string& path, const ::Quarn::Metrology::Analysis::Core::DataMatrix2D<double>& map,
+void WritePreviewPng(const std::string& path,
+                     const ::Quarn::Metrology::Analysis::Core::DataMatrix2D<double>& map,
                      const PreviewStyle& style);
 
 }  // namespace Quarn::Qphase

@@ -11,7 +11,8 @@
 namespace Quarn::Qphase {
 
 OutputFiles::~OutputFiles() {
-  for (const auto& [temporary, final] : staged_) std::remove(temporary.c_str());
+  for (const auto& [temporary, final] : staged_)
+    std::remove(temporary.c_str());
 }
 
 std::string OutputFiles::Stage(const std::string& finalPath) {

@@ -102,11 +102,13 @@ int RunPsi(const PsiOptions& options) {
     generator.SetNumberOfThreads(options.threads);
   }
   Core::Array<double> weights;
-  for (const double w : options.frameWeights) weights.Add(w);
+  for (const double w : options.frameWeights)
+    weights.Add(w);
 
   Core::DoubleMatrix2D phase(info.rows, info.cols);
   std::unique_ptr<Core::DoubleMatrix2D> modulation;
-  if (!options.modulationOut.empty()) modulation = std::make_unique<Core::DoubleMatrix2D>(info.rows, info.cols);
+  if (!options.modulationOut.empty())
+    modulation = std::make_unique<Core::DoubleMatrix2D>(info.rows, info.cols);
   Core::debug_printf("qphase psi: maps allocated: %g ms\n", stage.Restart() / 1000.0);
   const auto start = std::chrono::steady_clock::now();
   generator.Process(frames, phase, modulation.get(), options.frameWeights.empty() ? nullptr : &weights);
@@ -115,7 +117,8 @@ int RunPsi(const PsiOptions& options) {
   Core::debug_printf("qphase psi: converted: %g ms\n", stage.Restart() / 1000.0);
   const Core::Status& status = generator.GetStatus();
   if (status.GetCode() == StatusCode::kNoValidResult) {
-    throw NoResultError("no valid pixel in " + options.stack + ": every pixel is saturated (a sample reaches " +
+    throw NoResultError("no valid pixel in " + options.stack +
+                        ": every pixel is saturated (a sample reaches " +
                         std::to_string(frames.GetMaxValue()) + ") or modulated less than " +
                         FormatNumber(options.minModulation) + " % of it; nothing written");
   }
@@ -160,9 +163,11 @@ std::function<int()> SetupPsi(CLI::App& app) {
   app.add_option("stack", options->stack, "Multi-page TIFF, one 8- or 16-bit grayscale page per frame")
       ->required()
       ->check(CLI::ExistingFile);
-  app.add_option("-o,--output", options->phaseOut, "Phase map to write: 32-bit float TIFF, radians, NaN = no data")
+  app.add_option("-o,--output", options->phaseOut,
+                 "Phase map to write: 32-bit float TIFF, radians, NaN = no data")
       ->required();
-  app.add_option("--modulation", options->modulationOut, "Modulation map to write (32-bit float TIFF, counts)");
+  app.add_option("--modulation", options->modulationOut,
+                 "Modulation map to write (32-bit float TIFF, counts)");
   app.add_option("--algorithm", options->algorithm,
                  "7, 13, 20 or sliding13; by default chosen from the frame count")
       ->check(CLI::IsMember({"7", "13", "20", "sliding13"}));
@@ -170,11 +175,13 @@ std::function<int()> SetupPsi(CLI::App& app) {
                  "Pixels modulated less than this percentage of the saturation level get no data")
       ->check(CLI::Range(0.0, 100.0))
       ->capture_default_str();
-  app.add_flag("--estimate-magnitude", options->estimateMagnitude, "Use |N| + |D| instead of sqrt(N^2 + D^2)");
+  app.add_flag("--estimate-magnitude", options->estimateMagnitude,
+               "Use |N| + |D| instead of sqrt(N^2 + D^2)");
   app.add_option("--phase-sign", options->phaseSign, "Sign applied to the phase (1 or -1)")
       ->check(CLI::IsMember({1, -1}))
       ->capture_default_str();
-  app.add_option("--frame-weights", options->frameWeights, "Relative brightness of each frame, comma separated")
+  app.add_option("--frame-weights", options->frameWeights,
+                 "Relative brightness of each frame, comma separated")
       ->delimiter(',')
       ->check(CLI::PositiveNumber);
   app.add_option("--max-value", options->maxValue,
@@ -186,7 +193,8 @@ std::function<int()> SetupPsi(CLI::App& app) {
   return [options] { return RunPsi(*options); };
 }
 
-[[maybe_unused]] const bool registered = RegisterCommand({"psi", "Phase and modulation from a phase-shifted frame stack", SetupPsi});
+[[maybe_unused]] const bool registered =
+    RegisterCommand({"psi", "Phase and modulation from a phase-shifted frame stack", SetupPsi});
 
 }  // namespace
 

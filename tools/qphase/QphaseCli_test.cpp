@@ -97,8 +97,8 @@ TEST_F(QphaseCliTest, EverySubcommandHasHelp) {
 
 TEST_F(QphaseCliTest, PsiWritesMapsAndAPreview) {
   const std::string stack = WriteStack("stack13.tif", 13);
-  const RunResult result = Run("psi " + stack + " -o " + Path("phase.tif") + " --modulation " + Path("mod.tif") +
-                               " --png " + Path("phase.png") + " --threads 2");
+  const RunResult result = Run("psi " + stack + " -o " + Path("phase.tif") + " --modulation " +
+                               Path("mod.tif") + " --png " + Path("phase.png") + " --threads 2");
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_NE(result.out.find("algorithm 13"), std::string::npos) << result.out;
   EXPECT_NE(result.out.find("100.0 % valid"), std::string::npos) << result.out;
@@ -128,7 +128,8 @@ TEST_F(QphaseCliTest, FrameCountsThatFitNoAlgorithmAreNamed) {
 
   result = Run("psi " + twelve + " -o " + Path("phase.tif") + " --algorithm 13");
   EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.err.find("the 13-frame algorithm needs 13 frames, " + twelve + " has 12 frames"), std::string::npos)
+  EXPECT_NE(result.err.find("the 13-frame algorithm needs 13 frames, " + twelve + " has 12 frames"),
+            std::string::npos)
       << result.err;
   EXPECT_FALSE(fs::exists(Path("phase.tif")));
 
@@ -159,16 +160,16 @@ TEST_F(QphaseCliTest, UnreadableFilesAreExitStatus2WithTheFileNamed) {
   EXPECT_NE(result.err.find("notes.tif: not a readable TIFF file"), std::string::npos) << result.err;
 
   // A hand-made TIFF whose only page is 0 x 0 pixels.
-  const unsigned char zeroSize[] = {
-      'I', 'I', 42, 0, 8, 0, 0, 0,  // header, first directory at offset 8
-      5, 0,                         // five entries
-      0x00, 0x01, 3, 0, 1, 0, 0, 0, 0, 0, 0, 0,  // ImageWidth = 0
-      0x01, 0x01, 3, 0, 1, 0, 0, 0, 0, 0, 0, 0,  // ImageLength = 0
-      0x02, 0x01, 3, 0, 1, 0, 0, 0, 8, 0, 0, 0,  // BitsPerSample = 8
-      0x06, 0x01, 3, 0, 1, 0, 0, 0, 1, 0, 0, 0,  // Photometric = BlackIsZero
-      0x15, 0x01, 3, 0, 1, 0, 0, 0, 1, 0, 0, 0,  // SamplesPerPixel = 1
-      0, 0, 0, 0};                               // no next directory
-  std::ofstream(Path("empty.tif"), std::ios::binary).write(reinterpret_cast<const char*>(zeroSize), sizeof zeroSize);
+  const unsigned char zeroSize[] = {'I',  'I',  42, 0, 8, 0, 0, 0,  // header, first directory at offset 8
+                                    5,    0,                        // five entries
+                                    0x00, 0x01, 3,  0, 1, 0, 0, 0, 0, 0, 0, 0,  // ImageWidth = 0
+                                    0x01, 0x01, 3,  0, 1, 0, 0, 0, 0, 0, 0, 0,  // ImageLength = 0
+                                    0x02, 0x01, 3,  0, 1, 0, 0, 0, 8, 0, 0, 0,  // BitsPerSample = 8
+                                    0x06, 0x01, 3,  0, 1, 0, 0, 0, 1, 0, 0, 0,  // Photometric = BlackIsZero
+                                    0x15, 0x01, 3,  0, 1, 0, 0, 0, 1, 0, 0, 0,  // SamplesPerPixel = 1
+                                    0,    0,    0,  0};                         // no next directory
+  std::ofstream(Path("empty.tif"), std::ios::binary)
+      .write(reinterpret_cast<const char*>(zeroSize), sizeof zeroSize);
   result = Run("psi " + Path("empty.tif") + " -o " + Path("phase.tif"));
   EXPECT_EQ(result.status, 2);
   EXPECT_NE(result.err.find("empty.tif"), std::string::npos) << result.err;
@@ -187,8 +188,8 @@ TEST_F(QphaseCliTest, UnreadableFilesAreExitStatus2WithTheFileNamed) {
 
 TEST_F(QphaseCliTest, NoValidPixelIsExitStatus1AndNothingIsWritten) {
   const std::string flat = WriteStack("flat.tif", 7, 2.0);  // modulation of 4 counts: far below 15 %
-  const RunResult result =
-      Run("psi " + flat + " -o " + Path("phase.tif") + " --modulation " + Path("mod.tif") + " --png " + Path("p.png"));
+  const RunResult result = Run("psi " + flat + " -o " + Path("phase.tif") + " --modulation " +
+                               Path("mod.tif") + " --png " + Path("p.png"));
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.err.find("no valid pixel in " + flat), std::string::npos) << result.err;
   EXPECT_TRUE(Leftovers({"flat.tif"}).empty()) << "a failed run must not leave files";

@@ -57,19 +57,23 @@ const Glyph* FindGlyph(char c) {
 }  // namespace
 
 RgbImage::RgbImage(int width, int height, Rgb background)
-    : width_(width), height_(height), pixels_(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3) {
+    : width_(width),
+      height_(height),
+      pixels_(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3) {
   FillRect(0, 0, width - 1, height - 1, background);
 }
 
 Rgb RgbImage::Get(int x, int y) const {
   if (x < 0 || y < 0 || x >= width_ || y >= height_) return {};
-  const std::size_t i = (static_cast<std::size_t>(y) * static_cast<std::size_t>(width_) + static_cast<std::size_t>(x)) * 3;
+  const std::size_t i =
+      (static_cast<std::size_t>(y) * static_cast<std::size_t>(width_) + static_cast<std::size_t>(x)) * 3;
   return Rgb{pixels_[i], pixels_[i + 1], pixels_[i + 2]};
 }
 
 void RgbImage::Set(int x, int y, Rgb colour) {
   if (x < 0 || y < 0 || x >= width_ || y >= height_) return;
-  const std::size_t i = (static_cast<std::size_t>(y) * static_cast<std::size_t>(width_) + static_cast<std::size_t>(x)) * 3;
+  const std::size_t i =
+      (static_cast<std::size_t>(y) * static_cast<std::size_t>(width_) + static_cast<std::size_t>(x)) * 3;
   pixels_[i] = colour.r;
   pixels_[i + 1] = colour.g;
   pixels_[i + 2] = colour.b;
@@ -77,7 +81,8 @@ void RgbImage::Set(int x, int y, Rgb colour) {
 
 void RgbImage::FillRect(int x0, int y0, int x1, int y1, Rgb colour) {
   for (int y = std::max(0, y0); y <= std::min(height_ - 1, y1); ++y) {
-    for (int x = std::max(0, x0); x <= std::min(width_ - 1, x1); ++x) Set(x, y, colour);
+    for (int x = std::max(0, x0); x <= std::min(width_ - 1, x1); ++x)
+      Set(x, y, colour);
   }
 }
 
@@ -112,8 +117,8 @@ void RgbImage::DrawCircle(double cx, double cy, double radius, Rgb colour) {
   const int steps = std::max(16, static_cast<int>(2 * 3.14159265358979 * radius * 1.5));
   for (int i = 0; i < steps; ++i) {
     const double a = 2 * 3.14159265358979 * i / steps;
-    Set(static_cast<int>(std::lround(cx + radius * std::cos(a))), static_cast<int>(std::lround(cy + radius * std::sin(a))),
-        colour);
+    Set(static_cast<int>(std::lround(cx + radius * std::cos(a))),
+        static_cast<int>(std::lround(cy + radius * std::sin(a))), colour);
   }
 }
 
@@ -125,7 +130,8 @@ void RgbImage::DrawText(int x, int y, const std::string& text, Rgb colour, int s
     for (int row = 0; row < 7; ++row) {
       for (int col = 0; col < 5; ++col) {
         if (glyph->rows[row] & (0x10 >> col)) {
-          FillRect(left + col * scale, y + row * scale, left + (col + 1) * scale - 1, y + (row + 1) * scale - 1, colour);
+          FillRect(left + col * scale, y + row * scale, left + (col + 1) * scale - 1,
+                   y + (row + 1) * scale - 1, colour);
         }
       }
     }
@@ -147,11 +153,13 @@ void WritePng(const std::string& path, const RgbImage& image) {
     throw UsageError(path + ": writing the PNG failed");
   }
   png_init_io(png, file.get());
-  png_set_IHDR(png, info, static_cast<png_uint_32>(image.Width()), static_cast<png_uint_32>(image.Height()), 8,
-               PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+  png_set_IHDR(png, info, static_cast<png_uint_32>(image.Width()), static_cast<png_uint_32>(image.Height()),
+               8, PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
+               PNG_FILTER_TYPE_DEFAULT);
   png_write_info(png, info);
   for (int y = 0; y < image.Height(); ++y) {
-    png_write_row(png, image.Data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(image.Width()) * 3);
+    png_write_row(png,
+                  image.Data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(image.Width()) * 3);
   }
   png_write_end(png, nullptr);
   png_destroy_write_struct(&png, &info);

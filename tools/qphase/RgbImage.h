@@ -27,13 +27,15 @@ class RgbImage {
 
   Rgb Get(int x, int y) const;
   void Set(int x, int y, Rgb colour);
-  void FillRect(int x0, int y0, int x1, int y1, Rgb colour);      // inclusive corners
-  void DrawRect(int x0, int y0, int x1, int y1, Rgb colour);      // outline
+  void FillRect(int x0, int y0, int x1, int y1, Rgb colour);  // inclusive corners
+  void DrawRect(int x0, int y0, int x1, int y1, Rgb colour);  // outline
   void DrawLine(int x0, int y0, int x1, int y1, Rgb colour);
   void DrawCircle(double cx, double cy, double radius, Rgb colour);
   // Draws text with its top-left corner at (x, y), each font pixel `scale` pixels wide.
   void DrawText(int x, int y, const std::string& text, Rgb colour, int scale = 1);
-  static int TextWidth(const std::string& text, int scale = 1) { return static_cast<int>(text.size()) * 6 * scale; }
+  static int TextWidth(const std::string& text, int scale = 1) {
+    return static_cast<int>(text.size()) * 6 * scale;
+  }
   static int TextHeight(int scale = 1) { return 7 * scale; }
 
  private:

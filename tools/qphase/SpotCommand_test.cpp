@@ -307,7 +307,9 @@ struct RealSpot {
   const char* quadrant;  // from the beam's place relative to the centre (640, 480)
 };
 
-void PrintTo(const RealSpot& spot, std::ostream* out) { *out << spot.file; }
+void PrintTo(const RealSpot& spot, std::ostream* out) {
+  *out << spot.file;
+}
 
 class RealSpotTest : public SpotCommandTest, public ::testing::WithParamInterface<RealSpot> {};
 

@@ -48,7 +48,8 @@ TiffHandle Open(const std::string& path, const char* mode) {
   std::fclose(probe);
   TiffHandle tiff(TIFFOpen(path.c_str(), mode));
   if (!tiff) {
-    throw UsageError(path + ": " + (mode[0] == 'r' ? "not a readable TIFF file" : "cannot be written as TIFF") +
+    throw UsageError(path + ": " +
+                     (mode[0] == 'r' ? "not a readable TIFF file" : "cannot be written as TIFF") +
                      (lastTiffError.empty() ? "" : " (" + lastTiffError + ")"));
   }
   return tiff;
@@ -76,8 +77,10 @@ PageLayout ReadPageLayout(TIFF* tiff, const std::string& path, int page) {
     throw UsageError(where + " has " + std::to_string(samples) +
                      " samples per pixel; a grayscale image (one sample) is needed");
   }
-  if (bits != 8 && bits != 16) throw UsageError(where + " has " + std::to_string(bits) + "-bit samples; 8 or 16 are needed");
-  if (format != SAMPLEFORMAT_UINT) throw UsageError(where + " holds signed or floating-point samples; unsigned integers are needed");
+  if (bits != 8 && bits != 16)
+    throw UsageError(where + " has " + std::to_string(bits) + "-bit samples; 8 or 16 are needed");
+  if (format != SAMPLEFORMAT_UINT)
+    throw UsageError(where + " holds signed or floating-point samples; unsigned integers are needed");
   return PageLayout{static_cast<int>(height), static_cast<int>(width), bits};
 }
 
@@ -142,11 +145,13 @@ void ReadPage(TIFF* tiff, const std::string& path, int page, const PageLayout& l
     for (std::uint32_t y = 0; y < static_cast<std::uint32_t>(layout.rows); y += tileHeight) {
       for (std::uint32_t x = 0; x < static_cast<std::uint32_t>(layout.cols); x += tileWidth) {
         if (TIFFReadTile(tiff, tile.data(), x, y, 0, 0) < 0) fail();
-        const std::uint32_t h = std::min<std::uint32_t>(tileHeight, static_cast<std::uint32_t>(layout.rows) - y);
-        const std::uint32_t w = std::min<std::uint32_t>(tileWidth, static_cast<std::uint32_t>(layout.cols) - x);
+        const std::uint32_t h =
+            std::min<std::uint32_t>(tileHeight, static_cast<std::uint32_t>(layout.rows) - y);
+        const std::uint32_t w =
+            std::min<std::uint32_t>(tileWidth, static_cast<std::uint32_t>(layout.cols) - x);
         for (std::uint32_t r = 0; r < h; ++r) {
-          std::memcpy(target + (y + r) * rowBytes + x * bytesPerSample, tile.data() + r * tileWidth * bytesPerSample,
-                      w * bytesPerSample);
+          std::memcpy(target + (y + r) * rowBytes + x * bytesPerSample,
+                      tile.data() + r * tileWidth * bytesPerSample, w * bytesPerSample);
         }
       }
     }
@@ -154,7 +159,8 @@ void ReadPage(TIFF* tiff, const std::string& path, int page, const PageLayout& l
   }
   if (ReadUncompressedPage(tiff, layout, target, rowBytes)) return;
   for (int r = 0; r < layout.rows; ++r) {
-    if (TIFFReadScanline(tiff, target + static_cast<std::size_t>(r) * rowBytes, static_cast<std::uint32_t>(r), 0) < 0) {
+    if (TIFFReadScanline(tiff, target + static_cast<std::size_t>(r) * rowBytes, static_cast<std::uint32_t>(r),
+                         0) < 0) {
       fail();
     }
   }
@@ -173,10 +179,10 @@ TiffStackInfo InspectTiffStack(const std::string& path) {
       info.cols = layout.cols;
       info.bitsPerSample = layout.bits;
     } else if (layout.rows != info.rows || layout.cols != info.cols || layout.bits != info.bitsPerSample) {
-      throw UsageError(path + ": page " + std::to_string(page + 1) + " is " + std::to_string(layout.cols) + " x " +
-                       std::to_string(layout.rows) + " " + std::to_string(layout.bits) + "-bit, page 1 is " +
-                       std::to_string(info.cols) + " x " + std::to_string(info.rows) + " " +
-                       std::to_string(info.bitsPerSample) + "-bit; all frames must match");
+      throw UsageError(path + ": page " + std::to_string(page + 1) + " is " + std::to_string(layout.cols) +
+                       " x " + std::to_string(layout.rows) + " " + std::to_string(layout.bits) +
+                       "-bit, page 1 is " + std::to_string(info.cols) + " x " + std::to_string(info.rows) +
+                       " " + std::to_string(info.bitsPerSample) + "-bit; all frames must match");
     }
     ++page;
   } while (TIFFReadDirectory(tiff.get()));
@@ -191,7 +197,8 @@ namespace {
 std::vector<std::uint64_t> ContiguousPageOffsets(const std::string& path, const TiffStackInfo& info) {
   TiffHandle tiff = Open(path, "r");
   std::vector<std::uint64_t> offsets;
-  const std::uint64_t pageBytes = static_cast<std::uint64_t>(info.rows) * static_cast<std::uint64_t>(info.cols) *
+  const std::uint64_t pageBytes = static_cast<std::uint64_t>(info.rows) *
+                                  static_cast<std::uint64_t>(info.cols) *
                                   static_cast<std::uint64_t>(info.bitsPerSample / 8);
   for (int page = 0; page < info.pages; ++page) {
     if (page > 0 && !TIFFReadDirectory(tiff.get())) return {};
@@ -208,7 +215,8 @@ std::vector<std::uint64_t> ContiguousPageOffsets(const std::string& path, const 
       if (TIFFGetStrileOffset(tiff.get(), s) != expected) return {};
       expected += TIFFGetStrileByteCount(tiff.get(), s);
     }
-    if (expected - first < pageBytes || first % static_cast<std::uint64_t>(info.bitsPerSample / 8) != 0) return {};
+    if (expected - first < pageBytes || first % static_cast<std::uint64_t>(info.bitsPerSample / 8) != 0)
+      return {};
     offsets.push_back(first);
   }
   return offsets;
@@ -234,7 +242,8 @@ std::shared_ptr<FileMapping> MapFile(const std::string& path, std::uint64_t need
     // Populated read-only, so that the page-cache pages are mapped as they are; made writable
     // afterwards (a write then copies only the page it touches).
     mapping->base = mmap(nullptr, mapping->length, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
-    if (mapping->base != MAP_FAILED && mprotect(mapping->base, mapping->length, PROT_READ | PROT_WRITE) != 0) {
+    if (mapping->base != MAP_FAILED &&
+        mprotect(mapping->base, mapping->length, PROT_READ | PROT_WRITE) != 0) {
       munmap(mapping->base, mapping->length);
       mapping->base = MAP_FAILED;
     }
@@ -245,9 +254,11 @@ std::shared_ptr<FileMapping> MapFile(const std::string& path, std::uint64_t need
 
 }  // namespace
 
-TiffStackInfo ReadTiffStack(const std::string& path, Core::FrameBuffer& frames, int framesScanned, int scanDirection) {
+TiffStackInfo ReadTiffStack(const std::string& path, Core::FrameBuffer& frames, int framesScanned,
+                            int scanDirection) {
   const TiffStackInfo info = InspectTiffStack(path);
-  const auto resolution = info.bitsPerSample == 8 ? Core::FrameBuffer::kRes8Bit : Core::FrameBuffer::kRes16Bit;
+  const auto resolution =
+      info.bitsPerSample == 8 ? Core::FrameBuffer::kRes8Bit : Core::FrameBuffer::kRes16Bit;
   const int scanned = framesScanned > 0 ? framesScanned : info.pages;
   const Core::Window2D window(0, 0, info.rows, info.cols);
   // Pages are the last frames of the scan: a ring keeps the scan's tail, frame f in slot f mod S.
@@ -255,7 +266,8 @@ TiffStackInfo ReadTiffStack(const std::string& path, Core::FrameBuffer& frames, 
 
   const std::vector<std::uint64_t> offsets = ContiguousPageOffsets(path, info);
   if (!offsets.empty()) {
-    const std::uint64_t pageBytes = static_cast<std::uint64_t>(info.rows) * static_cast<std::uint64_t>(info.cols) *
+    const std::uint64_t pageBytes = static_cast<std::uint64_t>(info.rows) *
+                                    static_cast<std::uint64_t>(info.cols) *
                                     static_cast<std::uint64_t>(info.bitsPerSample / 8);
     const std::uint64_t needed = *std::max_element(offsets.begin(), offsets.end()) + pageBytes;
     if (std::shared_ptr<FileMapping> mapping = MapFile(path, needed)) {
@@ -264,7 +276,8 @@ TiffStackInfo ReadTiffStack(const std::string& path, Core::FrameBuffer& frames, 
         slots[static_cast<std::size_t>(slotOfPage(page))] =
             static_cast<std::byte*>(mapping->base) + offsets[static_cast<std::size_t>(page)];
       }
-      if (frames.AdoptFrames(window, scanned, resolution, std::move(slots), mapping, scanDirection)) return info;
+      if (frames.AdoptFrames(window, scanned, resolution, std::move(slots), mapping, scanDirection))
+        return info;
     }
   }
 
@@ -273,11 +286,14 @@ TiffStackInfo ReadTiffStack(const std::string& path, Core::FrameBuffer& frames, 
     throw UsageError(path + ": " + frames.GetStatus().GetMessage());
   }
   TiffHandle tiff = Open(path, "r");
-  const std::size_t rowBytes = static_cast<std::size_t>(info.cols) * static_cast<std::size_t>(info.bitsPerSample / 8);
+  const std::size_t rowBytes =
+      static_cast<std::size_t>(info.cols) * static_cast<std::size_t>(info.bitsPerSample / 8);
   for (int page = 0; page < info.pages; ++page) {
-    if (page > 0 && !TIFFReadDirectory(tiff.get())) throw UsageError(path + ": page " + std::to_string(page + 1) + " is missing");
+    if (page > 0 && !TIFFReadDirectory(tiff.get()))
+      throw UsageError(path + ": page " + std::to_string(page + 1) + " is missing");
     const PageLayout layout{info.rows, info.cols, info.bitsPerSample};
-    ReadPage(tiff.get(), path, page, layout, static_cast<std::byte*>(frames.GetFrameData(slotOfPage(page))), rowBytes);
+    ReadPage(tiff.get(), path, page, layout, static_cast<std::byte*>(frames.GetFrameData(slotOfPage(page))),
+             rowBytes);
   }
   return info;
 }
@@ -285,13 +301,15 @@ TiffStackInfo ReadTiffStack(const std::string& path, Core::FrameBuffer& frames, 
 TiffStackInfo ReadTiffImage(const std::string& path, Core::IntMatrix2D& image, int page) {
   const TiffStackInfo info = InspectTiffStack(path);
   if (page < 0 || page >= info.pages) {
-    throw UsageError(path + ": has " + std::to_string(info.pages) + " pages, page " + std::to_string(page + 1) +
-                     " was asked for");
+    throw UsageError(path + ": has " + std::to_string(info.pages) + " pages, page " +
+                     std::to_string(page + 1) + " was asked for");
   }
   TiffHandle tiff = Open(path, "r");
-  for (int p = 0; p < page; ++p) TIFFReadDirectory(tiff.get());
+  for (int p = 0; p < page; ++p)
+    TIFFReadDirectory(tiff.get());
   const std::size_t bytesPerSample = static_cast<std::size_t>(info.bitsPerSample / 8);
-  std::vector<std::byte> raw(static_cast<std::size_t>(info.rows) * static_cast<std::size_t>(info.cols) * bytesPerSample);
+  std::vector<std::byte> raw(static_cast<std::size_t>(info.rows) * static_cast<std::size_t>(info.cols) *
+                             bytesPerSample);
   ReadPage(tiff.get(), path, page, PageLayout{info.rows, info.cols, info.bitsPerSample}, raw.data(),
            static_cast<std::size_t>(info.cols) * bytesPerSample);
   if (!image.Resize(0, 0, info.rows, info.cols)) throw UsageError(path + ": image too large");
@@ -351,11 +369,13 @@ void ReadFloatTiff(const std::string& path, Core::DataMatrix2D<double>& map) {
   if (samples != 1 || !(isFloat || isInteger)) {
     throw UsageError(path + ": a grayscale map of 32-bit floats (or 8-/16-bit integers) is needed");
   }
-  if (!map.Resize(0, 0, static_cast<int>(height), static_cast<int>(width))) throw UsageError(path + ": map too large");
+  if (!map.Resize(0, 0, static_cast<int>(height), static_cast<int>(width)))
+    throw UsageError(path + ": map too large");
   std::vector<std::byte> row(static_cast<std::size_t>(TIFFScanlineSize(tiff.get())));
   if (TIFFIsTiled(tiff.get())) throw UsageError(path + ": tiled maps are not supported");
   for (std::uint32_t r = 0; r < height; ++r) {
-    if (TIFFReadScanline(tiff.get(), row.data(), r, 0) < 0) throw UsageError(path + ": row " + std::to_string(r) + " unreadable");
+    if (TIFFReadScanline(tiff.get(), row.data(), r, 0) < 0)
+      throw UsageError(path + ": row " + std::to_string(r) + " unreadable");
     double* out = map.Row(static_cast<int>(r));
     for (std::uint32_t c = 0; c < width; ++c) {
       double v = 0.0;
@@ -378,8 +398,10 @@ void ReadFloatTiff(const std::string& path, Core::DataMatrix2D<double>& map) {
 void WriteTiffStack(const std::string& path, const Core::FrameBuffer& frames) {
   TiffHandle tiff = Open(path, "w");
   const int bits = frames.GetElementRes() == Core::FrameBuffer::kRes8Bit ? 8 : 16;
-  if (frames.GetElementRes() == Core::FrameBuffer::kRes32Bit) throw UsageError(path + ": 32-bit stacks cannot be written");
-  const std::size_t rowBytes = static_cast<std::size_t>(frames.GetColumns()) * static_cast<std::size_t>(bits / 8);
+  if (frames.GetElementRes() == Core::FrameBuffer::kRes32Bit)
+    throw UsageError(path + ": 32-bit stacks cannot be written");
+  const std::size_t rowBytes =
+      static_cast<std::size_t>(frames.GetColumns()) * static_cast<std::size_t>(bits / 8);
   for (int slot = 0; slot < frames.GetFramesStored(); ++slot) {
     TIFFSetField(tiff.get(), TIFFTAG_IMAGEWIDTH, static_cast<std::uint32_t>(frames.GetColumns()));
     TIFFSetField(tiff.get(), TIFFTAG_IMAGELENGTH, static_cast<std::uint32_t>(frames.GetRows()));

@@ -40,7 +40,9 @@ TEST_P(TiffStackRoundTripTest, PagesComeBackAsFramesSampleForSample) {
   ASSERT_TRUE(written.Allocate(Core::Window2D(0, 0, 5, 7), 4, GetParam()));
   for (int f = 0; f < 4; ++f) {
     std::vector<std::int32_t> image(35);
-    for (int p = 0; p < 35; ++p) image[static_cast<std::size_t>(p)] = (GetParam() == Core::FrameBuffer::kRes8Bit ? 7 : 1901) * (f + 1) + p;
+    for (int p = 0; p < 35; ++p)
+      image[static_cast<std::size_t>(p)] =
+          (GetParam() == Core::FrameBuffer::kRes8Bit ? 7 : 1901) * (f + 1) + p;
     ASSERT_TRUE(written.StoreFrame(f, image.data()));
   }
   const std::string path = TempPath("stack.tif");
@@ -55,7 +57,8 @@ TEST_P(TiffStackRoundTripTest, PagesComeBackAsFramesSampleForSample) {
   for (int p = 0; p < 35; ++p) {
     const int* a = written.ExtractIndex<int>(0, p);
     const int* b = read.ExtractIndex<int>(0, p);
-    for (int f = 0; f < 4; ++f) ASSERT_EQ(a[f], b[f]) << "pixel " << p << " frame " << f;
+    for (int f = 0; f < 4; ++f)
+      ASSERT_EQ(a[f], b[f]) << "pixel " << p << " frame " << f;
   }
   Core::IntMatrix2D third;
   ReadTiffImage(path, third, 2);
@@ -75,7 +78,8 @@ INSTANTIATE_TEST_SUITE_P(Widths, TiffStackRoundTripTest,
 
 TEST(TiffIOTest, FloatMapsCarryNaNForNoData) {
   Core::DoubleMatrix2D map(3, 4);
-  for (int i = 0; i < 12; ++i) map.At(i) = 0.25 * i - 1.0;
+  for (int i = 0; i < 12; ++i)
+    map.At(i) = 0.25 * i - 1.0;
   map(1, 2) = Core::DoubleMatrix2D::NoData();
   const std::string path = TempPath("map.tif");
   WriteFloatTiff(path, map);
@@ -139,7 +143,8 @@ TEST(TiffIOTest, UnsuitableFilesAreNamedWithTheirProblem) {
 TEST(MapPreviewTest, NoDataIsNeutralAndTheRampRunsFromDarkToBright) {
   Core::DoubleMatrix2D map(10, 20);
   for (int r = 0; r < 10; ++r) {
-    for (int c = 0; c < 20; ++c) map(r, c) = c;
+    for (int c = 0; c < 20; ++c)
+      map(r, c) = c;
   }
   map(5, 5) = Core::DoubleMatrix2D::NoData();
   const RgbImage image = RenderPreview(map, PreviewStyle{"test", "nm"});

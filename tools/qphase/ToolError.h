@@ -17,14 +17,19 @@ inline constexpr int kExitUsage = 2;
 // and the problem ("stack.tif: page 3 is 640 x 480, page 1 is 800 x 600").
 class ToolError : public std::runtime_error {
  public:
-  ToolError(int exitStatus, const std::string& message) : std::runtime_error(message), exitStatus_(exitStatus) {}
+  ToolError(int exitStatus, const std::string& message)
+      : std::runtime_error(message), exitStatus_(exitStatus) {}
   int GetExitStatus() const { return exitStatus_; }
 
  private:
   int exitStatus_;
 };
 
-inline ToolError UsageError(const std::string& message) { return ToolError(kExitUsage, message); }
-inline ToolError NoResultError(const std::string& message) { return ToolError(kExitNoResult, message); }
+inline ToolError UsageError(const std::string& message) {
+  return ToolError(kExitUsage, message);
+}
+inline ToolError NoResultError(const std::string& message) {
+  return ToolError(kExitNoResult, message);
+}
 
 }  // namespace Quarn::Qphase

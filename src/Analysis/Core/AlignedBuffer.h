@@ -71,7 +71,9 @@ class AlignedBuffer {
   std::byte* Data() const { return data_; }
   std::size_t Size() const { return size_; }
 
-  static constexpr std::size_t RoundUp(std::size_t bytes) { return (bytes + kAlignment - 1) / kAlignment * kAlignment; }
+  static constexpr std::size_t RoundUp(std::size_t bytes) {
+    return (bytes + kAlignment - 1) / kAlignment * kAlignment;
+  }
 
  private:
   bool Map(std::size_t rounded, std::size_t bytes) {

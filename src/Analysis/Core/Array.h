@@ -33,7 +33,10 @@ class Array {
     return *this;
   }
   Array(Array&& other) noexcept
-      : data_(std::move(other.data_)), size_(other.size_), capacity_(other.capacity_), status_(other.status_) {
+      : data_(std::move(other.data_)),
+        size_(other.size_),
+        capacity_(other.capacity_),
+        status_(other.status_) {
     other.size_ = 0;
     other.capacity_ = 0;
   }
@@ -140,7 +143,8 @@ class Array {
         return false;
       }
       int capacity = 2;
-      while (capacity < n) capacity *= 2;
+      while (capacity < n)
+        capacity *= 2;
       if (!Reallocate(capacity, keep ? std::min(size_, n) : 0, keep)) return false;
     }
     size_ = n;

@@ -13,14 +13,16 @@ TEST(ArrayTest, GrowsInPowersOfTwoAndKeepsElements) {
   EXPECT_EQ(a.Capacity(), 0);
   ASSERT_TRUE(a.Resize(5));
   EXPECT_EQ(a.Capacity(), 8);
-  for (int i = 0; i < 5; ++i) a[i] = 10 * i;
+  for (int i = 0; i < 5; ++i)
+    a[i] = 10 * i;
   const int* storage = a.Data();
   ASSERT_TRUE(a.Resize(8));
   EXPECT_EQ(a.Capacity(), 8);
   EXPECT_EQ(a.Data(), storage) << "a resize within the capacity must not reallocate";
   ASSERT_TRUE(a.Resize(9));
   EXPECT_EQ(a.Capacity(), 16);
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(a[i], 10 * i) << "element " << i << " lost in growth";
+  for (int i = 0; i < 5; ++i)
+    EXPECT_EQ(a[i], 10 * i) << "element " << i << " lost in growth";
 
   Array<int> one;
   ASSERT_TRUE(one.Resize(1));
@@ -50,12 +52,14 @@ TEST(ArrayTest, AddInsertAndEraseShiftTheTail) {
   ASSERT_TRUE(a.Insert(4, "e"));
   ASSERT_EQ(a.Size(), 5);
   std::string joined;
-  for (const std::string& s : a) joined += s;
+  for (const std::string& s : a)
+    joined += s;
   EXPECT_EQ(joined, "abcde");
   ASSERT_TRUE(a.Erase(1));
   ASSERT_TRUE(a.Erase(3));
   joined.clear();
-  for (const std::string& s : a) joined += s;
+  for (const std::string& s : a)
+    joined += s;
   EXPECT_EQ(joined, "acd");
   EXPECT_FALSE(a.Erase(3));
   EXPECT_EQ(a.GetStatus().GetCode(), StatusCode::kArgumentOutOfRange);

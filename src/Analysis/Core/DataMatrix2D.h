@@ -97,7 +97,9 @@ class DataMatrix2D {
   }
 
   bool Resize(int rows, int cols) { return Resize(startRow_, startCol_, rows, cols); }
-  bool Resize(const Window2D& w) { return Resize(w.GetStartRow(), w.GetStartCol(), w.GetRows(), w.GetCols()); }
+  bool Resize(const Window2D& w) {
+    return Resize(w.GetStartRow(), w.GetStartCol(), w.GetRows(), w.GetCols());
+  }
   bool Resize(int startRow, int startCol, int rows, int cols) {
     if (rows < 0 || cols < 0) {
       status_ = Status(0, StatusCode::kNegativeDimension, __LINE__, kSource, "");
@@ -105,11 +107,13 @@ class DataMatrix2D {
     }
     const std::int64_t count = static_cast<std::int64_t>(rows) * cols;
     if (count > INT_MAX) {
-      status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Matrix of more than 2^31 elements");
+      status_ =
+          Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Matrix of more than 2^31 elements");
       return false;
     }
     if (section_) {
-      if (SharedMemorySection::kHeaderSize + static_cast<std::size_t>(count) * sizeof(T) > section_->GetCapacity()) {
+      if (SharedMemorySection::kHeaderSize + static_cast<std::size_t>(count) * sizeof(T) >
+          section_->GetCapacity()) {
         status_ = Status(0, StatusCode::kSectionTooSmall, __LINE__, kSource, "");
         return false;
       }

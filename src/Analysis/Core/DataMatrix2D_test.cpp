@@ -14,13 +14,16 @@ namespace Quarn::Metrology::Analysis::Core {
 namespace {
 
 // Section names must not collide between test processes running side by side.
-std::string UniqueName(const char* stem) { return std::string(stem) + "." + std::to_string(getpid()); }
+std::string UniqueName(const char* stem) {
+  return std::string(stem) + "." + std::to_string(getpid());
+}
 
 TEST(DataMatrix2DTest, RowMajorLayoutAndOrigin) {
   DataMatrix2D<int> m;
   ASSERT_TRUE(m.Resize(10, 20, 3, 4));
   for (int r = 0; r < 3; ++r) {
-    for (int c = 0; c < 4; ++c) m(r, c) = 10 * r + c;
+    for (int c = 0; c < 4; ++c)
+      m(r, c) = 10 * r + c;
   }
   EXPECT_EQ(m.At(1 * 4 + 2), 12);
   EXPECT_EQ(m.GetMatrixWindow(), Window2D(10, 20, 3, 4));
@@ -52,7 +55,8 @@ TEST(DataMatrix2DTest, SharedSectionIsSeenThroughASecondMapping) {
   EXPECT_EQ(writer.GetSharedName(), name);
   EXPECT_EQ(writer.MaxAllocSize(), 4096u - SharedMemorySection::kHeaderSize);
   ASSERT_TRUE(writer.Resize(5, 7, 6, 8));
-  for (int i = 0; i < 48; ++i) writer.At(i) = 0.5 * i;
+  for (int i = 0; i < 48; ++i)
+    writer.At(i) = 0.5 * i;
 
   DoubleMatrix2D reader;
   ASSERT_TRUE(reader.OpenSharedMemory(name)) << reader.GetStatus().GetPrintString();

@@ -79,7 +79,8 @@ class DataWindow2D : public DataMatrix2D<T> {
     const int dCol = startCol - this->GetStartCol();
     this->SetOrigin(startRow, startCol);
     if (hadWindow) {
-      SetWindow(Window2D(window.GetStartRow() + dRow, window.GetStartCol() + dCol, window.GetRows(), window.GetCols()));
+      SetWindow(Window2D(window.GetStartRow() + dRow, window.GetStartCol() + dCol, window.GetRows(),
+                         window.GetCols()));
     }
   }
   void MoveStartRowTo(int startRow) { MoveStartTo(startRow, this->GetStartCol()); }
@@ -189,7 +190,8 @@ class DataWindow2D : public DataMatrix2D<T> {
     const Window2D w = GetWindow();
     for (int r = w.GetStartRow(); r < w.GetEndRow(); ++r) {
       T* row = this->Row(r - this->GetStartRow());
-      for (int c = w.GetStartCol(); c < w.GetEndCol(); ++c) f(row[c - this->GetStartCol()]);
+      for (int c = w.GetStartCol(); c < w.GetEndCol(); ++c)
+        f(row[c - this->GetStartCol()]);
     }
   }
   template <typename F>
@@ -197,7 +199,8 @@ class DataWindow2D : public DataMatrix2D<T> {
     const Window2D w = GetWindow();
     for (int r = w.GetStartRow(); r < w.GetEndRow(); ++r) {
       const T* row = this->Row(r - this->GetStartRow());
-      for (int c = w.GetStartCol(); c < w.GetEndCol(); ++c) f(row[c - this->GetStartCol()]);
+      for (int c = w.GetStartCol(); c < w.GetEndCol(); ++c)
+        f(row[c - this->GetStartCol()]);
     }
   }
 

@@ -28,7 +28,8 @@ TEST(DataWindow2DTest, NoDataConvention) {
 DoubleMatrix2D MapWithPoints(int rows, int cols, std::initializer_list<std::pair<int, int>> points) {
   DoubleMatrix2D map(rows, cols);
   map.SetAll(kNo);
-  for (const auto& [r, c] : points) map(r, c) = 1.0;
+  for (const auto& [r, c] : points)
+    map(r, c) = 1.0;
   return map;
 }
 

@@ -16,22 +16,28 @@ FrameBuffer::~FrameBuffer() = default;
 
 int FrameBuffer::DefaultMaxValue(ElementRes resolution) {
   switch (resolution) {
-    case kRes8Bit: return 255;
-    case kRes16Bit: return 65535;
-    case kRes32Bit: return INT_MAX;
+    case kRes8Bit:
+      return 255;
+    case kRes16Bit:
+      return 65535;
+    case kRes32Bit:
+      return INT_MAX;
   }
   return 255;
 }
 
-bool FrameBuffer::CheckGeometry(const Window2D& window, int framesScanned, ElementRes resolution, int framesStored) {
+bool FrameBuffer::CheckGeometry(const Window2D& window, int framesScanned, ElementRes resolution,
+                                int framesStored) {
   if (!window.IsWellFormed()) {
-    status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource, "Frame window has a negative size");
+    status_ =
+        Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource, "Frame window has a negative size");
     return false;
   }
   if (framesScanned < 1 || framesStored > framesScanned || framesStored < 1) {
-    status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
-                     "Frames scanned must be at least 1 and frames stored at most frames scanned (got " +
-                         std::to_string(framesScanned) + " scanned, " + std::to_string(framesStored) + " stored)");
+    status_ =
+        Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+               "Frames scanned must be at least 1 and frames stored at most frames scanned (got " +
+                   std::to_string(framesScanned) + " scanned, " + std::to_string(framesStored) + " stored)");
     return false;
   }
   if (resolution != kRes8Bit && resolution != kRes16Bit && resolution != kRes32Bit) {
@@ -39,14 +45,15 @@ bool FrameBuffer::CheckGeometry(const Window2D& window, int framesScanned, Eleme
     return false;
   }
   if (window.GetCount() > INT_MAX) {
-    status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Frame window of more than 2^31 pixels");
+    status_ =
+        Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Frame window of more than 2^31 pixels");
     return false;
   }
   return true;
 }
 
-bool FrameBuffer::TakeGeometry(const Window2D& window, int framesScanned, ElementRes resolution, int framesStored,
-                               int scanDirection) {
+bool FrameBuffer::TakeGeometry(const Window2D& window, int framesScanned, ElementRes resolution,
+                               int framesStored, int scanDirection) {
   window_ = window;
   framesScanned_ = framesScanned;
   framesStored_ = framesStored;
@@ -67,7 +74,8 @@ bool FrameBuffer::Allocate(const Window2D& window, int framesScanned, ElementRes
   Release();
   if (framesStored <= 0) framesStored = framesScanned;
   if (!CheckGeometry(window, framesScanned, resolution, framesStored)) return false;
-  const std::size_t frameBytes = static_cast<std::size_t>(window.GetCount()) * static_cast<std::size_t>(resolution);
+  const std::size_t frameBytes =
+      static_cast<std::size_t>(window.GetCount()) * static_cast<std::size_t>(resolution);
   const std::size_t stride = AlignedBuffer::RoundUp(frameBytes);
   if (!frames_.Allocate(stride * static_cast<std::size_t>(framesStored))) {
     status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Allocation of the frames failed");
@@ -87,7 +95,8 @@ bool FrameBuffer::AdoptFrames(const Window2D& window, int framesScanned, Element
   if (!CheckGeometry(window, framesScanned, resolution, framesStored)) return false;
   for (std::byte* slot : slots) {
     if (!slot || reinterpret_cast<std::uintptr_t>(slot) % static_cast<std::uintptr_t>(resolution) != 0) {
-      status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource, "Adopted frame is null or misaligned");
+      status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+                       "Adopted frame is null or misaligned");
       return false;
     }
   }
@@ -138,17 +147,25 @@ bool FrameBuffer::StoreFrameImpl(int frame, const Source* pixels, int rowStride)
       Stored* o = out + static_cast<std::ptrdiff_t>(r) * cols;
       for (int c = 0; c < cols; ++c) {
         const auto v = static_cast<long long>(in[c]);
-        if constexpr (sizeof(Stored) < sizeof(Source) || std::is_signed_v<Source> != std::is_signed_v<Stored>) {
-          if (v < std::numeric_limits<Stored>::min() || v > std::numeric_limits<Stored>::max()) inRange = false;
+        if constexpr (sizeof(Stored) < sizeof(Source) ||
+                      std::is_signed_v<Source> != std::is_signed_v<Stored>) {
+          if (v < std::numeric_limits<Stored>::min() || v > std::numeric_limits<Stored>::max())
+            inRange = false;
         }
         o[c] = static_cast<Stored>(v);
       }
     }
   };
   switch (resolution_) {
-    case kRes8Bit: copy(static_cast<std::uint8_t*>(target)); break;
-    case kRes16Bit: copy(static_cast<std::uint16_t*>(target)); break;
-    case kRes32Bit: copy(static_cast<std::int32_t*>(target)); break;
+    case kRes8Bit:
+      copy(static_cast<std::uint8_t*>(target));
+      break;
+    case kRes16Bit:
+      copy(static_cast<std::uint16_t*>(target));
+      break;
+    case kRes32Bit:
+      copy(static_cast<std::int32_t*>(target));
+      break;
   }
   if (!inRange) {
     status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
@@ -174,7 +191,8 @@ Status FrameBuffer::MakeThreadData(int numberOfThreads) {
     status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource, "numberOfThreads < 1");
     return status_;
   }
-  const std::size_t stride = AlignedBuffer::RoundUp(static_cast<std::size_t>(framesStored_) * kMaxScratchElementBytes);
+  const std::size_t stride =
+      AlignedBuffer::RoundUp(static_cast<std::size_t>(framesStored_) * kMaxScratchElementBytes);
   if (numberOfThreads <= threadCount_ && stride == scratchStride_) return Status(__LINE__, kSource);
   const int count = numberOfThreads > threadCount_ ? numberOfThreads : threadCount_;
   if (!scratch_.Allocate(stride * static_cast<std::size_t>(count))) {

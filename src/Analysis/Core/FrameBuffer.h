@@ -63,8 +63,8 @@ class QUARN_CORE_EXPORT FrameBuffer {
   // and is released with the buffer. The memory must be writable if the host writes frames through
   // `GetFrameData` or `StoreFrame`. Fails with code 20 for the same reasons as `Allocate`, and for a
   // null or misaligned slot.
-  bool AdoptFrames(const Window2D& window, int framesScanned, ElementRes resolution, std::vector<std::byte*> slots,
-                   std::shared_ptr<void> owner, int scanDirection = 1);
+  bool AdoptFrames(const Window2D& window, int framesScanned, ElementRes resolution,
+                   std::vector<std::byte*> slots, std::shared_ptr<void> owner, int scanDirection = 1);
   bool OwnsFrames() const { return !adoptedOwner_; }
 
   void Release();
@@ -118,13 +118,18 @@ class QUARN_CORE_EXPORT FrameBuffer {
   template <typename T>
   T* ExtractIndex(int thread, int pixel) {
     switch (resolution_) {
-      case kRes8Bit: return ExtractIndexAs<std::uint8_t, T>(thread, pixel);
+      case kRes8Bit:
+        return ExtractIndexAs<std::uint8_t, T>(thread, pixel);
       case kRes16Bit:
-        if constexpr (sizeof(T) < 2 || std::is_same_v<T, std::int16_t>) return nullptr;
-        else return ExtractIndexAs<std::uint16_t, T>(thread, pixel);
+        if constexpr (sizeof(T) < 2 || std::is_same_v<T, std::int16_t>)
+          return nullptr;
+        else
+          return ExtractIndexAs<std::uint16_t, T>(thread, pixel);
       case kRes32Bit:
-        if constexpr (sizeof(T) < 4 || std::is_same_v<T, std::uint32_t> || std::is_same_v<T, float>) return nullptr;
-        else return ExtractIndexAs<std::int32_t, T>(thread, pixel);
+        if constexpr (sizeof(T) < 4 || std::is_same_v<T, std::uint32_t> || std::is_same_v<T, float>)
+          return nullptr;
+        else
+          return ExtractIndexAs<std::int32_t, T>(thread, pixel);
     }
     return nullptr;
   }
@@ -155,9 +160,12 @@ class QUARN_CORE_EXPORT FrameBuffer {
   template <typename T>
   bool MatchesStorage() const {
     switch (resolution_) {
-      case kRes8Bit: return std::is_same_v<T, std::uint8_t>;
-      case kRes16Bit: return std::is_same_v<T, std::uint16_t>;
-      case kRes32Bit: return std::is_same_v<T, std::int32_t>;
+      case kRes8Bit:
+        return std::is_same_v<T, std::uint8_t>;
+      case kRes16Bit:
+        return std::is_same_v<T, std::uint16_t>;
+      case kRes32Bit:
+        return std::is_same_v<T, std::int32_t>;
     }
     return false;
   }
@@ -175,9 +183,9 @@ class QUARN_CORE_EXPORT FrameBuffer {
   int scanDirection_ = 1;
   ElementRes resolution_ = kRes8Bit;
   int maxValue_ = 255;
-  AlignedBuffer frames_;               // own storage (empty when the frames are adopted)
+  AlignedBuffer frames_;                // own storage (empty when the frames are adopted)
   std::shared_ptr<void> adoptedOwner_;  // keeps adopted frames alive
-  std::vector<std::byte*> slots_;      // start of each slot's image
+  std::vector<std::byte*> slots_;       // start of each slot's image
   AlignedBuffer scratch_;
   std::size_t scratchStride_ = 0;  // bytes from one thread's scratch to the next
   int threadCount_ = 0;

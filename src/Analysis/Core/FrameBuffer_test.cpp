@@ -12,10 +12,12 @@ namespace {
 // A 3 x 4 window whose frame f holds 100 f + pixel at each pixel.
 FrameBuffer MakeNumberedStack(FrameBuffer::ElementRes res, int scanned, int stored = 0) {
   FrameBuffer frames;
-  EXPECT_TRUE(frames.Allocate(Window2D(5, 6, 3, 4), scanned, res, stored)) << frames.GetStatus().GetPrintString();
+  EXPECT_TRUE(frames.Allocate(Window2D(5, 6, 3, 4), scanned, res, stored))
+      << frames.GetStatus().GetPrintString();
   for (int f = 0; f < scanned; ++f) {
     std::vector<std::int32_t> image(12);
-    for (int p = 0; p < 12; ++p) image[static_cast<std::size_t>(p)] = (res == FrameBuffer::kRes8Bit ? 10 : 100) * f + p;
+    for (int p = 0; p < 12; ++p)
+      image[static_cast<std::size_t>(p)] = (res == FrameBuffer::kRes8Bit ? 10 : 100) * f + p;
     EXPECT_TRUE(frames.StoreFrame(f, image.data())) << frames.GetStatus().GetPrintString();
   }
   return frames;
@@ -45,7 +47,8 @@ TEST_P(FrameBufferWidthTest, ExtractIndexGathersOnePixelAcrossFrames) {
 }
 
 INSTANTIATE_TEST_SUITE_P(AllWidths, FrameBufferWidthTest,
-                         ::testing::Values(FrameBuffer::kRes8Bit, FrameBuffer::kRes16Bit, FrameBuffer::kRes32Bit));
+                         ::testing::Values(FrameBuffer::kRes8Bit, FrameBuffer::kRes16Bit,
+                                           FrameBuffer::kRes32Bit));
 
 TEST(FrameBufferTest, RingKeepsTheLastFramesInSlotFrameModS) {
   FrameBuffer frames = MakeNumberedStack(FrameBuffer::kRes16Bit, 10, 4);
@@ -96,8 +99,8 @@ namespace {
 
 TEST(FrameBufferTest, AdoptedFramesAreReadInPlaceInAnySlotOrder) {
   // Three 2 x 2 frames of 16-bit samples in host memory, lent in reverse order.
-  auto host = std::make_shared<std::vector<std::uint16_t>>(std::vector<std::uint16_t>{
-      100, 101, 102, 103, 200, 201, 202, 203, 300, 301, 302, 303});
+  auto host = std::make_shared<std::vector<std::uint16_t>>(
+      std::vector<std::uint16_t>{100, 101, 102, 103, 200, 201, 202, 203, 300, 301, 302, 303});
   std::vector<std::byte*> slots = {reinterpret_cast<std::byte*>(host->data() + 8),
                                    reinterpret_cast<std::byte*>(host->data() + 4),
                                    reinterpret_cast<std::byte*>(host->data())};
@@ -117,7 +120,8 @@ TEST(FrameBufferTest, AdoptedFramesAreReadInPlaceInAnySlotOrder) {
 
   auto bytes = std::make_shared<std::vector<std::byte>>(64);
   FrameBuffer misaligned;
-  EXPECT_FALSE(misaligned.AdoptFrames(Window2D(0, 0, 2, 2), 1, FrameBuffer::kRes16Bit, {bytes->data() + 1}, bytes));
+  EXPECT_FALSE(
+      misaligned.AdoptFrames(Window2D(0, 0, 2, 2), 1, FrameBuffer::kRes16Bit, {bytes->data() + 1}, bytes));
   EXPECT_EQ(misaligned.GetStatus().GetCode(), StatusCode::kArgumentOutOfRange);
   EXPECT_FALSE(misaligned.AdoptFrames(Window2D(0, 0, 2, 2), 1, FrameBuffer::kRes8Bit, {nullptr}, bytes));
 }

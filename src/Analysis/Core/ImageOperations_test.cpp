@@ -64,7 +64,8 @@ TEST(SurfaceStatsTest, LargeOffsetKeepsTheSpread) {
   Testing::SeededRandom random(7);
   SCOPED_TRACE(random.Describe());
   IntMatrix2D image(200, 200);
-  for (int i = 0; i < 40000; ++i) image.At(i) = 2000000000 + static_cast<int>(std::lround(random.Normal(3.0)));
+  for (int i = 0; i < 40000; ++i)
+    image.At(i) = 2000000000 + static_cast<int>(std::lround(random.Normal(3.0)));
   SurfaceStats stats;
   stats.Calculate(image);
   // 40000 samples: the sample sigma is within a few percent of 3 (rounding adds 1/12 in variance).

@@ -17,9 +17,15 @@ inline constexpr double kNoDataDouble = DBL_MAX;
 inline constexpr int kNoDataInt = 0x7FFFFFF8;
 inline constexpr float kNoDataFloat = FLT_MAX;
 
-constexpr bool IsNoDataValue(double v) { return v >= kNoDataDouble; }
-constexpr bool IsNoDataValue(float v) { return v >= kNoDataFloat; }
-constexpr bool IsNoDataValue(int v) { return v >= kNoDataInt; }
+constexpr bool IsNoDataValue(double v) {
+  return v >= kNoDataDouble;
+}
+constexpr bool IsNoDataValue(float v) {
+  return v >= kNoDataFloat;
+}
+constexpr bool IsNoDataValue(int v) {
+  return v >= kNoDataInt;
+}
 
 // NoDataTraits<T>
 //

@@ -28,7 +28,8 @@ class QUARN_CORE_EXPORT RegionFinderConnected {
  public:
   enum class Connectivity { kFour = 4, kEight = 8 };
 
-  explicit RegionFinderConnected(Connectivity connectivity = Connectivity::kEight) : connectivity_(connectivity) {}
+  explicit RegionFinderConnected(Connectivity connectivity = Connectivity::kEight)
+      : connectivity_(connectivity) {}
 
   void SetMatrix(const IntWindow2D& input) { input_ = &input; }
   Connectivity GetConnectivity() const { return connectivity_; }

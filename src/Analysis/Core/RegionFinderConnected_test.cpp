@@ -16,7 +16,10 @@ namespace {
 IntMatrix2D FromPicture(const std::vector<std::string>& picture) {
   IntMatrix2D m(static_cast<int>(picture.size()), static_cast<int>(picture[0].size()));
   for (int r = 0; r < m.GetRows(); ++r) {
-    for (int c = 0; c < m.GetColumns(); ++c) m(r, c) = picture[static_cast<std::size_t>(r)][static_cast<std::size_t>(c)] == '#' ? 7 : IntMatrix2D::NoData();
+    for (int c = 0; c < m.GetColumns(); ++c)
+      m(r, c) = picture[static_cast<std::size_t>(r)][static_cast<std::size_t>(c)] == '#'
+                    ? 7
+                    : IntMatrix2D::NoData();
   }
   return m;
 }

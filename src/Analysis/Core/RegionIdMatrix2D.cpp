@@ -22,7 +22,8 @@ bool RegionIdMatrix2D::MarkNoDataOf(const DoubleMatrix2D& values) {
   const double* source = values.Data();
   int* target = Data();
   const std::int64_t count = values.GetCount();
-  for (std::int64_t i = 0; i < count; ++i) target[i] = DoubleMatrix2D::IsNoData(source[i]) ? 0 : NoData();
+  for (std::int64_t i = 0; i < count; ++i)
+    target[i] = DoubleMatrix2D::IsNoData(source[i]) ? 0 : NoData();
   ResetWindow();
   if (values.GetWindow() != values.GetMatrixWindow()) SetWindow(values.GetWindow());
   return true;

@@ -31,7 +31,8 @@ static_assert(sizeof(SectionHeader) <= SharedMemorySection::kHeaderSize);
 
 std::string PosixName(const std::string& name) {
   std::string posix = "/quarn.";
-  for (const char c : name) posix += (c == '/' ? '_' : c);
+  for (const char c : name)
+    posix += (c == '/' ? '_' : c);
   return posix;
 }
 
@@ -39,13 +40,16 @@ Status Failure(unsigned code, unsigned line, const std::string& message) {
   return Status(0, code, line, kSource, message);
 }
 
-SectionHeader* HeaderOf(void* base) { return static_cast<SectionHeader*>(base); }
+SectionHeader* HeaderOf(void* base) {
+  return static_cast<SectionHeader*>(base);
+}
 
 }  // namespace
 
 std::unique_ptr<SharedMemorySection> SharedMemorySection::CreateOrOpen(const std::string& name,
                                                                        std::size_t capacityBytes,
-                                                                       std::size_t elementSize, Status& status) {
+                                                                       std::size_t elementSize,
+                                                                       Status& status) {
   if (capacityBytes < kHeaderSize) {
     status = Failure(StatusCode::kSectionTooSmall, __LINE__, "");
     return nullptr;
@@ -54,11 +58,13 @@ std::unique_ptr<SharedMemorySection> SharedMemorySection::CreateOrOpen(const std
   const int fd = shm_open(posix.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
   if (fd < 0) {
     if (errno == EEXIST) return Open(name, elementSize, status);
-    status = Failure(StatusCode::kCallFailed, __LINE__, "Call to shm_open failed: " + std::string(strerror(errno)));
+    status = Failure(StatusCode::kCallFailed, __LINE__,
+                     "Call to shm_open failed: " + std::string(strerror(errno)));
     return nullptr;
   }
   if (ftruncate(fd, static_cast<off_t>(capacityBytes)) != 0) {
-    status = Failure(StatusCode::kCallFailed, __LINE__, "Call to ftruncate failed: " + std::string(strerror(errno)));
+    status = Failure(StatusCode::kCallFailed, __LINE__,
+                     "Call to ftruncate failed: " + std::string(strerror(errno)));
     close(fd);
     shm_unlink(posix.c_str());
     return nullptr;
@@ -66,7 +72,8 @@ std::unique_ptr<SharedMemorySection> SharedMemorySection::CreateOrOpen(const std
   void* base = mmap(nullptr, capacityBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   close(fd);
   if (base == MAP_FAILED) {
-    status = Failure(StatusCode::kCallFailed, __LINE__, "Call to mmap failed: " + std::string(strerror(errno)));
+    status =
+        Failure(StatusCode::kCallFailed, __LINE__, "Call to mmap failed: " + std::string(strerror(errno)));
     shm_unlink(posix.c_str());
     return nullptr;
   }
@@ -84,8 +91,8 @@ std::unique_ptr<SharedMemorySection> SharedMemorySection::CreateOrOpen(const std
   return std::unique_ptr<SharedMemorySection>(new SharedMemorySection(name, base, capacityBytes, true));
 }
 
-std::unique_ptr<SharedMemorySection> SharedMemorySection::Open(const std::string& name, std::size_t elementSize,
-                                                               Status& status) {
+std::unique_ptr<SharedMemorySection> SharedMemorySection::Open(const std::string& name,
+                                                               std::size_t elementSize, Status& status) {
   const std::string posix = PosixName(name);
   const int fd = shm_open(posix.c_str(), O_RDWR, 0600);
   if (fd < 0) {
@@ -103,7 +110,8 @@ std::unique_ptr<SharedMemorySection> SharedMemorySection::Open(const std::string
   void* base = mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   close(fd);
   if (base == MAP_FAILED) {
-    status = Failure(StatusCode::kCallFailed, __LINE__, "Call to mmap failed: " + std::string(strerror(errno)));
+    status =
+        Failure(StatusCode::kCallFailed, __LINE__, "Call to mmap failed: " + std::string(strerror(errno)));
     return nullptr;
   }
   SectionHeader* header = HeaderOf(base);
@@ -113,9 +121,9 @@ std::unique_ptr<SharedMemorySection> SharedMemorySection::Open(const std::string
   }
   if (header->magic != kMagic || header->elementSize != elementSize) {
     munmap(base, capacity);
-    status = Failure(StatusCode::kArgumentOutOfRange, __LINE__,
-                     "Shared section '" + name + "' does not hold elements of " + std::to_string(elementSize) +
-                         " bytes");
+    status = Failure(
+        StatusCode::kArgumentOutOfRange, __LINE__,
+        "Shared section '" + name + "' does not hold elements of " + std::to_string(elementSize) + " bytes");
     return nullptr;
   }
   return std::unique_ptr<SharedMemorySection>(new SharedMemorySection(name, base, capacity, false));
@@ -126,9 +134,13 @@ SharedMemorySection::~SharedMemorySection() {
   if (creator_) shm_unlink(PosixName(name_).c_str());
 }
 
-SharedMatrixLayout SharedMemorySection::ReadLayout() const { return HeaderOf(base_)->layout; }
+SharedMatrixLayout SharedMemorySection::ReadLayout() const {
+  return HeaderOf(base_)->layout;
+}
 
-void SharedMemorySection::WriteLayout(const SharedMatrixLayout& layout) { HeaderOf(base_)->layout = layout; }
+void SharedMemorySection::WriteLayout(const SharedMatrixLayout& layout) {
+  HeaderOf(base_)->layout = layout;
+}
 
 void SharedMemorySection::Lock() {
   // A holder that died with the lock leaves it "owner dead"; the data are still usable, so the
@@ -138,6 +150,8 @@ void SharedMemorySection::Lock() {
   }
 }
 
-void SharedMemorySection::Unlock() { pthread_mutex_unlock(&HeaderOf(base_)->lock); }
+void SharedMemorySection::Unlock() {
+  pthread_mutex_unlock(&HeaderOf(base_)->lock);
+}
 
 }  // namespace Quarn::Metrology::Analysis::Core

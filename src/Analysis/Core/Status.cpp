@@ -21,7 +21,8 @@ PrinterRegistry& Registry() {
 
 std::string BuiltInPrint(const Status& status) {
   if (status.IsOk()) return "success";
-  std::string text = "error " + std::to_string(status.GetCode()) + " (" + Status::DescribeCode(status.GetCode()) + ")";
+  std::string text =
+      "error " + std::to_string(status.GetCode()) + " (" + Status::DescribeCode(status.GetCode()) + ")";
   if (status.GetFacility() != 0) text += " in facility " + std::to_string(status.GetFacility());
   if (!status.GetFile().empty()) text += " at " + status.GetFile() + ":" + std::to_string(status.GetLine());
   if (!status.GetMessage().empty()) text += ": " + status.GetMessage();
@@ -36,7 +37,11 @@ Status::Status(unsigned line, std::string file, std::string message)
     : line_(line), file_(std::move(file)), message_(std::move(message)) {}
 
 Status::Status(unsigned facility, unsigned code, unsigned line, std::string file, const char* message)
-    : facility_(facility), code_(code), line_(line), file_(std::move(file)), message_(message ? message : "") {}
+    : facility_(facility),
+      code_(code),
+      line_(line),
+      file_(std::move(file)),
+      message_(message ? message : "") {}
 
 Status::Status(unsigned facility, unsigned code, unsigned line, std::string file, const std::string& message)
     : facility_(facility), code_(code), line_(line), file_(std::move(file)), message_(message) {}
@@ -70,21 +75,36 @@ void Status::Register(unsigned facility, StatusPrinter* printer) {
 
 const char* Status::DescribeCode(unsigned code) {
   switch (code) {
-    case StatusCode::kSuccess: return "success";
-    case StatusCode::kNoValidResult: return "no valid result";
-    case StatusCode::kNoData: return "no data";
-    case StatusCode::kAllocationFailed: return "allocation failed";
-    case StatusCode::kControllerFailed: return "controller failure";
-    case StatusCode::kInvalidArgument: return "invalid argument or state";
-    case StatusCode::kCallFailed: return "a called operation failed";
-    case StatusCode::kSectionTooSmall: return "shared-memory section too small";
-    case StatusCode::kNumericFailure: return "numeric failure";
-    case StatusCode::kArgumentOutOfRange: return "argument out of range or null";
-    case StatusCode::kNotSet: return "required input not set or empty range";
-    case StatusCode::kOutsideWindow: return "position outside the window";
-    case StatusCode::kNegativeDimension: return "negative matrix dimension";
-    case StatusCode::kPeakFrameMismatch: return "peak-frame matrix does not match the frames";
-    default: return "unknown failure";
+    case StatusCode::kSuccess:
+      return "success";
+    case StatusCode::kNoValidResult:
+      return "no valid result";
+    case StatusCode::kNoData:
+      return "no data";
+    case StatusCode::kAllocationFailed:
+      return "allocation failed";
+    case StatusCode::kControllerFailed:
+      return "controller failure";
+    case StatusCode::kInvalidArgument:
+      return "invalid argument or state";
+    case StatusCode::kCallFailed:
+      return "a called operation failed";
+    case StatusCode::kSectionTooSmall:
+      return "shared-memory section too small";
+    case StatusCode::kNumericFailure:
+      return "numeric failure";
+    case StatusCode::kArgumentOutOfRange:
+      return "argument out of range or null";
+    case StatusCode::kNotSet:
+      return "required input not set or empty range";
+    case StatusCode::kOutsideWindow:
+      return "position outside the window";
+    case StatusCode::kNegativeDimension:
+      return "negative matrix dimension";
+    case StatusCode::kPeakFrameMismatch:
+      return "peak-frame matrix does not match the frames";
+    default:
+      return "unknown failure";
   }
 }
 
@@ -93,7 +113,8 @@ bool RecordCallFailure(Status& owner, const Status& callee, const char* call, un
   return RecordCallFailure(owner, callee, call, source.c_str(), line);
 }
 
-bool RecordCallFailure(Status& owner, const Status& callee, const char* call, const char* source, unsigned line) {
+bool RecordCallFailure(Status& owner, const Status& callee, const char* call, const char* source,
+                       unsigned line) {
   if (callee.IsOk()) return false;
   owner = Status(StatusFacility::kGeneral, StatusCode::kCallFailed, line, source,
                  std::string("Call to ") + call + " failed");

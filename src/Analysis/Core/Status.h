@@ -12,14 +12,14 @@ namespace Quarn::Metrology::Analysis::Core {
 // the messages named here are the ones hosts match against, so they are used verbatim.
 namespace StatusCode {
 inline constexpr unsigned kSuccess = 0;
-inline constexpr unsigned kNoValidResult = 1;        // e.g. a phase map without a valid pixel
-inline constexpr unsigned kNoData = 2;               // "No data found for the passed-in kernel selector"
-inline constexpr unsigned kAllocationFailed = 3;     // Array growth, "Allocation of spectra failed"
-inline constexpr unsigned kControllerFailed = 4;     // spot-detector controller, no message
-inline constexpr unsigned kInvalidArgument = 5;      // film code (facility 10)
-inline constexpr unsigned kCallFailed = 6;           // "Call to envelope.Resize failed", "Unhandled exception"
-inline constexpr unsigned kSectionTooSmall = 7;      // shared-memory section too small, no message
-inline constexpr unsigned kNumericFailure = 12;      // film code (facility 10)
+inline constexpr unsigned kNoValidResult = 1;     // e.g. a phase map without a valid pixel
+inline constexpr unsigned kNoData = 2;            // "No data found for the passed-in kernel selector"
+inline constexpr unsigned kAllocationFailed = 3;  // Array growth, "Allocation of spectra failed"
+inline constexpr unsigned kControllerFailed = 4;  // spot-detector controller, no message
+inline constexpr unsigned kInvalidArgument = 5;   // film code (facility 10)
+inline constexpr unsigned kCallFailed = 6;        // "Call to envelope.Resize failed", "Unhandled exception"
+inline constexpr unsigned kSectionTooSmall = 7;   // shared-memory section too small, no message
+inline constexpr unsigned kNumericFailure = 12;   // film code (facility 10)
 inline constexpr unsigned kArgumentOutOfRange = 20;  // "frameBuffer == 0", "isignal < 0"
 inline constexpr unsigned kNotSet = 21;              // required input/output missing, empty range
 inline constexpr unsigned kOutsideWindow = 22;       // "pixel position lies outside the framebuffer window"
@@ -108,9 +108,10 @@ class QUARN_CORE_EXPORT Status {
 //
 // The owner's source path is taken from `owner`; where the owner's status may already hold a
 // record copied from elsewhere, name the source explicitly with the second form.
-QUARN_CORE_EXPORT bool RecordCallFailure(Status& owner, const Status& callee, const char* call, unsigned line);
-QUARN_CORE_EXPORT bool RecordCallFailure(Status& owner, const Status& callee, const char* call, const char* source,
+QUARN_CORE_EXPORT bool RecordCallFailure(Status& owner, const Status& callee, const char* call,
                                          unsigned line);
+QUARN_CORE_EXPORT bool RecordCallFailure(Status& owner, const Status& callee, const char* call,
+                                         const char* source, unsigned line);
 
 // CopyIfFailed
 //

@@ -18,7 +18,9 @@ TEST(StatusTest, PrintStringNamesCodeSourceLineAndMessage) {
 
 class BracketPrinter : public StatusPrinter {
  public:
-  std::string Print(const Status& status) const override { return "[film " + std::to_string(status.GetCode()) + "]"; }
+  std::string Print(const Status& status) const override {
+    return "[film " + std::to_string(status.GetCode()) + "]";
+  }
 };
 
 TEST(StatusTest, RegisteredPrinterFormatsOnlyItsFacility) {

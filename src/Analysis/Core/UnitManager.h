@@ -20,7 +20,9 @@ class QUARN_CORE_EXPORT UnitManager {
   void SetConverter(UnitAxis axis, const LinearConverter& converter) { converters_[Index(axis)] = converter; }
   const LinearConverter& GetConverter(UnitAxis axis) const { return converters_[Index(axis)]; }
 
-  double GetSlopeToBaseUnit(int unit) const { return GetConverter(UnitAxis::kValue).GetSlopeToBaseUnit(unit); }
+  double GetSlopeToBaseUnit(int unit) const {
+    return GetConverter(UnitAxis::kValue).GetSlopeToBaseUnit(unit);
+  }
   double ConvertFromBaseUnit(double value, int unit) const {
     return GetConverter(UnitAxis::kValue).ConvertFromBaseUnit(value, unit);
   }

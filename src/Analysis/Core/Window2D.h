@@ -33,9 +33,7 @@ class QUARN_CORE_EXPORT Window2D {
   int GetCols() const { return cols_; }
   int GetEndRow() const { return startRow_ + rows_; }  // one past the last row
   int GetEndCol() const { return startCol_ + cols_; }  // one past the last column
-  std::int64_t GetCount() const {
-    return IsWellFormed() ? static_cast<std::int64_t>(rows_) * cols_ : 0;
-  }
+  std::int64_t GetCount() const { return IsWellFormed() ? static_cast<std::int64_t>(rows_) * cols_ : 0; }
   bool IsEmpty() const { return rows_ <= 0 || cols_ <= 0; }
   bool IsWellFormed() const { return rows_ >= 0 && cols_ >= 0; }
 

@@ -13,8 +13,14 @@ namespace Quarn::Metrology::PhaseProcessing::Core {
 inline constexpr double kUndefinedDouble = Analysis::Core::kNoDataDouble;
 inline constexpr int kUndefinedInt = Analysis::Core::kNoDataInt;
 
-constexpr bool IsUndefined(double value) { return value >= kUndefinedDouble; }
-constexpr bool IsUndefined(int value) { return value >= kUndefinedInt; }
-constexpr bool IsUndefinedSize(int size) { return size <= 0; }
+constexpr bool IsUndefined(double value) {
+  return value >= kUndefinedDouble;
+}
+constexpr bool IsUndefined(int value) {
+  return value >= kUndefinedInt;
+}
+constexpr bool IsUndefinedSize(int size) {
+  return size <= 0;
+}
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core

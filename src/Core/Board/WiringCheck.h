@@ -42,7 +42,7 @@ class QUARN_PP_EXPORT WiringCheck {
 // The boolean form used by controllers that work on an image of a set size: false with code 21
 // and "The width is undefined" when the width is 0 or less (the height is then not looked at),
 // false with code 21 and "The height is undefined" when the height is 0 or less, true otherwise.
-QUARN_PP_EXPORT bool CheckSizeDefined(Analysis::Core::Status& status, int width, int height, const char* source,
-                                      unsigned line);
+QUARN_PP_EXPORT bool CheckSizeDefined(Analysis::Core::Status& status, int width, int height,
+                                      const char* source, unsigned line);
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core

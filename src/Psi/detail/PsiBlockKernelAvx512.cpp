@@ -12,8 +12,10 @@ namespace {
 // atan2 of `count` pairs, 8 at a time with SLEEF's 1-ulp kernel; the tail with libm.
 void VectorAtan2(const double* y, const double* x, double* out, int count) {
   int i = 0;
-  for (; i + 8 <= count; i += 8) _mm512_storeu_pd(out + i, Sleef_atan2d8_u10avx512f(_mm512_loadu_pd(y + i), _mm512_loadu_pd(x + i)));
-  for (; i < count; ++i) out[i] = std::atan2(y[i], x[i]);
+  for (; i + 8 <= count; i += 8)
+    _mm512_storeu_pd(out + i, Sleef_atan2d8_u10avx512f(_mm512_loadu_pd(y + i), _mm512_loadu_pd(x + i)));
+  for (; i < count; ++i)
+    out[i] = std::atan2(y[i], x[i]);
 }
 
 #include "Psi/detail/PsiBlockKernelBody.inc"
@@ -22,6 +24,8 @@ void VectorAtan2(const double* y, const double* x, double* out, int count) {
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi::detail {
 
-void ConvertBlockAvx512(const PsiBlockParams& params, int first, int end) { ConvertBlockDispatch(params, first, end); }
+void ConvertBlockAvx512(const PsiBlockParams& params, int first, int end) {
+  ConvertBlockDispatch(params, first, end);
+}
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi::detail

@@ -27,7 +27,8 @@ bool ManualEvent::IsSet() {
 
 void ManualEvent::WaitAll(ManualEvent* const* events, int count) {
   // Waiting on each in turn is a wait-all: a manual-reset event stays set once set.
-  for (int i = 0; i < count; ++i) events[i]->Wait();
+  for (int i = 0; i < count; ++i)
+    events[i]->Wait();
 }
 
 }  // namespace Quarn::Metrology::Analysis::Core::Threading

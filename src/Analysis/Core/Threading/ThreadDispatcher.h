@@ -79,7 +79,8 @@ class ThreadDispatcher {
 
   void SetObject(T* object) {
     object_ = object;
-    for (auto& worker : delegates_) worker->SetObject(object);
+    for (auto& worker : delegates_)
+      worker->SetObject(object);
   }
   T* GetObject() const { return object_; }
 
@@ -144,8 +145,8 @@ class ThreadDispatcher {
       status_ = Status(0, StatusCode::kNotSet, __LINE__, kSource, "");
       return;
     }
-    const int workers = static_cast<int>(std::clamp<std::int64_t>(std::min<std::int64_t>(numberOfWorkers_, n), 1,
-                                                                  numberOfThreads_));
+    const int workers = static_cast<int>(
+        std::clamp<std::int64_t>(std::min<std::int64_t>(numberOfWorkers_, n), 1, numberOfThreads_));
     numberOfWorkers_ = workers;  // deliberately persistent, see the class comment
     for (int i = 0; i < workers; ++i) {
       const int chunkFirst = first + static_cast<int>(i * n / workers);
@@ -157,7 +158,8 @@ class ThreadDispatcher {
       ManualEvent::WaitAll(events_.data(), workers);
     } else {
       // Detached from every pool: the chunks still run, one after the other on this thread.
-      for (int i = 0; i < workers; ++i) queued_[static_cast<std::size_t>(i)]->Run();
+      for (int i = 0; i < workers; ++i)
+        queued_[static_cast<std::size_t>(i)]->Run();
     }
     for (int i = 0; i < workers; ++i) {
       const Status& chunkStatus = delegates_[static_cast<std::size_t>(i)]->GetStatus();

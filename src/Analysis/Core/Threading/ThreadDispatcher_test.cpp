@@ -16,27 +16,31 @@ namespace {
 // A work object that records which chunk each worker got and writes f(i) for its elements.
 class Recorder {
  public:
-  explicit Recorder(int size) : values(static_cast<std::size_t>(size), 0.0), chunks(64, {-1, -1}), threads(64) {}
+  explicit Recorder(int size)
+      : values(static_cast<std::size_t>(size), 0.0), chunks(64, {-1, -1}), threads(64) {}
 
   void Fill(int thread, int first, int end) {
     chunks[static_cast<std::size_t>(thread)] = {first, end};
     threads[static_cast<std::size_t>(thread)] = std::this_thread::get_id();
-    for (int i = first; i < end; ++i) values[static_cast<std::size_t>(i)] = std::sqrt(static_cast<double>(i)) * 3.0;
+    for (int i = first; i < end; ++i)
+      values[static_cast<std::size_t>(i)] = std::sqrt(static_cast<double>(i)) * 3.0;
   }
   void FillRange(int first, int end) {
-    for (int i = first; i < end; ++i) values[static_cast<std::size_t>(i)] = 1.0;
+    for (int i = first; i < end; ++i)
+      values[static_cast<std::size_t>(i)] = 1.0;
   }
   void FillWithData(void* data, int thread, int first, int end) {
     const double scale = *static_cast<double*>(data);
     Fill(thread, first, end);
-    for (int i = first; i < end; ++i) values[static_cast<std::size_t>(i)] *= scale;
+    for (int i = first; i < end; ++i)
+      values[static_cast<std::size_t>(i)] *= scale;
   }
   // Chunks of odd workers fail through their delegate status; the others succeed.
   void FailOdd(int thread, int first, int end) {
     Fill(thread, first, end);
     if (thread % 2 == 1) {
-      dispatcher->GetDelegateStatus(thread) = Status(0, StatusCode::kCallFailed, 100u + static_cast<unsigned>(thread),
-                                                     "test\\Recorder", "chunk failed");
+      dispatcher->GetDelegateStatus(thread) = Status(
+          0, StatusCode::kCallFailed, 100u + static_cast<unsigned>(thread), "test\\Recorder", "chunk failed");
     }
   }
   void Throw(int, int, int) { throw std::runtime_error("boom"); }
@@ -65,7 +69,9 @@ TEST(ThreadDispatcherTest, ChunksAreContiguousAndDifferByAtMostOne) {
   dispatcher.SetNumberOfWorkers(4);
   dispatcher.Invoke(&Recorder::Fill, 0, 10);
   const std::vector<std::pair<int, int>> expected = {{0, 2}, {2, 5}, {5, 7}, {7, 10}};
-  for (int i = 0; i < 4; ++i) EXPECT_EQ(recorder.chunks[static_cast<std::size_t>(i)], expected[static_cast<std::size_t>(i)]) << "worker " << i;
+  for (int i = 0; i < 4; ++i)
+    EXPECT_EQ(recorder.chunks[static_cast<std::size_t>(i)], expected[static_cast<std::size_t>(i)])
+        << "worker " << i;
 
   // An offset range splits the same way.
   dispatcher.Invoke(&Recorder::Fill, 100, 110);
@@ -80,7 +86,8 @@ TEST(ThreadDispatcherTest, ShortRangeLowersTheWorkerCountForLaterCalls) {
   EXPECT_EQ(dispatcher.GetNumberOfWorkers(), 8);
   dispatcher.Invoke(&Recorder::Fill, 0, 3);
   EXPECT_EQ(dispatcher.GetNumberOfWorkers(), 3);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(recorder.chunks[static_cast<std::size_t>(i)], std::make_pair(i, i + 1));
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(recorder.chunks[static_cast<std::size_t>(i)], std::make_pair(i, i + 1));
   recorder.chunks.assign(64, {-1, -1});
   dispatcher.Invoke(&Recorder::Fill, 0, 100);
   EXPECT_EQ(recorder.chunks[3], std::make_pair(-1, -1)) << "the lowered count persists";
@@ -123,7 +130,8 @@ TEST(ThreadDispatcherTest, FirstFailingWorkerStatusIsThrown) {
     EXPECT_EQ(thrown.GetCode(), StatusCode::kCallFailed);
     EXPECT_EQ(thrown.GetLine(), 101u) << "worker 1 is the first failing one in worker order";
   }
-  for (int i = 1; i < 40; ++i) EXPECT_NE(recorder.values[static_cast<std::size_t>(i)], 0.0) << "every chunk still ran";
+  for (int i = 1; i < 40; ++i)
+    EXPECT_NE(recorder.values[static_cast<std::size_t>(i)], 0.0) << "every chunk still ran";
 
   // The next run starts with clean delegate statuses.
   EXPECT_NO_THROW(dispatcher.Invoke(&Recorder::Fill, 0, 40));

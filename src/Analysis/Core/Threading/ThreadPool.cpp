@@ -7,9 +7,12 @@ namespace Quarn::Metrology::Analysis::Core::Threading {
 Delegate::~Delegate() = default;
 
 ThreadPool::ThreadPool(int numberOfThreads)
-    : numberOfThreads_(numberOfThreads > 0 ? numberOfThreads : CpuCounter::Instance().GetNumberOfProcessors()) {}
+    : numberOfThreads_(numberOfThreads > 0 ? numberOfThreads
+                                           : CpuCounter::Instance().GetNumberOfProcessors()) {}
 
-ThreadPool::~ThreadPool() { StopAndJoin(); }
+ThreadPool::~ThreadPool() {
+  StopAndJoin();
+}
 
 ThreadPool* ThreadPool::GetGlobalPool() {
   // Deliberately never destroyed: dispatchers held in static objects may detach from it during
@@ -47,7 +50,8 @@ void ThreadPool::Queue(Delegate* const* delegates, int count) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     StartLocked();
-    for (int i = 0; i < count; ++i) queue_.push_back(delegates[i]);
+    for (int i = 0; i < count; ++i)
+      queue_.push_back(delegates[i]);
   }
   workAvailable_.notify_all();
 }
@@ -56,7 +60,8 @@ void ThreadPool::StartLocked() {
   if (!threads_.empty()) return;
   threads_.reserve(static_cast<std::size_t>(numberOfThreads_));
   const std::uint64_t epoch = epoch_;
-  for (int i = 0; i < numberOfThreads_; ++i) threads_.emplace_back([this, epoch] { WorkerLoop(epoch); });
+  for (int i = 0; i < numberOfThreads_; ++i)
+    threads_.emplace_back([this, epoch] { WorkerLoop(epoch); });
 }
 
 void ThreadPool::StopAndJoin() {
@@ -68,7 +73,8 @@ void ThreadPool::StopAndJoin() {
     joining.swap(threads_);
   }
   workAvailable_.notify_all();
-  for (std::thread& thread : joining) thread.join();
+  for (std::thread& thread : joining)
+    thread.join();
 }
 
 void ThreadPool::WorkerLoop(std::uint64_t epoch) {

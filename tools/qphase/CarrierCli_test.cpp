@@ -1,8 +1,5 @@
 // qphase carrier and qphase quadrants seen from a shell: exit statuses, messages, what is left on
 // disk, and the maps they write against the truth they were made from.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -10,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <numbers>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,6 +14,7 @@
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
+#include "CliTestFixture.h"
 #include "Testing/SeededRandom.h"
 #include "Testing/SyntheticCarrier.h"
 #include "TiffIO.h"
@@ -27,45 +24,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct RunResult {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-class CarrierCliTest : public ::testing::Test {
+class CarrierCliTest : public CliTestFixture {
  protected:
   static constexpr int kRows = 64, kCols = 80;
-
-  void SetUp() override {
-    dir_ = fs::path(::testing::TempDir()) / ("qphase_carrier_" + std::to_string(getpid()) + "_" +
-                                             ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
-
-  RunResult Run(const std::string& arguments) const {
-    const std::string out = Path("stdout.txt"), err = Path("stderr.txt");
-    const std::string command = std::string(QPHASE_BINARY) + " " + arguments + " >" + out + " 2>" + err;
-    const int raw = std::system(command.c_str());
-    RunResult result;
-    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    result.out = Slurp(out);
-    result.err = Slurp(err);
-    fs::remove(out);
-    fs::remove(err);
-    return result;
-  }
-
-  static std::string Slurp(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
 
   static double SurfacePhase(int r, int c) {
     const double x = (c - kCols / 2.0) / kCols, y = (r - kRows / 2.0) / kRows;
@@ -115,8 +76,6 @@ class CarrierCliTest : public ::testing::Test {
     }
     return extra;
   }
-
-  fs::path dir_;
 };
 
 TEST_F(CarrierCliTest, BothSubcommandsHaveHelp) {

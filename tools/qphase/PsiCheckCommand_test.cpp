@@ -1,8 +1,5 @@
 // qphase psi-check seen from a shell: exit statuses, messages, the written step map, and the real
 // telescope-mirror stack of the test data.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -10,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <numbers>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,6 +14,7 @@
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
+#include "CliTestFixture.h"
 #include "Testing/SyntheticPsi.h"
 #include "TiffIO.h"
 
@@ -28,12 +25,6 @@ namespace fs = std::filesystem;
 
 constexpr int kRows = 40, kCols = 48;
 
-struct RunResult {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
 // Mean, median and count of the valid (non-NaN) pixels of a written step map.
 struct MapSummary {
   double mean = 0.0;
@@ -42,38 +33,9 @@ struct MapSummary {
   int total = 0;
 };
 
-class PsiCheckCliTest : public ::testing::Test {
+class PsiCheckCliTest : public CliTestFixture {
  protected:
-  void SetUp() override {
-    dir_ = fs::path(::testing::TempDir()) / ("qphase_psicheck_" + std::to_string(getpid()) + "_" +
-                                             ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
-
-  RunResult Run(const std::string& arguments) const {
-    const std::string out = Path("stdout.txt"), err = Path("stderr.txt");
-    const std::string command =
-        std::string(QPHASE_BINARY) + " psi-check " + arguments + " >" + out + " 2>" + err;
-    const int raw = std::system(command.c_str());
-    RunResult result;
-    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    result.out = Slurp(out);
-    result.err = Slurp(err);
-    fs::remove(out);
-    fs::remove(err);
-    return result;
-  }
-
-  static std::string Slurp(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
+  PsiCheckCliTest() : CliTestFixture("psi-check ") {}
 
   // An 8-bit stack of the algorithms' nominal shifts with every shift scaled by 1 + gainError:
   // 7 and 13 frames a quarter and an eighth of a period apart, 20 frames (or more, repeating) of
@@ -138,8 +100,6 @@ class PsiCheckCliTest : public ::testing::Test {
     if (at == std::string::npos) return std::nan("");
     return std::strtod(text.c_str() + at + label.size(), nullptr);
   }
-
-  fs::path dir_;
 };
 
 TEST_F(PsiCheckCliTest, HelpNamesTheOptions) {

@@ -1,19 +1,16 @@
 // The qphase executable seen from a shell: exit statuses, messages and what is left on disk.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
+#include "CliTestFixture.h"
 #include "Testing/SyntheticPsi.h"
 #include "TiffIO.h"
 
@@ -22,44 +19,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct RunResult {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-class QphaseCliTest : public ::testing::Test {
+class QphaseCliTest : public CliTestFixture {
  protected:
-  void SetUp() override {
-    dir_ = fs::path(::testing::TempDir()) / ("qphase_cli_" + std::to_string(getpid()) + "_" +
-                                             ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
-
-  RunResult Run(const std::string& arguments) const {
-    const std::string out = Path("stdout.txt"), err = Path("stderr.txt");
-    const std::string command = std::string(QPHASE_BINARY) + " " + arguments + " >" + out + " 2>" + err;
-    const int raw = std::system(command.c_str());
-    RunResult result;
-    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    result.out = Slurp(out);
-    result.err = Slurp(err);
-    fs::remove(out);
-    fs::remove(err);
-    return result;
-  }
-
-  static std::string Slurp(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-
   // A stack of `frames` 8-bit frames of the 13-frame (or 7-/20-frame) model with amplitude `amplitude`.
   std::string WriteStack(const std::string& name, int frames, double amplitude = 80.0) const {
     Core::FrameBuffer stack;
@@ -83,8 +44,6 @@ class QphaseCliTest : public ::testing::Test {
     }
     return extra;
   }
-
-  fs::path dir_;
 };
 
 TEST_F(QphaseCliTest, EverySubcommandHasHelp) {

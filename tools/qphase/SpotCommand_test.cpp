@@ -1,8 +1,5 @@
 // qphase spot seen from a shell (exit statuses, messages, the JSON and the overlay, what is left on
 // disk), on synthetic frames of known truth and on two real laser-spot images.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -10,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <ostream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,6 +14,7 @@
 
 #include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/IntMatrix2D.h"
+#include "CliTestFixture.h"
 #include "SpotOverlay.h"
 #include "Testing/SeededRandom.h"
 #include "Testing/SyntheticSpot.h"
@@ -28,19 +25,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using Metrology::Analysis::Core::IntMatrix2D;
-
-struct RunResult {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 // Single quotes for the shell (file names here hold blanks, quotes and backslashes).
 std::string ShellQuote(const std::string& text) {
@@ -56,31 +40,8 @@ double NumberAfter(const std::string& text, const std::string& label) {
   return at == std::string::npos ? NAN : std::atof(text.c_str() + at + label.size());
 }
 
-class SpotCommandTest : public ::testing::Test {
+class SpotCommandTest : public CliTestFixture {
  protected:
-  void SetUp() override {
-    dir_ = fs::path(::testing::TempDir()) / ("qphase_spot_" + std::to_string(getpid()) + "_" +
-                                             ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
-
-  RunResult Run(const std::string& arguments) const {
-    const std::string out = Path("stdout.txt"), err = Path("stderr.txt");
-    const std::string command = std::string(QPHASE_BINARY) + " " + arguments + " >" + out + " 2>" + err;
-    const int raw = std::system(command.c_str());
-    RunResult result;
-    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    result.out = Slurp(out);
-    result.err = Slurp(err);
-    fs::remove(out);
-    fs::remove(err);
-    return result;
-  }
-
   // A 128 x 160 frame of the scene as an 8- or 16-bit TIFF.
   std::string WriteFrame(const std::string& name, const Testing::SpotScene& scene, int bits = 8) const {
     IntMatrix2D image(128, 160);
@@ -112,8 +73,6 @@ class SpotCommandTest : public ::testing::Test {
     }
     return extra;
   }
-
-  fs::path dir_;
 };
 
 TEST_F(SpotCommandTest, HelpNamesEveryOption) {

@@ -1,13 +1,9 @@
 // qphase swli seen from a shell: heights of known surfaces, exit statuses, messages and leftovers.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,6 +11,7 @@
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
+#include "CliTestFixture.h"
 #include "Testing/SeededRandom.h"
 #include "Testing/SyntheticScan.h"
 #include "TiffIO.h"
@@ -26,49 +23,13 @@ namespace fs = std::filesystem;
 
 constexpr double kStepNm = 80.0;
 
-struct RunResult {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
 // A tilted plane with a 300 nm step: frames 80 to 95 of a 160-frame scan.
 double Surface(int r, int c) {
   return 6400.0 + 19.0 * r + 13.0 * c + (c >= 16 ? 300.0 : 0.0);
 }
 
-class SwliCliTest : public ::testing::Test {
+class SwliCliTest : public CliTestFixture {
  protected:
-  void SetUp() override {
-    dir_ = fs::path(::testing::TempDir()) / ("qphase_swli_" + std::to_string(getpid()) + "_" +
-                                             ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
-
-  RunResult Run(const std::string& arguments) const {
-    const std::string out = Path("stdout.txt"), err = Path("stderr.txt");
-    const std::string command = std::string(QPHASE_BINARY) + " " + arguments + " >" + out + " 2>" + err;
-    const int raw = std::system(command.c_str());
-    RunResult result;
-    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    result.out = Slurp(out);
-    result.err = Slurp(err);
-    fs::remove(out);
-    fs::remove(err);
-    return result;
-  }
-
-  static std::string Slurp(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-
   static Testing::ScanSettings Settings(int direction = 1) {
     Testing::ScanSettings s;
     s.rows = 20;
@@ -96,8 +57,6 @@ class SwliCliTest : public ::testing::Test {
     }
     return extra;
   }
-
-  fs::path dir_;
 };
 
 TEST_F(SwliCliTest, HelpExplainsTheDiscriminatorAndTheHeights) {

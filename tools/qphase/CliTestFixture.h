@@ -1,0 +1,73 @@
+// A scratch folder per test and a way to run the qphase executable in it, for the tests that see
+// the tool from a shell: exit status, standard output and error, and what is left on disk.
+// The test target defines QPHASE_BINARY, the path of the executable under test.
+#pragma once
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace Quarn::Qphase {
+
+struct RunResult {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+// The whole file as bytes ("" when it cannot be read).
+inline std::string Slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+class CliTestFixture : public ::testing::Test {
+ protected:
+  // `subcommand` (with its trailing blank, e.g. "psi-check ") goes before every Run's arguments.
+  explicit CliTestFixture(std::string subcommand = "") : subcommand_(std::move(subcommand)) {}
+
+  void SetUp() override {
+    const ::testing::TestInfo& test = *::testing::UnitTest::GetInstance()->current_test_info();
+    std::string name =
+        std::string("qphase_") + test.test_suite_name() + "_" + test.name() + "_" + std::to_string(getpid());
+    for (char& c : name)
+      if (c == '/') c = '_';  // parameterised tests
+    dir_ = std::filesystem::path(::testing::TempDir()) / name;
+    std::filesystem::remove_all(dir_);
+    std::filesystem::create_directories(dir_);
+  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
+
+  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
+
+  // Runs `qphase <subcommand><arguments>` through the shell (so arguments are shell text).
+  RunResult Run(const std::string& arguments) const {
+    const std::string out = Path("stdout.txt"), err = Path("stderr.txt");
+    const std::string command =
+        std::string(QPHASE_BINARY) + " " + subcommand_ + arguments + " >" + out + " 2>" + err;
+    const int raw = std::system(command.c_str());
+    RunResult result;
+    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    result.out = Slurp(out);
+    result.err = Slurp(err);
+    std::filesystem::remove(out);
+    std::filesystem::remove(err);
+    return result;
+  }
+
+  std::filesystem::path dir_;
+
+ private:
+  std::string subcommand_;
+};
+
+}  // namespace Quarn::Qphase

@@ -12,6 +12,7 @@
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "CommandRegistry.h"
+#include "CommonOptions.h"
 #include "MapPreview.h"
 #include "OutputFiles.h"
 #include "Psi/Kinephase/KinephaseAlgorithm.h"
@@ -136,11 +137,8 @@ std::function<int()> SetupCarrier(CLI::App& app) {
       ->capture_default_str();
   app.add_flag("--keep-carrier", options->keepCarrier,
                "Do not remove the carrier: the phase of the fringes themselves");
-  app.add_option("--max-value", options->maxValue,
-                 "Saturation level (default: the sample type's maximum, e.g. 4095 for a 12-bit camera)")
-      ->check(CLI::PositiveNumber);
-  app.add_option("--threads", options->threads, "Worker threads (0: the calling thread only; default: all)")
-      ->check(CLI::NonNegativeNumber);
+  AddMaxValueOption(app, options->maxValue);
+  AddThreadsOption(app, options->threads);
   app.add_option("--png", options->pngOut, "Colour preview of the phase with a colour bar");
   return [options] { return RunCarrier(*options); };
 }

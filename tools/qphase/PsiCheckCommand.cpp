@@ -14,6 +14,7 @@
 #include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/RegionIdMatrix2D.h"
 #include "CommandRegistry.h"
+#include "CommonOptions.h"
 #include "MapPreview.h"
 #include "OutputFiles.h"
 #include "Psi/Corvane13.h"
@@ -288,11 +289,8 @@ std::function<int()> SetupPsiCheck(CLI::App& app) {
                  "Check this many consecutive frames (default: all from --first-frame on), e.g. 7 of a "
                  "12-frame stack")
       ->check(CLI::PositiveNumber);
-  app.add_option("--max-value", options->maxValue,
-                 "Saturation level (default: the sample type's maximum, e.g. 4095 for a 12-bit camera)")
-      ->check(CLI::PositiveNumber);
-  app.add_option("--threads", options->threads, "Worker threads (0: the calling thread only; default: all)")
-      ->check(CLI::NonNegativeNumber);
+  AddMaxValueOption(app, options->maxValue);
+  AddThreadsOption(app, options->threads);
   app.add_option("-o,--output", options->stepOut,
                  "Step-value map to write (corvane): 32-bit float TIFF, NaN = no data");
   app.add_option("--png", options->pngOut, "Colour preview of the step-value map with a colour bar");

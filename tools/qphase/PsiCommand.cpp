@@ -15,6 +15,7 @@
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "CommandRegistry.h"
+#include "CommonOptions.h"
 #include "MapPreview.h"
 #include "OutputFiles.h"
 #include "Psi/Convert13.h"
@@ -184,11 +185,8 @@ std::function<int()> SetupPsi(CLI::App& app) {
                  "Relative brightness of each frame, comma separated")
       ->delimiter(',')
       ->check(CLI::PositiveNumber);
-  app.add_option("--max-value", options->maxValue,
-                 "Saturation level (default: the sample type's maximum, e.g. 4095 for a 12-bit camera)")
-      ->check(CLI::PositiveNumber);
-  app.add_option("--threads", options->threads, "Worker threads (0: the calling thread only; default: all)")
-      ->check(CLI::NonNegativeNumber);
+  AddMaxValueOption(app, options->maxValue);
+  AddThreadsOption(app, options->threads);
   app.add_option("--png", options->pngOut, "Colour preview of the phase with a colour bar");
   return [options] { return RunPsi(*options); };
 }

@@ -18,6 +18,7 @@
 #include "Analysis/Core/UnitNumber.h"
 #include "CoherenceDiscriminator.h"
 #include "CommandRegistry.h"
+#include "CommonOptions.h"
 #include "MapPreview.h"
 #include "OutputFiles.h"
 #include "Swli/PhaseAlgorithmCentroid.h"
@@ -211,12 +212,8 @@ std::function<int()> SetupSwli(CLI::App& app) {
       ->capture_default_str();
   app.add_flag("--reverse", options->reverse,
                "The scan ran the other way: frame k was taken at (frames - k) x the scan step");
-  app.add_option("--max-value", options->maxValue,
-                 "Saturation level (default: the sample type's maximum, e.g. 4095 for a 12-bit camera)")
-      ->check(CLI::PositiveNumber);
-  app.add_option("--threads", options->threads,
-                 "Worker threads (0 or 1: the calling thread only; default: all)")
-      ->check(CLI::NonNegativeNumber);
+  AddMaxValueOption(app, options->maxValue);
+  AddThreadsOption(app, options->threads, "Worker threads (0 or 1: the calling thread only; default: all)");
   app.add_option("--png", options->pngOut, "Colour preview of the heights with a colour bar");
   return [options] { return RunSwli(*options); };
 }

@@ -59,6 +59,10 @@ struct EstimatorCase {
   int expected;  // the fringe-free level the window should read
 };
 
+void PrintTo(const EstimatorCase& c, std::ostream* os) {
+  *os << c.name;
+}
+
 class FringeRemovalTest : public ::testing::TestWithParam<EstimatorCase> {};
 
 // Each estimator reads the fringe-free level of a known signal. At four samples per fringe the

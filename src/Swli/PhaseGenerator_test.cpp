@@ -157,6 +157,10 @@ struct FailureCase {
   std::function<Status()> run;
 };
 
+void PrintTo(const FailureCase& c, std::ostream* os) {
+  *os << c.name;
+}
+
 Status RunWith(PhaseAlgorithm* algorithm, const Testing::ScanSettings& settings, int peakRows,
                int surfaceRows, int threads = 0) {
   ScanCase scan;
@@ -472,6 +476,10 @@ struct LoaderCase {
   int peakSeen;
 };
 
+void PrintTo(const LoaderCase& c, std::ostream* os) {
+  *os << c.name;
+}
+
 class SignalLoaderTest : public ::testing::TestWithParam<LoaderCase> {};
 
 // What the algorithm receives, in scan positions. Forward windows are cut around the peak or, at
@@ -601,6 +609,10 @@ struct PathCase {
   int skip;
   int threads;
 };
+
+void PrintTo(const PathCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class FastPathTest : public ::testing::TestWithParam<PathCase> {};
 

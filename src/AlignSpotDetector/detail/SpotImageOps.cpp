@@ -5,6 +5,8 @@
 #include <cmath>
 #include <vector>
 
+#include "AlignSpotDetector/detail/SpotRowKernels.h"
+
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -56,61 +58,22 @@ bool SquaresFit(int bits, int n) {
   return 2 * bits + BitWidth(static_cast<std::uint32_t>(n)) < 64;
 }
 
-#if defined(__SSE2__)
-// Four pixels at a time: a lane mask selects the pixels in the band; counts run in 32-bit lanes,
-// the sum in two 64-bit lanes (the pixels sign-extended), the squares of the magnitudes in two
-// 64-bit lanes (32 x 32 -> 64-bit products of the even and the odd lanes). The magnitudes are or-ed
-// together so that a row whose squares could overflow 64 bits is summed again exactly.
+// The widest vector kernel of this processor over the longest prefix it takes, the rest pixel by
+// pixel. A row whose squares could have overflowed a kernel's 64-bit lanes (magnitudes above 2^20
+// or so) is summed again exactly.
 void AddRowFast(const int* v, int n, int lo, int hi, Moments& m) {
-  // A pixel is taken when lo <= x <= min(hi, last valid value): two comparisons, and only one for
-  // the unbounded band of the first statistics (lo - 1 then wraps to the largest int).
-  const bool unbounded = lo == INT_MIN;
-  const __m128i belowLow = _mm_set1_epi32(unbounded ? lo : lo - 1);
-  const __m128i high = _mm_set1_epi32(std::min(hi, kInvalid - 1));
-  __m128i count = _mm_setzero_si128();
-  __m128i sum = _mm_setzero_si128();
-  __m128i squares = _mm_setzero_si128();
-  __m128i magnitudes = _mm_setzero_si128();
-  int i = 0;
-  for (; i + 4 <= n; i += 4) {
-    const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(v + i));
-    const __m128i aboveHigh = _mm_cmpgt_epi32(x, high);
-    const __m128i take = unbounded ? _mm_andnot_si128(aboveHigh, _mm_set1_epi32(-1))
-                                   : _mm_andnot_si128(aboveHigh, _mm_cmpgt_epi32(x, belowLow));
-    const __m128i kept = _mm_and_si128(x, take);
-    count = _mm_sub_epi32(count, take);
-    const __m128i sign = _mm_srai_epi32(kept, 31);
-    sum = _mm_add_epi64(sum, _mm_add_epi64(_mm_unpacklo_epi32(kept, sign), _mm_unpackhi_epi32(kept, sign)));
-    const __m128i magnitude = _mm_sub_epi32(_mm_xor_si128(kept, sign), sign);
-    magnitudes = _mm_or_si128(magnitudes, magnitude);
-    const __m128i odd = _mm_srli_epi64(magnitude, 32);
-    squares =
-        _mm_add_epi64(squares, _mm_add_epi64(_mm_mul_epu32(magnitude, magnitude), _mm_mul_epu32(odd, odd)));
-  }
-  alignas(16) std::int32_t counts[4];
-  alignas(16) std::int64_t sums[2];
-  alignas(16) std::uint64_t squareSums[2];
-  alignas(16) std::uint32_t ors[4];
-  _mm_store_si128(reinterpret_cast<__m128i*>(counts), count);
-  _mm_store_si128(reinterpret_cast<__m128i*>(sums), sum);
-  _mm_store_si128(reinterpret_cast<__m128i*>(squareSums), squares);
-  _mm_store_si128(reinterpret_cast<__m128i*>(ors), magnitudes);
-  const std::uint32_t allBits = ors[0] | ors[1] | ors[2] | ors[3];
-  if (!SquaresFit(BitWidth(allBits), (i + 1) / 2)) {
-    // Values too large for 64-bit square sums over this row (above 2^20 or so): exact, slowly.
+  static const RowMomentsFunction kernel = SelectRowMomentsFunction();
+  RowMomentSums sums;
+  const int done = kernel(v, n, lo, hi, sums);
+  if (!SquaresFit(BitWidth(sums.magnitudeBits), (done + 1) / 2)) {
     AddRowReference(v, n, lo, hi, m);
     return;
   }
-  m.count += static_cast<std::int64_t>(counts[0]) + counts[1] + counts[2] + counts[3];
-  m.sum += sums[0] + sums[1];
-  m.squares += static_cast<UInt128>(squareSums[0]) + squareSums[1];
-  AddRowReference(v + i, n - i, lo, hi, m);
+  m.count += sums.count;
+  m.sum += sums.sum;
+  m.squares += sums.squares;
+  AddRowReference(v + done, n - done, lo, hi, m);
 }
-#else
-void AddRowFast(const int* v, int n, int lo, int hi, Moments& m) {
-  AddRowReference(v, n, lo, hi, m);
-}
-#endif
 
 }  // namespace
 

@@ -63,11 +63,8 @@ void AsdController::BackgroundBand(int& lo, int& hi) {
   const double k = b.clipThatManySigmas;
   // The first split into background and foreground only serves to measure the background: its
   // statistics are those of the input's pixels inside the first band, taken without building it.
-  const detail::BandStatistics all = detail::StatisticsInBand(*b.input, INT_MIN, INT_MAX);
-  b.backgroundSigma = all.stdDev;
-  const int firstLo = detail::TruncateToInt(all.mean - k * all.stdDev);
-  const int firstHi = detail::TruncateToInt(all.mean + k * all.stdDev);
-  const detail::BandStatistics floor = detail::StatisticsInBand(*b.input, firstLo, firstHi);
+  detail::BandStatistics all, floor;
+  detail::ClippedStatistics(*b.input, k, all, floor);
   b.backgroundSigma = floor.stdDev;
   lo = detail::TruncateToInt(floor.mean - k * floor.stdDev);
   hi = detail::TruncateToInt(floor.mean + k * floor.stdDev);

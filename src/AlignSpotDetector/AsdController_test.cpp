@@ -114,6 +114,46 @@ TEST_P(PixelOperationTest, SplitAtBandIsACopyClippedBothWays) {
   }
 }
 
+// Sigma clipping's two statistics, fast against StatisticsInBand twice. The fast form treats rows as
+// wholly inside the second band, wholly outside it or cut by it, so besides the random images (most
+// rows cut) some images have rows of a narrow spread around a value of their own, and rows that hold
+// no valid pixel at all.
+TEST_P(PixelOperationTest, ClippedStatisticsEqualBandStatisticsTwice) {
+  Testing::SeededRandom random(3000 + GetParam().lo % 83);
+  SCOPED_TRACE(random.Describe());
+  const double spans = static_cast<double>(GetParam().hi) - GetParam().lo;
+  for (int trial = 0; trial < 200; ++trial) {
+    IntMatrix2D image = RandomImage(random, GetParam(), trial % 2 == 1);
+    if (trial % 3 != 0) {
+      const int spread = static_cast<int>(std::min(spans, trial % 3 == 1 ? 3.0 : spans / 50));
+      for (int r = 0; r < image.GetRows(); ++r) {
+        const bool empty = random.Uniform(0, 1) < 0.1;
+        const int centre = random.UniformInt(GetParam().lo, GetParam().hi - spread);
+        for (int c = 0; c < image.GetColumns(); ++c)
+          image.Row(r)[c] = empty ? kInvalid : centre + random.UniformInt(0, spread);
+      }
+    }
+    const double k = std::vector<double>{0.0, 0.5, 1.0, 3.0, random.Uniform(0, 5)}[trial % 5];
+    detail::BandStatistics all, floor;
+    detail::ClippedStatistics(image, k, all, floor);
+    const detail::BandStatistics allReference =
+        detail::StatisticsInBand(image, INT_MIN, INT_MAX, detail::PixelPath::kReference);
+    const detail::BandStatistics floorReference = detail::StatisticsInBand(
+        image, detail::TruncateToInt(allReference.mean - k * allReference.stdDev),
+        detail::TruncateToInt(allReference.mean + k * allReference.stdDev), detail::PixelPath::kReference);
+    EXPECT_EQ(all.count, allReference.count) << "trial " << trial;
+    EXPECT_EQ(all.mean, allReference.mean) << "trial " << trial;
+    EXPECT_EQ(all.stdDev, allReference.stdDev) << "trial " << trial;
+    EXPECT_EQ(floor.count, floorReference.count) << "trial " << trial;
+    EXPECT_EQ(floor.mean, floorReference.mean) << "trial " << trial;
+    EXPECT_EQ(floor.stdDev, floorReference.stdDev) << "trial " << trial;
+    detail::BandStatistics allPlain, floorPlain;
+    detail::ClippedStatistics(image, k, allPlain, floorPlain, detail::PixelPath::kReference);
+    EXPECT_EQ(floorPlain.count, floorReference.count) << "trial " << trial;
+    EXPECT_EQ(floorPlain.stdDev, floorReference.stdDev) << "trial " << trial;
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(Ranges, PixelOperationTest,
                          ::testing::Values(ImageKind{"8bit", 0, 255}, ImageKind{"16bit", 0, 65535},
                                            ImageKind{"signed", -40000, 40000},

@@ -32,6 +32,16 @@ struct Moments {
   std::int64_t count = 0;
   std::int64_t sum = 0;
   UInt128 squares = 0;
+  int min = INT_MAX;  // of the pixels taken
+  int max = INT_MIN;
+
+  void Add(const Moments& other) {
+    count += other.count;
+    sum += other.sum;
+    squares += other.squares;
+    min = std::min(min, other.min);
+    max = std::max(max, other.max);
+  }
 };
 
 bool Take(int x, int lo, int hi) {
@@ -45,6 +55,8 @@ void AddRowReference(const int* v, int n, int lo, int hi, Moments& m) {
     ++m.count;
     m.sum += v[i];
     m.squares += static_cast<UInt128>(Magnitude(v[i])) * Magnitude(v[i]);
+    m.min = std::min(m.min, v[i]);
+    m.max = std::max(m.max, v[i]);
   }
 }
 
@@ -72,22 +84,12 @@ void AddRowFast(const int* v, int n, int lo, int hi, Moments& m) {
   m.count += sums.count;
   m.sum += sums.sum;
   m.squares += sums.squares;
+  m.min = std::min(m.min, sums.min);
+  m.max = std::max(m.max, sums.max);
   AddRowReference(v + done, n - done, lo, hi, m);
 }
 
-}  // namespace
-
-BandStatistics StatisticsInBand(const IntWindow2D& image, int lo, int hi, PixelPath path) {
-  const Window2D w = image.GetWindow();
-  Moments m;
-  for (int r = w.GetStartRow(); r < w.GetEndRow(); ++r) {
-    const int* row = image.Row(r - image.GetStartRow()) + (w.GetStartCol() - image.GetStartCol());
-    if (path == PixelPath::kFast) {
-      AddRowFast(row, w.GetCols(), lo, hi, m);
-    } else {
-      AddRowReference(row, w.GetCols(), lo, hi, m);
-    }
-  }
+BandStatistics FromMoments(const Moments& m) {
   BandStatistics stats;
   stats.count = m.count;
   if (m.count == 0) return stats;
@@ -98,6 +100,58 @@ BandStatistics StatisticsInBand(const IntWindow2D& image, int lo, int hi, PixelP
   const UInt128 spread = static_cast<UInt128>(m.count) * m.squares - sumMagnitude * sumMagnitude;
   stats.stdDev = std::sqrt(static_cast<double>(spread)) / n;
   return stats;
+}
+
+const int* WindowRow(const IntWindow2D& image, int r) {
+  const Window2D w = image.GetWindow();
+  return image.Row(r - image.GetStartRow()) + (w.GetStartCol() - image.GetStartCol());
+}
+
+}  // namespace
+
+BandStatistics StatisticsInBand(const IntWindow2D& image, int lo, int hi, PixelPath path) {
+  const Window2D w = image.GetWindow();
+  Moments m;
+  for (int r = w.GetStartRow(); r < w.GetEndRow(); ++r) {
+    if (path == PixelPath::kFast) {
+      AddRowFast(WindowRow(image, r), w.GetCols(), lo, hi, m);
+    } else {
+      AddRowReference(WindowRow(image, r), w.GetCols(), lo, hi, m);
+    }
+  }
+  return FromMoments(m);
+}
+
+void ClippedStatistics(const IntWindow2D& image, double k, BandStatistics& all, BandStatistics& floor,
+                       PixelPath path) {
+  if (path == PixelPath::kReference) {
+    all = StatisticsInBand(image, INT_MIN, INT_MAX, path);
+    floor = StatisticsInBand(image, TruncateToInt(all.mean - k * all.stdDev),
+                             TruncateToInt(all.mean + k * all.stdDev), path);
+    return;
+  }
+  const Window2D w = image.GetWindow();
+  std::vector<Moments> rows(static_cast<std::size_t>(w.GetRows()));
+  Moments total;
+  for (int r = 0; r < w.GetRows(); ++r) {
+    AddRowFast(WindowRow(image, w.GetStartRow() + r), w.GetCols(), INT_MIN, INT_MAX,
+               rows[static_cast<std::size_t>(r)]);
+    total.Add(rows[static_cast<std::size_t>(r)]);
+  }
+  all = FromMoments(total);
+  const int lo = TruncateToInt(all.mean - k * all.stdDev);
+  const int hi = TruncateToInt(all.mean + k * all.stdDev);
+  Moments inBand;
+  for (int r = 0; r < w.GetRows(); ++r) {
+    const Moments& row = rows[static_cast<std::size_t>(r)];
+    if (row.count == 0 || row.max < lo || row.min > hi) continue;
+    if (row.min >= lo && row.max <= hi) {
+      inBand.Add(row);
+    } else {
+      AddRowFast(WindowRow(image, w.GetStartRow() + r), w.GetCols(), lo, hi, inBand);
+    }
+  }
+  floor = FromMoments(inBand);
 }
 
 int TruncateToInt(double value) {

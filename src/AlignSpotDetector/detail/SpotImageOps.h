@@ -25,6 +25,16 @@ struct BandStatistics {
 QUARN_PP_EXPORT BandStatistics StatisticsInBand(const Analysis::Core::IntWindow2D& image, int lo, int hi,
                                                 PixelPath path = PixelPath::kFast);
 
+// The two statistics of sigma clipping's background measurement: `all` of every valid pixel of the
+// window, then `floor` of those in the band [TruncateToInt(all.mean - k all.stdDev),
+// TruncateToInt(all.mean + k all.stdDev)]. The reference is StatisticsInBand twice. The fast form
+// reads the image about once: its first pass keeps each row's sums and value range, and the second
+// adds the sums of the rows wholly inside the band, skips those wholly outside and sums again only
+// the rows the band cuts (in a frame with one spot, the spot's rows). Identical results.
+QUARN_PP_EXPORT void ClippedStatistics(const Analysis::Core::IntWindow2D& image, double k,
+                                       BandStatistics& all, BandStatistics& floor,
+                                       PixelPath path = PixelPath::kFast);
+
 // Truncation toward zero, saturated to the int range (NaN gives 0): the band limits m -/+ k s of a
 // pathological image must not overflow the conversion.
 QUARN_PP_EXPORT int TruncateToInt(double value);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <climits>
 #include <cstdint>
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Alignment::detail {
@@ -9,7 +10,8 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Alignment::detail {
 // run time. A kernel takes the longest prefix of the row that fills its registers and returns its
 // length; the caller adds the rest pixel by pixel. Squares are summed in 64-bit lanes, each lane
 // holding at most (done + 1) / 2 of them; `magnitudeBits` (the or of the magnitudes taken) lets the
-// caller see whether they can have overflowed and then sum the row again exactly.
+// caller see whether they can have overflowed and then sum the row again exactly. `min` and `max`
+// are those of the pixels taken (INT_MAX and INT_MIN for none).
 __extension__ typedef unsigned __int128 SpotUInt128;
 
 struct RowMomentSums {
@@ -17,6 +19,8 @@ struct RowMomentSums {
   std::int64_t sum = 0;
   SpotUInt128 squares = 0;
   std::uint32_t magnitudeBits = 0;
+  int min = INT_MAX;
+  int max = INT_MIN;
 };
 
 using RowMomentsFunction = int (*)(const int* v, int n, int lo, int hi, RowMomentSums& sums);

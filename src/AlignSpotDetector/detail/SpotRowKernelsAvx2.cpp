@@ -21,6 +21,10 @@ int RowMomentsAvx2(const int* v, int n, int lo, int hi, RowMomentSums& sums) {
   __m256i sum = _mm256_setzero_si256();
   __m256i squares = _mm256_setzero_si256();
   __m256i magnitudes = _mm256_setzero_si256();
+  const __m256i largest = _mm256_set1_epi32(INT_MAX);
+  const __m256i smallest = _mm256_set1_epi32(INT_MIN);
+  __m256i mins = largest;
+  __m256i maxs = smallest;
   int i = 0;
   for (; i + 8 <= n; i += 8) {
     const __m256i x = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(v + i));
@@ -28,6 +32,8 @@ int RowMomentsAvx2(const int* v, int n, int lo, int hi, RowMomentSums& sums) {
     const __m256i take = _mm256_andnot_si256(aboveHigh, unbounded ? all : _mm256_cmpgt_epi32(x, belowLow));
     const __m256i kept = _mm256_and_si256(x, take);
     count = _mm256_sub_epi32(count, take);
+    mins = _mm256_min_epi32(mins, _mm256_or_si256(kept, _mm256_andnot_si256(take, largest)));
+    maxs = _mm256_max_epi32(maxs, _mm256_or_si256(kept, _mm256_andnot_si256(take, smallest)));
     const __m256i sign = _mm256_srai_epi32(kept, 31);
     sum = _mm256_add_epi64(
         sum, _mm256_add_epi64(_mm256_unpacklo_epi32(kept, sign), _mm256_unpackhi_epi32(kept, sign)));
@@ -42,6 +48,10 @@ int RowMomentsAvx2(const int* v, int n, int lo, int hi, RowMomentSums& sums) {
   alignas(32) std::int64_t sumLanes[4];
   alignas(32) std::uint64_t squareLanes[4];
   alignas(32) std::uint32_t ors[8];
+  alignas(32) std::int32_t minLanes[8];
+  alignas(32) std::int32_t maxLanes[8];
+  _mm256_store_si256(reinterpret_cast<__m256i*>(minLanes), mins);
+  _mm256_store_si256(reinterpret_cast<__m256i*>(maxLanes), maxs);
   _mm256_store_si256(reinterpret_cast<__m256i*>(counts), count);
   _mm256_store_si256(reinterpret_cast<__m256i*>(sumLanes), sum);
   _mm256_store_si256(reinterpret_cast<__m256i*>(squareLanes), squares);
@@ -49,6 +59,8 @@ int RowMomentsAvx2(const int* v, int n, int lo, int hi, RowMomentSums& sums) {
   for (int k = 0; k < 8; ++k) {
     sums.count += counts[k];
     sums.magnitudeBits |= ors[k];
+    sums.min = std::min(sums.min, minLanes[k]);
+    sums.max = std::max(sums.max, maxLanes[k]);
   }
   for (int k = 0; k < 4; ++k) {
     sums.sum += sumLanes[k];

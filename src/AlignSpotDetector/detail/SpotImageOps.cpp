@@ -32,7 +32,7 @@ struct Moments {
   std::int64_t count = 0;
   std::int64_t sum = 0;
   UInt128 squares = 0;
-  int min = INT_MAX;  // of the pixels taken
+  int min = INT_MAX;  // of every pixel seen, taken or not
   int max = INT_MIN;
 
   void Add(const Moments& other) {
@@ -51,12 +51,12 @@ bool Take(int x, int lo, int hi) {
 // One row's contribution, pixel by pixel in exact integers.
 void AddRowReference(const int* v, int n, int lo, int hi, Moments& m) {
   for (int i = 0; i < n; ++i) {
+    m.min = std::min(m.min, v[i]);
+    m.max = std::max(m.max, v[i]);
     if (!Take(v[i], lo, hi)) continue;
     ++m.count;
     m.sum += v[i];
     m.squares += static_cast<UInt128>(Magnitude(v[i])) * Magnitude(v[i]);
-    m.min = std::min(m.min, v[i]);
-    m.max = std::max(m.max, v[i]);
   }
 }
 
@@ -144,8 +144,12 @@ void ClippedStatistics(const IntWindow2D& image, double k, BandStatistics& all, 
   Moments inBand;
   for (int r = 0; r < w.GetRows(); ++r) {
     const Moments& row = rows[static_cast<std::size_t>(r)];
-    if (row.count == 0 || row.max < lo || row.min > hi) continue;
-    if (row.min >= lo && row.max <= hi) {
+    if (row.count == 0) continue;
+    // The range is that of the valid pixels only when the row holds no invalid one; any other row
+    // is summed again.
+    const bool allValid = row.count == w.GetCols();
+    if (allValid && (row.max < lo || row.min > hi)) continue;
+    if (allValid && row.min >= lo && row.max <= hi) {
       inBand.Add(row);
     } else {
       AddRowFast(WindowRow(image, w.GetStartRow() + r), w.GetCols(), lo, hi, inBand);

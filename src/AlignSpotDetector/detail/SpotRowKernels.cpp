@@ -29,10 +29,8 @@ int RowMomentsSse2(const int* v, int n, int lo, int hi, RowMomentSums& sums) {
   __m128i sum = _mm_setzero_si128();
   __m128i squares = _mm_setzero_si128();
   __m128i magnitudes = _mm_setzero_si128();
-  const __m128i largest = _mm_set1_epi32(INT_MAX);
-  const __m128i smallest = _mm_set1_epi32(INT_MIN);
-  __m128i mins = largest;
-  __m128i maxs = smallest;
+  __m128i mins = _mm_set1_epi32(INT_MAX);
+  __m128i maxs = _mm_set1_epi32(INT_MIN);
   int i = 0;
   for (; i + 4 <= n; i += 4) {
     const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(v + i));
@@ -42,12 +40,10 @@ int RowMomentsSse2(const int* v, int n, int lo, int hi, RowMomentSums& sums) {
     const __m128i kept = _mm_and_si128(x, take);
     count = _mm_sub_epi32(count, take);
     // SSE2 has no 32-bit minimum or maximum: select by comparison.
-    const __m128i low = _mm_or_si128(kept, _mm_andnot_si128(take, largest));
-    const __m128i lower = _mm_cmplt_epi32(low, mins);
-    mins = _mm_or_si128(_mm_and_si128(lower, low), _mm_andnot_si128(lower, mins));
-    const __m128i up = _mm_or_si128(kept, _mm_andnot_si128(take, smallest));
-    const __m128i higher = _mm_cmpgt_epi32(up, maxs);
-    maxs = _mm_or_si128(_mm_and_si128(higher, up), _mm_andnot_si128(higher, maxs));
+    const __m128i lower = _mm_cmplt_epi32(x, mins);
+    mins = _mm_or_si128(_mm_and_si128(lower, x), _mm_andnot_si128(lower, mins));
+    const __m128i higher = _mm_cmpgt_epi32(x, maxs);
+    maxs = _mm_or_si128(_mm_and_si128(higher, x), _mm_andnot_si128(higher, maxs));
     const __m128i sign = _mm_srai_epi32(kept, 31);
     sum = _mm_add_epi64(sum, _mm_add_epi64(_mm_unpacklo_epi32(kept, sign), _mm_unpackhi_epi32(kept, sign)));
     const __m128i magnitude = _mm_sub_epi32(_mm_xor_si128(kept, sign), sign);

@@ -11,7 +11,8 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Alignment::detail {
 // length; the caller adds the rest pixel by pixel. Squares are summed in 64-bit lanes, each lane
 // holding at most (done + 1) / 2 of them; `magnitudeBits` (the or of the magnitudes taken) lets the
 // caller see whether they can have overflowed and then sum the row again exactly. `min` and `max`
-// are those of the pixels taken (INT_MAX and INT_MIN for none).
+// are those of every pixel read, taken or not, valid or not (INT_MAX and INT_MIN for none): in a
+// row without invalid pixels, the row's value range.
 __extension__ typedef unsigned __int128 SpotUInt128;
 
 struct RowMomentSums {

@@ -21,10 +21,8 @@ int RowMomentsAvx2(const int* v, int n, int lo, int hi, RowMomentSums& sums) {
   __m256i sum = _mm256_setzero_si256();
   __m256i squares = _mm256_setzero_si256();
   __m256i magnitudes = _mm256_setzero_si256();
-  const __m256i largest = _mm256_set1_epi32(INT_MAX);
-  const __m256i smallest = _mm256_set1_epi32(INT_MIN);
-  __m256i mins = largest;
-  __m256i maxs = smallest;
+  __m256i mins = _mm256_set1_epi32(INT_MAX);
+  __m256i maxs = _mm256_set1_epi32(INT_MIN);
   int i = 0;
   for (; i + 8 <= n; i += 8) {
     const __m256i x = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(v + i));
@@ -32,8 +30,8 @@ int RowMomentsAvx2(const int* v, int n, int lo, int hi, RowMomentSums& sums) {
     const __m256i take = _mm256_andnot_si256(aboveHigh, unbounded ? all : _mm256_cmpgt_epi32(x, belowLow));
     const __m256i kept = _mm256_and_si256(x, take);
     count = _mm256_sub_epi32(count, take);
-    mins = _mm256_min_epi32(mins, _mm256_or_si256(kept, _mm256_andnot_si256(take, largest)));
-    maxs = _mm256_max_epi32(maxs, _mm256_or_si256(kept, _mm256_andnot_si256(take, smallest)));
+    mins = _mm256_min_epi32(mins, x);
+    maxs = _mm256_max_epi32(maxs, x);
     const __m256i sign = _mm256_srai_epi32(kept, 31);
     sum = _mm256_add_epi64(
         sum, _mm256_add_epi64(_mm256_unpacklo_epi32(kept, sign), _mm256_unpackhi_epi32(kept, sign)));

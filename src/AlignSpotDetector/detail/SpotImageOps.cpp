@@ -198,18 +198,20 @@ std::int64_t CountSpan(const int* row, int from, int to, int threshold) {
 
 // The split of in[from, to): pixels in the band to `keep`, valid pixels beyond it to `drop` (or,
 // with `dropAll`, every pixel of `drop` invalid: the mask takes them anyway). Returns the number
-// of pixels written to `drop` at or above `threshold`.
+// of pixels written to `drop` at or above `threshold`; `anyDropped` becomes true when a valid pixel
+// was written to `drop` (it is never reset).
 //
 // Four pixels at a time where `keep` and `drop` are equally aligned (matrices of one shape are):
 // the outputs are written with streaming stores, which do not first read the lines they fill.
 std::int64_t SplitSpan(const int* in, int* keep, int* drop, int from, int to, int lo, int hi, int threshold,
-                       bool dropAll) {
+                       bool dropAll, bool& anyDropped) {
   const auto scalar = [&](int c) {
     const int v = in[c];
     const bool valid = v < kInvalid;
     const bool inBand = v >= lo && v <= hi;
     keep[c] = valid && inBand ? v : kInvalid;
     drop[c] = valid && !inBand && !dropAll ? v : kInvalid;
+    anyDropped = anyDropped || drop[c] < kInvalid;
     return drop[c] >= threshold && drop[c] < kInvalid ? 1 : 0;
   };
   std::int64_t count = 0;
@@ -231,6 +233,7 @@ std::int64_t SplitSpan(const int* in, int* keep, int* drop, int from, int to, in
     const bool countAll = threshold == INT_MIN;
     const __m128i belowThreshold = _mm_set1_epi32(countAll ? threshold : threshold - 1);
     __m128i counts = _mm_setzero_si128();
+    __m128i dropSeen = _mm_setzero_si128();
     for (; c + 4 <= to; c += 4) {
       const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + c));
       const __m128i aboveHigh = _mm_cmpgt_epi32(v, high);
@@ -245,12 +248,14 @@ std::int64_t SplitSpan(const int* in, int* keep, int* drop, int from, int to, in
       const __m128i dropped = _mm_andnot_si128(inBand, valid);
       const __m128i dropValue = _mm_or_si128(_mm_and_si128(dropped, v), _mm_andnot_si128(dropped, invalid));
       _mm_stream_si128(reinterpret_cast<__m128i*>(drop + c), dropValue);
+      dropSeen = _mm_or_si128(dropSeen, dropped);
       const __m128i counted = countAll ? dropped : _mm_and_si128(dropped, _mm_cmpgt_epi32(v, belowThreshold));
       counts = _mm_sub_epi32(counts, counted);
     }
     alignas(16) std::int32_t lanes[4];
     _mm_store_si128(reinterpret_cast<__m128i*>(lanes), counts);
     count += static_cast<std::int64_t>(lanes[0]) + lanes[1] + lanes[2] + lanes[3];
+    anyDropped = anyDropped || _mm_movemask_epi8(dropSeen) != 0;
   }
 #endif
   while (c < to)
@@ -315,7 +320,8 @@ bool SplitAtBand(const IntWindow2D& input, int lo, int hi, IntWindow2D& inside, 
     }
     std::copy(in, in + first, keep);
     std::copy(in, in + first, drop);
-    SplitSpan(in, keep, drop, first, last, lo, hi, INT_MAX, false);
+    bool unused = false;
+    SplitSpan(in, keep, drop, first, last, lo, hi, INT_MAX, false, unused);
     std::copy(in + last, in + cols, keep + last);
     std::copy(in + last, in + cols, drop + last);
   }
@@ -325,7 +331,7 @@ bool SplitAtBand(const IntWindow2D& input, int lo, int hi, IntWindow2D& inside, 
 
 bool SplitMaskAndCount(const IntWindow2D& input, int lo, int hi, double centerX, double centerY,
                        double halfWidth, double obscurationRadius, int threshold, IntWindow2D& inside,
-                       IntWindow2D& outside, std::int64_t& count) {
+                       IntWindow2D& outside, std::int64_t& count, RowSpan* outsideRows) {
   count = 0;
   if (!SizeLike(input, inside) || !SizeLike(input, outside)) return false;
   const Window2D w = input.GetWindow();
@@ -333,6 +339,11 @@ bool SplitMaskAndCount(const IntWindow2D& input, int lo, int hi, double centerX,
   const int cols = input.GetColumns();
   const int first = w.GetStartCol() - input.GetStartCol();
   const int last = first + w.GetCols();
+  RowSpan used{input.GetRows(), 0};
+  const auto markUsed = [&used](int r) {
+    used.first = std::min(used.first, r);
+    used.end = r + 1;
+  };
   for (int r = 0; r < input.GetRows(); ++r) {
     const int* in = input.Row(r);
     int* keep = inside.Row(r);
@@ -341,20 +352,24 @@ bool SplitMaskAndCount(const IntWindow2D& input, int lo, int hi, double centerX,
     if (y < w.GetStartRow() || y >= w.GetEndRow() || w.IsEmpty()) {
       std::copy(in, in + cols, keep);
       std::copy(in, in + cols, drop);
+      if (cols > 0) markUsed(r);
       continue;
     }
     std::copy(in, in + first, keep);
     std::copy(in, in + first, drop);
     std::copy(in + last, in + cols, keep + last);
     std::copy(in + last, in + cols, drop + last);
+    bool dropped = first > 0 || last < cols;  // the copies beside the window may hold valid pixels
     if (mask.RowOutside(y)) {
-      SplitSpan(in, keep, drop, first, last, lo, hi, INT_MAX, true);
+      SplitSpan(in, keep, drop, first, last, lo, hi, INT_MAX, true, dropped);
+      if (dropped) markUsed(r);
       continue;
     }
     const int a = first + mask.insideFirst, b = first + mask.insideEnd;
-    SplitSpan(in, keep, drop, first, a, lo, hi, INT_MAX, true);
-    count += SplitSpan(in, keep, drop, a, b, lo, hi, threshold, false);
-    SplitSpan(in, keep, drop, b, last, lo, hi, INT_MAX, true);
+    SplitSpan(in, keep, drop, first, a, lo, hi, INT_MAX, true, dropped);
+    count += SplitSpan(in, keep, drop, a, b, lo, hi, threshold, false, dropped);
+    SplitSpan(in, keep, drop, b, last, lo, hi, INT_MAX, true, dropped);
+    if (dropped) markUsed(r);
     if (!mask.RowNearObscuration(y)) continue;
     for (int c = mask.nearFirst; c < mask.nearEnd; ++c) {
       int& v = drop[first + c];
@@ -364,6 +379,7 @@ bool SplitMaskAndCount(const IntWindow2D& input, int lo, int hi, double centerX,
     }
   }
   FinishStreaming();
+  if (outsideRows) *outsideRows = used.first < used.end ? used : RowSpan{0, 0};
   return true;
 }
 

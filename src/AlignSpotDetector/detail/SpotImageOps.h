@@ -48,15 +48,24 @@ QUARN_PP_EXPORT int TruncateToInt(double value);
 QUARN_PP_EXPORT bool SplitAtBand(const Analysis::Core::IntWindow2D& input, int lo, int hi,
                                  Analysis::Core::IntWindow2D& inside, Analysis::Core::IntWindow2D& outside);
 
+// Rows [first, end) of a matrix (0 for its first row, whatever its origin).
+struct RowSpan {
+  int first = 0;
+  int end = 0;
+};
+
 // Steps 2 (its final split), 3 and 4 of a detection in one pass: SplitAtBand (band pixels to
 // `inside`, the others to `outside`), then ApplySquareAndObscurationMask on `outside`, then
-// `count` = CountAtOrAbove(outside, threshold). Same results as the three in turn (tested). False
-// when an output cannot be sized.
+// `count` = CountAtOrAbove(outside, threshold). Same results as the three in turn (tested). With
+// `outsideRows`, also the matrix rows beyond which `outside` holds no valid pixel (the rows in
+// between may hold none either; {0, 0} when no row can hold one). False when an output cannot be
+// sized.
 QUARN_PP_EXPORT bool SplitMaskAndCount(const Analysis::Core::IntWindow2D& input, int lo, int hi,
                                        double centerX, double centerY, double halfWidth,
                                        double obscurationRadius, int threshold,
                                        Analysis::Core::IntWindow2D& inside,
-                                       Analysis::Core::IntWindow2D& outside, std::int64_t& count);
+                                       Analysis::Core::IntWindow2D& outside, std::int64_t& count,
+                                       RowSpan* outsideRows = nullptr);
 
 // The detector's mask over the image's window: a pixel at column x, row y (camera coordinates) is
 // invalidated when sqrt(dx^2 + dy^2) < obscurationRadius, |dx| > halfWidth or |dy| > halfWidth,

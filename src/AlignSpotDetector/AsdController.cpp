@@ -28,9 +28,10 @@ AsdSpotPosition AsdController::DetectSpotPosition() {
   // Steps 2 to 4 in one pass over the image: the same images and count as SigmaClipping, ApplyMask
   // and InputImageHasTooManySaturatedPixels in turn.
   std::int64_t saturated = 0;
-  if (!SigmaClippingMaskAndCount(saturated)) return AsdSpotPosition::DetectionFailed;
+  int firstRow = 0, endRow = 0;
+  if (!SigmaClippingMaskAndCount(saturated, firstRow, endRow)) return AsdSpotPosition::DetectionFailed;
   if (saturated > board_->maxNumberOfSaturatedPixels) return AsdSpotPosition::TooManySaturatedPixels;
-  if (!Regionize()) return AsdSpotPosition::DetectionFailed;
+  if (!RegionizeRows(firstRow, endRow)) return AsdSpotPosition::DetectionFailed;
   if (SpotListEmpty()) return AsdSpotPosition::NoSignificantSpot;
   if (!DropInsignificantRegions()) return AsdSpotPosition::DetectionFailed;
   if (SpotListEmpty()) return AsdSpotPosition::NoSignificantSpot;
@@ -63,11 +64,8 @@ void AsdController::BackgroundBand(int& lo, int& hi) {
   const double k = b.clipThatManySigmas;
   // The first split into background and foreground only serves to measure the background: its
   // statistics are those of the input's pixels inside the first band, taken without building it.
-  const detail::BandStatistics all = detail::StatisticsInBand(*b.input, INT_MIN, INT_MAX);
-  b.backgroundSigma = all.stdDev;
-  const int firstLo = detail::TruncateToInt(all.mean - k * all.stdDev);
-  const int firstHi = detail::TruncateToInt(all.mean + k * all.stdDev);
-  const detail::BandStatistics floor = detail::StatisticsInBand(*b.input, firstLo, firstHi);
+  detail::BandStatistics all, floor;
+  detail::ClippedStatistics(*b.input, k, all, floor);
   b.backgroundSigma = floor.stdDev;
   lo = detail::TruncateToInt(floor.mean - k * floor.stdDev);
   hi = detail::TruncateToInt(floor.mean + k * floor.stdDev);
@@ -84,16 +82,19 @@ bool AsdController::SigmaClipping() {
   return true;
 }
 
-bool AsdController::SigmaClippingMaskAndCount(std::int64_t& saturated) {
+bool AsdController::SigmaClippingMaskAndCount(std::int64_t& saturated, int& firstRow, int& endRow) {
   AsdBoard& b = *board_;
   int lo = 0, hi = 0;
   BackgroundBand(lo, hi);
+  detail::RowSpan rows;
   if (!detail::SplitMaskAndCount(*b.input, lo, hi, b.reticleCenterX, b.reticleCenterY, b.interestRegionRadius,
                                  b.reticleCenterR, detail::TruncateToInt(b.saturationThreshold), b.background,
-                                 b.foreground, saturated)) {
+                                 b.foreground, saturated, &rows)) {
     b.status = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "");
     return false;
   }
+  firstRow = rows.first;
+  endRow = rows.end;
   return true;
 }
 
@@ -123,6 +124,54 @@ bool AsdController::SpotListEmpty() const {
 }
 
 bool AsdController::Regionize() {
+  return RegionizeRows(0, board_->foreground.GetRows());
+}
+
+namespace {
+
+// The region finder over the foreground rows [firstRow, endRow) only, with the map of the whole
+// foreground it would have made: ids are numbered in scan order, which rows without a valid pixel
+// do not change, and every other row of the map is empty. For a spot in a large frame this reads
+// a few rows instead of the frame.
+bool FindRegionsInRows(const Analysis::Core::IntWindow2D& foreground, int firstRow, int endRow,
+                       RegionIdMatrix2D& map, Analysis::Core::Array<RegionInfo>& regions, Status& status) {
+  const int cols = foreground.GetColumns();
+  Analysis::Core::IntMatrix2D band;
+  if (!band.Resize(foreground.GetStartRow() + firstRow, foreground.GetStartCol(), endRow - firstRow, cols)) {
+    RecordCallFailure(status, band.GetStatus(), "band.Resize", AsdController::kSource, __LINE__);
+    return false;
+  }
+  for (int r = firstRow; r < endRow; ++r)
+    std::copy(foreground.Row(r), foreground.Row(r) + cols, band.Row(r - firstRow));
+  RegionIdMatrix2D bandIds;
+  RegionFinderConnected finder;
+  finder.SetMatrix(band);
+  if (!finder.MakeRegions(bandIds, regions)) {
+    RecordCallFailure(status, finder.GetStatus(), "regionFinder.MakeRegions", AsdController::kSource,
+                      __LINE__);
+    return false;
+  }
+  if (!map.Resize(foreground.GetMatrixWindow())) {
+    RecordCallFailure(status, map.GetStatus(), "regionIdMap.Resize", AsdController::kSource, __LINE__);
+    return false;
+  }
+  const int none = RegionIdMatrix2D::NoData();
+  for (int r = 0; r < foreground.GetRows(); ++r) {
+    int* row = map.Row(r);
+    if (r >= firstRow && r < endRow) {
+      std::copy(bandIds.Row(r - firstRow), bandIds.Row(r - firstRow) + cols, row);
+    } else {
+      std::fill(row, row + cols, none);
+    }
+  }
+  map.ResetWindow();
+  map.SetUnitManager(foreground.GetUnitManager());
+  return true;
+}
+
+}  // namespace
+
+bool AsdController::RegionizeRows(int firstRow, int endRow) {
   AsdBoard& b = *board_;
   if (!HasSpotList()) return false;
   auto& spots = *b.spotInfoList;
@@ -130,10 +179,14 @@ bool AsdController::Regionize() {
     RecordCallFailure(b.status, spots.GetStatus(), "spotInfoList.Clear", kSource, __LINE__);
     return false;
   }
-  RegionFinderConnected finder;
-  finder.SetMatrix(b.foreground);
-  if (!finder.MakeRegions(b.regionIdMap, b.regions)) {
-    RecordCallFailure(b.status, finder.GetStatus(), "regionFinder.MakeRegions", kSource, __LINE__);
+  if (firstRow == 0 && endRow == b.foreground.GetRows()) {
+    RegionFinderConnected finder;
+    finder.SetMatrix(b.foreground);
+    if (!finder.MakeRegions(b.regionIdMap, b.regions)) {
+      RecordCallFailure(b.status, finder.GetStatus(), "regionFinder.MakeRegions", kSource, __LINE__);
+      return false;
+    }
+  } else if (!FindRegionsInRows(b.foreground, firstRow, endRow, b.regionIdMap, b.regions, b.status)) {
     return false;
   }
   if (!spots.Reserve(b.regions.Size())) {

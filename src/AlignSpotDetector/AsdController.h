@@ -77,8 +77,12 @@ class QUARN_PP_EXPORT AsdController : public BoardController<AsdBoard> {
  private:
   // The final background band [lo, hi] of the sigma clipping (sets backgroundSigma).
   void BackgroundBand(int& lo, int& hi);
-  // SigmaClipping, ApplyMask and the saturation count in one pass.
-  bool SigmaClippingMaskAndCount(std::int64_t& saturated);
+  // SigmaClipping, ApplyMask and the saturation count in one pass; [firstRow, endRow) receives the
+  // rows of the foreground outside which it holds no valid pixel.
+  bool SigmaClippingMaskAndCount(std::int64_t& saturated, int& firstRow, int& endRow);
+  // Regionize, told that the foreground holds no valid pixel outside the rows [firstRow, endRow)
+  // of its matrix: the region finder then reads those rows only.
+  bool RegionizeRows(int firstRow, int endRow);
   bool HasSpotList();
   bool SpotListEmpty() const;
 };

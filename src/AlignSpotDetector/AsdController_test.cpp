@@ -114,6 +114,46 @@ TEST_P(PixelOperationTest, SplitAtBandIsACopyClippedBothWays) {
   }
 }
 
+// Sigma clipping's two statistics, fast against StatisticsInBand twice. The fast form treats rows as
+// wholly inside the second band, wholly outside it or cut by it, so besides the random images (most
+// rows cut) some images have rows of a narrow spread around a value of their own, and rows that hold
+// no valid pixel at all.
+TEST_P(PixelOperationTest, ClippedStatisticsEqualBandStatisticsTwice) {
+  Testing::SeededRandom random(3000 + GetParam().lo % 83);
+  SCOPED_TRACE(random.Describe());
+  const double spans = static_cast<double>(GetParam().hi) - GetParam().lo;
+  for (int trial = 0; trial < 200; ++trial) {
+    IntMatrix2D image = RandomImage(random, GetParam(), trial % 2 == 1);
+    if (trial % 3 != 0) {
+      const int spread = static_cast<int>(std::min(spans, trial % 3 == 1 ? 3.0 : spans / 50));
+      for (int r = 0; r < image.GetRows(); ++r) {
+        const bool empty = random.Uniform(0, 1) < 0.1;
+        const int centre = random.UniformInt(GetParam().lo, GetParam().hi - spread);
+        for (int c = 0; c < image.GetColumns(); ++c)
+          image.Row(r)[c] = empty ? kInvalid : centre + random.UniformInt(0, spread);
+      }
+    }
+    const double k = std::vector<double>{0.0, 0.5, 1.0, 3.0, random.Uniform(0, 5)}[trial % 5];
+    detail::BandStatistics all, floor;
+    detail::ClippedStatistics(image, k, all, floor);
+    const detail::BandStatistics allReference =
+        detail::StatisticsInBand(image, INT_MIN, INT_MAX, detail::PixelPath::kReference);
+    const detail::BandStatistics floorReference = detail::StatisticsInBand(
+        image, detail::TruncateToInt(allReference.mean - k * allReference.stdDev),
+        detail::TruncateToInt(allReference.mean + k * allReference.stdDev), detail::PixelPath::kReference);
+    EXPECT_EQ(all.count, allReference.count) << "trial " << trial;
+    EXPECT_EQ(all.mean, allReference.mean) << "trial " << trial;
+    EXPECT_EQ(all.stdDev, allReference.stdDev) << "trial " << trial;
+    EXPECT_EQ(floor.count, floorReference.count) << "trial " << trial;
+    EXPECT_EQ(floor.mean, floorReference.mean) << "trial " << trial;
+    EXPECT_EQ(floor.stdDev, floorReference.stdDev) << "trial " << trial;
+    detail::BandStatistics allPlain, floorPlain;
+    detail::ClippedStatistics(image, k, allPlain, floorPlain, detail::PixelPath::kReference);
+    EXPECT_EQ(floorPlain.count, floorReference.count) << "trial " << trial;
+    EXPECT_EQ(floorPlain.stdDev, floorReference.stdDev) << "trial " << trial;
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(Ranges, PixelOperationTest,
                          ::testing::Values(ImageKind{"8bit", 0, 255}, ImageKind{"16bit", 0, 65535},
                                            ImageKind{"signed", -40000, 40000},
@@ -164,11 +204,21 @@ TEST(MaskTest, SplitMaskAndCountEqualsTheStepsInTurn) {
     const int lo = random.UniformInt(0, 150), hi = random.UniformInt(lo, 300);
     const int threshold = random.UniformInt(150, 301);
     std::int64_t count = -1;
-    ASSERT_TRUE(detail::SplitMaskAndCount(image, lo, hi, cx, cy, w, r, threshold, inside, outside, count));
+    detail::RowSpan rows{-1, -1};
+    ASSERT_TRUE(
+        detail::SplitMaskAndCount(image, lo, hi, cx, cy, w, r, threshold, inside, outside, count, &rows));
     IntMatrix2D keep, drop;
     ASSERT_TRUE(detail::SplitAtBand(image, lo, hi, keep, drop));
     detail::ApplySquareAndObscurationMaskReference(drop, cx, cy, w, r);
     EXPECT_EQ(count, detail::CountAtOrAbove(drop, threshold)) << "trial " << trial;
+    // The rows said to hold the foreground's valid pixels hold every one of them.
+    ASSERT_TRUE(0 <= rows.first && rows.first <= rows.end && rows.end <= image.GetRows())
+        << "trial " << trial;
+    for (int row = 0; row < image.GetRows(); ++row) {
+      if (row >= rows.first && row < rows.end) continue;
+      for (int col = 0; col < image.GetColumns(); ++col)
+        ASSERT_EQ(drop.Row(row)[col], kInvalid) << "trial " << trial << ", row " << row << ", column " << col;
+    }
     for (std::int64_t i = 0; i < image.GetCount(); ++i) {
       ASSERT_EQ(inside.At(i), keep.At(i)) << "trial " << trial << ", element " << i;
       ASSERT_EQ(outside.At(i), drop.At(i)) << "trial " << trial << ", element " << i;
@@ -417,6 +467,89 @@ TEST(ControllerTest, DetectionLeavesWhatTheStepsInTurnLeave) {
   for (std::int64_t i = 0; i < whole.image.GetCount(); ++i) {
     ASSERT_EQ(steps.foreground.At(i), whole.board.foreground.At(i)) << "pixel " << i;
     ASSERT_EQ(steps.background.At(i), whole.board.background.At(i)) << "pixel " << i;
+  }
+}
+
+// The plain steps one after the other, as DetectSpotPosition orders them.
+AsdSpotPosition StepsInTurn(AsdBoard& board) {
+  AsdController c(board);
+  const auto empty = [&board] { return board.spotInfoList->IsEmpty(); };
+  if (!c.CheckWired() || !c.SigmaClipping() || !c.ApplyMask()) return AsdSpotPosition::DetectionFailed;
+  if (!c.InputImageHasTooManySaturatedPixels()) return AsdSpotPosition::TooManySaturatedPixels;
+  if (!c.Regionize()) return AsdSpotPosition::DetectionFailed;
+  if (empty()) return AsdSpotPosition::NoSignificantSpot;
+  if (!c.DropInsignificantRegions()) return AsdSpotPosition::DetectionFailed;
+  if (empty()) return AsdSpotPosition::NoSignificantSpot;
+  if (!c.ApplyRegionRestrictor()) return AsdSpotPosition::DetectionFailed;
+  if (empty()) return AsdSpotPosition::NoSignificantSpot;
+  if (!c.InvalidateInsignificantRegions() || !c.ReassignRegionIds() || !c.RegionsToProperties()) {
+    return AsdSpotPosition::DetectionFailed;
+  }
+  return c.GetSpotPosition();
+}
+
+// A detection reads only the foreground rows that can hold a region; whatever rows those are (a
+// square of interest cutting the frame, spots at the first and last rows, no spot at all, an input
+// window whose margins are copied into the foreground), the region map, the regions, the spots'
+// moments and the properties are those of the plain steps, to the bit.
+TEST(ControllerTest, DetectionFindsTheRegionsTheStepsInTurnFind) {
+  struct Case {
+    const char* name;
+    std::vector<Testing::GaussianSpot> spots;
+    double halfWidth;
+    bool windowed;
+  };
+  const std::vector<Case> cases = {
+      {"square cuts the frame", {{60.3, 30.8, 3.0, 3.0, 240.0}, {35.0, 50.0, 2.0, 2.0, 120.0}}, 30.0, false},
+      {"spots on the first and last rows",
+       {{20.0, 0.4, 2.0, 2.0, 300.0}, {70.0, 79.2, 2.0, 2.0, 200.0}},
+       1e6,
+       false},
+      {"one spot near the centre", {{52.0, 44.0, 2.5, 2.0, 400.0}}, 1e6, false},
+      {"no spot", {}, 1e6, false},
+      {"input window", {{60.3, 30.8, 3.0, 3.0, 240.0}}, 1e6, true},
+  };
+  Testing::SeededRandom random(43);
+  SCOPED_TRACE(random.Describe());
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Testing::SpotScene scene;
+    scene.background = 30.0;
+    scene.noiseSigma = 0.5;
+    scene.saturationLevel = 65535;
+    scene.spots = c.spots;
+    Rig rig(80, 100, scene, &random);
+    if (c.windowed) rig.image.SetWindow(Window2D(5, 7, 60, 80));
+    rig.board.interestRegionRadius = c.halfWidth;
+    rig.board.reticleCenterR = 3.5;
+    AsdBoard steps = rig.board;
+    const AsdSpotPosition detected = AsdController(rig.board).DetectSpotPosition();
+    EXPECT_EQ(detected, StepsInTurn(steps));
+    const AsdBoard& d = rig.board;
+    ASSERT_EQ(d.regionIdMap.GetMatrixWindow(), steps.regionIdMap.GetMatrixWindow());
+    EXPECT_EQ(d.regionIdMap.GetWindow(), steps.regionIdMap.GetWindow());
+    for (std::int64_t i = 0; i < d.regionIdMap.GetCount(); ++i)
+      ASSERT_EQ(d.regionIdMap.At(i), steps.regionIdMap.At(i)) << "pixel " << i;
+    ASSERT_EQ(d.regions.Size(), steps.regions.Size());
+    for (int i = 0; i < d.regions.Size(); ++i) {
+      EXPECT_EQ(d.regions[i].id, steps.regions[i].id);
+      EXPECT_EQ(d.regions[i].pixelCount, steps.regions[i].pixelCount);
+      EXPECT_EQ(d.regions[i].window, steps.regions[i].window);
+    }
+    ASSERT_EQ(d.spotInfoList->Size(), steps.spotInfoList->Size());
+    for (int i = 0; i < d.spotInfoList->Size(); ++i) {
+      const AsdSpotInfo& a = (*d.spotInfoList)[i];
+      const AsdSpotInfo& b = (*steps.spotInfoList)[i];
+      EXPECT_EQ(a.GetSum(), b.GetSum());
+      EXPECT_EQ(a.CenterOfMassX(), b.CenterOfMassX());
+      EXPECT_EQ(a.CenterOfMassY(), b.CenterOfMassY());
+      EXPECT_EQ(a.GetRegionInfo().window, b.GetRegionInfo().window);
+    }
+    for (const std::string& key : steps.properties.GetKeys())
+      EXPECT_EQ(d.properties.Get(key), steps.properties.Get(key)) << key;
+    if (!c.spots.empty()) {
+      EXPECT_FALSE(d.spotInfoList->IsEmpty());
+    }
   }
 }
 

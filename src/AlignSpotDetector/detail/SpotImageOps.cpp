@@ -5,6 +5,8 @@
 #include <cmath>
 #include <vector>
 
+#include "AlignSpotDetector/detail/SpotRowKernels.h"
+
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -30,6 +32,16 @@ struct Moments {
   std::int64_t count = 0;
   std::int64_t sum = 0;
   UInt128 squares = 0;
+  int min = INT_MAX;  // of every pixel seen, taken or not
+  int max = INT_MIN;
+
+  void Add(const Moments& other) {
+    count += other.count;
+    sum += other.sum;
+    squares += other.squares;
+    min = std::min(min, other.min);
+    max = std::max(max, other.max);
+  }
 };
 
 bool Take(int x, int lo, int hi) {
@@ -39,6 +51,8 @@ bool Take(int x, int lo, int hi) {
 // One row's contribution, pixel by pixel in exact integers.
 void AddRowReference(const int* v, int n, int lo, int hi, Moments& m) {
   for (int i = 0; i < n; ++i) {
+    m.min = std::min(m.min, v[i]);
+    m.max = std::max(m.max, v[i]);
     if (!Take(v[i], lo, hi)) continue;
     ++m.count;
     m.sum += v[i];
@@ -56,75 +70,26 @@ bool SquaresFit(int bits, int n) {
   return 2 * bits + BitWidth(static_cast<std::uint32_t>(n)) < 64;
 }
 
-#if defined(__SSE2__)
-// Four pixels at a time: a lane mask selects the pixels in the band; counts run in 32-bit lanes,
-// the sum in two 64-bit lanes (the pixels sign-extended), the squares of the magnitudes in two
-// 64-bit lanes (32 x 32 -> 64-bit products of the even and the odd lanes). The magnitudes are or-ed
-// together so that a row whose squares could overflow 64 bits is summed again exactly.
+// The widest vector kernel of this processor over the longest prefix it takes, the rest pixel by
+// pixel. A row whose squares could have overflowed a kernel's 64-bit lanes (magnitudes above 2^20
+// or so) is summed again exactly.
 void AddRowFast(const int* v, int n, int lo, int hi, Moments& m) {
-  // A pixel is taken when lo <= x <= min(hi, last valid value): two comparisons, and only one for
-  // the unbounded band of the first statistics (lo - 1 then wraps to the largest int).
-  const bool unbounded = lo == INT_MIN;
-  const __m128i belowLow = _mm_set1_epi32(unbounded ? lo : lo - 1);
-  const __m128i high = _mm_set1_epi32(std::min(hi, kInvalid - 1));
-  __m128i count = _mm_setzero_si128();
-  __m128i sum = _mm_setzero_si128();
-  __m128i squares = _mm_setzero_si128();
-  __m128i magnitudes = _mm_setzero_si128();
-  int i = 0;
-  for (; i + 4 <= n; i += 4) {
-    const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(v + i));
-    const __m128i aboveHigh = _mm_cmpgt_epi32(x, high);
-    const __m128i take = unbounded ? _mm_andnot_si128(aboveHigh, _mm_set1_epi32(-1))
-                                   : _mm_andnot_si128(aboveHigh, _mm_cmpgt_epi32(x, belowLow));
-    const __m128i kept = _mm_and_si128(x, take);
-    count = _mm_sub_epi32(count, take);
-    const __m128i sign = _mm_srai_epi32(kept, 31);
-    sum = _mm_add_epi64(sum, _mm_add_epi64(_mm_unpacklo_epi32(kept, sign), _mm_unpackhi_epi32(kept, sign)));
-    const __m128i magnitude = _mm_sub_epi32(_mm_xor_si128(kept, sign), sign);
-    magnitudes = _mm_or_si128(magnitudes, magnitude);
-    const __m128i odd = _mm_srli_epi64(magnitude, 32);
-    squares =
-        _mm_add_epi64(squares, _mm_add_epi64(_mm_mul_epu32(magnitude, magnitude), _mm_mul_epu32(odd, odd)));
-  }
-  alignas(16) std::int32_t counts[4];
-  alignas(16) std::int64_t sums[2];
-  alignas(16) std::uint64_t squareSums[2];
-  alignas(16) std::uint32_t ors[4];
-  _mm_store_si128(reinterpret_cast<__m128i*>(counts), count);
-  _mm_store_si128(reinterpret_cast<__m128i*>(sums), sum);
-  _mm_store_si128(reinterpret_cast<__m128i*>(squareSums), squares);
-  _mm_store_si128(reinterpret_cast<__m128i*>(ors), magnitudes);
-  const std::uint32_t allBits = ors[0] | ors[1] | ors[2] | ors[3];
-  if (!SquaresFit(BitWidth(allBits), (i + 1) / 2)) {
-    // Values too large for 64-bit square sums over this row (above 2^20 or so): exact, slowly.
+  static const RowMomentsFunction kernel = SelectRowMomentsFunction();
+  RowMomentSums sums;
+  const int done = kernel(v, n, lo, hi, sums);
+  if (!SquaresFit(BitWidth(sums.magnitudeBits), (done + 1) / 2)) {
     AddRowReference(v, n, lo, hi, m);
     return;
   }
-  m.count += static_cast<std::int64_t>(counts[0]) + counts[1] + counts[2] + counts[3];
-  m.sum += sums[0] + sums[1];
-  m.squares += static_cast<UInt128>(squareSums[0]) + squareSums[1];
-  AddRowReference(v + i, n - i, lo, hi, m);
+  m.count += sums.count;
+  m.sum += sums.sum;
+  m.squares += sums.squares;
+  m.min = std::min(m.min, sums.min);
+  m.max = std::max(m.max, sums.max);
+  AddRowReference(v + done, n - done, lo, hi, m);
 }
-#else
-void AddRowFast(const int* v, int n, int lo, int hi, Moments& m) {
-  AddRowReference(v, n, lo, hi, m);
-}
-#endif
 
-}  // namespace
-
-BandStatistics StatisticsInBand(const IntWindow2D& image, int lo, int hi, PixelPath path) {
-  const Window2D w = image.GetWindow();
-  Moments m;
-  for (int r = w.GetStartRow(); r < w.GetEndRow(); ++r) {
-    const int* row = image.Row(r - image.GetStartRow()) + (w.GetStartCol() - image.GetStartCol());
-    if (path == PixelPath::kFast) {
-      AddRowFast(row, w.GetCols(), lo, hi, m);
-    } else {
-      AddRowReference(row, w.GetCols(), lo, hi, m);
-    }
-  }
+BandStatistics FromMoments(const Moments& m) {
   BandStatistics stats;
   stats.count = m.count;
   if (m.count == 0) return stats;
@@ -135,6 +100,62 @@ BandStatistics StatisticsInBand(const IntWindow2D& image, int lo, int hi, PixelP
   const UInt128 spread = static_cast<UInt128>(m.count) * m.squares - sumMagnitude * sumMagnitude;
   stats.stdDev = std::sqrt(static_cast<double>(spread)) / n;
   return stats;
+}
+
+const int* WindowRow(const IntWindow2D& image, int r) {
+  const Window2D w = image.GetWindow();
+  return image.Row(r - image.GetStartRow()) + (w.GetStartCol() - image.GetStartCol());
+}
+
+}  // namespace
+
+BandStatistics StatisticsInBand(const IntWindow2D& image, int lo, int hi, PixelPath path) {
+  const Window2D w = image.GetWindow();
+  Moments m;
+  for (int r = w.GetStartRow(); r < w.GetEndRow(); ++r) {
+    if (path == PixelPath::kFast) {
+      AddRowFast(WindowRow(image, r), w.GetCols(), lo, hi, m);
+    } else {
+      AddRowReference(WindowRow(image, r), w.GetCols(), lo, hi, m);
+    }
+  }
+  return FromMoments(m);
+}
+
+void ClippedStatistics(const IntWindow2D& image, double k, BandStatistics& all, BandStatistics& floor,
+                       PixelPath path) {
+  if (path == PixelPath::kReference) {
+    all = StatisticsInBand(image, INT_MIN, INT_MAX, path);
+    floor = StatisticsInBand(image, TruncateToInt(all.mean - k * all.stdDev),
+                             TruncateToInt(all.mean + k * all.stdDev), path);
+    return;
+  }
+  const Window2D w = image.GetWindow();
+  std::vector<Moments> rows(static_cast<std::size_t>(w.GetRows()));
+  Moments total;
+  for (int r = 0; r < w.GetRows(); ++r) {
+    AddRowFast(WindowRow(image, w.GetStartRow() + r), w.GetCols(), INT_MIN, INT_MAX,
+               rows[static_cast<std::size_t>(r)]);
+    total.Add(rows[static_cast<std::size_t>(r)]);
+  }
+  all = FromMoments(total);
+  const int lo = TruncateToInt(all.mean - k * all.stdDev);
+  const int hi = TruncateToInt(all.mean + k * all.stdDev);
+  Moments inBand;
+  for (int r = 0; r < w.GetRows(); ++r) {
+    const Moments& row = rows[static_cast<std::size_t>(r)];
+    if (row.count == 0) continue;
+    // The range is that of the valid pixels only when the row holds no invalid one; any other row
+    // is summed again.
+    const bool allValid = row.count == w.GetCols();
+    if (allValid && (row.max < lo || row.min > hi)) continue;
+    if (allValid && row.min >= lo && row.max <= hi) {
+      inBand.Add(row);
+    } else {
+      AddRowFast(WindowRow(image, w.GetStartRow() + r), w.GetCols(), lo, hi, inBand);
+    }
+  }
+  floor = FromMoments(inBand);
 }
 
 int TruncateToInt(double value) {
@@ -177,18 +198,20 @@ std::int64_t CountSpan(const int* row, int from, int to, int threshold) {
 
 // The split of in[from, to): pixels in the band to `keep`, valid pixels beyond it to `drop` (or,
 // with `dropAll`, every pixel of `drop` invalid: the mask takes them anyway). Returns the number
-// of pixels written to `drop` at or above `threshold`.
+// of pixels written to `drop` at or above `threshold`; `anyDropped` becomes true when a valid pixel
+// was written to `drop` (it is never reset).
 //
 // Four pixels at a time where `keep` and `drop` are equally aligned (matrices of one shape are):
 // the outputs are written with streaming stores, which do not first read the lines they fill.
 std::int64_t SplitSpan(const int* in, int* keep, int* drop, int from, int to, int lo, int hi, int threshold,
-                       bool dropAll) {
+                       bool dropAll, bool& anyDropped) {
   const auto scalar = [&](int c) {
     const int v = in[c];
     const bool valid = v < kInvalid;
     const bool inBand = v >= lo && v <= hi;
     keep[c] = valid && inBand ? v : kInvalid;
     drop[c] = valid && !inBand && !dropAll ? v : kInvalid;
+    anyDropped = anyDropped || drop[c] < kInvalid;
     return drop[c] >= threshold && drop[c] < kInvalid ? 1 : 0;
   };
   std::int64_t count = 0;
@@ -210,6 +233,7 @@ std::int64_t SplitSpan(const int* in, int* keep, int* drop, int from, int to, in
     const bool countAll = threshold == INT_MIN;
     const __m128i belowThreshold = _mm_set1_epi32(countAll ? threshold : threshold - 1);
     __m128i counts = _mm_setzero_si128();
+    __m128i dropSeen = _mm_setzero_si128();
     for (; c + 4 <= to; c += 4) {
       const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + c));
       const __m128i aboveHigh = _mm_cmpgt_epi32(v, high);
@@ -224,12 +248,14 @@ std::int64_t SplitSpan(const int* in, int* keep, int* drop, int from, int to, in
       const __m128i dropped = _mm_andnot_si128(inBand, valid);
       const __m128i dropValue = _mm_or_si128(_mm_and_si128(dropped, v), _mm_andnot_si128(dropped, invalid));
       _mm_stream_si128(reinterpret_cast<__m128i*>(drop + c), dropValue);
+      dropSeen = _mm_or_si128(dropSeen, dropped);
       const __m128i counted = countAll ? dropped : _mm_and_si128(dropped, _mm_cmpgt_epi32(v, belowThreshold));
       counts = _mm_sub_epi32(counts, counted);
     }
     alignas(16) std::int32_t lanes[4];
     _mm_store_si128(reinterpret_cast<__m128i*>(lanes), counts);
     count += static_cast<std::int64_t>(lanes[0]) + lanes[1] + lanes[2] + lanes[3];
+    anyDropped = anyDropped || _mm_movemask_epi8(dropSeen) != 0;
   }
 #endif
   while (c < to)
@@ -294,7 +320,8 @@ bool SplitAtBand(const IntWindow2D& input, int lo, int hi, IntWindow2D& inside, 
     }
     std::copy(in, in + first, keep);
     std::copy(in, in + first, drop);
-    SplitSpan(in, keep, drop, first, last, lo, hi, INT_MAX, false);
+    bool unused = false;
+    SplitSpan(in, keep, drop, first, last, lo, hi, INT_MAX, false, unused);
     std::copy(in + last, in + cols, keep + last);
     std::copy(in + last, in + cols, drop + last);
   }
@@ -304,7 +331,7 @@ bool SplitAtBand(const IntWindow2D& input, int lo, int hi, IntWindow2D& inside, 
 
 bool SplitMaskAndCount(const IntWindow2D& input, int lo, int hi, double centerX, double centerY,
                        double halfWidth, double obscurationRadius, int threshold, IntWindow2D& inside,
-                       IntWindow2D& outside, std::int64_t& count) {
+                       IntWindow2D& outside, std::int64_t& count, RowSpan* outsideRows) {
   count = 0;
   if (!SizeLike(input, inside) || !SizeLike(input, outside)) return false;
   const Window2D w = input.GetWindow();
@@ -312,6 +339,11 @@ bool SplitMaskAndCount(const IntWindow2D& input, int lo, int hi, double centerX,
   const int cols = input.GetColumns();
   const int first = w.GetStartCol() - input.GetStartCol();
   const int last = first + w.GetCols();
+  RowSpan used{input.GetRows(), 0};
+  const auto markUsed = [&used](int r) {
+    used.first = std::min(used.first, r);
+    used.end = r + 1;
+  };
   for (int r = 0; r < input.GetRows(); ++r) {
     const int* in = input.Row(r);
     int* keep = inside.Row(r);
@@ -320,20 +352,24 @@ bool SplitMaskAndCount(const IntWindow2D& input, int lo, int hi, double centerX,
     if (y < w.GetStartRow() || y >= w.GetEndRow() || w.IsEmpty()) {
       std::copy(in, in + cols, keep);
       std::copy(in, in + cols, drop);
+      if (cols > 0) markUsed(r);
       continue;
     }
     std::copy(in, in + first, keep);
     std::copy(in, in + first, drop);
     std::copy(in + last, in + cols, keep + last);
     std::copy(in + last, in + cols, drop + last);
+    bool dropped = first > 0 || last < cols;  // the copies beside the window may hold valid pixels
     if (mask.RowOutside(y)) {
-      SplitSpan(in, keep, drop, first, last, lo, hi, INT_MAX, true);
+      SplitSpan(in, keep, drop, first, last, lo, hi, INT_MAX, true, dropped);
+      if (dropped) markUsed(r);
       continue;
     }
     const int a = first + mask.insideFirst, b = first + mask.insideEnd;
-    SplitSpan(in, keep, drop, first, a, lo, hi, INT_MAX, true);
-    count += SplitSpan(in, keep, drop, a, b, lo, hi, threshold, false);
-    SplitSpan(in, keep, drop, b, last, lo, hi, INT_MAX, true);
+    SplitSpan(in, keep, drop, first, a, lo, hi, INT_MAX, true, dropped);
+    count += SplitSpan(in, keep, drop, a, b, lo, hi, threshold, false, dropped);
+    SplitSpan(in, keep, drop, b, last, lo, hi, INT_MAX, true, dropped);
+    if (dropped) markUsed(r);
     if (!mask.RowNearObscuration(y)) continue;
     for (int c = mask.nearFirst; c < mask.nearEnd; ++c) {
       int& v = drop[first + c];
@@ -343,6 +379,7 @@ bool SplitMaskAndCount(const IntWindow2D& input, int lo, int hi, double centerX,
     }
   }
   FinishStreaming();
+  if (outsideRows) *outsideRows = used.first < used.end ? used : RowSpan{0, 0};
   return true;
 }
 

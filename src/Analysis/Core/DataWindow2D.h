@@ -1,6 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <optional>
+#include <utility>
 
 #include "Analysis/Core/DataMatrix2D.h"
 #include "Analysis/Core/NoData.h"
@@ -29,6 +32,29 @@ class DataWindow2D : public DataMatrix2D<T> {
  public:
   DataWindow2D() = default;
   DataWindow2D(int rows, int cols) : Base(rows, cols) {}
+
+  // Copies and moves take the window only when it is current in the source (as `CopyAll` does): the
+  // copied matrix starts a generation count of its own, against which a stale window could look
+  // current and reach past the storage.
+  DataWindow2D(const DataWindow2D& other) : Base(other) { AdoptWindow(other.CurrentWindow()); }
+  DataWindow2D& operator=(const DataWindow2D& other) {
+    if (this != &other) {
+      Base::operator=(other);
+      AdoptWindow(other.CurrentWindow());
+    }
+    return *this;
+  }
+  DataWindow2D(DataWindow2D&& other) noexcept : DataWindow2D(std::move(other), other.CurrentWindow()) {}
+  DataWindow2D& operator=(DataWindow2D&& other) noexcept {
+    if (this != &other) {
+      const std::optional<Window2D> window = other.CurrentWindow();
+      Base::operator=(std::move(other));
+      AdoptWindow(window);
+      other.hasWindow_ = false;
+    }
+    return *this;
+  }
+  ~DataWindow2D() override = default;
 
   static constexpr T NoData() { return NoDataTraits<T>::Value(); }
   static constexpr bool IsNoData(const T& v) { return NoDataTraits<T>::IsNoData(v); }
@@ -73,14 +99,13 @@ class DataWindow2D : public DataMatrix2D<T> {
 
   // Moves the origin in the camera frame; a set window moves with it.
   void MoveStartTo(int startRow, int startCol) {
-    const Window2D window = GetWindow();
-    const bool hadWindow = hasWindow_ && windowGeneration_ == this->GetGeneration();
+    const std::optional<Window2D> window = CurrentWindow();
     const int dRow = startRow - this->GetStartRow();
     const int dCol = startCol - this->GetStartCol();
     this->SetOrigin(startRow, startCol);
-    if (hadWindow) {
-      SetWindow(Window2D(window.GetStartRow() + dRow, window.GetStartCol() + dCol, window.GetRows(),
-                         window.GetCols()));
+    if (window) {
+      SetWindow(Window2D(window->GetStartRow() + dRow, window->GetStartCol() + dCol, window->GetRows(),
+                         window->GetCols()));
     }
   }
   void MoveStartRowTo(int startRow) { MoveStartTo(startRow, this->GetStartCol()); }
@@ -153,11 +178,7 @@ class DataWindow2D : public DataMatrix2D<T> {
     if (!this->Resize(other.GetMatrixWindow())) return false;
     std::copy(other.Data(), other.Data() + other.GetCount(), this->Data());
     this->SetUnitManager(other.GetUnitManager());
-    if (other.hasWindow_ && other.windowGeneration_ == other.GetGeneration()) {
-      SetWindow(other.window_);
-    } else {
-      hasWindow_ = false;
-    }
+    AdoptWindow(other.CurrentWindow());
     return true;
   }
 
@@ -175,6 +196,26 @@ class DataWindow2D : public DataMatrix2D<T> {
   }
 
  private:
+  // The window set on this matrix, if one was set and has not gone stale since.
+  std::optional<Window2D> CurrentWindow() const {
+    if (hasWindow_ && windowGeneration_ == this->GetGeneration()) return window_;
+    return std::nullopt;
+  }
+  // Takes a window from another matrix; `SetWindow` clips it to this matrix, so a copy that failed
+  // to resize cannot be given a window reaching past its storage.
+  void AdoptWindow(const std::optional<Window2D>& window) {
+    if (window) {
+      SetWindow(*window);
+    } else {
+      hasWindow_ = false;
+    }
+  }
+  DataWindow2D(DataWindow2D&& other, const std::optional<Window2D>& window) noexcept
+      : Base(std::move(other)) {
+    AdoptWindow(window);
+    other.hasWindow_ = false;
+  }
+
   const T* RowAt(int cameraRow) const { return this->Row(cameraRow - this->GetStartRow()); }
 
   bool RowHasValid(int cameraRow, const Window2D& w) const {

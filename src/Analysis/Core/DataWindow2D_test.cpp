@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <limits>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -91,19 +92,42 @@ TEST(DataWindow2DTest, ResizeToValidDataCropsAndKeepsValues) {
   EXPECT_EQ(map(1, 1), kNo);
 }
 
-TEST(DataWindow2DTest, CopyAllTakesShapeOriginWindowAndUnits) {
-  DoubleMatrix2D source = MapWithPoints(3, 4, {{1, 1}});
-  source.MoveStartTo(10, 20);
-  source.SetWindow(Window2D(10, 20, 2, 2));
+// Every way of copying takes the window only when it is current in the source: a window left stale
+// by a resize must not come back to life over the copy's smaller storage.
+TEST(DataWindow2DTest, CopiesKeepOnlyACurrentWindow) {
+  DoubleMatrix2D stale(10, 10);
+  stale.SetWindow(Window2D(0, 0, 10, 10));
+  ASSERT_TRUE(stale.Resize(5, 5));
+  DoubleMatrix2D copy(stale);
+  EXPECT_EQ(copy.GetWindow(), Window2D(0, 0, 5, 5));
+  copy.SetAll(0.0);  // over the stale 10 x 10 window this would write 75 doubles past the end
+  DoubleMatrix2D assigned(2, 2);
+  assigned = stale;
+  EXPECT_EQ(assigned.GetWindow(), Window2D(0, 0, 5, 5));
+  ASSERT_TRUE(assigned.CopyAll(stale));
+  EXPECT_EQ(assigned.GetWindow(), Window2D(0, 0, 5, 5));
+
+  DoubleMatrix2D current = MapWithPoints(3, 4, {{1, 1}});
+  current.MoveStartTo(10, 20);
+  const Window2D window(10, 20, 2, 2);
+  current.SetWindow(window);
   UnitManager units;
   units.SetConverter(UnitAxis::kValue, LinearConverter(Units::kNanometers));
-  source.SetUnitManager(units);
-  DoubleMatrix2D copy;
-  ASSERT_TRUE(copy.CopyAll(source));
-  EXPECT_EQ(copy.GetMatrixWindow(), source.GetMatrixWindow());
-  EXPECT_EQ(copy.GetWindow(), Window2D(10, 20, 2, 2));
-  EXPECT_EQ(copy(1, 1), 1.0);
-  EXPECT_EQ(copy.GetUnitManager(), units);
+  current.SetUnitManager(units);
+  ASSERT_TRUE(assigned.CopyAll(current));
+  EXPECT_EQ(assigned.GetMatrixWindow(), current.GetMatrixWindow());
+  EXPECT_EQ(assigned.GetWindow(), window);
+  EXPECT_EQ(assigned(1, 1), 1.0);
+  EXPECT_EQ(assigned.GetUnitManager(), units);
+  DoubleMatrix2D copied(current);
+  EXPECT_EQ(copied.GetWindow(), window);
+  DoubleMatrix2D moved(std::move(copied));
+  EXPECT_EQ(moved.GetWindow(), window);
+  assigned = current;
+  EXPECT_EQ(assigned.GetWindow(), window);
+  assigned = std::move(moved);
+  EXPECT_EQ(assigned.GetWindow(), window);
+  EXPECT_EQ(assigned.CountValid(), 1) << "the window spans 4 elements, one of them valid";
 }
 
 }  // namespace

@@ -89,15 +89,13 @@ class Array {
   // Empties the array (by `Resize(0)`); false when the fresh storage could not be allocated.
   bool Clear() { return Resize(0); }
 
-  bool Add(const T& x) {
-    if (!Resize(size_ + 1)) return false;
-    data_[size_ - 1] = x;
-    return true;
-  }
-  bool Add(const T& a, const T& b) { return Add(a) && Add(b); }
-  bool Add(const T& a, const T& b, const T& c) { return Add(a, b) && Add(c); }
-  bool Add(const T& a, const T& b, const T& c, const T& d) { return Add(a, b, c) && Add(d); }
-  bool Add(const T& a, const T& b, const T& c, const T& d, const T& e) { return Add(a, b, c, d) && Add(e); }
+  // The elements may be elements of this array (`a.Add(a[0])`): they are copied before the storage
+  // can move or the tail shift.
+  bool Add(const T& x) { return AppendCopies(x); }
+  bool Add(const T& a, const T& b) { return AppendCopies(a, b); }
+  bool Add(const T& a, const T& b, const T& c) { return AppendCopies(a, b, c); }
+  bool Add(const T& a, const T& b, const T& c, const T& d) { return AppendCopies(a, b, c, d); }
+  bool Add(const T& a, const T& b, const T& c, const T& d, const T& e) { return AppendCopies(a, b, c, d, e); }
 
   // Inserts x before index (0 <= index <= size), shifting the tail up by one.
   bool Insert(int index, const T& x) {
@@ -105,9 +103,10 @@ class Array {
       status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource, "Insert index out of range");
       return false;
     }
+    T copy(x);
     if (!Resize(size_ + 1)) return false;
     std::move_backward(data_.get() + index, data_.get() + size_ - 1, data_.get() + size_);
-    data_[index] = x;
+    data_[index] = std::move(copy);
     return true;
   }
 
@@ -125,6 +124,17 @@ class Array {
  private:
   static constexpr const char* kSource = "analysis\\core\\Array";
   static constexpr int kMaxCapacity = 1 << 30;  // the largest power of two an int can count
+
+  // Parameters taken by value: every copy is made before the first growth can free the storage.
+  template <typename... Copies>
+  bool AppendCopies(Copies... copies) {
+    return (AppendOwned(std::move(copies)) && ...);
+  }
+  bool AppendOwned(T&& x) {
+    if (!Resize(size_ + 1)) return false;
+    data_[size_ - 1] = std::move(x);
+    return true;
+  }
 
   bool ResizeImpl(int n, bool keep) {
     if (n == 0) {

@@ -1,7 +1,9 @@
 #include "Analysis/Core/Array.h"
 
+#include <algorithm>
 #include <climits>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -65,16 +67,33 @@ TEST(ArrayTest, AddInsertAndEraseShiftTheTail) {
   EXPECT_EQ(a.GetStatus().GetCode(), StatusCode::kArgumentOutOfRange);
 }
 
-TEST(ArrayTest, CopiesAreDeepAndResizeNoCopyDropsOldElements) {
-  Array<int> a;
-  a.Add(1, 2, 3);
-  Array<int> b = a;
-  b[0] = 99;
-  EXPECT_EQ(a[0], 1);
+// An element of the array itself may be added or inserted: growth frees the storage it lives in and
+// an insert shifts it, so it has to be copied first.
+TEST(ArrayTest, AddingItsOwnElementsSurvivesGrowthAndShift) {
+  const std::string text(100, 'L');  // longer than a small-string buffer: a freed copy is noticed
+  Array<std::string> a;
+  ASSERT_TRUE(a.Resize(2));
+  a[0] = text;
+  a[1] = "b";
+  ASSERT_TRUE(a.Add(a[0]));        // grows 2 -> 4
+  ASSERT_TRUE(a.Add(a[1], a[0]));  // the second element grows 4 -> 8
+  ASSERT_TRUE(a.Insert(0, a[1]));  // no growth; the shift moves a[1] before it is read
+  const std::vector<std::string> expected = {"b", text, "b", text, "b", text};
+  ASSERT_EQ(a.Size(), 6);
+  EXPECT_TRUE(std::equal(a.begin(), a.end(), expected.begin()));
+}
 
-  a.ResizeNoCopy(100);
-  EXPECT_EQ(a.Size(), 100);
+TEST(ArrayTest, CopiesAreDeepAndResizeNoCopyDropsOldElements) {
+  Array<std::string> a;
+  a.Add("x", "y", "z");
+  Array<std::string> b = a;
+  b[0] = "changed";
+  EXPECT_EQ(a[0], "x") << "a copy owns its elements";
+  ASSERT_TRUE(a.ResizeNoCopy(100));
   EXPECT_EQ(a.Capacity(), 128);
+  EXPECT_EQ(a[0], "") << "grown without copying: fresh elements";
+  ASSERT_TRUE(b.Resize(100));
+  EXPECT_EQ(b[2], "z") << "Resize keeps them";
 }
 
 TEST(ArrayTest, ImpossibleGrowthIsAllocationFailure) {

@@ -2,7 +2,6 @@
 #include "Swli/PhaseAlgorithmCentroid.h"
 
 #include <cmath>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -20,45 +19,20 @@ using Analysis::Core::DoubleMatrix2D;
 using Analysis::Core::FrameBuffer;
 using Analysis::Core::IntMatrix2D;
 using Analysis::Core::LinearConverter;
+using Analysis::Core::Status;
 using Analysis::Core::UnitNumber;
 using Analysis::Core::Window2D;
 namespace Units = Analysis::Core::Units;
 
 constexpr double kStepNm = 80.0;
 
-// A sphere with a 300 nm step, heights 8.0 to 8.7 um: frames 100 to 109 of a 256-frame scan.
-double SphereWithStep(int r, int c) {
-  const double x = c - 16.0, y = r - 12.0;
-  return 8000.0 + 0.6 * (x * x + y * y) + (c >= 20 ? 300.0 : 0.0);
-}
-
-struct Result {
-  DoubleMatrix2D surface;
-  IntMatrix2D intensity;
-};
-
-// Scans the surface and evaluates it; the discriminator's peak frames are the true ones off by up
-// to two frames in a fixed pattern.
-Result Measure(Testing::ScanSettings s, const std::function<double(int, int)>& height,
-               Testing::SeededRandom& random, PhaseAlgorithmCentroid& centroid,
-               const IntMatrix2D* peakOverride = nullptr) {
-  IntMatrix2D peaks(s.rows, s.cols), aux(s.rows, s.cols);
-  aux.SetAll(0);
-  for (int r = 0; r < s.rows; ++r) {
-    for (int c = 0; c < s.cols; ++c)
-      peaks(r, c) = Testing::TruePeakFrame(s, height(r, c)) + (r + 2 * c) % 5 - 2;
-  }
-  if (peakOverride) peaks = *peakOverride;
-  FrameBuffer frames;
-  EXPECT_TRUE(Testing::MakeSyntheticScan(frames, s, height, &random, &peaks));
-  if (s.resolution == FrameBuffer::kRes16Bit) frames.SetMaxValue(4095);  // a 12-bit camera
-  centroid.SetScanIncrement(UnitNumber(kStepNm, LinearConverter(Units::kNanometers)));
+// Evaluates every pixel of the scan; returns the generator's status.
+Status Measure(Testing::DiscriminatedScan& scan, PhaseAlgorithmCentroid& centroid, DoubleMatrix2D& surface) {
+  centroid.SetScanIncrement(UnitNumber(scan.settings.scanStepNm, LinearConverter(Units::kNanometers)));
   PhaseGenerator generator(&centroid);
-  Result result{DoubleMatrix2D(s.rows, s.cols), IntMatrix2D()};
-  result.surface.SetAll(0.0);
-  generator.Process(frames, peaks, aux, result.surface);
-  result.intensity = centroid.GetIntensityMatrix();
-  return result;
+  surface.Resize(0, 0, scan.settings.rows, scan.settings.cols);
+  surface.SetAll(0.0);
+  return generator.Process(scan.frames, scan.peaks, scan.auxiliary, surface);
 }
 
 struct AccuracyCase {
@@ -82,25 +56,27 @@ class CentroidAccuracyTest : public ::testing::TestWithParam<AccuracyCase> {};
 // tenth of the discriminator's error (up to 2 frames). The bounds are about twice what that predicts.
 TEST_P(CentroidAccuracyTest, LandsWithinAFractionOfTheCoherenceLength) {
   const AccuracyCase& c = GetParam();
-  Testing::SeededRandom random(31);
-  SCOPED_TRACE(random.Describe());
+  SCOPED_TRACE(Testing::SeededRandom(31).Describe());
   Testing::ScanSettings s;
   s.rows = 24;
   s.cols = 32;
-  s.scanStepNm = kStepNm;
   s.resolution = c.resolution;
   const double scale = c.resolution == FrameBuffer::kRes16Bit ? 16.0 : 1.0;
   s.biasCounts = 100.0 * scale;
   s.modulationCounts = 60.0 * scale;
   s.noiseSigmaCounts = c.noiseCounts * scale;
+  Testing::DiscriminatedScan scan;
+  ASSERT_TRUE(Testing::MakeDiscriminatedScan(scan, s, Testing::SphereWithStepNm, 31));
+  if (c.resolution == FrameBuffer::kRes16Bit) scan.frames.SetMaxValue(4095);  // a 12-bit camera
   PhaseAlgorithmCentroid centroid;
-  const Result result = Measure(s, SphereWithStep, random, centroid);
+  DoubleMatrix2D surface;
+  ASSERT_TRUE(Measure(scan, centroid, surface).IsOk());
   const double coherence = Testing::CoherenceLengthNm(s.light);
   double sumSquares = 0.0;
   for (int r = 0; r < s.rows; ++r) {
     for (int col = 0; col < s.cols; ++col) {
-      ASSERT_TRUE(DoubleMatrix2D::IsDataValid(result.surface(r, col))) << r << "," << col;
-      const double error = result.surface(r, col) - (SphereWithStep(r, col) + kStepNm);
+      ASSERT_TRUE(DoubleMatrix2D::IsDataValid(surface(r, col))) << r << "," << col;
+      const double error = surface(r, col) - (Testing::SphereWithStepNm(r, col) + kStepNm);
       EXPECT_LT(std::abs(error), c.maxFraction * coherence) << r << "," << col;
       sumSquares += error * error;
     }
@@ -113,31 +89,38 @@ INSTANTIATE_TEST_SUITE_P(Noise, CentroidAccuracyTest,
                                            AccuracyCase{1.5, FrameBuffer::kRes8Bit, 0.1, 0.025},
                                            AccuracyCase{1.5, FrameBuffer::kRes16Bit, 0.1, 0.025}));
 
-// A ring keeps 64 frames around each peak; a peak within 32 frames of either end of the scan leaves
-// no centred window, so the pixel gets no height, but its intensity is still made.
+// A pixel whose peak lies within half a signal (32 frames) of either end of the scan has no centred
+// window, so it gets no height, but its intensity is still made. A ring of 64 frames keeps the frames
+// around each peak; a whole scan of only 64 frames has every peak within 32 frames of an end, so no
+// pixel gets a height and the run ends with code 1.
 TEST(PhaseAlgorithmCentroidTest, PeaksNearTheEndsOfTheScanGetNoHeightButAnIntensity) {
-  Testing::SeededRandom random(5);
-  SCOPED_TRACE(random.Describe());
+  SCOPED_TRACE(Testing::SeededRandom(5).Describe());
   Testing::ScanSettings s;
   s.rows = 1;
   s.cols = 4;
   s.framesStored = 64;
   s.noiseSigmaCounts = 1.0;
-  const double heights[4] = {20 * kStepNm, 31 * kStepNm, 120 * kStepNm, 230 * kStepNm};
-  const auto height = [&](int, int c) { return heights[c]; };
-  IntMatrix2D peaks(1, 4);
-  for (int c = 0; c < 4; ++c)
-    peaks(0, c) = Testing::TruePeakFrame(s, heights[c]);
-  PhaseAlgorithmCentroid centroid;
-  const Result result = Measure(s, height, random, centroid, &peaks);
-  EXPECT_TRUE(DoubleMatrix2D::IsNoData(result.surface(0, 0)));
-  EXPECT_TRUE(DoubleMatrix2D::IsNoData(result.surface(0, 1)));
-  EXPECT_NEAR(result.surface(0, 2), heights[2] + kStepNm, 0.05 * Testing::CoherenceLengthNm(s.light));
-  EXPECT_TRUE(DoubleMatrix2D::IsNoData(result.surface(0, 3)));
-  for (int c = 0; c < 4; ++c) {
-    EXPECT_TRUE(IntMatrix2D::IsDataValid(result.intensity(0, c))) << c;
-    // Fringes of 3.75 samples per period leave a little of themselves in the 8-sample window.
-    EXPECT_NEAR(result.intensity(0, c), s.biasCounts, 8.0) << c;
+  // Peaks 18, 31, 122 and 229 (the discriminator's pattern adds -2, 0, 2, -1).
+  const double frames[4] = {20, 31, 120, 230};
+  const auto height = [&](int, int c) { return frames[c] * kStepNm; };
+  for (const int scanned : {256, 64}) {
+    s.framesScanned = scanned;
+    s.framesStored = scanned == 256 ? 64 : 0;
+    Testing::DiscriminatedScan scan;
+    ASSERT_TRUE(Testing::MakeDiscriminatedScan(scan, s, height, 5));
+    PhaseAlgorithmCentroid centroid;
+    DoubleMatrix2D surface;
+    const Status status = Measure(scan, centroid, surface);
+    for (int c = 0; c < 4; ++c) {
+      if (c == 2 && scanned == 256) {
+        EXPECT_NEAR(surface(0, c), height(0, c) + kStepNm, 0.05 * Testing::CoherenceLengthNm(s.light));
+      } else {
+        EXPECT_TRUE(DoubleMatrix2D::IsNoData(surface(0, c))) << c << " of " << scanned;
+      }
+      // Fringes of 3.75 samples per period leave a little of themselves in the 8-sample window.
+      EXPECT_NEAR(centroid.GetIntensityMatrix()(0, c), s.biasCounts, 8.0) << c << " of " << scanned;
+    }
+    EXPECT_EQ(status.GetCode(), scanned == 64 ? 1u : 0u);
   }
 }
 
@@ -148,32 +131,29 @@ TEST(PhaseAlgorithmCentroidTest, MinimumModulationDecidesWhichFringesCount) {
   Testing::ScanSettings s;
   s.rows = 4;
   s.cols = 4;
-  s.modulationCounts = 3.0;
   const auto height = [](int r, int c) { return 8000.0 + 10.0 * r + 20.0 * c; };
-  for (const double minimum : {15.0, 0.0}) {
-    Testing::SeededRandom random(8);
-    PhaseAlgorithmCentroid centroid;
-    centroid.SetMinimumModulation(minimum);
-    const Result result = Measure(s, height, random, centroid);
-    for (int r = 0; r < 4; ++r) {
-      for (int c = 0; c < 4; ++c) {
-        if (minimum > 0.0) {
-          EXPECT_TRUE(DoubleMatrix2D::IsNoData(result.surface(r, c))) << r << "," << c;
-        } else {
-          // Three-count fringes in rounded samples: the envelope is coarse, within a tenth of the
-          // coherence length still.
-          EXPECT_NEAR(result.surface(r, c), height(r, c) + kStepNm,
-                      0.1 * Testing::CoherenceLengthNm(s.light));
+  for (const double modulation : {3.0, 0.0}) {
+    s.modulationCounts = modulation;
+    Testing::DiscriminatedScan scan;
+    ASSERT_TRUE(Testing::MakeDiscriminatedScan(scan, s, height, 8));
+    for (const double minimum : {15.0, 0.0}) {
+      PhaseAlgorithmCentroid centroid;
+      centroid.SetMinimumModulation(minimum);
+      DoubleMatrix2D surface;
+      Measure(scan, centroid, surface);
+      for (int r = 0; r < 4; ++r) {
+        for (int c = 0; c < 4; ++c) {
+          if (minimum > 0.0 || modulation == 0.0) {
+            EXPECT_TRUE(DoubleMatrix2D::IsNoData(surface(r, c))) << r << "," << c;
+          } else {
+            // Three-count fringes in rounded samples: the envelope is coarse, within a tenth of the
+            // coherence length still.
+            EXPECT_NEAR(surface(r, c), height(r, c) + kStepNm, 0.1 * Testing::CoherenceLengthNm(s.light));
+          }
         }
       }
     }
   }
-  s.modulationCounts = 0.0;
-  Testing::SeededRandom random(8);
-  PhaseAlgorithmCentroid centroid;
-  centroid.SetMinimumModulation(0.0);
-  const Result flat = Measure(s, height, random, centroid);
-  EXPECT_EQ(flat.surface.CountValid(), 0);
 }
 
 // A modulation measure equal to the threshold passes; one just below does not. The signal is a

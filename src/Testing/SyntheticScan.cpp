@@ -54,6 +54,31 @@ int TruePeakFrame(const ScanSettings& settings, double heightNm) {
   return settings.scanDirection < 0 ? settings.framesScanned - frame : frame;
 }
 
+double SphereWithStepNm(int row, int col) {
+  const double x = col - 16.0, y = row - 12.0;
+  return 8000.0 + 0.6 * (x * x + y * y) + (col >= 20 ? 300.0 : 0.0);
+}
+
+bool MakeDiscriminatedScan(DiscriminatedScan& scan, const ScanSettings& settings,
+                           const std::function<double(int row, int col)>& heightNm, std::uint64_t seed) {
+  scan.settings = settings;
+  if (!scan.peaks.Resize(0, 0, settings.rows, settings.cols) ||
+      !scan.auxiliary.Resize(0, 0, settings.rows, settings.cols)) {
+    return false;
+  }
+  scan.auxiliary.SetAll(0);
+  ScanSettings forward = settings;
+  forward.scanDirection = 1;
+  for (int r = 0; r < settings.rows; ++r) {
+    for (int c = 0; c < settings.cols; ++c) {
+      const int peak = TruePeakFrame(forward, heightNm(r, c)) + (r + 2 * c) % 5 - 2;
+      scan.peaks(r, c) = settings.scanDirection < 0 ? settings.framesScanned - peak : peak;
+    }
+  }
+  SeededRandom random(seed);
+  return MakeSyntheticScan(scan.frames, settings, heightNm, &random, &scan.peaks);
+}
+
 bool MakeSyntheticScan(FrameBuffer& frames, const ScanSettings& settings,
                        const std::function<double(int row, int col)>& heightNm, SeededRandom* random,
                        const Core::IntMatrix2D* ringCentres) {

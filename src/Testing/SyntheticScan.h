@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 
 #include "Analysis/Core/FrameBuffer.h"
@@ -71,5 +72,25 @@ int TruePeakFrame(const ScanSettings& settings, double heightNm);
 
 // Full width at half maximum of the coherence envelope along the scan, nanometres.
 double CoherenceLengthNm(const ScanLight& light);
+
+// A sphere with a 300 nm step, 8.0 to 8.6 um along the scan on grids up to 24 x 32 pixels (frames
+// 100 to 107 of a 256-frame scan at 80 nm per frame), rising slowly beyond.
+double SphereWithStepNm(int row, int col);
+
+// A scan together with what a coarse coherence discriminator reports for it: each pixel's peak frame
+// is the true one off by up to two frames in a fixed pattern, (row + 2 col) mod 5 - 2, on the same
+// physical frames whatever the scan direction (frame F - p of a reversed scan for frame p of a
+// forward one). A ring keeps the frames around these peaks. The auxiliary matrix holds zeros.
+struct DiscriminatedScan {
+  ScanSettings settings;
+  Core::FrameBuffer frames;
+  Core::IntMatrix2D peaks;
+  Core::IntMatrix2D auxiliary;
+};
+
+// Records the scan of `heightNm` with the noise of a generator seeded with `seed`; false when the
+// settings cannot be allocated.
+bool MakeDiscriminatedScan(DiscriminatedScan& scan, const ScanSettings& settings,
+                           const std::function<double(int row, int col)>& heightNm, std::uint64_t seed);
 
 }  // namespace Quarn::Testing

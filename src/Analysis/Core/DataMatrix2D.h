@@ -26,7 +26,8 @@ namespace Quarn::Metrology::Analysis::Core {
 //
 // Resizing never throws: a failure is recorded in the matrix's own status and the operation
 // returns false. Codes: 30 for a negative dimension, 7 when a shared section is too small for the
-// requested size, 3 when the heap refuses the allocation.
+// requested size (tested first for a shared matrix), 3 when the heap refuses the allocation or the
+// count exceeds 2^31 - 1, and 3 when shared memory cannot back a new section's capacity.
 //
 // Storage is kept when a resize fits into what is already allocated (the matrix is re-laid out in
 // place, element values are then unspecified); it grows otherwise (new storage is zero bytes).
@@ -73,10 +74,18 @@ class DataMatrix2D {
     return section_ ? section_->GetCapacity() - SharedMemorySection::kHeaderSize : 0;
   }
 
-  // Re-reads the layout of a shared matrix (another mapping may have resized it in place).
-  void UpdateSharedReferences() {
-    if (!section_) return;
-    const SharedMatrixLayout layout = section_->ReadLayout();
+  // Re-reads the layout of a shared matrix (another mapping may have resized it in place). The
+  // header is not trusted: a layout that the section cannot hold (a corrupt header, or one written by
+  // a foreign program) leaves the matrix empty with code 7, and the result is false.
+  bool UpdateSharedReferences() {
+    if (!section_) return true;
+    SharedMatrixLayout layout = section_->ReadLayout();
+    const bool fits = layout.rows >= 0 && layout.cols >= 0 &&
+                      FitsSection(static_cast<std::int64_t>(layout.rows) * layout.cols);
+    if (!fits) {
+      status_ = Status(0, StatusCode::kSectionTooSmall, __LINE__, kSource, "");
+      layout = SharedMatrixLayout{};
+    }
     if (layout.startRow != startRow_ || layout.startCol != startCol_ || layout.rows != rows_ ||
         layout.cols != cols_) {
       startRow_ = layout.startRow;
@@ -85,6 +94,7 @@ class DataMatrix2D {
       cols_ = layout.cols;
       ++generation_;
     }
+    return fits;
   }
 
   // Cross-process lock of a shared matrix; nothing to do for heap storage, which belongs to one
@@ -106,17 +116,18 @@ class DataMatrix2D {
       return false;
     }
     const std::int64_t count = static_cast<std::int64_t>(rows) * cols;
+    // A shared matrix is bounded by its section before anything else: whatever the element count,
+    // the answer for a section that cannot hold it is "section too small".
+    if (section_ && !FitsSection(count)) {
+      status_ = Status(0, StatusCode::kSectionTooSmall, __LINE__, kSource, "");
+      return false;
+    }
     if (count > INT_MAX) {
       status_ =
           Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Matrix of more than 2^31 elements");
       return false;
     }
     if (section_) {
-      if (SharedMemorySection::kHeaderSize + static_cast<std::size_t>(count) * sizeof(T) >
-          section_->GetCapacity()) {
-        status_ = Status(0, StatusCode::kSectionTooSmall, __LINE__, kSource, "");
-        return false;
-      }
       section_->WriteLayout(SharedMatrixLayout{startRow, startCol, rows, cols});
     } else if (count > capacity_) {
       AlignedBuffer fresh;
@@ -195,8 +206,15 @@ class DataMatrix2D {
     section_ = std::move(section);
     data_ = static_cast<T*>(section_->GetElements());
     rows_ = cols_ = -1;  // force the layout to be taken from the section
-    UpdateSharedReferences();
-    return true;
+    if (UpdateSharedReferences()) return true;
+    section_.reset();
+    data_ = nullptr;
+    return false;
+  }
+
+  // Whether `count` elements fit behind the section header (and can be counted in an int).
+  bool FitsSection(std::int64_t count) const {
+    return count >= 0 && count <= INT_MAX && static_cast<std::uint64_t>(count) <= MaxAllocSize() / sizeof(T);
   }
 
   void CopyFrom(const DataMatrix2D& other) {

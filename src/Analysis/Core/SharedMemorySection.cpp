@@ -62,9 +62,13 @@ std::unique_ptr<SharedMemorySection> SharedMemorySection::CreateOrOpen(const std
                      "Call to shm_open failed: " + std::string(strerror(errno)));
     return nullptr;
   }
-  if (ftruncate(fd, static_cast<off_t>(capacityBytes)) != 0) {
-    status = Failure(StatusCode::kCallFailed, __LINE__,
-                     "Call to ftruncate failed: " + std::string(strerror(errno)));
+  // ftruncate alone only sets the size: the pages are found missing at the first write, which then
+  // dies with SIGBUS when /dev/shm is full. Reserving them now turns that into a status.
+  const int reserved = posix_fallocate(fd, 0, static_cast<off_t>(capacityBytes));
+  if (reserved != 0) {
+    status = Failure(
+        reserved == ENOSPC || reserved == EFBIG ? StatusCode::kAllocationFailed : StatusCode::kCallFailed,
+        __LINE__, "Call to posix_fallocate failed: " + std::string(strerror(reserved)));
     close(fd);
     shm_unlink(posix.c_str());
     return nullptr;

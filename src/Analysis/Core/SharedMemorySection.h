@@ -37,8 +37,9 @@ class QUARN_CORE_EXPORT SharedMemorySection {
   static constexpr std::size_t kHeaderSize = 256;
 
   // Creates the section with `capacityBytes` in all (header included), or opens it when a section
-  // of that name exists already (its own capacity then applies). Returns null and fills `status`
-  // on failure.
+  // of that name exists already (its own capacity then applies). The pages are reserved at once,
+  // so a capacity that shared memory cannot back fails here (code 3) rather than at a later write.
+  // Returns null and fills `status` on failure.
   static std::unique_ptr<SharedMemorySection> CreateOrOpen(const std::string& name, std::size_t capacityBytes,
                                                            std::size_t elementSize, Status& status);
   // Opens an existing section; fails (code 6) when there is none of that name or when it holds

@@ -1,6 +1,7 @@
 #include "Psi/ConvertSliding13.h"
 
 #include <cmath>
+#include <new>
 
 #include "Psi/Convert13.h"
 
@@ -28,8 +29,21 @@ void SlidingSums(const ConvertSliding13& self, double& numerator, double& denomi
 void ConvertSliding13::Initialize(int numberOfFrames) {
   if (numberOfFrames < Convert13::kFrames || numberOfFrames == numberOfFrames_) return;
   const auto count = static_cast<std::size_t>(numberOfFrames);
-  std::shared_ptr<double[]> numerator(new double[count]());
-  std::shared_ptr<double[]> denominator(new double[count]());
+  // Weights for another frame count must not outlive a failed attempt: the converter would then
+  // read past a shorter stack.
+  numerator_.reset();
+  denominator_.reset();
+  numberOfFrames_ = 0;
+  // Both columns live in one zero-filled block, so that there is a single allocation to fail; it is
+  // the one place where this converter could throw, and it must not.
+  std::shared_ptr<double[]> block;
+  try {
+    block = std::make_shared<double[]>(2 * count);
+  } catch (const std::bad_alloc&) {
+    return;
+  }
+  std::shared_ptr<double[]> numerator(block, block.get());
+  std::shared_ptr<double[]> denominator(block, block.get() + count);
   const double* N = Convert13::kNumeratorWeights;
   const double* D = Convert13::kDenominatorWeights;
   for (int j = 0; j < Convert13::kFrames; ++j) {

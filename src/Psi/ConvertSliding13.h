@@ -19,6 +19,9 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 // order; the returned numerator carries the phase sign -1. Excursion (n - 1) pi/4.
 //
 // Before the first `Initialize` (n = 0) both weight pointers are null and `Convert` returns 0, 0.
+// `Initialize` never throws: when the memory for new weights cannot be had, the converter goes back
+// to that state (n = 0, null weights), which the converter generator rejects with a status, rather
+// than keeping weights made for another frame count.
 // Copies share the weight arrays of the original (a shallow copy, released with the last owner);
 // a later `Initialize` with another n gives the initialised object arrays of its own.
 class QUARN_PP_EXPORT ConvertSliding13 final : public Converter {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -115,6 +116,10 @@ class QUARN_CORE_EXPORT FrameBuffer {
   // returns it. T must be able to hold every stored sample (unsigned char only for 8-bit buffers),
   // otherwise the result is null. Converts per call according to the stored type; hot loops that
   // have already decided the type call `ExtractIndexAs<Stored, T>`.
+  //
+  // Precondition, not checked in release builds because this runs once per pixel: 0 <= thread <
+  // GetThreadDataCount() (so `MakeThreadData` must have succeeded for that many threads) and
+  // 0 <= pixel < GetPixelCount(). Debug builds assert it.
   template <typename T>
   T* ExtractIndex(int thread, int pixel) {
     switch (resolution_) {
@@ -136,6 +141,8 @@ class QUARN_CORE_EXPORT FrameBuffer {
 
   template <typename Stored, typename T>
   T* ExtractIndexAs(int thread, int pixel) {
+    assert(thread >= 0 && thread < threadCount_ && "ExtractIndex: thread has no scratch (MakeThreadData)");
+    assert(pixel >= 0 && pixel < GetPixelCount() && "ExtractIndex: pixel outside the allocated window");
     T* out = ThreadScratch<T>(thread);
     std::byte* const* slots = slots_.data();
     for (int slot = 0; slot < framesStored_; ++slot) {

@@ -31,6 +31,9 @@ namespace Quarn::Metrology::Analysis::Core::Threading {
 // own status and runs nothing. After the chunks end, the status of the first failing worker (in
 // worker order) is thrown as a `Status`; the caller catches it at its public boundary.
 //
+// The pool must outlive the dispatcher, and a work function must not `Invoke` another dispatcher
+// on the same pool with several workers: see `ThreadPool` on lifetime and re-entrance.
+//
 //   class Smoother {
 //     ThreadDispatcher<Smoother> dispatcher_{this};
 //     void Rows(int thread, int first, int end);  // touches rows [first, end) and scratch[thread]

@@ -29,6 +29,16 @@ class QUARN_CORE_EXPORT Delegate {
 //
 // The pool neither waits for nor reports on the work: a delegate signals its own completion (the
 // dispatcher gives each one an event). Delegates must not wait for other queued delegates.
+//
+// Lifetime: a pool must outlive every dispatcher attached to it (a dispatcher detaches in its
+// destructor, and its queued delegates run on the pool's threads); destroying a pool that still has
+// users is undefined. The global pool is never destroyed before the process ends.
+//
+// Re-entrance: a work function running on a pool thread that calls `Invoke` (with more than one
+// worker) on a dispatcher attached to the same pool blocks that thread until its new chunks have
+// run on the same pool. When every pool thread is blocked that way nothing is left to run them and
+// the process deadlocks, so nested parallel work must use another pool or a single worker (which
+// runs in the calling thread).
 class QUARN_CORE_EXPORT ThreadPool {
  public:
   // numberOfThreads <= 0: one thread per processor (`CpuCounter`).

@@ -23,8 +23,9 @@ class QUARN_CORE_EXPORT Window2D {
   Window2D(int startRow, int startCol, int rows, int cols)
       : startRow_(startRow), startCol_(startCol), rows_(rows), cols_(cols) {}
 
-  // The intersection of two windows. Disjoint windows give zero rows and columns at the start of
-  // the later window; a malformed operand gives a malformed result.
+  // The intersection of two windows: it starts at the later start row and column and ends at the
+  // earlier end of each. Windows disjoint in rows give zero rows there (likewise columns), so the
+  // result is empty; a malformed operand gives a malformed result.
   Window2D(const Window2D& a, const Window2D& b);
 
   int GetStartRow() const { return startRow_; }

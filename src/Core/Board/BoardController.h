@@ -25,15 +25,4 @@ class BoardController {
   Board* board_ = nullptr;
 };
 
-// RunStepsUntilFailure
-//
-// Runs the steps of a pipeline in order and stops after the first step that leaves a failure in
-// `status`; true when every step ran clean.
-//
-//   RunStepsUntilFailure(board.status, [&] { UpdateFftSize(); }, [&] { UpdateFilter(); });
-template <typename... Steps>
-bool RunStepsUntilFailure(const Analysis::Core::Status& status, Steps&&... steps) {
-  return ((steps(), status.IsOk()) && ...);
-}
-
 }  // namespace Quarn::Metrology::PhaseProcessing::Core

@@ -17,9 +17,6 @@ struct ToyBoard {
   const int* input = nullptr;
   double radius = kUndefinedDouble;
   int count = kUndefinedInt;
-  int width = 0;
-  int height = 0;
-  int stepsRun = 0;
   Status status{__LINE__, "Testing\\ToyBoard"};
 };
 
@@ -35,13 +32,6 @@ class ToyController : public BoardController<ToyBoard> {
         .RequireDefined(board_->radius, __LINE__)
         .RequireDefined(board_->count, countLine = __LINE__)
         .Passed();
-  }
-
-  bool Run() {
-    return RunStepsUntilFailure(
-        board_->status, [&] { ++board_->stepsRun; },
-        [&] { board_->status = Status(0, StatusCode::kCallFailed, 1, kSource, "step two failed"); },
-        [&] { ++board_->stepsRun; });
   }
 };
 
@@ -78,16 +68,6 @@ TEST(WiringCheckTest, SizeCheckTestsTheWidthFirst) {
   EXPECT_EQ(status.GetMessage(), "The height is undefined");
   EXPECT_EQ(status.GetLine(), 78u);
   EXPECT_TRUE(CheckSizeDefined(status, 640, 480, "Psi\\Kinephase\\KpController", 79));
-}
-
-TEST(WiringCheckTest, StepsStopAtTheFirstFailure) {
-  ToyBoard board;
-  ToyController controller;
-  EXPECT_FALSE(controller.HasBoard());
-  controller.SetBoard(board);
-  EXPECT_FALSE(controller.Run());
-  EXPECT_EQ(board.stepsRun, 1) << "the step after the failing one must not run";
-  EXPECT_EQ(board.status.GetMessage(), "step two failed");
 }
 
 }  // namespace

@@ -2,15 +2,12 @@
 
 #include <fftw3.h>
 
-#include <algorithm>
-#include <cmath>
+#include <atomic>
 #include <cstring>
 #include <list>
 #include <mutex>
-#include <numbers>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "Analysis/Core/AlignedBuffer.h"
 #include "Analysis/Core/Threading/ThreadDispatcher.h"
@@ -37,6 +34,7 @@ struct PlanSet {
   int rows = 0;
   int columns = 0;
   std::ptrdiff_t stride = 0;
+  unsigned flags = 0;
   fftw_plan rowForward = nullptr;
   fftw_plan rowBackward = nullptr;
   fftw_plan blockForward = nullptr;
@@ -67,14 +65,16 @@ class PlanCache {
  public:
   static constexpr std::size_t kCapacity = 8;
 
-  // The plans for rows x columns with the given row stride, made on `buffer` (whose contents
-  // FFTW's measuring planner overwrites) when the cache does not hold them. Null when FFTW cannot
-  // plan the size.
-  std::shared_ptr<const PlanSet> Acquire(int rows, int columns, std::ptrdiff_t stride, fftw_complex* buffer) {
+  // The plans for rows x columns with the given row stride and planner flags, made on `buffer`
+  // (whose contents FFTW's measuring planner overwrites) when the cache does not hold them. Null
+  // when FFTW cannot plan the size.
+  std::shared_ptr<const PlanSet> Acquire(int rows, int columns, std::ptrdiff_t stride, unsigned flags,
+                                         fftw_complex* buffer) {
     std::shared_ptr<const PlanSet> dropped;  // released after the lock: its destructor takes the lock
     std::lock_guard<std::mutex> lock(detail::FftwPlannerMutex());
     for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-      if ((*it)->rows == rows && (*it)->columns == columns && (*it)->stride == stride) {
+      if ((*it)->rows == rows && (*it)->columns == columns && (*it)->stride == stride &&
+          (*it)->flags == flags) {
         entries_.splice(entries_.begin(), entries_, it);
         return entries_.front();
       }
@@ -83,7 +83,7 @@ class PlanCache {
     plans->rows = rows;
     plans->columns = columns;
     plans->stride = stride;
-    const unsigned flags = FFTW_MEASURE;
+    plans->flags = flags;
     plans->rowForward = fftw_plan_dft_1d(columns, buffer, buffer, FFTW_FORWARD, flags);
     plans->rowBackward = fftw_plan_dft_1d(columns, buffer, buffer, FFTW_BACKWARD, flags);
     const int n[1] = {rows};
@@ -104,6 +104,7 @@ class PlanCache {
       dropped = std::move(plans);
       return nullptr;
     }
+    detail::CountFftwPlanSet();
     entries_.push_front(std::move(plans));
     if (entries_.size() > kCapacity) {
       dropped = std::move(entries_.back());
@@ -115,6 +116,8 @@ class PlanCache {
  private:
   std::list<std::shared_ptr<const PlanSet>> entries_;
 };
+
+std::atomic<Fft2D::PlanningEffort> planningEffort{Fft2D::PlanningEffort::kMeasure};
 
 PlanCache& Plans() {
   // Never destroyed: transforms held in static objects may release their plans after the end of
@@ -178,7 +181,8 @@ class Fft2D::Impl {
     }
     std::shared_ptr<const PlanSet> plans;
     if (rows > 0 && columns > 0) {
-      plans = Plans().Acquire(rows, columns, stride, reinterpret_cast<fftw_complex*>(fresh.Data()));
+      const unsigned flags = planningEffort.load() == PlanningEffort::kMeasure ? FFTW_MEASURE : FFTW_ESTIMATE;
+      plans = Plans().Acquire(rows, columns, stride, flags, reinterpret_cast<fftw_complex*>(fresh.Data()));
       if (!plans) {
         status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource,
                          "Call to fftw_plan_many_dft failed for " + std::to_string(rows) + " x " +
@@ -196,6 +200,11 @@ class Fft2D::Impl {
   }
 
   bool SetData(const DataWindow2D<double>& data, bool removeMean, bool applyHann, bool centreSpectrum) {
+    if (removeMean || applyHann || centreSpectrum) {
+      status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+                       "Mean removal, Hann window and centred spectrum are not supported");
+      return false;
+    }
     const Window2D window = data.GetWindow();
     if (window.GetRows() > rows_ || window.GetCols() > columns_) {
       status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
@@ -206,31 +215,7 @@ class Fft2D::Impl {
     }
     source_ = &data;
     sourceWindow_ = window;
-    centre_ = centreSpectrum;
-    offset_ = 0.0;
-    rowWeights_.clear();
-    columnWeights_.clear();
-    if (applyHann) {
-      rowWeights_ = HannWeights(window.GetRows());
-      columnWeights_ = HannWeights(window.GetCols());
-    }
-    return Guarded([&] {
-      if (removeMean) {
-        // Per-row sums first, added in row order afterwards: the mean does not depend on how the
-        // rows were shared out.
-        rowSums_.assign(static_cast<std::size_t>(window.GetRows()), 0.0);
-        rowCounts_.assign(static_cast<std::size_t>(window.GetRows()), 0);
-        Run(&Impl::SumRows, window.GetRows());
-        double sum = 0.0;
-        std::int64_t count = 0;
-        for (std::size_t r = 0; r < rowSums_.size(); ++r) {
-          sum += rowSums_[r];
-          count += rowCounts_[r];
-        }
-        offset_ = count > 0 ? sum / static_cast<double>(count) : 0.0;
-      }
-      Run(&Impl::LoadRows, rows_);
-    });
+    return Guarded([&] { Run(&Impl::LoadRows, rows_); });
   }
 
   bool Transform(bool inverse) {
@@ -268,15 +253,6 @@ class Fft2D::Impl {
   Status status_{__LINE__, kSource};
 
  private:
-  static std::vector<double> HannWeights(int n) {
-    std::vector<double> w(static_cast<std::size_t>(n));
-    for (int i = 0; i < n; ++i) {
-      const double s = std::sin(std::numbers::pi * (i + 1) / (n + 1));
-      w[static_cast<std::size_t>(i)] = s * s;
-    }
-    return w;
-  }
-
   template <typename F>
   bool Guarded(F&& work) {
     try {
@@ -307,28 +283,9 @@ class Fft2D::Impl {
            (sourceWindow_.GetStartCol() - source_->GetStartCol());
   }
 
-  void SumRows(int first, int end) {
-    const int cols = sourceWindow_.GetCols();
-    for (int r = first; r < end; ++r) {
-      const double* in = SourceRow(r);
-      double sum = 0.0;
-      int count = 0;
-      for (int c = 0; c < cols; ++c) {
-        if (DataWindow2D<double>::IsDataValid(in[c])) {
-          sum += in[c];
-          ++count;
-        }
-      }
-      rowSums_[static_cast<std::size_t>(r)] = sum;
-      rowCounts_[static_cast<std::size_t>(r)] = count;
-    }
-  }
-
   void LoadRows(int first, int end) {
     const int windowRows = sourceWindow_.GetRows();
     const int windowCols = sourceWindow_.GetCols();
-    const bool hann = !rowWeights_.empty();
-    const bool plain = !hann && !centre_ && offset_ == 0.0;
     for (int r = first; r < end; ++r) {
       fftw_complex* out = Row(r);
       if (r >= windowRows) {
@@ -336,17 +293,8 @@ class Fft2D::Impl {
         continue;
       }
       const double* in = SourceRow(r);
-      const double rowWeight = hann ? rowWeights_[static_cast<std::size_t>(r)] : 1.0;
-      const double rowSign = centre_ && (r & 1) ? -1.0 : 1.0;
       for (int c = 0; c < windowCols; ++c) {
-        const bool valid = DataWindow2D<double>::IsDataValid(in[c]);
-        double v = valid ? in[c] : 0.0;
-        if (!plain && valid) {
-          v = (v - offset_) * rowWeight * rowSign;
-          if (hann) v *= columnWeights_[static_cast<std::size_t>(c)];
-          if (centre_ && (c & 1)) v = -v;
-        }
-        out[c][0] = v;
+        out[c][0] = DataWindow2D<double>::IsDataValid(in[c]) ? in[c] : 0.0;
         out[c][1] = 0.0;
       }
       if (windowCols < columns_) {
@@ -383,13 +331,7 @@ class Fft2D::Impl {
   // State of the pass in progress, read by the work functions.
   const DataWindow2D<double>* source_ = nullptr;
   Window2D sourceWindow_;
-  bool centre_ = false;
-  double offset_ = 0.0;
   bool inverse_ = false;
-  std::vector<double> rowWeights_;
-  std::vector<double> columnWeights_;
-  std::vector<double> rowSums_;
-  std::vector<std::int64_t> rowCounts_;
 };
 
 Fft2D::Fft2D() : impl_(std::make_unique<Impl>()) {}
@@ -473,6 +415,13 @@ Status& Fft2D::GetStatus() {
 }
 const Status& Fft2D::GetStatus() const {
   return impl_->status_;
+}
+
+void Fft2D::SetPlanningEffort(PlanningEffort effort) {
+  planningEffort.store(effort);
+}
+Fft2D::PlanningEffort Fft2D::GetPlanningEffort() {
+  return planningEffort.load();
 }
 
 }  // namespace Quarn::Metrology::Analysis::Core

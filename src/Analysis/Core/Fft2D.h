@@ -29,10 +29,17 @@ namespace Quarn::Metrology::Analysis::Core {
 //   two side lobes that each carry b / 2, and one lobe, kept and transformed back, has magnitude
 //   b / 2 in every pixel.
 //
-// Plans are made once per size for the whole process (FFTW's measuring planner, under the library's
-// planner lock) and shared by every transform of that size, so transforms of equal data give
-// bit-identical results, whatever the instance and the number of threads. Rows and column blocks
+// Plans are made once per size and planning effort for the whole process (under the library's
+// planner lock) and shared by every transform of that size, so transforms of equal data sized
+// under one planning effort give bit-identical results, whatever the instance and the number of
+// threads. Rows and column blocks
 // are spread over the worker threads of an embedded dispatcher.
+//
+// Planning effort (`SetPlanningEffort`, process-wide like the plans): FFTW's measuring planner
+// (the default) times candidate plans on the first transform of a size, hundreds of milliseconds
+// at 2048 x 2048, and pays back over the many frames a host transforms; its estimating planner
+// answers at once with plans that may run slower, which suits a process that transforms a size
+// once. The two can differ in the last bits of a result.
 //
 //   Fft2D fft;
 //   fft.SetSize(rows, cols);
@@ -43,9 +50,11 @@ namespace Quarn::Metrology::Analysis::Core {
 //
 // Failures are recorded in the status and the operation returns false: code 30 for a negative
 // size, 3 when memory runs out, 6 when FFTW cannot plan, 20 for a data window larger than the
-// transform, 21 for a transform without a size.
+// transform or a loading flag set, 21 for a transform without a size.
 class QUARN_CORE_EXPORT Fft2D {
  public:
+  enum class PlanningEffort { kEstimate, kMeasure };
+
   Fft2D();
   Fft2D(const Fft2D& other);
   Fft2D& operator=(const Fft2D& other);
@@ -60,12 +69,9 @@ class QUARN_CORE_EXPORT Fft2D {
 
   // Loads the window of `data` (its current window, at most the transform's size) as real samples,
   // imaginary parts 0, at the transform's origin; elements outside the window are 0, and so are
-  // no-data samples. Flags:
-  //   removeMean      subtract the mean of the valid samples (the zero-frequency spike goes);
-  //   applyHann       taper with a separable Hann window over the data window (less leakage from
-  //                   the image borders);
-  //   centreSpectrum  multiply by (-1)^(row + column), which moves zero frequency to the bin
-  //                   (rows / 2, columns / 2) of the forward transform.
+  // no-data samples. The flags (mean removal, Hann window, centred spectrum) are the interface's
+  // loading options; no caller needs them, so they are not implemented and a true one fails with
+  // code 20.
   bool SetData(const DataWindow2D<double>& data, bool removeMean, bool applyHann, bool centreSpectrum);
 
   // Forward (false) or scaled inverse (true) transform of the data in place.
@@ -89,6 +95,11 @@ class QUARN_CORE_EXPORT Fft2D {
 
   Status& GetStatus();
   const Status& GetStatus() const;
+
+  // For every transform of the process sized (`SetSize`) from now on; a transform keeps the plans
+  // it was sized with.
+  static void SetPlanningEffort(PlanningEffort effort);
+  static PlanningEffort GetPlanningEffort();
 
  private:
   class Impl;

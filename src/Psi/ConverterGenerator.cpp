@@ -1,11 +1,11 @@
 #include "Psi/ConverterGenerator.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "Analysis/Core/AnyValid.h"
 #include "Analysis/Core/Units.h"
 #include "Psi/Convert13.h"
 #include "Psi/Convert20.h"
@@ -124,8 +124,14 @@ bool ConverterGenerator::CheckInputs(const FrameBuffer& frames, const DoubleMatr
       return fail(StatusCode::kArgumentOutOfRange, __LINE__, "The converter has no weights to re-weight");
     }
   }
-  if (!(std::isfinite(phaseScale_) && phaseScale_ != 0.0)) {
+  const double unitFactor = phase.GetUnitManager().GetSlopeToBaseUnit(Analysis::Core::Units::kRadians);
+  if (!(std::isfinite(unitFactor) && unitFactor != 0.0)) {
     return fail(StatusCode::kArgumentOutOfRange, __LINE__, "The phase map's unit cannot express a phase");
+  }
+  // A sign of 0 would turn every phase into 0 while the pixels still look valid.
+  if (phaseSign_ == 0) {
+    return fail(StatusCode::kArgumentOutOfRange, __LINE__,
+                "The phase sign is 0 (SetPhaseSign takes 1 or -1)");
   }
   return true;
 }
@@ -194,7 +200,10 @@ void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase, Dou
     dispatcher_.Invoke(&ConverterGenerator::ConvertPixels, 0, numberOfPixels_);
   }
 
-  if (!Analysis::Core::Calculation::AnyValid(phase)) {
+  // Only the pixels of this run count: a map larger than the frame window may hold valid values of an
+  // earlier run beyond it.
+  const double* written = phaseData_->Data();
+  if (std::none_of(written, written + numberOfPixels_, [](double v) { return v < kNoData; })) {
     status_ = Status(0, StatusCode::kNoValidResult, __LINE__, kSource, "");
   }
 }

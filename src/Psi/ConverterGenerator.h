@@ -21,9 +21,9 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 //   - magnitude M = N^2 + D^2 (or |N| + |D| when estimating the magnitude);
 //   - M below the threshold m^2 (m x 1.2071... when estimating), with
 //     m = saturation level x minimum modulation x the converter's modulation scale -> no data;
-//   - otherwise phase = atan2(N, D) x (radians-to-map-unit factor) x phase sign, in (-pi, pi] for a
-//     map in radians, and modulation = sqrt(M) / modulation scale (M / 1.2071... / scale when
-//     estimating).
+//   - otherwise phase = atan2(N, D) x (radians-to-map-unit factor) x phase sign, in [-pi, pi] for a
+//     map in radians (a kernel may give N = -0.0, and atan2(-0.0, D < 0) is -pi), and modulation = sqrt(M) /
+//     modulation scale (M / 1.2071... / scale when estimating).
 // No-data pixels hold the largest finite double in both maps. The minimum modulation is set in
 // percent of the saturation level (default 15 %).
 //
@@ -34,11 +34,12 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 // Frame weights (optional, one per frame, all > 0) re-weight the converter's kernel: frame i's
 // weights are multiplied by mean(w) / w_i, so a frame known to be brighter counts less.
 //
-// Status: code 1 when no pixel of the run is valid. The status is not reset by `Process`, so an
-// earlier failure stays until a later one overwrites it. Input that would make the run read or
-// write out of bounds is refused with code 20 or 21 and a message naming the problem (no
-// converter, maps smaller than the frame window, fewer frames than the converter reads, a ring
-// buffer, bad frame weights, a map unit that cannot hold a phase). A failure inside a worker
+// Status: code 1 when no pixel of the run (the first window-size elements of the phase map) is
+// valid. The status is not reset by `Process`, so an earlier failure stays until a later one
+// overwrites it. Input that would make the run read or write out of bounds, or give meaningless
+// phases, is refused with code 20 or 21 and a message naming the problem (no converter, maps smaller
+// than the frame window, fewer frames than the converter reads, a ring buffer, bad frame weights, a
+// map unit that cannot hold a phase, a phase sign of 0). A failure inside a worker
 // reaches the caller as a thrown `Status` (the dispatcher's contract).
 //
 // Threads: pixel ranges are spread over the workers of the embedded dispatcher (one per processor

@@ -46,7 +46,7 @@ std::vector<double> FringeSamples(const PixelFringe& fringe, const std::vector<d
 
 void FillPsiStack(FrameBuffer& frames, const std::vector<double>& shifts,
                   const std::function<PixelFringe(int row, int col)>& scene, double noiseSigma,
-                  SeededRandom* random) {
+                  SeededRandom* random, const std::vector<double>& frameBrightness) {
   const int rows = frames.GetRows();
   const int cols = frames.GetColumns();
   const double maxValue = frames.GetMaxValue();
@@ -66,6 +66,7 @@ void FillPsiStack(FrameBuffer& frames, const std::vector<double>& shifts,
         const auto kk = static_cast<std::size_t>(k);
         // cos(phi + psi) = cos(phi) cos(psi) - sin(phi) sin(psi)
         double value = f.bias + cp * cosShift[kk] - sp * sinShift[kk];
+        if (kk < frameBrightness.size()) value *= frameBrightness[kk];
         if (random && noiseSigma > 0.0) value += random->Normal(noiseSigma);
         value = std::clamp(std::round(value), 0.0, maxValue);
         void* slot = frames.GetFrameData(k);

@@ -30,9 +30,11 @@ std::vector<double> FringeSamples(const PixelFringe& fringe, const std::vector<d
 
 // Fills an allocated frame buffer (one frame per shift) with a + b cos(phase + psi_k) + noise,
 // rounded to the nearest integer and clipped to [0, GetMaxValue()] as a camera would deliver it.
-// `scene(row, col)` gives the fringe of each pixel (row and column inside the window).
+// `scene(row, col)` gives the fringe of each pixel (row and column inside the window). A non-empty
+// `frameBrightness` (one factor per frame) scales frame k's intensity, as a source whose power drifts
+// during the acquisition would.
 void FillPsiStack(Core::FrameBuffer& frames, const std::vector<double>& shifts,
                   const std::function<PixelFringe(int row, int col)>& scene, double noiseSigma = 0.0,
-                  SeededRandom* random = nullptr);
+                  SeededRandom* random = nullptr, const std::vector<double>& frameBrightness = {});
 
 }  // namespace Quarn::Testing

@@ -43,28 +43,27 @@ RgbImage RenderPreview(const Core::DataMatrix2D<double>& map, const PreviewStyle
   const int factor = std::max(1, (std::max(rows, cols) + 1023) / 1024);
   const int outRows = std::max(1, rows / factor), outCols = std::max(1, cols / factor);
 
-  // Block means of the valid pixels; a block without any stays no-data.
+  // Each preview pixel shows one sample of its block: the block's centre, or the first valid pixel
+  // when that has no data; a block without any stays no-data. Averaging would be wrong for wrapped
+  // phase: the mean of +3 and -3 rad is 0, a colour that appears nowhere near a 2 pi wrap.
   std::vector<double> reduced(static_cast<std::size_t>(outRows) * static_cast<std::size_t>(outCols),
                               Core::kNoDataDouble);
+  const auto valid = [](double v) { return !Core::IsNoDataValue(v) && !std::isnan(v); };
   double lo = 1e300, hi = -1e300;
   for (int r = 0; r < outRows; ++r) {
+    const int top = r * factor, bottom = std::min(rows, top + factor);
     for (int c = 0; c < outCols; ++c) {
-      double sum = 0.0;
-      int count = 0;
-      for (int rr = r * factor; rr < std::min(rows, (r + 1) * factor); ++rr) {
-        for (int cc = c * factor; cc < std::min(cols, (c + 1) * factor); ++cc) {
-          const double v = map(rr, cc);
-          if (Core::IsNoDataValue(v) || std::isnan(v)) continue;
-          sum += v;
-          ++count;
-        }
+      const int left = c * factor, right = std::min(cols, left + factor);
+      double sample = map((top + bottom - 1) / 2, (left + right - 1) / 2);
+      for (int rr = top; rr < bottom && !valid(sample); ++rr) {
+        for (int cc = left; cc < right && !valid(sample); ++cc)
+          sample = map(rr, cc);
       }
-      if (count == 0) continue;
-      const double mean = sum / count;
+      if (!valid(sample)) continue;
       reduced[static_cast<std::size_t>(r) * static_cast<std::size_t>(outCols) + static_cast<std::size_t>(c)] =
-          mean;
-      lo = std::min(lo, mean);
-      hi = std::max(hi, mean);
+          sample;
+      lo = std::min(lo, sample);
+      hi = std::max(hi, sample);
     }
   }
   if (style.fixedRange) {

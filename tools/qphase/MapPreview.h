@@ -24,7 +24,8 @@ Rgb ColourAt(double t);
 inline constexpr Rgb kNoDataColour{150, 150, 150};
 
 // Renders a map (no-data pixels in neutral grey) with a title and a labelled colour bar. Maps larger
-// than 1024 pixels on a side are reduced by averaging blocks of valid pixels.
+// than 1024 pixels on a side are reduced by showing one valid sample of each block (never a mean,
+// which would invent values between the two sides of a phase wrap).
 RgbImage RenderPreview(const ::Quarn::Metrology::Analysis::Core::DataMatrix2D<double>& map,
                        const PreviewStyle& style);
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 
+#include "OutputFiles.h"
 #include "ToolError.h"
 
 namespace Quarn::Qphase {
@@ -139,18 +140,19 @@ void RgbImage::DrawText(int x, int y, const std::string& text, Rgb colour, int s
 }
 
 void WritePng(const std::string& path, const RgbImage& image) {
+  const std::string shown = UserPath(path);
   std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "wb"), &std::fclose);
-  if (!file) throw UsageError(path + ": " + std::strerror(errno));
+  if (!file) throw UsageError(shown + ": " + std::strerror(errno));
   png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
   png_infop info = png ? png_create_info_struct(png) : nullptr;
   if (!png || !info) {
     png_destroy_write_struct(&png, nullptr);
-    throw UsageError(path + ": cannot start a PNG");
+    throw UsageError(shown + ": cannot start a PNG");
   }
   // libpng reports errors by longjmp; nothing with a destructor is created between here and the end.
   if (setjmp(png_jmpbuf(png))) {
     png_destroy_write_struct(&png, &info);
-    throw UsageError(path + ": writing the PNG failed");
+    throw UsageError(shown + ": writing the PNG failed");
   }
   png_init_io(png, file.get());
   png_set_IHDR(png, info, static_cast<png_uint_32>(image.Width()), static_cast<png_uint_32>(image.Height()),
@@ -163,6 +165,11 @@ void WritePng(const std::string& path, const RgbImage& image) {
   }
   png_write_end(png, nullptr);
   png_destroy_write_struct(&png, &info);
+  // The last buffered bytes reach the disk only when the file is closed: a full disk shows there.
+  const bool failed = std::ferror(file.get()) != 0;
+  if (std::fclose(file.release()) != 0 || failed) {
+    throw UsageError(shown + ": writing the PNG failed (" + std::strerror(errno) + ")");
+  }
 }
 
 }  // namespace Quarn::Qphase

@@ -11,11 +11,16 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <limits>
 #include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
 #include <vector>
 
 #include "Analysis/Core/NoData.h"
+#include "OutputFiles.h"
 #include "ToolError.h"
 
 namespace Quarn::Qphase {
@@ -34,25 +39,118 @@ void CaptureError(const char* module, const char* format, va_list args) {
 
 void IgnoreWarning(const char*, const char*, va_list) {}
 
+// The handlers are process-wide and the files of one run are written from several threads: they are
+// installed once, before the first file is opened.
+void InstallTiffHandlers() {
+  static std::once_flag installed;
+  std::call_once(installed, [] {
+    TIFFSetErrorHandler(CaptureError);
+    TIFFSetWarningHandler(IgnoreWarning);
+  });
+}
+
+// The width and height that a classic TIFF's first directory declares; nullopt when they cannot be
+// read. libtiff refuses a page without pixels while reading its directory, with a message about
+// strips; with this the user learns what is really wrong with the file.
+std::optional<std::pair<std::uint32_t, std::uint32_t>> DeclaredFirstPageSize(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  unsigned char header[8];
+  if (!in.read(reinterpret_cast<char*>(header), sizeof header)) return std::nullopt;
+  const bool little = header[0] == 'I' && header[1] == 'I';
+  if (!little && !(header[0] == 'M' && header[1] == 'M')) return std::nullopt;
+  const auto number = [little](const unsigned char* bytes, int count) {
+    std::uint32_t value = 0;
+    for (int i = 0; i < count; ++i)
+      value |= static_cast<std::uint32_t>(bytes[little ? i : count - 1 - i]) << (8 * i);
+    return value;
+  };
+  if (number(header + 2, 2) != 42) return std::nullopt;
+  in.seekg(number(header + 4, 4));
+  unsigned char count[2];
+  if (!in.read(reinterpret_cast<char*>(count), sizeof count)) return std::nullopt;
+  std::optional<std::uint32_t> width, height;
+  for (std::uint32_t i = 0, entries = number(count, 2); i < entries; ++i) {
+    unsigned char entry[12];  // tag, type, count, value (a short value is stored first)
+    if (!in.read(reinterpret_cast<char*>(entry), sizeof entry)) break;
+    const std::uint32_t tag = number(entry, 2), type = number(entry + 2, 2);
+    if ((tag != TIFFTAG_IMAGEWIDTH && tag != TIFFTAG_IMAGELENGTH) ||
+        (type != TIFF_SHORT && type != TIFF_LONG))
+      continue;
+    (tag == TIFFTAG_IMAGEWIDTH ? width : height) = number(entry + 8, type == TIFF_SHORT ? 2 : 4);
+  }
+  if (!width || !height) return std::nullopt;
+  return std::make_pair(*width, *height);
+}
+
 struct TiffCloser {
   void operator()(TIFF* tiff) const { TIFFClose(tiff); }
 };
 using TiffHandle = std::unique_ptr<TIFF, TiffCloser>;
 
+// Opens a TIFF to read ("r") or write ("w"); messages name the user's path, also when `path` is the
+// temporary file of an output.
 TiffHandle Open(const std::string& path, const char* mode) {
-  TIFFSetErrorHandler(CaptureError);
-  TIFFSetWarningHandler(IgnoreWarning);
+  InstallTiffHandlers();
   lastTiffError.clear();
-  FILE* probe = std::fopen(path.c_str(), mode[0] == 'r' ? "rb" : "ab");
-  if (!probe) throw UsageError(path + ": " + std::strerror(errno));
+  const bool reading = mode[0] == 'r';
+  const std::string shown = UserPath(path);
+  FILE* probe = std::fopen(path.c_str(), reading ? "rb" : "ab");
+  if (!probe) throw UsageError(shown + ": " + std::strerror(errno));
   std::fclose(probe);
   TiffHandle tiff(TIFFOpen(path.c_str(), mode));
   if (!tiff) {
-    throw UsageError(path + ": " +
-                     (mode[0] == 'r' ? "not a readable TIFF file" : "cannot be written as TIFF") +
+    if (const auto size = reading ? DeclaredFirstPageSize(path) : std::nullopt;
+        size && (size->first == 0 || size->second == 0)) {
+      throw UsageError(shown + ": page 1 has no pixels (declared " + std::to_string(size->first) + " x " +
+                       std::to_string(size->second) + ")");
+    }
+    throw UsageError(shown + ": " + (reading ? "not a readable TIFF file" : "cannot be written as TIFF") +
                      (lastTiffError.empty() ? "" : " (" + lastTiffError + ")"));
   }
   return tiff;
+}
+
+std::uint64_t FileSize(TIFF* tiff) {
+  struct stat info {};
+  return fstat(TIFFFileno(tiff), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
+}
+
+// No codec packs camera data more tightly than this many bytes of samples per stored byte (deflate
+// cannot pass about 1000, LZW a few thousand); a page that claims more is not in the file.
+constexpr std::uint64_t kMaxCompression = 1 << 14;
+
+// The most sample bytes the current page can deliver: its strips (or tiles), as far as they lie in
+// the file, times the best ratio its compression could reach.
+std::uint64_t PageCapacity(TIFF* tiff, std::uint64_t fileSize) {
+  std::uint16_t compression = COMPRESSION_NONE;
+  TIFFGetFieldDefaulted(tiff, TIFFTAG_COMPRESSION, &compression);
+  const std::uint32_t striles = TIFFIsTiled(tiff) ? TIFFNumberOfTiles(tiff) : TIFFNumberOfStrips(tiff);
+  std::uint64_t stored = 0;
+  for (std::uint32_t s = 0; s < striles; ++s) {
+    const std::uint64_t offset = TIFFGetStrileOffset(tiff, s);
+    if (offset < fileSize)
+      stored += std::min<std::uint64_t>(TIFFGetStrileByteCount(tiff, s), fileSize - offset);
+  }
+  return stored * (compression == COMPRESSION_NONE ? 1 : kMaxCompression);
+}
+
+std::string MegaBytes(std::uint64_t bytes) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f MB", static_cast<double>(bytes) / 1e6);
+  return text;
+}
+
+// Refuses a page whose declared size the file cannot hold, before anything of that size is
+// allocated: a few hundred crafted bytes must not make the reader claim gigabytes.
+void CheckFileHoldsPage(TIFF* tiff, const std::string& where, std::uint32_t width, std::uint32_t height,
+                        int bits) {
+  const std::uint64_t declared =
+      static_cast<std::uint64_t>(width) * height * static_cast<std::uint64_t>(std::max(bits, 8) / 8);
+  if (declared > PageCapacity(tiff, FileSize(tiff))) {
+    throw UsageError(where + " declares " + std::to_string(width) + " x " + std::to_string(height) + " " +
+                     std::to_string(bits) + "-bit pixels (" + MegaBytes(declared) +
+                     "), more than the file holds: truncated or damaged");
+  }
 }
 
 struct PageLayout {
@@ -81,6 +179,7 @@ PageLayout ReadPageLayout(TIFF* tiff, const std::string& path, int page) {
     throw UsageError(where + " has " + std::to_string(bits) + "-bit samples; 8 or 16 are needed");
   if (format != SAMPLEFORMAT_UINT)
     throw UsageError(where + " holds signed or floating-point samples; unsigned integers are needed");
+  CheckFileHoldsPage(tiff, where, width, height, bits);
   return PageLayout{static_cast<int>(height), static_cast<int>(width), bits};
 }
 
@@ -141,7 +240,11 @@ void ReadPage(TIFF* tiff, const std::string& path, int page, const PageLayout& l
     std::uint32_t tileWidth = 0, tileHeight = 0;
     TIFFGetField(tiff, TIFFTAG_TILEWIDTH, &tileWidth);
     TIFFGetField(tiff, TIFFTAG_TILELENGTH, &tileHeight);
-    std::vector<std::byte> tile(static_cast<std::size_t>(TIFFTileSize(tiff)));
+    // A tile reaches past the page by less than a tile; a crafted one may claim far more.
+    const std::uint64_t tileBytes = static_cast<std::uint64_t>(TIFFTileSize64(tiff));
+    if (tileBytes == 0 || tileBytes > 4 * static_cast<std::uint64_t>(layout.rows) * rowBytes + (1u << 20))
+      fail();
+    std::vector<std::byte> tile(static_cast<std::size_t>(tileBytes));
     for (std::uint32_t y = 0; y < static_cast<std::uint32_t>(layout.rows); y += tileHeight) {
       for (std::uint32_t x = 0; x < static_cast<std::uint32_t>(layout.cols); x += tileWidth) {
         if (TIFFReadTile(tiff, tile.data(), x, y, 0, 0) < 0) fail();
@@ -172,7 +275,8 @@ TiffStackInfo InspectTiffStack(const std::string& path) {
   TiffHandle tiff = Open(path, "r");
   TiffStackInfo info;
   int page = 0;
-  do {
+  bool compressed = false;
+  for (;;) {
     const PageLayout layout = ReadPageLayout(tiff.get(), path, page);
     if (page == 0) {
       info.rows = layout.rows;
@@ -184,9 +288,27 @@ TiffStackInfo InspectTiffStack(const std::string& path) {
                        "-bit, page 1 is " + std::to_string(info.cols) + " x " + std::to_string(info.rows) +
                        " " + std::to_string(info.bitsPerSample) + "-bit; all frames must match");
     }
+    std::uint16_t compression = COMPRESSION_NONE;
+    TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_COMPRESSION, &compression);
+    compressed = compressed || compression != COMPRESSION_NONE;
     ++page;
-  } while (TIFFReadDirectory(tiff.get()));
+    if (TIFFLastDirectory(tiff.get())) break;
+    // A directory that follows but cannot be read is damage, not the end of the stack.
+    if (!TIFFReadDirectory(tiff.get())) {
+      throw UsageError(path + ": page " + std::to_string(page + 1) + " cannot be read" +
+                       (lastTiffError.empty() ? "" : " (" + lastTiffError + ")"));
+    }
+  }
   info.pages = page;
+  // Pages may share their strips; together they still cannot hold more than the file.
+  const std::uint64_t stackBytes =
+      static_cast<std::uint64_t>(info.rows) * static_cast<std::uint64_t>(info.cols) *
+      static_cast<std::uint64_t>(info.bitsPerSample / 8) * static_cast<std::uint64_t>(info.pages);
+  if (stackBytes > FileSize(tiff.get()) * (compressed ? kMaxCompression : 1)) {
+    throw UsageError(path + ": " + std::to_string(info.pages) + " pages of " + std::to_string(info.cols) +
+                     " x " + std::to_string(info.rows) + " pixels (" + MegaBytes(stackBytes) +
+                     ") are more than the file holds: truncated or damaged");
+  }
   return info;
 }
 
@@ -325,6 +447,7 @@ TiffStackInfo ReadTiffImage(const std::string& path, Core::IntMatrix2D& image, i
 
 void WriteFloatTiff(const std::string& path, const Core::DataMatrix2D<double>& map) {
   TiffHandle tiff = Open(path, "w");
+  const std::string shown = UserPath(path);
   const int rows = map.GetRows();
   const int cols = map.GetColumns();
   TIFFSetField(tiff.get(), TIFFTAG_IMAGEWIDTH, static_cast<std::uint32_t>(cols));
@@ -348,10 +471,11 @@ void WriteFloatTiff(const std::string& path, const Core::DataMatrix2D<double>& m
     }
     const tmsize_t bytes = static_cast<tmsize_t>(count) * cols * 4;
     if (TIFFWriteEncodedStrip(tiff.get(), static_cast<std::uint32_t>(index), strip.data(), bytes) != bytes) {
-      throw UsageError(path + ": writing failed" + (lastTiffError.empty() ? "" : " (" + lastTiffError + ")"));
+      throw UsageError(shown + ": writing failed" +
+                       (lastTiffError.empty() ? "" : " (" + lastTiffError + ")"));
     }
   }
-  if (!TIFFFlush(tiff.get())) throw UsageError(path + ": writing failed (disk full?)");
+  if (!TIFFFlush(tiff.get())) throw UsageError(shown + ": writing failed (disk full?)");
 }
 
 void ReadFloatTiff(const std::string& path, Core::DataMatrix2D<double>& map) {
@@ -369,6 +493,7 @@ void ReadFloatTiff(const std::string& path, Core::DataMatrix2D<double>& map) {
   if (samples != 1 || !(isFloat || isInteger)) {
     throw UsageError(path + ": a grayscale map of 32-bit floats (or 8-/16-bit integers) is needed");
   }
+  CheckFileHoldsPage(tiff.get(), path, width, height, bits);
   if (!map.Resize(0, 0, static_cast<int>(height), static_cast<int>(width)))
     throw UsageError(path + ": map too large");
   std::vector<std::byte> row(static_cast<std::size_t>(TIFFScanlineSize(tiff.get())));
@@ -397,9 +522,10 @@ void ReadFloatTiff(const std::string& path, Core::DataMatrix2D<double>& map) {
 
 void WriteTiffStack(const std::string& path, const Core::FrameBuffer& frames) {
   TiffHandle tiff = Open(path, "w");
+  const std::string shown = UserPath(path);
   const int bits = frames.GetElementRes() == Core::FrameBuffer::kRes8Bit ? 8 : 16;
   if (frames.GetElementRes() == Core::FrameBuffer::kRes32Bit)
-    throw UsageError(path + ": 32-bit stacks cannot be written");
+    throw UsageError(shown + ": 32-bit stacks cannot be written");
   const std::size_t rowBytes =
       static_cast<std::size_t>(frames.GetColumns()) * static_cast<std::size_t>(bits / 8);
   for (int slot = 0; slot < frames.GetFramesStored(); ++slot) {
@@ -418,10 +544,10 @@ void WriteTiffStack(const std::string& path, const Core::FrameBuffer& frames) {
       // libtiff takes a non-const buffer but only reads it.
       if (TIFFWriteScanline(tiff.get(), const_cast<std::byte*>(data + static_cast<std::size_t>(r) * rowBytes),
                             static_cast<std::uint32_t>(r), 0) < 0) {
-        throw UsageError(path + ": writing failed");
+        throw UsageError(shown + ": writing failed");
       }
     }
-    if (!TIFFWriteDirectory(tiff.get())) throw UsageError(path + ": writing failed");
+    if (!TIFFWriteDirectory(tiff.get())) throw UsageError(shown + ": writing failed");
   }
 }
 

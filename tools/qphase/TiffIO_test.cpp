@@ -100,12 +100,6 @@ TEST(TiffIOTest, FloatMapsCarryNaNForNoData) {
 }
 
 TEST(TiffIOTest, UnsuitableFilesAreNamedWithTheirProblem) {
-  ExpectUsageError([] { InspectTiffStack(TempPath("missing.tif")); }, "missing.tif: No such file");
-  const std::string text = TempPath("notes.tif");
-  std::ofstream(text) << "these are notes, not an image\n";
-  ExpectUsageError([&] { InspectTiffStack(text); }, "not a readable TIFF file");
-  std::remove(text.c_str());
-
   // Two pages of different sizes.
   const std::string mixed = TempPath("mixed.tif");
   TIFF* tiff = TIFFOpen(mixed.c_str(), "w");
@@ -138,23 +132,69 @@ TEST(TiffIOTest, UnsuitableFilesAreNamedWithTheirProblem) {
   TIFFClose(tiff);
   ExpectUsageError([&] { InspectTiffStack(colour); }, "3 samples per pixel");
   std::remove(colour.c_str());
+
+  // A few hundred bytes that declare three 40000 x 40000 pages (4.8 GB) of 100 stored bytes each,
+  // raw and compressed: refused before a frame buffer of that size is allocated.
+  for (const int compression : {COMPRESSION_NONE, COMPRESSION_ADOBE_DEFLATE}) {
+    const std::string huge = TempPath("huge.tif");
+    tiff = TIFFOpen(huge.c_str(), "w");
+    for (int page = 0; page < 3; ++page) {
+      TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, 40000u);
+      TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, 40000u);
+      TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
+      TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 1);
+      TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+      TIFFSetField(tiff, TIFFTAG_COMPRESSION, compression);
+      TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, 40000u);
+      std::uint8_t bytes[100] = {};
+      TIFFWriteRawStrip(tiff, 0, bytes, sizeof bytes);
+      TIFFWriteDirectory(tiff);
+    }
+    TIFFClose(tiff);
+    Core::FrameBuffer frames;
+    ExpectUsageError([&] { ReadTiffStack(huge, frames); }, "page 1 declares 40000 x 40000 8-bit pixels");
+    std::remove(huge.c_str());
+  }
 }
 
-TEST(MapPreviewTest, NoDataIsNeutralAndTheRampRunsFromDarkToBright) {
-  Core::DoubleMatrix2D map(10, 20);
-  for (int r = 0; r < 10; ++r) {
-    for (int c = 0; c < 20; ++c)
-      map(r, c) = c;
+// A full disk shows when the last buffered bytes are written: the writers must fail, not leave a
+// truncated file to be committed.
+TEST(TiffIOTest, WritersReportAFullDisk) {
+  if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
+  Core::DoubleMatrix2D map(8, 8);
+  map.SetAll(1.0);
+  ExpectUsageError([&] { WriteFloatTiff("/dev/full", map); }, "/dev/full: ");
+  ExpectUsageError([&] { WritePng("/dev/full", RgbImage(16, 16)); }, "/dev/full: writing the PNG failed");
+}
+
+// A map over 1024 pixels wide is shown one sample per block. Wrapped phase alternating between
+// +3 and -3 rad must keep those two colours: a block mean (0 rad) would paint a false stripe along
+// every wrap. A block whose centre has no data shows one of its valid pixels, not grey.
+TEST(MapPreviewTest, LargeMapsShowSamplesNotMeans) {
+  Core::DoubleMatrix2D map(2048, 2048);
+  for (int r = 0; r < 2048; ++r) {
+    for (int c = 0; c < 2048; ++c)
+      map(r, c) = c % 2 == 0 ? 3.0 : -3.0;
   }
-  map(5, 5) = Core::DoubleMatrix2D::NoData();
-  const RgbImage image = RenderPreview(map, PreviewStyle{"test", "nm"});
-  // The map starts at (12, 30); column 0 holds the minimum, column 19 the maximum.
-  EXPECT_EQ(image.Get(12 + 5, 30 + 5), kNoDataColour);
-  EXPECT_EQ(image.Get(12, 30), ColourAt(0.0));
-  EXPECT_EQ(image.Get(12 + 19, 30), ColourAt(1.0));
-  const Rgb dark = ColourAt(0.0), bright = ColourAt(1.0);
-  EXPECT_LT(dark.r + dark.g + dark.b, bright.r + bright.g + bright.b);
-  EXPECT_NE(kNoDataColour, ColourAt(0.5));
+  for (int r = 0; r < 2048; r += 2) {
+    for (int c = 0; c < 2048; c += 2)
+      map(r, c) = Core::DoubleMatrix2D::NoData();
+  }
+  map(100, 100) = map(100, 101) = map(101, 100) = map(101, 101) = Core::DoubleMatrix2D::NoData();
+  const double pi = 3.141592653589793;
+  const RgbImage image = RenderPreview(map, PreviewStyle{"phase", "rad", true, -pi, pi});
+  const Rgb plus = ColourAt((3.0 + pi) / (2 * pi)), minus = ColourAt((-3.0 + pi) / (2 * pi));
+  // The map starts at (12, 30) in the image.
+  for (int r = 0; r < 1024; ++r) {
+    for (int c = 0; c < 1024; ++c) {
+      const Rgb colour = image.Get(12 + c, 30 + r);
+      if (r == 50 && c == 50) {
+        ASSERT_EQ(colour, kNoDataColour) << "a block without data stays grey";
+      } else {
+        ASSERT_TRUE(colour == plus || colour == minus) << "preview pixel " << r << "," << c;
+      }
+    }
+  }
 }
 
 }  // namespace

@@ -1,15 +1,76 @@
 #include "CommonOptions.h"
 
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
 namespace Quarn::Qphase {
+
+namespace {
+
+std::string Plain(double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", value);
+  return text;
+}
+
+// The whole text as a finite number; false for anything else ("12abc", "", "nan").
+bool ParseNumber(const std::string& text, double& value) {
+  if (text.empty()) return false;
+  char* end = nullptr;
+  errno = 0;
+  value = std::strtod(text.c_str(), &end);
+  return end == text.c_str() + text.size() && errno == 0 && std::isfinite(value);
+}
+
+}  // namespace
+
+CLI::Validator WholeNumberFrom(long lo, long hi) {
+  const std::string needed = "a whole number from " + std::to_string(lo) + " to " + std::to_string(hi);
+  return CLI::Validator(
+      [lo, hi, needed](std::string& text) -> std::string {
+        double value = 0.0;
+        if (ParseNumber(text, value) && value == std::floor(value) && value >= static_cast<double>(lo) &&
+            value <= static_cast<double>(hi)) {
+          return "";
+        }
+        return "got " + text + "; " + needed + " is needed";
+      },
+      "INT in [" + std::to_string(lo) + " - " + std::to_string(hi) + "]");
+}
+
+CLI::Validator NumberFrom(double lo, double hi) {
+  const std::string needed = "a number from " + Plain(lo) + " to " + Plain(hi);
+  return CLI::Validator(
+      [lo, hi, needed](std::string& text) -> std::string {
+        double value = 0.0;
+        if (ParseNumber(text, value) && value >= lo && value <= hi) return "";
+        return "got " + text + "; " + needed + " is needed";
+      },
+      "NUMBER in [" + Plain(lo) + " - " + Plain(hi) + "]");
+}
+
+CLI::Validator NumberAbove(double bound) {
+  const std::string needed = "a number above " + Plain(bound);
+  return CLI::Validator(
+      [bound, needed](std::string& text) -> std::string {
+        double value = 0.0;
+        if (ParseNumber(text, value) && value > bound) return "";
+        return "got " + text + "; " + needed + " is needed";
+      },
+      "NUMBER > " + Plain(bound));
+}
 
 void AddMaxValueOption(CLI::App& app, int& maxValue) {
   app.add_option("--max-value", maxValue,
                  "Saturation level (default: the sample type's maximum, e.g. 4095 for a 12-bit camera)")
-      ->check(CLI::PositiveNumber);
+      ->check(WholeNumberFrom(1, 65535));
 }
 
 void AddThreadsOption(CLI::App& app, int& threads, const char* description) {
-  app.add_option("--threads", threads, description)->check(CLI::NonNegativeNumber);
+  app.add_option("--threads", threads, description)->check(WholeNumberFrom(0, 1024));
 }
 
 }  // namespace Quarn::Qphase

@@ -5,12 +5,20 @@
 
 namespace Quarn::Qphase {
 
-// --max-value N: the camera's saturation level when it is below the sample type's maximum (0 keeps
-// the type's maximum).
+// --max-value N: the camera's saturation level in counts, from 1 to 65535, for a camera that clips
+// below its sample type's maximum (a 12-bit camera in 16-bit pages: 4095). Without the option the
+// type's maximum is the saturation level.
 void AddMaxValueOption(CLI::App& app, int& maxValue);
 
-// --threads N: worker threads (-1 keeps the default, all processors).
+// --threads N: worker threads, from 0 (the calling thread only) to 1024; without the option all
+// processors work.
 void AddThreadsOption(CLI::App& app, int& threads,
                       const char* description = "Worker threads (0: the calling thread only; default: all)");
+
+// Checks whose refusals read as plain sentences, e.g. "--max-value: got 0; a whole number from 1 to
+// 65535 is needed", instead of the parser's own "Value 0 not in range 0.000000 to 1797693...".
+CLI::Validator WholeNumberFrom(long lo, long hi);
+CLI::Validator NumberFrom(double lo, double hi);
+CLI::Validator NumberAbove(double bound);
 
 }  // namespace Quarn::Qphase

@@ -12,6 +12,7 @@ struct DemoRow {
   int rows = 0;
   int cols = 0;
   double milliseconds = 0.0;
+  // NaN when no error can be formed; errorUnit then gives the reason in parentheses ("(no model)").
   double rmsError = 0.0;
   std::string errorUnit;
   double validFraction = 0.0;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -43,7 +44,11 @@ void PrintTable(const std::vector<DemoRow>& rows) {
     const std::string size = std::to_string(row.cols) + "x" + std::to_string(row.rows);
     const double megapixels = static_cast<double>(row.rows) * row.cols / 1e6;
     char error[32];
-    std::snprintf(error, sizeof error, "%.4g %s", row.rmsError, row.errorUnit.c_str());
+    if (std::isfinite(row.rmsError)) {
+      std::snprintf(error, sizeof error, "%.4g %s", row.rmsError, row.errorUnit.c_str());
+    } else {
+      std::snprintf(error, sizeof error, "n/a %s", row.errorUnit.c_str());
+    }
     std::printf("%-28s %11s %10.2f %9.1f %14s %7.1f%%  %s\n", row.algorithm.c_str(), size.c_str(),
                 row.milliseconds, row.milliseconds > 0 ? megapixels / (row.milliseconds / 1e3) : 0.0, error,
                 100.0 * row.validFraction, row.note.c_str());

@@ -2,9 +2,10 @@
 //
 // The scene: about ten fringes of tilt and defocus on an 8-bit camera (bias 110, amplitude 80
 // counts, Gaussian noise of 1.5 counts), a phase shifter that moves 3 % too far, a bright patch
-// where every frame clips at 255, and a dark rectangle whose fringes are modulated by only 16
-// counts (below the default 15 % of 255). Each algorithm sees the stack its kernel is designed for
-// and must return the surface phase everywhere except in the patch and the rectangle.
+// (bias 230) whose pixels clip at 255 in the frames near their fringe maximum, so that each of them
+// has a saturated sample, and a dark rectangle whose fringes are modulated by only 16 counts (below
+// the default 15 % of 255). Each algorithm sees the stack its kernel is designed for and must
+// return the surface phase everywhere except in the patch and the rectangle.
 #include <algorithm>
 #include <chrono>
 #include <cmath>

@@ -73,6 +73,13 @@ std::string ChooseAlgorithm(const std::string& requested, int frames, const std:
 }
 
 int RunPsi(const PsiOptions& options) {
+  // Outputs are named first, so that a clash between them is refused before any work is done.
+  OutputFiles outputs;
+  const std::string phasePath = outputs.Stage(options.phaseOut, "-o");
+  const std::string modulationPath =
+      options.modulationOut.empty() ? std::string() : outputs.Stage(options.modulationOut, "--modulation");
+  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut, "--png");
+
   Core::CTimer stage;
   Core::FrameBuffer frames;
   const TiffStackInfo info = ReadTiffStack(options.stack, frames);
@@ -127,10 +134,6 @@ int RunPsi(const PsiOptions& options) {
 
   // The files are independent: the modulation map and the preview are written on a second thread
   // while this one writes the phase.
-  OutputFiles outputs;
-  const std::string phasePath = outputs.Stage(options.phaseOut);
-  const std::string modulationPath = modulation ? outputs.Stage(options.modulationOut) : std::string();
-  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut);
   std::int64_t validPixels = 0;
   std::future<void> others = std::async(std::launch::async, [&] {
     validPixels = phase.CountValid();
@@ -174,7 +177,7 @@ std::function<int()> SetupPsi(CLI::App& app) {
       ->check(CLI::IsMember({"7", "13", "20", "sliding13"}));
   app.add_option("--min-modulation", options->minModulation,
                  "Pixels modulated less than this percentage of the saturation level get no data")
-      ->check(CLI::Range(0.0, 100.0))
+      ->check(NumberFrom(0.0, 100.0))
       ->capture_default_str();
   app.add_flag("--estimate-magnitude", options->estimateMagnitude,
                "Use |N| + |D| instead of sqrt(N^2 + D^2)");
@@ -184,7 +187,7 @@ std::function<int()> SetupPsi(CLI::App& app) {
   app.add_option("--frame-weights", options->frameWeights,
                  "Relative brightness of each frame, comma separated")
       ->delimiter(',')
-      ->check(CLI::PositiveNumber);
+      ->check(NumberAbove(0.0));
   AddMaxValueOption(app, options->maxValue);
   AddThreadsOption(app, options->threads);
   app.add_option("--png", options->pngOut, "Colour preview of the phase with a colour bar");

@@ -31,6 +31,7 @@ KpBoard::KpBoard(const KpBoard& other)
       fft(other.fft),
       trimRegions(other.trimRegions),
       trimWork(other.trimWork),
+      trimGrown(other.trimGrown),
       status(other.status),
       useFastPath(other.useFastPath) {
   Wire();
@@ -58,6 +59,7 @@ KpBoard& KpBoard::operator=(const KpBoard& other) {
   fft = other.fft;
   trimRegions = other.trimRegions;
   trimWork = other.trimWork;
+  trimGrown = other.trimGrown;
   status = other.status;
   useFastPath = other.useFastPath;
   Wire();

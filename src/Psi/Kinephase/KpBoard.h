@@ -43,6 +43,8 @@ class QUARN_PP_EXPORT KpBoard {
   int width = 0;
   int height = 0;
   int intensityRange = 255;
+  // The trim removes a one-pixel rim of valid phase around every no-data area (8-connected) of at
+  // least this many pixels and leaves smaller holes alone.
   int minRegionSizeToTrim = 10;
   double phaseScale = 1.0;
   double modulationThreshold = 0.0;
@@ -53,8 +55,11 @@ class QUARN_PP_EXPORT KpBoard {
   KpController controller;
   KpKernelSelector kernelSelector;
   Analysis::Core::Fft2D fft;
-  Analysis::Core::RegionIdMatrix2D trimRegions;
-  Analysis::Core::DataMatrix2D<std::uint8_t> trimWork;
+  Analysis::Core::RegionIdMatrix2D trimRegions;         // the no-data areas the trim grows
+  Analysis::Core::DataMatrix2D<std::uint8_t> trimWork;  // 1 on those areas
+  // trimWork grown by one pixel: the phase pixels the trim removes. Kept here so that the dilation
+  // of every frame reuses it.
+  Analysis::Core::DataMatrix2D<std::uint8_t> trimGrown;
   Analysis::Core::Status status;
   // The phase extraction runs four pixels at a time with a vector atan2 (within 2 ulp of libm's);
   // false selects the one-pixel-at-a-time reference.

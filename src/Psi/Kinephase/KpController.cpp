@@ -240,7 +240,9 @@ bool KpController::UpdateFilter() {
   }
   board.filter.SetAll(0.0);
   Rows(&KpController::CalculateFilter, board.height);
-  board.filterValid = true;
+  // An earlier failure still in the status leaves the filter marked stale, so the next run builds
+  // it again rather than trusting it.
+  board.filterValid = board.status.IsOk();
   return true;
 }
 
@@ -433,15 +435,16 @@ bool KpController::ApplyTrim(DoubleMatrix2D& phase) {
     CopyIfFailed(board.status, board.trimWork.GetStatus());
     return false;
   }
-  Rows(&KpController::MarkTrimRows, phase.GetRows());
-  timer.Done("trim: mask");
-  const Status dilated = Analysis::Core::IppiWrapper::Dilate3x3(board.trimWork, board.trimWork);
-  timer.Done("trim: dilation");
-  if (dilated.IsError()) {
-    board.status = dilated;
+  if (!board.trimGrown.Resize(phase.GetMatrixWindow())) {
+    CopyIfFailed(board.status, board.trimGrown.GetStatus());
     return false;
   }
+  Rows(&KpController::MarkTrimRows, phase.GetRows());
+  timer.Done("trim: mask");
+  // Each band of rows is grown and applied by one worker; the dilation reads trimWork on either
+  // side of the band, which the previous pass has finished.
   Rows(&KpController::ApplyTrimRows, &phase, phase.GetRows());
+  timer.Done("trim: dilation and removal");
   return true;
 }
 
@@ -457,10 +460,11 @@ void KpController::MarkTrimRows(int first, int end) {
 
 void KpController::ApplyTrimRows(void* data, int /*thread*/, int first, int end) {
   DoubleMatrix2D& phase = *static_cast<DoubleMatrix2D*>(data);
+  Analysis::Core::IppiWrapper::Dilate3x3Rows(board_->trimWork, board_->trimGrown, first, end);
   const int columns = phase.GetColumns();
   const double noData = DoubleMatrix2D::NoData();
   for (int r = first; r < end; ++r) {
-    const std::uint8_t* work = board_->trimWork.Row(r);
+    const std::uint8_t* work = board_->trimGrown.Row(r);
     double* values = phase.Row(r);
     for (int c = 0; c < columns; ++c) {
       if (work[c] != 0) values[c] = noData;

@@ -327,6 +327,9 @@ TEST(KpControllerWiringTest, WidthThenHeight) {
   board.controller.Prepare(Window2D(0, 0, 10, 12));
   EXPECT_EQ(board.width, 12);
   EXPECT_EQ(board.fft.GetRows(), 10);
+  EXPECT_FALSE(board.filterValid) << "built while the status still held the height failure";
+  board.status.ClearError();
+  board.controller.Prepare(Window2D(0, 0, 10, 12));
   EXPECT_TRUE(board.filterValid);
 
   // Clear restores the parameters and keeps the size; a copy is wired to itself.

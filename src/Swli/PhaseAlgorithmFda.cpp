@@ -100,7 +100,7 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
   double* input = state.transform.Input();
   if (!input || state.transform.GetSize() != q) return RemoveFringes(thread, pixel, peakFrame);
   const bool whole = numberFrames_ == q;
-  if (!whole && (peakFrame < h || peakFrame + h >= numberFrames_))
+  if (!whole && (peakFrame < h || peakFrame >= numberFrames_ - h))
     return RemoveFringes(thread, pixel, peakFrame);
 
   for (int k = 0; k < q; ++k)

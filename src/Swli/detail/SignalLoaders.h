@@ -1,7 +1,9 @@
 #pragma once
 
 #include <algorithm>
+#include <climits>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
@@ -78,11 +80,20 @@ int EstimatePeak(const Samples& s, int stored, int peak) {
   return found;
 }
 
+// The peak frame p of a reversed scan mirrored to F - p. Peaks are the host's data and may lie
+// anywhere (2147483640 marks an unknown one); the mirror of a peak far outside the scan saturates at
+// the int range instead of overflowing, so it stays outside the scan.
+inline int MirroredPeak(int scanned, int peak) {
+  return static_cast<int>(std::clamp<std::int64_t>(std::int64_t{scanned} - peak, INT_MIN, INT_MAX));
+}
+
 // Each loader writes the pixel's signal into `out` in scan order and returns the peak frame the
 // algorithm is to use. They are chosen once per range of pixels.
 
 // Each loader also tells which slots [lo, hi) a pixel with a given incoming peak reads (widening the
 // range it is handed), so that the fast path copies no more of a block than its pixels use.
+//
+// Range tests are written as peak < F - h rather than peak + h < F: the peak may be near INT_MAX.
 
 // Forward, whole scan, no window: the S samples as stored.
 struct ForwardWhole {
@@ -109,7 +120,7 @@ struct ForwardWindowed {
     if (peak <= 0) {  // the peak is estimated from every sample
       lo = 0;
       hi = g.stored;
-    } else if (h <= peak && peak + h < g.scanned) {
+    } else if (h <= peak && peak < g.scanned - h) {
       lo = std::min(lo, peak - h);
       hi = std::max(hi, peak + h);
     } else if (peak < h) {
@@ -124,7 +135,7 @@ struct ForwardWindowed {
   int operator()(const Samples& s, double* out, int peak) const {
     const int h = g.q / 2;
     peak = EstimatePeak(s, g.stored, peak);
-    if (h <= peak && peak + h < g.scanned) {
+    if (h <= peak && peak < g.scanned - h) {
       const int first = peak - h;
       for (int k = 0; k < g.q; ++k)
         out[k] = s(first + k);
@@ -177,7 +188,7 @@ struct ReversedWhole {
   int operator()(const Samples& s, double* out, int peak) const {
     for (int k = 0; k < g.stored; ++k)
       out[k] = s(g.scanned - 1 - k);
-    return g.scanned - peak;
+    return MirroredPeak(g.scanned, peak);
   }
 };
 
@@ -192,7 +203,7 @@ struct ReversedWindowed {
     } else if (peak < h) {
       lo = std::min(lo, g.scanned - g.q);
       hi = g.stored;
-    } else if (peak + h >= g.scanned) {
+    } else if (peak >= g.scanned - h) {
       lo = 0;
       hi = std::max(hi, g.q);
     } else {
@@ -207,14 +218,14 @@ struct ReversedWindowed {
     if (peak < h) {
       for (int k = 0; k < g.q; ++k)
         out[k] = s(g.scanned - 1 - k);
-    } else if (peak + h >= g.scanned) {
+    } else if (peak >= g.scanned - h) {
       for (int j = g.stored - g.q; j < g.stored; ++j)
         out[j - (g.stored - g.q)] = s(g.scanned - 1 - j);
     } else {
       for (int k = 0; k < g.q; ++k)
         out[k] = s(peak + h - k);
     }
-    return g.scanned - peak;
+    return MirroredPeak(g.scanned, peak);
   }
 };
 
@@ -236,7 +247,7 @@ struct ReversedRing {
       for (int k = 0; k < g.stored; ++k)
         out[k] = s(g.stored - 1 - k);
     }
-    return g.scanned - peak;
+    return MirroredPeak(g.scanned, peak);
   }
 };
 

@@ -1,7 +1,7 @@
 // The gain estimate on a 2048 x 2048, 8-bit stack: the 7-sample estimate on 7 frames and the
 // sinusoidal one on 20 frames. Megapixels per second and the effective bandwidth (frame bytes read
-// per second) as a ratio of memcpy's bandwidth over the same number of bytes, measured in the same
-// run. Arguments: frames (7 or 20), threads (0 = the calling thread only).
+// per second) as a ratio of memcpy's bandwidth over the same number of bytes with as many threads,
+// measured in the same run. Arguments: frames (7 or 20), threads (0 = the calling thread only).
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -67,7 +67,8 @@ void BM_GainCorrectionCalculator(benchmark::State& state) {
   state.counters["MPix_per_s"] = pixels / perRun / 1e6;
   state.counters["GB_per_s"] = bytes / perRun / 1e9;
   state.counters["ratio_to_memcpy"] =
-      (bytes / perRun) / Quarn::Testing::MemcpyBytesPerSecond(static_cast<std::size_t>(bytes));
+      (bytes / perRun) /
+      Quarn::Testing::MemcpyBytesPerSecond(static_cast<std::size_t>(bytes), threads > 0 ? threads : 1);
 }
 
 const int kAllThreads = Threading::CpuCounter::Instance().GetNumberOfProcessors();

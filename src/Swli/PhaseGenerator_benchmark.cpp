@@ -1,7 +1,7 @@
 // The white-light generator with the centroid and the FDA on a 512 x 512 pixel, 256-frame, 8-bit
 // scan: megapixels per second, on one thread and on all, with two ratios measured in the same run:
-// - ratio_to_memcpy: the time memcpy takes to copy the scan's 64 MiB divided by the evaluation's
-//   time (1 would mean the evaluation costs no more than reading the scan once);
+// - ratio_to_memcpy: the time memcpy takes to copy the scan's 64 MiB on as many threads divided by
+//   the evaluation's time (1 would mean the evaluation costs no more than reading the scan once);
 // - ratio_to_fftw (FDA only): the time FFTW alone takes for the same number of 64-point real
 //   transforms (one per pixel, on as many threads, same planning mode) divided by the evaluation's
 //   time: the share of the FDA that the transforms themselves set.
@@ -141,11 +141,13 @@ void BM_SwliGenerator(benchmark::State& state) {
   const double pixels = static_cast<double>(kSize) * kSize;
   const double perRun = seconds / static_cast<double>(state.iterations());
   const double scanBytes = pixels * kFrames;
-  state.counters["threads"] = threads > 0 ? generator.GetMaxNumThreads() : 1;
+  const int workers = threads > 0 ? generator.GetMaxNumThreads() : 1;
+  state.counters["threads"] = workers;
   state.counters["MPix_per_s"] = pixels / perRun / 1e6;
   state.counters["valid_pct"] = 100.0 * static_cast<double>(surface.CountValid()) / pixels;
   state.counters["ratio_to_memcpy"] =
-      (scanBytes / Quarn::Testing::MemcpyBytesPerSecond(static_cast<std::size_t>(scanBytes))) / perRun;
+      (scanBytes / Quarn::Testing::MemcpyBytesPerSecond(static_cast<std::size_t>(scanBytes), workers)) /
+      perRun;
   if (fda) {
     FftOnly fft(threads > 0 ? generator.GetMaxNumThreads() : 1);
     double best = 1e300;

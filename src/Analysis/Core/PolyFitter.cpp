@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
 #include <vector>
 
 namespace Quarn::Metrology::Analysis::Core {
@@ -11,30 +12,7 @@ namespace Quarn::Metrology::Analysis::Core {
 namespace {
 
 constexpr const char* kSource = "analysis\\core\\PolyFitter";
-
-// The monomials in scaled coordinates (u, v): 1, u, v, u^2, u v, v^2 and the power term u^2 + v^2.
-// The first six are the `PolyTerm`s; the power term is reported for both squares.
-constexpr int kConstant = 0, kX = 1, kY = 2, kXX = 3, kXY = 4, kYY = 5, kPowerTerm = 6;
-constexpr int kMonomials = 7;
-constexpr int kOrder[kMonomials] = {0, 1, 1, 2, 2, 2, 2};
-
-// The monomials of a surface type; empty for an unknown type.
-std::vector<int> BasisOf(int surfaceType) {
-  switch (surfaceType) {
-    case PolyFitter::kPiston:
-      return {kConstant};
-    case PolyFitter::kPlane:
-      return {kConstant, kX, kY};
-    case PolyFitter::kPower:
-      return {kConstant, kX, kY, kPowerTerm};
-    case PolyFitter::kCrossTerm:
-      return {kConstant, kX, kY, kXY};
-    case PolyFitter::kQuadratic:
-      return {kConstant, kX, kY, kXX, kXY, kYY};
-    default:
-      return {};
-  }
-}
+constexpr int kOrder[4] = {0, 1, 1, 2};  // of the terms 1, x, y, x y
 
 }  // namespace
 
@@ -44,7 +22,6 @@ PolyFitter::PolyFitter(const PolyFitter& other)
     : surfaceType_(other.surfaceType_),
       xRef_(other.xRef_),
       yRef_(other.yRef_),
-      yAxisUp_(other.yAxisUp_),
       allowMultiThreads_(other.allowMultiThreads_),
       result_(other.result_),
       dispatcher_(other.dispatcher_),
@@ -57,7 +34,6 @@ PolyFitter& PolyFitter::operator=(const PolyFitter& other) {
   surfaceType_ = other.surfaceType_;
   xRef_ = other.xRef_;
   yRef_ = other.yRef_;
-  yAxisUp_ = other.yAxisUp_;
   allowMultiThreads_ = other.allowMultiThreads_;
   result_ = other.result_;
   dispatcher_ = other.dispatcher_;
@@ -69,19 +45,15 @@ PolyFitter& PolyFitter::operator=(const PolyFitter& other) {
 PolyFitter::~PolyFitter() = default;
 
 bool PolyFitter::FitMatrix(const DoubleWindow2D& map) {
-  const std::vector<int> basis = BasisOf(surfaceType_);
-  if (basis.empty()) {
+  if (surfaceType_ != kCrossTerm) {
     status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
                      "Unknown surface type " + std::to_string(surfaceType_));
     return false;
   }
-  termCount_ = static_cast<int>(basis.size());
-  std::copy(basis.begin(), basis.end(), basis_.begin());
   map_ = &map;
   window_ = map.GetWindow();
   result_ = PolyFitResult{};
   result_.surfaceType = surfaceType_;
-  result_.ySignFlag = yAxisUp_ ? 1 : 0;
 
   // Coordinates are divided by the largest distance of the window from the reference point, so the
   // normal matrix holds numbers of about one whatever the map size.
@@ -106,45 +78,32 @@ bool PolyFitter::FitMatrix(const DoubleWindow2D& map) {
   }
   blocks_ = nullptr;
 
-  Eigen::MatrixXd normal = Eigen::MatrixXd::Zero(termCount_, termCount_);
-  Eigen::VectorXd rhs = Eigen::VectorXd::Zero(termCount_);
+  Eigen::Matrix4d normal = Eigen::Matrix4d::Zero();
+  Eigen::Vector4d rhs = Eigen::Vector4d::Zero();
   for (const BlockSums& block : blocks) {
-    for (int i = 0; i < termCount_; ++i) {
-      for (int j = i; j < termCount_; ++j)
-        normal(i, j) += block.normal[static_cast<std::size_t>(i * kMaxTerms + j)];
+    for (int i = 0; i < kTerms; ++i) {
+      for (int j = i; j < kTerms; ++j)
+        normal(i, j) += block.normal[static_cast<std::size_t>(i * kTerms + j)];
       rhs(i) += block.rhs[static_cast<std::size_t>(i)];
     }
     result_.pointCount += block.count;
   }
-  for (int i = 0; i < termCount_; ++i) {
+  for (int i = 0; i < kTerms; ++i) {
     for (int j = 0; j < i; ++j)
       normal(i, j) = normal(j, i);
   }
-  const Eigen::ColPivHouseholderQR<Eigen::MatrixXd> qr(normal);
-  if (result_.pointCount < termCount_ || qr.rank() < termCount_) {
+  const Eigen::ColPivHouseholderQR<Eigen::Matrix4d> qr(normal);
+  const Eigen::Vector4d solution = qr.solve(rhs);
+  if (result_.pointCount < kTerms || qr.rank() < kTerms || !solution.allFinite()) {
     status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "Solving the equation system failed");
     return false;
   }
-  const Eigen::VectorXd solution = qr.solve(rhs);
-  if (!solution.allFinite()) {
-    status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "Solving the equation system failed");
-    return false;
-  }
-  for (int t = 0; t < termCount_; ++t) {
-    const int monomial = basis_[static_cast<std::size_t>(t)];
-    const double value = solution(t) / std::pow(scale_, kOrder[monomial]);
-    if (monomial == kPowerTerm) {
-      result_.coefficients[kXX] = value;
-      result_.coefficients[kYY] = value;
-    } else {
-      result_.coefficients[static_cast<std::size_t>(monomial)] = value;
-    }
-  }
+  for (int t = 0; t < kTerms; ++t)
+    result_.coefficients[static_cast<std::size_t>(t)] = solution(t) / std::pow(scale_, kOrder[t]);
   return true;
 }
 
 void PolyFitter::SumBlocks(int first, int end) {
-  const double ySign = yAxisUp_ ? -1.0 : 1.0;
   const double inverseScale = 1.0 / scale_;
   const int colStart = window_.GetStartCol();
   const int cols = window_.GetCols();
@@ -154,18 +113,15 @@ void PolyFitter::SumBlocks(int first, int end) {
     const int rowEnd = std::min(rowBegin + kRowsPerBlock, window_.GetEndRow());
     for (int row = rowBegin; row < rowEnd; ++row) {
       const double* values = map_->Row(row - map_->GetStartRow()) + (colStart - map_->GetStartCol());
-      const double v = ySign * (row - yRef_) * inverseScale;
+      const double v = (row - yRef_) * inverseScale;
       for (int c = 0; c < cols; ++c) {
         const double z = values[c];
         if (!DoubleWindow2D::IsDataValid(z)) continue;
         const double u = (colStart + c - xRef_) * inverseScale;
-        const double monomials[kMonomials] = {1.0, u, v, u * u, u * v, v * v, u * u + v * v};
-        double f[kMaxTerms];
-        for (int t = 0; t < termCount_; ++t)
-          f[t] = monomials[basis_[static_cast<std::size_t>(t)]];
-        for (int i = 0; i < termCount_; ++i) {
-          for (int j = i; j < termCount_; ++j)
-            sums.normal[static_cast<std::size_t>(i * kMaxTerms + j)] += f[i] * f[j];
+        const double f[kTerms] = {1.0, u, v, u * v};
+        for (int i = 0; i < kTerms; ++i) {
+          for (int j = i; j < kTerms; ++j)
+            sums.normal[static_cast<std::size_t>(i * kTerms + j)] += f[i] * f[j];
           sums.rhs[static_cast<std::size_t>(i)] += f[i] * z;
         }
         ++sums.count;

@@ -10,20 +10,19 @@
 
 namespace Quarn::Metrology::Analysis::Core {
 
-// The monomials a fitted surface is made of, in the order of `PolyFitResult::coefficients`.
-enum class PolyTerm : int { kConstant = 0, kX = 1, kY = 2, kXX = 3, kXY = 4, kYY = 5 };
+// The terms of the fitted surface, in the order of `PolyFitResult::coefficients`.
+enum class PolyTerm : int { kConstant = 0, kX = 1, kY = 2, kXY = 3 };
 
 // PolyFitResult
 //
-// The outcome of the last fit: the coefficient of every monomial (0 for those the surface type
-// leaves out), in the map's value unit per pixel to the power of the term's order, about the
-// reference point; the number of pixels fitted; and the y-axis sign flag: 0 when y grew with the
-// rows (image coordinates), 1 when the fit was made with y growing upwards (`SetYAxisUp`), in which
-// case the coefficients of the terms odd in y (y and x y) are those of the upward axis and a caller
-// who wants them in image coordinates negates them.
+// The outcome of the last fit: the coefficient of every term, in the map's value unit per pixel to
+// the power of the term's order, about the reference point; the number of pixels fitted; and the
+// y-axis sign flag, which a fitter sets (non-zero) when y grew upwards, so that a caller negates
+// the terms odd in y to have them in image coordinates. This fitter counts y with the rows and
+// always reports 0.
 struct PolyFitResult {
   int surfaceType = 0;
-  std::array<double, 6> coefficients{};
+  std::array<double, 4> coefficients{};
   std::int64_t pointCount = 0;
   int ySignFlag = 0;
 
@@ -32,15 +31,10 @@ struct PolyFitResult {
 
 // PolyFitter
 //
-// Least-squares fit of a low-order polynomial surface z = sum c_t x^a y^b to the valid pixels of a
-// map (no-data pixels are left out), in pixel units about a reference point:
-//   x = column - xRef,  y = row - yRef    (camera coordinates, rows growing downwards),
-// or y = yRef - row with `SetYAxisUp(true)`. Surface types (`SetFitType`, the codes hosts store):
-//   1  piston       1
-//   2  plane        1, x, y
-//   3  power        1, x, y, x^2 + y^2 (one coefficient, reported for both x^2 and y^2)
-//   6  cross term   1, x, y, x y       (astigmatism at 45 degrees with the piston and tilt it needs)
-//   7  quadratic    1, x, y, x^2, x y, y^2
+// Least-squares fit of the surface z = c0 + cx x + cy y + cxy x y (surface type 6, astigmatism at
+// 45 degrees with the piston and tilt it needs) to the valid pixels of a map (no-data pixels are
+// left out), in pixel units about a reference point:
+//   x = column - xRef,  y = row - yRef    (camera coordinates, rows growing downwards).
 //
 //   PolyFitter fitter;
 //   fitter.SetFitType(PolyFitter::kCrossTerm);
@@ -50,11 +44,11 @@ struct PolyFitResult {
 // The normal equations are summed over blocks of rows (on the worker threads when allowed) and the
 // block sums added in row order, so the result does not depend on the number of threads; they are
 // solved by a rank-revealing QR decomposition in coordinates scaled to about 1. Failures: code 20
-// for an unknown surface type, code 6 "Solving the equation system failed" when the valid pixels
-// do not determine the surface (too few, or all on one line for a surface with x y).
+// for another surface type, code 6 "Solving the equation system failed" when the valid pixels do
+// not determine the surface (fewer than four, or all on one row or column).
 class QUARN_CORE_EXPORT PolyFitter {
  public:
-  enum SurfaceType : int { kPiston = 1, kPlane = 2, kPower = 3, kCrossTerm = 6, kQuadratic = 7 };
+  enum SurfaceType : int { kCrossTerm = 6 };
 
   PolyFitter();
   PolyFitter(const PolyFitter& other);
@@ -69,8 +63,6 @@ class QUARN_CORE_EXPORT PolyFitter {
   }
   double GetReferenceX() const { return xRef_; }
   double GetReferenceY() const { return yRef_; }
-  void SetYAxisUp(bool up) { yAxisUp_ = up; }
-  bool GetYAxisUp() const { return yAxisUp_; }
 
   // Fits the valid pixels of the map's current window; false (status set) on failure.
   bool FitMatrix(const DoubleWindow2D& map);
@@ -85,12 +77,12 @@ class QUARN_CORE_EXPORT PolyFitter {
   const Status& GetStatus() const { return status_; }
 
  private:
-  static constexpr int kMaxTerms = 6;
+  static constexpr int kTerms = 4;
   static constexpr int kRowsPerBlock = 32;
   // Upper triangle of the normal matrix, the right-hand side and the count of one block of rows.
   struct BlockSums {
-    std::array<double, kMaxTerms * kMaxTerms> normal{};
-    std::array<double, kMaxTerms> rhs{};
+    std::array<double, kTerms * kTerms> normal{};
+    std::array<double, kTerms> rhs{};
     std::int64_t count = 0;
   };
 
@@ -99,15 +91,12 @@ class QUARN_CORE_EXPORT PolyFitter {
   int surfaceType_ = kCrossTerm;
   double xRef_ = 0.0;
   double yRef_ = 0.0;
-  bool yAxisUp_ = false;
   bool allowMultiThreads_ = true;
   PolyFitResult result_;
   // State of the fit in progress, read by the work function.
   const DoubleWindow2D* map_ = nullptr;
   Window2D window_;
   double scale_ = 1.0;
-  std::array<int, kMaxTerms> basis_{};  // which monomials (see PolyFitter.cpp) the surface type uses
-  int termCount_ = 0;
   BlockSums* blocks_ = nullptr;
   Threading::ThreadDispatcher<PolyFitter> dispatcher_;
   Status status_;

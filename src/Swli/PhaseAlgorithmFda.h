@@ -28,11 +28,20 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 // fringe wavenumber k0. A pixel needs at least three unwrapped bins, with some on each side of the
 // strongest one; otherwise it gets no height.
 //
+// Each pixel's k0 is rounded to a multiple of 2^-20 bin before it joins its thread's sum. Sums of
+// such values are exact in double precision (up to some 10^8 pixels), so K0, and with it every
+// height, is the same however the pixels were shared among threads; with unrounded values the
+// grouping of the additions, which follows the split, would change K0's last bits. The rounding, a
+// millionth of a bin, is far below any pixel's own uncertainty.
+//
 // After all pixels (PostProcess), with K0 the mean k0 over the field, L = q x step and c = L / 2 pi:
 // - the equivalent wavelength lambda = L / K0 (half the mean optical wavelength);
 // - coherence height = z_c + c x slope (from the envelope position, unambiguous);
 // - phase height = z_c + (K0 slope + intercept) c / K0, moved by whole lambda to within lambda/2 of
-//   the coherence height;
+//   the coherence height (z_c here is the peak frame handed in; for a whole scan of exactly q
+//   frames the coherence height takes the scan's centre, and the loader hands in that centre for a
+//   peak in the first half of the scan but frame q/2 - 1 for one in the second half, whose phase
+//   heights thus read one scan step low);
 // - the fringe-order analysis (see PhaseAlgorithmHigh2G) joins them into the surface, reporting the
 //   field's average gap between the two.
 // Heights are nanometres along the scan with frame f at f x step. The noise of the result is that of

@@ -18,6 +18,13 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 //
 // The interface has no data and deliberately no virtual destructor: converters are owned by
 // value by whoever selects them, never deleted through this interface.
+//
+// The four converters of this library are final. Where their `Convert` multiplies by
+// `GetPhaseSign()` (all but `Convert20`), the compiler then folds the sign into a constant; opened for
+// subclassing, the call costs a type test per pixel (about 0.5 ns, 1 to 3 % of the generator's plain
+// per-pixel path). The converter generator also recognises them by type to run its block kernels,
+// which would skip an overridden `Convert`. A host that needs another sign or other weights
+// implements `Converter` itself.
 class Converter {
  public:
   virtual void Initialize(int numberOfFrames) = 0;

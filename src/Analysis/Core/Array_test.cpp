@@ -46,41 +46,24 @@ TEST(ArrayTest, ZeroReplacesStorageAndNegativeKeepsIt) {
   EXPECT_EQ(a.Data(), storage);
 }
 
-TEST(ArrayTest, AddInsertAndEraseShiftTheTail) {
+// Growth frees the storage that an element of the array lives in, and an insert shifts it: an
+// element of the array itself must be copied first. It is longer than a small-string buffer, so that
+// reading it from freed memory is noticed.
+TEST(ArrayTest, AddInsertAndEraseShiftTheTailEvenForItsOwnElements) {
+  const std::string L(100, 'L');
   Array<std::string> a;
-  ASSERT_TRUE(a.Add("b", "d"));
-  ASSERT_TRUE(a.Insert(0, "a"));
-  ASSERT_TRUE(a.Insert(2, "c"));
-  ASSERT_TRUE(a.Insert(4, "e"));
-  ASSERT_EQ(a.Size(), 5);
-  std::string joined;
-  for (const std::string& s : a)
-    joined += s;
-  EXPECT_EQ(joined, "abcde");
-  ASSERT_TRUE(a.Erase(1));
-  ASSERT_TRUE(a.Erase(3));
-  joined.clear();
-  for (const std::string& s : a)
-    joined += s;
-  EXPECT_EQ(joined, "acd");
-  EXPECT_FALSE(a.Erase(3));
-  EXPECT_EQ(a.GetStatus().GetCode(), StatusCode::kArgumentOutOfRange);
-}
-
-// An element of the array itself may be added or inserted: growth frees the storage it lives in and
-// an insert shifts it, so it has to be copied first.
-TEST(ArrayTest, AddingItsOwnElementsSurvivesGrowthAndShift) {
-  const std::string text(100, 'L');  // longer than a small-string buffer: a freed copy is noticed
-  Array<std::string> a;
-  ASSERT_TRUE(a.Resize(2));
-  a[0] = text;
-  a[1] = "b";
-  ASSERT_TRUE(a.Add(a[0]));        // grows 2 -> 4
-  ASSERT_TRUE(a.Add(a[1], a[0]));  // the second element grows 4 -> 8
+  ASSERT_TRUE(a.Add("b", L));      // capacity 2
+  ASSERT_TRUE(a.Add(a[1]));        // grows 2 -> 4
+  ASSERT_TRUE(a.Add(a[0], a[1]));  // the second element grows 4 -> 8
   ASSERT_TRUE(a.Insert(0, a[1]));  // no growth; the shift moves a[1] before it is read
-  const std::vector<std::string> expected = {"b", text, "b", text, "b", text};
+  ASSERT_TRUE(a.Insert(6, "e"));
+  ASSERT_TRUE(a.Erase(2));
+  const std::vector<std::string> expected = {L, "b", L, "b", L, "e"};
   ASSERT_EQ(a.Size(), 6);
   EXPECT_TRUE(std::equal(a.begin(), a.end(), expected.begin()));
+  EXPECT_FALSE(a.Erase(6));
+  EXPECT_EQ(a.GetStatus().GetCode(), StatusCode::kArgumentOutOfRange);
+  EXPECT_FALSE(a.Insert(8, "x"));
 }
 
 TEST(ArrayTest, CopiesAreDeepAndResizeNoCopyDropsOldElements) {

@@ -91,12 +91,6 @@ TEST(FrameBufferTest, BadAllocationsAreStatusesNotCrashes) {
   EXPECT_EQ(frames.GetFrameData(0), nullptr);
 }
 
-}  // namespace
-}  // namespace Quarn::Metrology::Analysis::Core
-
-namespace Quarn::Metrology::Analysis::Core {
-namespace {
-
 TEST(FrameBufferTest, AdoptedFramesAreReadInPlaceInAnySlotOrder) {
   // Three 2 x 2 frames of 16-bit samples in host memory, lent in reverse order.
   auto host = std::make_shared<std::vector<std::uint16_t>>(

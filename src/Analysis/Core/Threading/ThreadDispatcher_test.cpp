@@ -6,6 +6,7 @@
 #include <set>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -13,27 +14,27 @@
 namespace Quarn::Metrology::Analysis::Core::Threading {
 namespace {
 
+using Chunks = std::vector<std::pair<int, int>>;
+
 // A work object that records which chunk each worker got and writes f(i) for its elements.
 class Recorder {
  public:
-  explicit Recorder(int size)
-      : values(static_cast<std::size_t>(size), 0.0), chunks(64, {-1, -1}), threads(64) {}
+  explicit Recorder(int size) : values(size, 0.0), chunks(64, {-1, -1}), threads(64) {}
 
+  static double F(int i) { return std::sqrt(static_cast<double>(i)) * 3.0; }
   void Fill(int thread, int first, int end) {
-    chunks[static_cast<std::size_t>(thread)] = {first, end};
-    threads[static_cast<std::size_t>(thread)] = std::this_thread::get_id();
+    chunks[thread] = {first, end};
+    threads[thread] = std::this_thread::get_id();
     for (int i = first; i < end; ++i)
-      values[static_cast<std::size_t>(i)] = std::sqrt(static_cast<double>(i)) * 3.0;
+      values[i] = F(i);
   }
   void FillRange(int first, int end) {
     for (int i = first; i < end; ++i)
-      values[static_cast<std::size_t>(i)] = 1.0;
+      values[i] = F(i);
   }
-  void FillWithData(void* data, int thread, int first, int end) {
-    const double scale = *static_cast<double*>(data);
-    Fill(thread, first, end);
+  void FillWithData(void* data, int /*thread*/, int first, int end) {
     for (int i = first; i < end; ++i)
-      values[static_cast<std::size_t>(i)] *= scale;
+      values[i] = F(i) * *static_cast<double*>(data);
   }
   // Chunks of odd workers fail through their delegate status; the others succeed.
   void FailOdd(int thread, int first, int end) {
@@ -53,29 +54,34 @@ class Recorder {
     }
     Fill(thread, first, end);
   }
+  Chunks FirstChunks(int n) const { return Chunks(chunks.begin(), chunks.begin() + n); }
 
   std::vector<double> values;
-  std::vector<std::pair<int, int>> chunks;
+  Chunks chunks;
   std::vector<std::thread::id> threads;
   ThreadDispatcher<Recorder>* dispatcher = nullptr;
   std::atomic<int> arrived{0};
   int expectedConcurrent = 0;
 };
 
-TEST(ThreadDispatcherTest, ChunksAreContiguousAndDifferByAtMostOne) {
+TEST(ThreadDispatcherTest, ChunksAreContiguousAndEmptyRangesRunNothing) {
   ThreadPool pool(4);
   Recorder recorder(110);
   ThreadDispatcher<Recorder> dispatcher(&recorder, &pool, 4);
   dispatcher.SetNumberOfWorkers(4);
   dispatcher.Invoke(&Recorder::Fill, 0, 10);
-  const std::vector<std::pair<int, int>> expected = {{0, 2}, {2, 5}, {5, 7}, {7, 10}};
-  for (int i = 0; i < 4; ++i)
-    EXPECT_EQ(recorder.chunks[static_cast<std::size_t>(i)], expected[static_cast<std::size_t>(i)])
-        << "worker " << i;
-
-  // An offset range splits the same way.
+  EXPECT_EQ(recorder.FirstChunks(4), (Chunks{{0, 2}, {2, 5}, {5, 7}, {7, 10}}));
   dispatcher.Invoke(&Recorder::Fill, 100, 110);
-  EXPECT_EQ(recorder.chunks[1], std::make_pair(102, 105));
+  EXPECT_EQ(recorder.FirstChunks(4), (Chunks{{100, 102}, {102, 105}, {105, 107}, {107, 110}}));
+
+  recorder.chunks.assign(64, {-1, -1});
+  for (const auto& [first, end] : Chunks{{5, 5}, {5, 2}}) {
+    dispatcher.Invoke(&Recorder::Fill, first, end);
+    EXPECT_EQ(dispatcher.GetStatus().GetCode(), StatusCode::kNotSet) << first << ".." << end;
+    EXPECT_EQ(dispatcher.GetStatus().GetFile(), "Analysis\\Core/Threading/ThreadDispatcher");
+  }
+  EXPECT_EQ(recorder.chunks[0], std::make_pair(-1, -1));
+  EXPECT_EQ(dispatcher.GetNumberOfWorkers(), 4) << "a rejected range does not lower the worker count";
 }
 
 TEST(ThreadDispatcherTest, ShortRangeLowersTheWorkerCountForLaterCalls) {
@@ -83,38 +89,20 @@ TEST(ThreadDispatcherTest, ShortRangeLowersTheWorkerCountForLaterCalls) {
   Recorder recorder(100);
   ThreadDispatcher<Recorder> dispatcher(&recorder, &pool, 8);
   dispatcher.SetNumberOfWorkers(8);
-  EXPECT_EQ(dispatcher.GetNumberOfWorkers(), 8);
   dispatcher.Invoke(&Recorder::Fill, 0, 3);
   EXPECT_EQ(dispatcher.GetNumberOfWorkers(), 3);
-  for (int i = 0; i < 3; ++i)
-    EXPECT_EQ(recorder.chunks[static_cast<std::size_t>(i)], std::make_pair(i, i + 1));
+  EXPECT_EQ(recorder.FirstChunks(3), (Chunks{{0, 1}, {1, 2}, {2, 3}}));
   recorder.chunks.assign(64, {-1, -1});
   dispatcher.Invoke(&Recorder::Fill, 0, 100);
-  EXPECT_EQ(recorder.chunks[3], std::make_pair(-1, -1)) << "the lowered count persists";
-  EXPECT_EQ(recorder.chunks[2], std::make_pair(66, 100));
+  EXPECT_EQ(recorder.FirstChunks(4), (Chunks{{0, 33}, {33, 66}, {66, 100}, {-1, -1}}))
+      << "the lowered count persists";
 
-  dispatcher.SetNumberOfWorkers(0);
-  EXPECT_EQ(dispatcher.GetNumberOfWorkers(), 1);
-  dispatcher.SetNumberOfWorkers(-5);
-  EXPECT_EQ(dispatcher.GetNumberOfWorkers(), 1);
-  dispatcher.SetNumberOfWorkers(100);
-  EXPECT_EQ(dispatcher.GetNumberOfWorkers(), 8) << "capped at the capacity";
+  for (const auto& [requested, expected] : Chunks{{0, 1}, {-5, 1}, {100, 8}, {5, 5}}) {
+    dispatcher.SetNumberOfWorkers(requested);
+    EXPECT_EQ(dispatcher.GetNumberOfWorkers(), expected) << "requested " << requested;
+  }
   dispatcher.ResetNumberOfWorkers();
   EXPECT_EQ(dispatcher.GetNumberOfWorkers(), 8);
-}
-
-TEST(ThreadDispatcherTest, EmptyRangeWithSeveralWorkersIsCode21AndRunsNothing) {
-  ThreadPool pool(2);
-  Recorder recorder(4);
-  ThreadDispatcher<Recorder> dispatcher(&recorder, &pool, 4);
-  dispatcher.SetNumberOfWorkers(4);
-  dispatcher.Invoke(&Recorder::Fill, 5, 5);
-  EXPECT_EQ(dispatcher.GetStatus().GetCode(), StatusCode::kNotSet);
-  EXPECT_EQ(dispatcher.GetStatus().GetFile(), "Analysis\\Core/Threading/ThreadDispatcher");
-  EXPECT_EQ(recorder.chunks[0], std::make_pair(-1, -1));
-  dispatcher.Invoke(&Recorder::Fill, 5, 2);
-  EXPECT_EQ(dispatcher.GetStatus().GetCode(), StatusCode::kNotSet);
-  EXPECT_EQ(dispatcher.GetNumberOfWorkers(), 4) << "a rejected range does not lower the worker count";
 }
 
 TEST(ThreadDispatcherTest, FirstFailingWorkerStatusIsThrown) {
@@ -130,53 +118,44 @@ TEST(ThreadDispatcherTest, FirstFailingWorkerStatusIsThrown) {
     EXPECT_EQ(thrown.GetCode(), StatusCode::kCallFailed);
     EXPECT_EQ(thrown.GetLine(), 101u) << "worker 1 is the first failing one in worker order";
   }
-  for (int i = 1; i < 40; ++i)
-    EXPECT_NE(recorder.values[static_cast<std::size_t>(i)], 0.0) << "every chunk still ran";
+  EXPECT_EQ(recorder.values[39], Recorder::F(39)) << "every chunk still ran";
+  EXPECT_NO_THROW(dispatcher.Invoke(&Recorder::Fill, 0, 40)) << "the next run starts clean";
 
-  // The next run starts with clean delegate statuses.
-  EXPECT_NO_THROW(dispatcher.Invoke(&Recorder::Fill, 0, 40));
-}
-
-TEST(ThreadDispatcherTest, ExceptionInAWorkFunctionBecomesUnhandledException) {
-  ThreadPool pool(2);
-  Recorder recorder(8);
-  for (int workers : {1, 2}) {
-    ThreadDispatcher<Recorder> dispatcher(&recorder, &pool, 2);
+  // An exception escaping a work function reaches the caller as a status too, pooled or not.
+  for (int workers : {1, 4}) {
     dispatcher.SetNumberOfWorkers(workers);
     try {
       dispatcher.Invoke(&Recorder::Throw, 0, 8);
       FAIL() << workers << " workers";
     } catch (const Status& thrown) {
       EXPECT_EQ(thrown.GetCode(), StatusCode::kCallFailed);
-      EXPECT_EQ(thrown.GetMessage(), "Unhandled exception");
+      EXPECT_EQ(thrown.GetMessage(), "Unhandled exception") << workers << " workers";
     }
   }
 }
 
-// Every worker count gives the serial result.
+// Every worker count, with every work-function shape, gives the serial result.
 TEST(ThreadDispatcherTest, EveryWorkerCountMatchesTheSerialResult) {
   ThreadPool pool(3);
-  Recorder serial(1001);
-  serial.Fill(0, 0, 1001);
-  for (int workers = 1; workers <= 9; ++workers) {
-    Recorder parallel(1001);
-    ThreadDispatcher<Recorder> dispatcher(&parallel, &pool, 16);
-    dispatcher.SetNumberOfWorkers(workers);
-    dispatcher.Invoke(&Recorder::Fill, 0, 1001);
-    EXPECT_EQ(parallel.values, serial.values) << workers << " workers";
-  }
-  Recorder plain(50);
-  ThreadDispatcher<Recorder> dispatcher(&plain, &pool, 4);
-  dispatcher.SetNumberOfWorkers(4);
-  dispatcher.Invoke(&Recorder::FillRange, 0, 50);
+  constexpr int kSize = 1001;
+  Recorder serial(kSize);
+  serial.Fill(0, 0, kSize);
+  std::vector<double> doubled = serial.values;
+  for (double& v : doubled)
+    v *= 2.0;
   double scale = 2.0;
-  Recorder scaled(50);
-  ThreadDispatcher<Recorder> withData(&scaled, &pool, 4);
-  withData.SetNumberOfWorkers(4);
-  withData.Invoke(&Recorder::FillWithData, &scale, 0, 50);
-  for (int i = 0; i < 50; ++i) {
-    EXPECT_EQ(plain.values[static_cast<std::size_t>(i)], 1.0);
-    EXPECT_EQ(scaled.values[static_cast<std::size_t>(i)], 2.0 * serial.values[static_cast<std::size_t>(i)]);
+  for (int workers : {1, 2, 3, 7}) {
+    Recorder plain(kSize), ranged(kSize), scaled(kSize);
+    ThreadDispatcher<Recorder> dispatcher(&plain, &pool, 16);
+    dispatcher.SetNumberOfWorkers(workers);
+    dispatcher.Invoke(&Recorder::Fill, 0, kSize);
+    dispatcher.SetObject(&ranged);
+    dispatcher.Invoke(&Recorder::FillRange, 0, kSize);
+    dispatcher.SetObject(&scaled);
+    dispatcher.Invoke(&Recorder::FillWithData, &scale, 0, kSize);
+    EXPECT_EQ(plain.values, serial.values) << workers << " workers";
+    EXPECT_EQ(ranged.values, serial.values) << workers << " workers";
+    EXPECT_EQ(scaled.values, doubled) << workers << " workers";
   }
 }
 
@@ -204,7 +183,7 @@ TEST(ThreadDispatcherTest, CopiesAndDetachedPools) {
     copy.SetObject(&b);
     copy.SetNumberOfWorkers(3);
     copy.Invoke(&Recorder::Fill, 0, 20);
-    EXPECT_EQ(b.values[19], std::sqrt(19.0) * 3.0);
+    EXPECT_EQ(b.values[19], Recorder::F(19));
     EXPECT_EQ(a.values[19], 0.0) << "the copy works on its own object";
   }
   EXPECT_EQ(pool.GetNumberOfUsers(), 1);
@@ -213,19 +192,7 @@ TEST(ThreadDispatcherTest, CopiesAndDetachedPools) {
   EXPECT_EQ(pool.GetNumberOfUsers(), 0);
   original.SetNumberOfWorkers(3);
   original.Invoke(&Recorder::Fill, 0, 20);
-  EXPECT_EQ(a.values[19], std::sqrt(19.0) * 3.0) << "without a pool the chunks run on the caller";
-}
-
-TEST(ThreadDispatcherTest, DefaultsComeFromTheProcessorCount) {
-  Recorder recorder(1);
-  ThreadDispatcher<Recorder> dispatcher(&recorder);
-  const int processors = CpuCounter::Instance().GetNumberOfProcessors();
-  EXPECT_EQ(dispatcher.GetNumberOfThreads(), processors);
-  EXPECT_EQ(dispatcher.GetNumberOfWorkers(), processors);
-  EXPECT_EQ(dispatcher.GetPool(), ThreadPool::GetGlobalPool());
-  ThreadDispatcher<Recorder> wide(&recorder, nullptr, processors + 4);
-  EXPECT_EQ(wide.GetNumberOfThreads(), processors + 4);
-  EXPECT_EQ(wide.GetNumberOfWorkers(), processors) << "workers start at min(processors, threads)";
+  EXPECT_EQ(a.values[19], Recorder::F(19)) << "without a pool the chunks run on the caller";
 }
 
 }  // namespace

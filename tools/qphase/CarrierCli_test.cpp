@@ -61,9 +61,8 @@ class CarrierCliTest : public CliTestFixture {
     return Path(name);
   }
 
-  // The number printed after "astigmatism PV: ", or NaN.
-  static double PrintedPv(const std::string& out) {
-    const std::string key = "astigmatism PV: ";
+  // The number printed after `key`, or NaN.
+  static double PrintedPv(const std::string& out, const std::string& key) {
     const std::size_t at = out.find(key);
     return at == std::string::npos ? std::nan("") : std::strtod(out.c_str() + at + key.size(), nullptr);
   }
@@ -78,56 +77,36 @@ class CarrierCliTest : public CliTestFixture {
   }
 };
 
-TEST_F(CarrierCliTest, BothSubcommandsHaveHelp) {
-  for (const std::string sub : {"carrier", "quadrants"}) {
-    const RunResult result = Run(sub + " --help");
-    EXPECT_EQ(result.status, 0) << sub;
-    EXPECT_NE(result.out.find("Usage"), std::string::npos) << sub << ": " << result.out;
-  }
-}
-
-// The written phase is the surface's in radians, up to a constant, in each quadrant; 8 pixels from
-// the frame edge the filter's own error and 1 count of noise stay well below 0.02 rad.
-TEST_F(CarrierCliTest, CarrierWritesThePhaseOfEachQuadrant) {
-  for (const int quadrant : {1, 3}) {
-    const std::string frame = WriteFrame("frame.tif", quadrant);
-    const RunResult result =
-        Run("carrier " + frame + " -o " + Path("phase.tif") + " --modulation " + Path("mod.tif") + " --png " +
-            Path("phase.png") + " --quadrant " + std::to_string(quadrant) + " --threads 2");
-    ASSERT_EQ(result.status, 0) << result.err;
-    EXPECT_NE(result.out.find("quadrant " + std::to_string(quadrant) + ", 4 pixels per fringe"),
-              std::string::npos)
-        << result.out;
-    EXPECT_NE(result.out.find("100.0 % valid"), std::string::npos) << result.out;
-    EXPECT_GT(fs::file_size(Path("phase.png")), 1000u);
-    Core::DoubleMatrix2D phase, modulation;
-    ReadFloatTiff(Path("phase.tif"), phase);
-    ReadFloatTiff(Path("mod.tif"), modulation);
-    ASSERT_EQ(phase.GetRows(), kRows);
-    ASSERT_EQ(phase.GetColumns(), kCols);
-    double sum = 0.0, sumSquares = 0.0;
-    int n = 0;
-    for (int r = 8; r < kRows - 8; ++r) {
-      for (int c = 8; c < kCols - 8; ++c) {
-        const double e = std::remainder(phase(r, c) - SurfacePhase(r, c), 2.0 * std::numbers::pi);
-        sum += e;
-        sumSquares += e * e;
-        ++n;
-        // The filter passes the lobe with 0.989 of its amplitude: 79 counts, give or take the noise.
-        ASSERT_NEAR(modulation(r, c), 79.1, 3.0) << r << "," << c;
-      }
+// The written phase is the surface's in radians, up to a constant; 8 pixels from the frame edge
+// the filter's own error and 1 count of noise stay well below 0.02 rad. The recovery in every
+// quadrant is the library's test; here the tool's options must reach the pipeline.
+TEST_F(CarrierCliTest, CarrierWritesThePhaseAndModulation) {
+  const std::string frame = WriteFrame("frame.tif", 3);
+  const RunResult result = Run("carrier " + frame + " -o " + Path("phase.tif") + " --modulation " +
+                               Path("mod.tif") + " --png " + Path("phase.png") + " --quadrant 3 --threads 2");
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("quadrant 3, 4 pixels per fringe: 100.0 % valid"), std::string::npos)
+      << result.out;
+  EXPECT_GT(fs::file_size(Path("phase.png")), 1000u);
+  Core::DoubleMatrix2D phase, modulation;
+  ReadFloatTiff(Path("phase.tif"), phase);
+  ReadFloatTiff(Path("mod.tif"), modulation);
+  ASSERT_EQ(phase.GetRows(), kRows);
+  ASSERT_EQ(phase.GetColumns(), kCols);
+  double sum = 0.0, sumSquares = 0.0;
+  int n = 0;
+  for (int r = 8; r < kRows - 8; ++r) {
+    for (int c = 8; c < kCols - 8; ++c) {
+      const double e = std::remainder(phase(r, c) - SurfacePhase(r, c), 2.0 * std::numbers::pi);
+      sum += e;
+      sumSquares += e * e;
+      ++n;
+      // The filter passes the lobe with 0.989 of its amplitude: 79 counts, give or take the noise.
+      ASSERT_NEAR(modulation(r, c), 79.1, 3.0) << r << "," << c;
     }
-    EXPECT_LT(std::sqrt(sumSquares / n - (sum / n) * (sum / n)), 0.02) << "quadrant " << quadrant;
   }
+  EXPECT_LT(std::sqrt(sumSquares / n - (sum / n) * (sum / n)), 0.02);
   EXPECT_TRUE(Leftovers({"frame.tif", "phase.tif", "mod.tif", "phase.png"}).empty());
-
-  // With the carrier kept the phase is that of the fringes: surface plus carrier.
-  const std::string frame = WriteFrame("frame.tif", 2);
-  ASSERT_EQ(Run("carrier " + frame + " -o " + Path("raw.tif") + " --keep-carrier").status, 0);
-  Core::DoubleMatrix2D raw;
-  ReadFloatTiff(Path("raw.tif"), raw);
-  const double expected = SurfacePhase(30, 41) + Testing::CarrierPhase(2, 4.0, 30, 41);
-  EXPECT_NEAR(std::remainder(raw(30, 41) - expected, 2.0 * std::numbers::pi), 0.0, 0.05);
 }
 
 TEST_F(CarrierCliTest, CarrierInputProblemsAreExitStatus2AndNoResultIs1) {
@@ -140,27 +119,18 @@ TEST_F(CarrierCliTest, CarrierInputProblemsAreExitStatus2AndNoResultIs1) {
   EXPECT_EQ(result.status, 2);
   EXPECT_NE(result.err.find("has 3 pages; carrier fringes are one frame"), std::string::npos) << result.err;
 
-  const std::string frame = WriteFrame("frame.tif", 2);
-  EXPECT_EQ(Run("carrier " + frame + " -o " + Path("phase.tif") + " --quadrant 5").status, 2);
-  EXPECT_EQ(Run("carrier " + frame + " -o " + Path("phase.tif") + " --pixels-per-fringe 2").status, 2);
-  EXPECT_EQ(Run("carrier " + frame + " -o " + Path("phase.tif") + " --threshold 120").status, 2);
-  EXPECT_EQ(Run("carrier " + frame).status, 2) << "the output is required";
-  result = Run("carrier " + frame + " -o " + Path("no/such/dir/phase.tif"));
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.err.find("no/such/dir"), std::string::npos) << result.err;
-
   // Fringes of 6 counts are far below 20 % of half the range (25.5 counts): nothing is valid.
   const std::string faint = WriteFrame("faint.tif", 2, 6.0);
   result = Run("carrier " + faint + " -o " + Path("phase.tif") + " --modulation " + Path("mod.tif") +
                " --threshold 20");
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.err.find("no valid pixel in " + faint), std::string::npos) << result.err;
-  EXPECT_TRUE(Leftovers({"stack.tif", "frame.tif", "faint.tif"}).empty()) << "a failed run leaves no file";
+  EXPECT_TRUE(Leftovers({"stack.tif", "faint.tif"}).empty()) << "a failed run leaves no file";
 }
 
-// Two quadrant maps with a known x y term: the PV printed is that of the term (over the square's
-// corners), the decision follows the tolerance, and the final and calibration maps are the mean and
-// the half difference.
+// Quadrant maps with a known x y term: the PV printed is that of the term (over the square's
+// corners), the decision follows the tolerance, and the maps written are the combination. With
+// four maps the tool still measures Q1 and Q3 alone, which tells whether Q2 and Q4 were needed.
 TEST_F(CarrierCliTest, QuadrantsCombineAndDecide) {
   const int size = 32;
   const double a = 0.05, h = (size - 1) / 2.0;  // nm per pixel^2; PV = a 2 h^2 = 24.025 nm
@@ -171,9 +141,9 @@ TEST_F(CarrierCliTest, QuadrantsCombineAndDecide) {
                          " --calibration " + Path("cal.tif"));
   ASSERT_EQ(result.status, 0) << result.err;
   // The maps are stored as floats (7 digits): the PV holds to 1e-4 nm.
-  EXPECT_NEAR(PrintedPv(result.out), 24.025, 1e-3) << result.out;
-  EXPECT_NE(result.out.find("nm (tolerance 10.000 nm)"), std::string::npos) << result.out;
-  EXPECT_NE(result.out.find("four quadrants required: yes"), std::string::npos) << result.out;
+  EXPECT_NEAR(PrintedPv(result.out, "astigmatism PV: "), 24.025, 1e-3) << result.out;
+  EXPECT_NE(result.out.find("nm (tolerance 10.000 nm)\nfour quadrants required: yes"), std::string::npos)
+      << result.out;
   Core::DoubleMatrix2D final, calibration;
   ReadFloatTiff(Path("final.tif"), final);
   ReadFloatTiff(Path("cal.tif"), calibration);
@@ -187,19 +157,20 @@ TEST_F(CarrierCliTest, QuadrantsCombineAndDecide) {
   // Phase in radians of 632.8 nm: the PV is reported as surface height, lambda / (4 pi) per radian.
   result = Run("quadrants --q1 " + q1 + " --q3 " + q3 + " -o " + Path("final.tif") + " --wavelength 632.8");
   ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_NEAR(PrintedPv(result.out), 24.025 * 632.8 / (4.0 * std::numbers::pi), 2e-3) << result.out;
+  EXPECT_NEAR(PrintedPv(result.out, "astigmatism PV: "), 24.025 * 632.8 / (4.0 * std::numbers::pi), 2e-3)
+      << result.out;
 
-  // Four quadrants: the mean of all four, calibrated against Q2.
-  const std::string q2 = WriteMap("q2.tif", size, size, [&](int r, int c) { return astigmatic(r, c) + 2.0; });
-  const std::string q4 = WriteMap("q4.tif", size, size, [&](int r, int c) { return astigmatic(r, c) - 2.0; });
+  // Q2 and Q4 without the x y term: the four-quadrant map keeps three quarters of it.
+  const std::string q2 = WriteMap("q2.tif", size, size, [](int, int) { return 2.0; });
+  const std::string q4 = WriteMap("q4.tif", size, size, [](int, int) { return 4.0; });
   result = Run("quadrants --q1 " + q1 + " --q2 " + q2 + " --q3 " + q3 + " --q4 " + q4 + " -o " +
-               Path("four.tif") + " --calibration " + Path("cal4.tif"));
+               Path("four.tif") + " --tolerance 30");
   ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_NE(result.out.find("4 quadrants"), std::string::npos) << result.out;
+  EXPECT_NEAR(PrintedPv(result.out, "PV of Q1 and Q3 alone: "), 24.025, 1e-3) << result.out;
+  EXPECT_NE(result.out.find("four quadrants required: no"), std::string::npos) << result.out;
+  EXPECT_NEAR(PrintedPv(result.out, "PV of the four-quadrant map: "), 24.025 / 2, 1e-3) << result.out;
   ReadFloatTiff(Path("four.tif"), final);
-  ReadFloatTiff(Path("cal4.tif"), calibration);
-  EXPECT_NEAR(final(9, 20), astigmatic(9, 20), 1e-4);
-  EXPECT_NEAR(calibration(9, 20), 2.0, 1e-5);
+  EXPECT_NEAR(final(9, 20), (2 * astigmatic(9, 20) + 6.0) / 4, 1e-4);
 }
 
 TEST_F(CarrierCliTest, QuadrantsProblemsAreNamed) {
@@ -212,7 +183,6 @@ TEST_F(CarrierCliTest, QuadrantsProblemsAreNamed) {
   result = Run("quadrants --q1 " + q1 + " --q3 " + q1 + " --q2 " + q1 + " -o " + Path("final.tif"));
   EXPECT_EQ(result.status, 2);
   EXPECT_NE(result.err.find("--q2 and --q4 go together"), std::string::npos) << result.err;
-  EXPECT_EQ(Run("quadrants --q1 " + q1 + " -o " + Path("final.tif")).status, 2) << "--q3 is required";
 
   // Maps without a common valid pixel: no result, nothing written.
   const std::string left =
@@ -223,6 +193,18 @@ TEST_F(CarrierCliTest, QuadrantsProblemsAreNamed) {
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.err.find("no pixel has data in every quadrant map"), std::string::npos) << result.err;
   EXPECT_TRUE(Leftovers({"q1.tif", "q3.tif", "left.tif", "right.tif"}).empty());
+
+  // Data on one row only: the maps combine, but no x y term can be fitted. The map is written and
+  // the PV reported as unavailable, with the decision that follows from not knowing it.
+  const std::string row =
+      WriteMap("row.tif", 16, 16, [](int r, int c) { return r == 4 ? 0.1 * c : std::nan(""); });
+  result = Run("quadrants --q1 " + row + " --q3 " + row + " -o " + Path("final.tif"));
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("astigmatism PV: unavailable (Solving the equation system failed)"),
+            std::string::npos)
+      << result.out;
+  EXPECT_NE(result.out.find("four quadrants required: yes"), std::string::npos) << result.out;
+  EXPECT_TRUE(fs::exists(Path("final.tif")));
 }
 
 }  // namespace

@@ -35,6 +35,26 @@ std::string SizeOf(const Core::DoubleMatrix2D& map) {
   return std::to_string(map.GetColumns()) + " x " + std::to_string(map.GetRows());
 }
 
+// The evaluator leaves calibration pixels without data untouched; they are to read as no data.
+Core::DoubleMatrix2D EmptyCalibration(const Core::DoubleMatrix2D& like) {
+  Core::DoubleMatrix2D calibration;
+  if (!calibration.Resize(like.GetMatrixWindow())) {
+    throw ToolError(kExitNoResult, "no memory for a " + SizeOf(like) + " calibration map");
+  }
+  calibration.SetAll(Core::DoubleMatrix2D::NoData());
+  return calibration;
+}
+
+// The astigmatism PV in nanometres as text, or why it could not be measured.
+std::string PvText(Kinephase::FourQuadrantEvaluator& evaluator) {
+  if (evaluator.GetStatus().IsError()) {
+    return "unavailable (" + evaluator.GetStatus().GetMessage() + ")";
+  }
+  char text[64];
+  std::snprintf(text, sizeof text, "%.3f nm", evaluator.GetAstigmatismPV().GetValue(Units::kNanometers));
+  return text;
+}
+
 int RunQuadrants(const QuadrantsOptions& options) {
   const bool four = !options.q[2].empty() || !options.q[4].empty();
   if (four && (options.q[2].empty() || options.q[4].empty())) {
@@ -55,28 +75,40 @@ int RunQuadrants(const QuadrantsOptions& options) {
                                          ? Core::LinearConverter(Units::kRadians, options.wavelengthNm)
                                          : Core::LinearConverter(Units::kNanometers);
   maps[1].GetUnitManager().SetConverter(Core::UnitAxis::kValue, unit);
-
-  Core::DoubleMatrix2D final, calibration;
-  calibration.Resize(maps[1].GetMatrixWindow());
-  calibration.SetAll(Core::DoubleMatrix2D::NoData());  // pixels the evaluation leaves alone stay empty
-
-  Kinephase::FourQuadrantEvaluator evaluator;
   Core::UnitNumber tolerance(options.toleranceNm, Core::LinearConverter(Units::kNanometers));
-  evaluator.SetAstigmatismTolerance(tolerance);
-  evaluator.SetMeasurementQ1(&maps[1]);
-  evaluator.SetMeasurementQ3(&maps[3]);
+
+  // Q1 and Q3 first, also when all four were measured: their astigmatism decides whether Q2 and Q4
+  // were needed at all.
+  Core::DoubleMatrix2D twoFinal, twoCalibration = EmptyCalibration(maps[1]);
+  Kinephase::FourQuadrantEvaluator two;
+  two.SetAstigmatismTolerance(tolerance);
+  two.SetMeasurementQ1(&maps[1]);
+  two.SetMeasurementQ3(&maps[3]);
+  two.SetFinalPhaseMap(&twoFinal);
+  two.SetCalibrationMap(&twoCalibration);
+  two.EvaluateTwo();
+  const std::string twoPv = PvText(two);
+  const bool required = two.AreRequiredFourQuadrants();  // also when the PV is unavailable
+
+  Core::DoubleMatrix2D fourFinal, fourCalibration;
+  Kinephase::FourQuadrantEvaluator all;
   if (four) {
-    evaluator.SetMeasurementQ2(&maps[2]);
-    evaluator.SetMeasurementQ4(&maps[4]);
-  }
-  evaluator.SetFinalPhaseMap(&final);
-  evaluator.SetCalibrationMap(&calibration);
-  if (four) {
-    evaluator.EvaluateFour();
+    fourCalibration = EmptyCalibration(maps[1]);
+    all.SetMeasurementQ1(&maps[1]);
+    all.SetMeasurementQ2(&maps[2]);
+    all.SetMeasurementQ3(&maps[3]);
+    all.SetMeasurementQ4(&maps[4]);
+    all.SetFinalPhaseMap(&fourFinal);
+    all.SetCalibrationMap(&fourCalibration);
+    all.EvaluateFour();
     // The astigmatism left after all four quadrants, for the record.
-    if (evaluator.GetStatus().IsOk() && final.AnyValid()) evaluator.CalculateAstigmatismPV();
-  } else {
-    evaluator.EvaluateTwo();
+    if (all.GetStatus().IsOk() && fourFinal.AnyValid()) all.CalculateAstigmatismPV();
+  }
+  Kinephase::FourQuadrantEvaluator& evaluator = four ? all : two;
+  const Core::DoubleMatrix2D& final = four ? fourFinal : twoFinal;
+  const Core::DoubleMatrix2D& calibration = four ? fourCalibration : twoCalibration;
+  if (final.GetCount() != maps[1].GetCount()) {
+    throw NoResultError("the quadrant maps cannot be combined: " + evaluator.GetStatus().GetPrintString());
   }
   const std::int64_t validPixels = final.CountValid();
   if (validPixels == 0) {
@@ -84,12 +116,6 @@ int RunQuadrants(const QuadrantsOptions& options) {
                         (four ? ", " + options.q[2] + ", " + options.q[4] : std::string()) +
                         "); nothing written");
   }
-  if (evaluator.GetStatus().IsError()) {
-    throw NoResultError("the astigmatism of the combined map cannot be measured: " +
-                        evaluator.GetStatus().GetPrintString() + "; nothing written");
-  }
-  const double pv = evaluator.GetAstigmatismPV().GetValue(Units::kNanometers);
-  const bool required = four ? true : evaluator.AreRequiredFourQuadrants();
 
   OutputFiles outputs;
   WriteFloatTiff(outputs.Stage(options.finalOut), final);
@@ -99,12 +125,10 @@ int RunQuadrants(const QuadrantsOptions& options) {
   const double valid = static_cast<double>(validPixels) / static_cast<double>(final.GetCount());
   std::printf("%s: %d quadrants, %s, %.1f %% valid\n", options.finalOut.c_str(), four ? 4 : 2,
               SizeOf(final).c_str(), 100.0 * valid);
-  std::printf("astigmatism PV: %.3f nm (tolerance %.3f nm)\n", pv, options.toleranceNm);
-  if (four) {
-    std::printf("four quadrants used\n");
-  } else {
-    std::printf("four quadrants required: %s\n", required ? "yes" : "no");
-  }
+  std::printf("astigmatism PV%s: %s (tolerance %.3f nm)\n", four ? " of Q1 and Q3 alone" : "", twoPv.c_str(),
+              options.toleranceNm);
+  std::printf("four quadrants required: %s\n", required ? "yes" : "no");
+  if (four) std::printf("astigmatism PV of the four-quadrant map: %s\n", PvText(all).c_str());
   return kExitSuccess;
 }
 
@@ -125,8 +149,9 @@ std::function<int()> SetupQuadrants(CLI::App& app) {
       ->required();
   app.add_option("--calibration", options->calibrationOut,
                  "Calibration map to write: (Q1 - Q3) / 2 for two quadrants, Q2 - final for four");
-  app.add_option("--tolerance", options->toleranceNm,
-                 "Astigmatism PV in nanometres from which four quadrants are required")
+  app.add_option(
+         "--tolerance", options->toleranceNm,
+         "Astigmatism PV in nanometres of the Q1 and Q3 result from which four quadrants are required")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   app.add_option("--wavelength", options->wavelengthNm,

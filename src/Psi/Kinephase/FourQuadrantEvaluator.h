@@ -18,8 +18,10 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase {
 //   four quadrants:  final = (Q1 + Q2 + Q3 + Q4) / 4,   calibration = Q2 - final
 //   two quadrants:   final = (Q1 + Q3) / 2,             calibration = (Q1 - Q3) / 2
 // pixel by pixel in storage order; where an input lacks data the final pixel gets no data and the
-// calibration pixel keeps its previous content. The calibration of four quadrants is taken against
-// quadrant 2 alone, on purpose. The output maps are sized like Q1 and take its units.
+// calibration pixel is left untouched: it keeps whatever the map held, and a freshly allocated map
+// holds 0.0 there, so a host that wants no data in those pixels fills the calibration map with the
+// no-data value first. The calibration of four quadrants is taken against quadrant 2 alone, on
+// purpose. The output maps are sized like Q1 and take its units.
 //
 // Astigmatism: the final map is fitted with a constant, x, y and x y about a reference point taken
 // from the map's window (row centre for x, column centre for y: the true centre for square maps);
@@ -39,7 +41,9 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase {
 // Failures go to the status: code 21 for a missing map (the message of the last missing one), 20
 // for inputs of different sizes or a map unit that is no length, 6 for a failed fit. A failure stays
 // until `Clear` (or a later failure): while the status holds one, `EvaluateTwo` still combines the
-// maps but does not measure the astigmatism.
+// maps but does not measure the astigmatism. An `EvaluateTwo` that fails or measures nothing
+// leaves the PV of the previous measurement in place, so `AreRequiredFourQuadrants` can answer
+// from an earlier run: check the status first, or `Clear` between unrelated evaluations.
 class QUARN_PP_EXPORT FourQuadrantEvaluator {
  public:
   FourQuadrantEvaluator();

@@ -2,7 +2,9 @@
 #include <CLI/CLI.hpp>
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <future>
 #include <memory>
@@ -50,6 +52,17 @@ struct SwliOptions {
   int maxValue = 0;
   int threads = -1;
 };
+
+// A finite length above zero. CLI11's own PositiveNumber names its range with the largest double
+// written out in full, some 300 digits.
+const CLI::Validator kPositiveLength(
+    [](std::string& text) {
+      char* end = nullptr;
+      const double value = std::strtod(text.c_str(), &end);
+      const bool ok = end != text.c_str() && *end == '\0' && value > 0.0 && std::isfinite(value);
+      return ok ? std::string() : "must be a positive number of nanometres, not " + text;
+    },
+    "NM>0");
 
 std::string FormatNumber(double value) {
   char text[32];
@@ -193,7 +206,7 @@ std::function<int()> SetupSwli(CLI::App& app) {
       ->required();
   app.add_option("--scan-step", options->scanStepNm, "Distance the scan moves between frames, nanometres")
       ->required()
-      ->check(CLI::PositiveNumber);
+      ->check(kPositiveLength);
   app.add_option("--algorithm", options->algorithm, "centroid or fda")
       ->check(CLI::IsMember({"centroid", "fda"}))
       ->capture_default_str();

@@ -19,7 +19,9 @@ namespace Quarn::Metrology::Analysis::Core {
 using DebugSink = std::function<void(const std::string& text)>;
 
 // Installs (or, with an empty function, removes) the sink. Texts sent while a sink is installed go
-// only to the sink.
+// only to the sink. The sink is called from whichever thread sends the text, worker threads of a
+// dispatched run included, one text at a time: it runs under the channel's lock, so it must not
+// itself call debug_printf or SetDebugSink (that would deadlock) and should return quickly.
 QUARN_CORE_EXPORT void SetDebugSink(DebugSink sink);
 
 // True when a text would go anywhere; lets callers skip formatting work.

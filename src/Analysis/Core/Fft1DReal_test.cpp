@@ -65,25 +65,6 @@ TEST_P(Fft1DRealSizeTest, MatchesTheDirectTransform) {
 
 INSTANTIATE_TEST_SUITE_P(Sizes, Fft1DRealSizeTest, ::testing::Values(1, 2, 7, 16, 63, 64, 128, 256));
 
-// The sign convention, by construction: cos(2 pi k0 j / n + phi) has bin k0 = (n/2) exp(+i phi)
-// under exp(-2 pi i j k / n); under the opposite kernel the phase would come out as -phi.
-TEST(Fft1DRealTest, ACosineLandsInItsBinWithItsPhase) {
-  constexpr int n = 64;
-  constexpr int k0 = 17;
-  constexpr double phi = 0.7;
-  Fft1DReal fft(n);
-  for (int j = 0; j < n; ++j)
-    fft.Input()[j] = std::cos(2.0 * std::numbers::pi * k0 * j / n + phi);
-  fft.Forward();
-  EXPECT_NEAR(std::abs(fft.Output()[k0]), n / 2.0, 1e-12);
-  EXPECT_NEAR(std::arg(fft.Output()[k0]), phi, 1e-13);
-  for (int k = 0; k <= n / 2; ++k) {
-    if (k != k0) {
-      EXPECT_NEAR(std::abs(fft.Output()[k]), 0.0, 1e-12) << "bin " << k;
-    }
-  }
-}
-
 TEST(Fft1DRealTest, BadSizesAreRefusedAndLeaveAnEmptyTransform) {
   for (const int size : {0, -4}) {
     Fft1DReal fft(size);

@@ -1,6 +1,7 @@
 #include "AlignSpotDetector/AlignSpotDetector.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "AlignSpotDetector/AsdController.h"
 
@@ -52,8 +53,13 @@ bool AlignSpotDetector::GetRegionIdMap(IntMatrix2D* image) const {
   return CopyOut(board_.regionIdMap, image);
 }
 
+std::vector<AsdSpotInfo> AlignSpotDetector::GetSpots() const {
+  if (!board_.spotInfoList) return {};
+  return std::vector<AsdSpotInfo>(board_.spotInfoList->begin(), board_.spotInfoList->end());
+}
+
 void AlignSpotDetector::SetDropBelowThisFraction(double fraction) {
-  board_.dropBelowThisFraction = std::clamp(fraction, 0.0, 1.0);
+  board_.dropBelowThisFraction = std::isnan(fraction) ? kUndefinedDouble : std::clamp(fraction, 0.0, 1.0);
 }
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Alignment

@@ -5,6 +5,7 @@
 
 #include "AlignSpotDetector/AsdBoard.h"
 #include "AlignSpotDetector/AsdRegionRestrictor.h"
+#include "AlignSpotDetector/AsdSpotInfo.h"
 #include "AlignSpotDetector/AsdSpotPosition.h"
 #include "Analysis/Core/IntMatrix2D.h"
 #include "Analysis/Core/Status.h"
@@ -19,6 +20,8 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Alignment {
 // obscuration, or that no decision is possible (no spot, several spots, too many saturated
 // pixels). See AsdController for the steps and AsdBoard for the parameters and their defaults.
 //
+// Only the input's window is searched: the working images are invalid outside it.
+//
 // Coordinates are camera pixels: x = column, y = row, rows growing downwards, the image's origin
 // (start row and column) included; a pixel's coordinate is its centre. The centre of mass and the
 // sigmas of a spot are weighted with the raw counts of the pixels that stand out from the
@@ -32,7 +35,9 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Alignment {
 // Status: a detection that cannot run (input missing, a parameter undefined) returns
 // `DetectionFailed` with code 4 in the status; an internal failure gives code 6 (or 21 when the
 // detector was not initialised). The status is not reset by a run: a failure stays recorded until a
-// later one overwrites it or the host clears it. No exception leaves the class.
+// later one overwrites it or the host clears it, so a host that sets a missing parameter can simply
+// run again; judge a run by the position it returns, not by the status (see AsdController). No
+// exception leaves the class.
 //
 //   IntMatrix2D image = ...;          // the camera frame
 //   AlignSpotDetector detector;
@@ -71,6 +76,12 @@ class QUARN_PP_EXPORT AlignSpotDetector {
   bool GetBackground(Analysis::Core::IntMatrix2D* image) const;
   bool GetRegionIdMap(Analysis::Core::IntMatrix2D* image) const;
 
+  // The spots at full precision (the properties hold six significant digits), in the order of the
+  // "Region.<i>" properties: brightest first. Like those properties they are the spots of the last
+  // run that got as far as finding regions, so read them after a run that returned a quadrant,
+  // SpotBehindObscuration or TooManySignificantSpots. Empty before Initialize.
+  std::vector<AsdSpotInfo> GetSpots() const;
+
   const std::string& GetProperty(const std::string& key) const { return board_.properties.Get(key); }
   void SetProperty(const std::string& key, const std::string& value) { board_.properties.Set(key, value); }
   // Every key of the result dictionary, in dictionary order.
@@ -91,7 +102,9 @@ class QUARN_PP_EXPORT AlignSpotDetector {
   double GetDropThatManySigmas() const { return board_.dropThatManySigmas; }
   void SetDropThatManySigmas(double sigmas) { board_.dropThatManySigmas = sigmas; }
   double GetDropBelowThisFraction() const { return board_.dropBelowThisFraction; }
-  // Clamped to [0, 1]: a fraction of the brightest spot's sum.
+  // Clamped to [0, 1]: a fraction of the brightest spot's sum. NaN has no place in that range and
+  // makes the fraction undefined, so that the next detection fails its wiring test (code 4) instead
+  // of running with a fraction nobody chose (a NaN threshold would drop nothing).
   void SetDropBelowThisFraction(double fraction);
   double GetSaturationThreshold() const { return board_.saturationThreshold; }
   void SetSaturationThreshold(double counts) { board_.saturationThreshold = counts; }

@@ -22,7 +22,7 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Alignment {
 //                        clipThatManySigmas) are the first background; its deviation is the
 //                        backgroundSigma; the pixels within m2 -/+ k s2 of that background (m2, s2
 //                        its mean and deviation) form the background image, all the others (brighter
-//                        or darker) the foreground;
+//                        or darker) the foreground; pixels outside the input's window are in neither;
 //   3. ApplyMask         foreground pixels under the obscuration (distance to the reticle centre
 //                        below reticleCenterR) or outside the square of half-width
 //                        interestRegionRadius around it are dropped;
@@ -43,10 +43,15 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Alignment {
 // failures leave the status untouched.
 //
 // The steps are public so that each can be run on its own; each returns false when it recorded a
-// failure in the board's status. The run stops on that result, not on the status as such: the
-// status is never reset by the detector, so a failure of an earlier run stays recorded until a later
-// failure overwrites it (or the host clears it), and must not stop a run whose inputs have since
-// been completed.
+// failure in the board's status.
+//
+// Stop rule: the run stops on a step's return value, not on the board's status. The detector never
+// resets the status, so a failure recorded by an earlier run (say code 4, a parameter missing)
+// stays in it until a later failure overwrites it or the host clears it; stopping on the status
+// would refuse every later run, even after the host has set what was missing. Hence a run that
+// returns a position other than DetectionFailed may leave an old failure in the status beside its
+// valid result: judge a run by the position it returns, and read the status to learn why a run
+// returned DetectionFailed.
 class QUARN_PP_EXPORT AsdController : public BoardController<AsdBoard> {
  public:
   static constexpr const char* kSource = "AlignSpotDetector\\AsdController";

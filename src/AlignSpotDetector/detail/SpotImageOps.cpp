@@ -189,6 +189,14 @@ bool SizeLike(const IntWindow2D& input, IntWindow2D& target) {
   return true;
 }
 
+// Pixels outside the input's window were not examined: they belong to neither the background nor
+// the foreground. Left as copies of the input, the margins of a windowed frame would stand in the
+// foreground as one large region.
+void InvalidateSpan(int* keep, int* drop, int from, int to) {
+  std::fill(keep + from, keep + to, kInvalid);
+  std::fill(drop + from, drop + to, kInvalid);
+}
+
 std::int64_t CountSpan(const int* row, int from, int to, int threshold) {
   std::int64_t count = 0;
   for (int c = from; c < to; ++c)
@@ -314,16 +322,13 @@ bool SplitAtBand(const IntWindow2D& input, int lo, int hi, IntWindow2D& inside, 
     int* drop = outside.Row(r);
     const int cameraRow = r + input.GetStartRow();
     if (cameraRow < w.GetStartRow() || cameraRow >= w.GetEndRow() || w.IsEmpty()) {
-      std::copy(in, in + cols, keep);
-      std::copy(in, in + cols, drop);
+      InvalidateSpan(keep, drop, 0, cols);
       continue;
     }
-    std::copy(in, in + first, keep);
-    std::copy(in, in + first, drop);
+    InvalidateSpan(keep, drop, 0, first);
     bool unused = false;
     SplitSpan(in, keep, drop, first, last, lo, hi, INT_MAX, false, unused);
-    std::copy(in + last, in + cols, keep + last);
-    std::copy(in + last, in + cols, drop + last);
+    InvalidateSpan(keep, drop, last, cols);
   }
   FinishStreaming();
   return true;
@@ -350,16 +355,12 @@ bool SplitMaskAndCount(const IntWindow2D& input, int lo, int hi, double centerX,
     int* drop = outside.Row(r);
     const int y = r + input.GetStartRow();
     if (y < w.GetStartRow() || y >= w.GetEndRow() || w.IsEmpty()) {
-      std::copy(in, in + cols, keep);
-      std::copy(in, in + cols, drop);
-      if (cols > 0) markUsed(r);
+      InvalidateSpan(keep, drop, 0, cols);
       continue;
     }
-    std::copy(in, in + first, keep);
-    std::copy(in, in + first, drop);
-    std::copy(in + last, in + cols, keep + last);
-    std::copy(in + last, in + cols, drop + last);
-    bool dropped = first > 0 || last < cols;  // the copies beside the window may hold valid pixels
+    InvalidateSpan(keep, drop, 0, first);
+    InvalidateSpan(keep, drop, last, cols);
+    bool dropped = false;
     if (mask.RowOutside(y)) {
       SplitSpan(in, keep, drop, first, last, lo, hi, INT_MAX, true, dropped);
       if (dropped) markUsed(r);

@@ -42,9 +42,9 @@ QUARN_PP_EXPORT int TruncateToInt(double value);
 // Sigma clipping's split of `input` at the band [lo, hi]: both outputs take the input's shape,
 // origin, window and units; inside the window `inside` keeps the valid pixels in the band and
 // `outside` those beyond it, every other pixel of the window becoming invalid; outside the window
-// both are copies of the input. This is a copy followed by Clipper::Clip (inside) and
-// Clipper::RemoveInside (outside), in one pass. False when an output cannot be sized (its status
-// tells why).
+// every pixel of both is invalid (the input's window is all that is examined). This is a copy of
+// the window followed by Clipper::Clip (inside) and Clipper::RemoveInside (outside), in one pass.
+// False when an output cannot be sized (its status tells why).
 QUARN_PP_EXPORT bool SplitAtBand(const Analysis::Core::IntWindow2D& input, int lo, int hi,
                                  Analysis::Core::IntWindow2D& inside, Analysis::Core::IntWindow2D& outside);
 

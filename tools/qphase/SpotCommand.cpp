@@ -200,7 +200,19 @@ int RunSpot(const SpotOptions& options) {
   return kExitSuccess;
 }
 
+// Every number of the command must be finite. NaN passes every check made of comparisons (it is
+// neither negative nor too large) and would reach the detector as a centre left of and below
+// everything, or a square that holds nothing; an infinity would read as "undefined". A text that is
+// no number at all is left to the option's own conversion.
+std::string RejectNonFinite(std::string& text) {
+  char* end = nullptr;
+  const double value = std::strtod(text.c_str(), &end);
+  if (end != text.c_str() && !std::isfinite(value)) return text + " is not a finite number";
+  return "";
+}
+
 std::function<int()> SetupSpot(CLI::App& app) {
+  const CLI::Validator finite(RejectNonFinite, "", "finite");
   auto options = std::make_shared<SpotOptions>();
   app.add_option("image", options->image,
                  "Camera image: TIFF, 8- or 16-bit grayscale (the first page is used)")
@@ -210,14 +222,17 @@ std::function<int()> SetupSpot(CLI::App& app) {
                  "Reticle centre X,Y: column and row in pixels (0,0 = top-left pixel)")
       ->required()
       ->delimiter(',')
-      ->expected(2);
+      ->expected(2)
+      ->check(finite);
   app.add_option("--radius", options->radius,
                  "Half-width in pixels of the square around the centre that is searched for the spot")
       ->required()
+      ->check(finite)
       ->check(CLI::NonNegativeNumber);
   app.add_option("--obscuration", options->obscuration,
                  "Radius in pixels of the central obscuration (pixels within it are not searched)")
       ->required()
+      ->check(finite)
       ->check(CLI::NonNegativeNumber);
   app.add_option(
          "--restrict", options->restrict,
@@ -228,6 +243,7 @@ std::function<int()> SetupSpot(CLI::App& app) {
          "--saturation", options->saturation,
          "Counts at which a pixel counts as saturated (default 250 for 8-bit images, 64250 for 16-bit; "
          "set it above the image's range to count none)")
+      ->check(finite)
       ->check(CLI::NonNegativeNumber);
   app.add_option("--max-saturated", options->maxSaturated,
                  "Saturated pixels tolerated in the searched area before the spot is refused as clipped")

@@ -89,18 +89,24 @@ DiscriminatedScan& MakeScan(DiscriminatedScan& scan, const Testing::ScanSettings
 }
 
 // Runs a generator over the whole window (surface all valid) and returns the surface; `threads` 0
-// runs on the calling thread. `workers` receives the threads the run was allowed.
+// runs on the calling thread. `workers` receives the threads the run was allowed; `allocations`, when
+// given, the allocations of a second run (the first makes the lazily created members).
 DoubleMatrix2D Evaluate(PhaseAlgorithm& algorithm, DiscriminatedScan& scan, int threads = 0,
-                        int* workers = nullptr) {
+                        int* workers = nullptr, long* allocations = nullptr) {
   algorithm.SetScanIncrement(Nanometres(kStepNm));
   PhaseGenerator generator(&algorithm);
   generator.SetAllowMultiThreads(threads > 0);
   generator.SetMaxNumThreads(threads);
   if (workers) *workers = generator.GetMaxNumThreads();
   DoubleMatrix2D surface(scan.settings.rows, scan.settings.cols);
-  surface.SetAll(0.0);
-  generator.Process(scan.frames, scan.peaks, scan.auxiliary, surface);
-  EXPECT_TRUE(generator.GetStatus().IsOk()) << generator.GetStatus().GetPrintString();
+  for (int run = 0; run < (allocations ? 2 : 1); ++run) {
+    surface.SetAll(0.0);
+    generator.SetMaxNumThreads(threads);
+    const long before = gAllocations.load();
+    generator.Process(scan.frames, scan.peaks, scan.auxiliary, surface);
+    if (allocations) *allocations = gAllocations.load() - before;
+    EXPECT_TRUE(generator.GetStatus().IsOk()) << generator.GetStatus().GetPrintString();
+  }
   return surface;
 }
 
@@ -295,14 +301,25 @@ TEST(PhaseGeneratorTest, AlgorithmSeesTheRunInOrderAndEveryStageIsTimed) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Trace pixels
+// Trace pixels and signal loading
 
-class TraceRecorder : public PhaseAlgorithmNone {
+// Keeps every pixel's loaded signal and peak, and the pixels processed in debug mode.
+class SignalTable : public PhaseAlgorithmNone {
  public:
   int skip = 1;
+  std::vector<std::vector<double>> signals;
+  std::vector<int> peaksSeen;
   std::vector<int> traced;
   int GetSkipCount() const override { return skip; }
+  void Initialize(int pass, int frames, int q, const Window2D& window) override {
+    PhaseAlgorithmNone::Initialize(pass, frames, q, window);
+    signals.assign(static_cast<std::size_t>(window.GetCount()), {});
+    peaksSeen.assign(static_cast<std::size_t>(window.GetCount()), -999);
+  }
   int ProcessPixel(int thread, int pixel, int peak, int aux) override {
+    signals[static_cast<std::size_t>(pixel)].assign(GetDataArray(thread),
+                                                    GetDataArray(thread) + GetDataArraySize(thread));
+    peaksSeen[static_cast<std::size_t>(pixel)] = peak;
     if (IsDebuging(thread)) traced.push_back(pixel);
     return PhaseAlgorithmNone::ProcessPixel(thread, pixel, peak, aux);
   }
@@ -312,7 +329,7 @@ TEST(PhaseGeneratorTest, TracePixelsSkippedOverAreTracedThroughThePixelBefore) {
   DiscriminatedScan scan;
   MakeScan(scan, Settings(4, 8));
   for (const int skip : {1, 4}) {
-    TraceRecorder algorithm;
+    SignalTable algorithm;
     algorithm.skip = skip;
     algorithm.AddTracePixel(6);  // with a stride of 4, pixels 0, 4, 8, ... are processed
     algorithm.AddTracePixel(12);
@@ -323,23 +340,6 @@ TEST(PhaseGeneratorTest, TracePixelsSkippedOverAreTracedThroughThePixelBefore) {
     EXPECT_EQ(algorithm.TracePixels()->Size(), 0) << "the list is emptied by the pass";
   }
 }
-
-// ---------------------------------------------------------------------------------------------
-// Signal loading
-
-// An algorithm that keeps the signal and the peak it was handed for pixel 0.
-class SignalProbe : public PhaseAlgorithmNone {
- public:
-  std::vector<double> signal;
-  int peakSeen = -999;
-  int ProcessPixel(int thread, int pixel, int peak, int aux) override {
-    if (pixel == 0) {
-      signal.assign(GetDataArray(thread), GetDataArray(thread) + GetDataArraySize(thread));
-      peakSeen = peak;
-    }
-    return PhaseAlgorithmNone::ProcessPixel(thread, pixel, peak, aux);
-  }
-};
 
 // A 16-bit scan in which every sample holds its scan position plus one (frame f of a forward scan
 // holds f + 1, frame f of a reversed scan F - f + 1), so a loaded signal shows which positions it
@@ -391,19 +391,19 @@ TEST_P(SignalLoaderTest, CutsAndOrdersTheSignal) {
   peaks.SetAll(c.peak);
   aux.SetAll(0);
   for (const bool fast : {false, true}) {
-    SignalProbe probe;
+    SignalTable probe;
     probe.SetRemoveFringes(c.windowed ? FringeRemovalMethod::kStandard : FringeRemovalMethod::kNone);
     PhaseGenerator generator(&probe);
     generator.SetUseFastPath(fast);
     DoubleMatrix2D surface(1, 2);
     surface.SetAll(0.0);
     generator.Process(frames, peaks, aux, surface);
-    ASSERT_EQ(probe.signal.size(), 64u) << (fast ? "fast" : "reference");
+    ASSERT_EQ(probe.signals[0].size(), 64u) << (fast ? "fast" : "reference");
     for (int k = 0; k < 64; ++k) {
-      ASSERT_EQ(probe.signal[static_cast<std::size_t>(k)], c.firstPosition + k)
+      ASSERT_EQ(probe.signals[0][static_cast<std::size_t>(k)], c.firstPosition + k)
           << "sample " << k << (fast ? " fast" : " reference");
     }
-    EXPECT_EQ(probe.peakSeen, c.peakSeen) << (fast ? "fast" : "reference");
+    EXPECT_EQ(probe.peaksSeen[0], c.peakSeen) << (fast ? "fast" : "reference");
   }
 }
 
@@ -440,38 +440,18 @@ TEST(PhaseGeneratorTest, UnknownPeaksAreEstimatedFromTheSteepestRise) {
   IntMatrix2D peaks(1, 1), aux(1, 1);
   peaks.SetAll(0);
   aux.SetAll(0);
-  SignalProbe probe;
+  SignalTable probe;
   probe.SetScanIncrement(UnitNumber(-0.08, LinearConverter(Units::kMicrometers)));
   PhaseGenerator generator(&probe);
   DoubleMatrix2D surface(1, 1);
   surface.SetAll(0.0);
   generator.Process(frames, peaks, aux, surface);
-  EXPECT_EQ(probe.peakSeen, 152);
+  EXPECT_EQ(probe.peaksSeen[0], 152);
   EXPECT_NEAR(surface(0, 0), 152 * kStepNm, 1e-9);
 }
 
 // ---------------------------------------------------------------------------------------------
 // The fast path (frames copied block by block) against the reference (samples read one by one)
-
-// Keeps every pixel's loaded signal and peak.
-class SignalTable : public PhaseAlgorithmNone {
- public:
-  int skip = 1;
-  std::vector<std::vector<double>> signals;
-  std::vector<int> peaksSeen;
-  int GetSkipCount() const override { return skip; }
-  void Initialize(int pass, int frames, int q, const Window2D& window) override {
-    PhaseAlgorithmNone::Initialize(pass, frames, q, window);
-    signals.assign(static_cast<std::size_t>(window.GetCount()), {});
-    peaksSeen.assign(static_cast<std::size_t>(window.GetCount()), -999);
-  }
-  int ProcessPixel(int thread, int pixel, int peak, int aux) override {
-    signals[static_cast<std::size_t>(pixel)].assign(GetDataArray(thread),
-                                                    GetDataArray(thread) + GetDataArraySize(thread));
-    peaksSeen[static_cast<std::size_t>(pixel)] = peak;
-    return PhaseAlgorithmNone::ProcessPixel(thread, pixel, peak, aux);
-  }
-};
 
 struct PathCase {
   std::string name;
@@ -689,27 +669,13 @@ TEST(PhaseGeneratorTest, AllocationsDoNotGrowWithThePixelCount) {
   for (const int threads : {0, 3}) {
     for (const Algorithm kind : {Algorithm::kCentroid, Algorithm::kFda}) {
       long counts[2] = {0, 0};
-      const int sides[2] = {8, 48};
-      for (int i = 0; i < 2; ++i) {
+      for (const int i : {0, 1}) {
         DiscriminatedScan scan;
-        MakeScan(scan, Settings(sides[i], sides[i]));
+        MakeScan(scan, Settings(8 + 40 * i, 8 + 40 * i));
         PhaseAlgorithmCentroid centroid;
         PhaseAlgorithmFda fda;
-        PhaseAlgorithm& algorithm =
-            kind == Algorithm::kCentroid ? static_cast<PhaseAlgorithm&>(centroid) : fda;
-        algorithm.SetScanIncrement(Nanometres(kStepNm));
-        PhaseGenerator generator(&algorithm);
-        generator.SetAllowMultiThreads(threads > 0);
-        generator.SetMaxNumThreads(threads);
-        DoubleMatrix2D surface(sides[i], sides[i]);
-        surface.SetAll(0.0);
-        generator.Process(scan.frames, scan.peaks, scan.auxiliary,
-                          surface);  // first run: lazily made members
-        generator.SetMaxNumThreads(threads);
-        const long before = gAllocations.load();
-        generator.Process(scan.frames, scan.peaks, scan.auxiliary, surface);
-        counts[i] = gAllocations.load() - before;
-        ASSERT_TRUE(generator.GetStatus().IsOk()) << generator.GetStatus().GetPrintString();
+        Evaluate(kind == Algorithm::kCentroid ? static_cast<PhaseAlgorithm&>(centroid) : fda, scan, threads,
+                 nullptr, &counts[i]);
       }
       EXPECT_EQ(counts[1], counts[0])
           << "threads " << threads << (kind == Algorithm::kFda ? " fda" : " centroid");

@@ -4,7 +4,11 @@
 // of read noise) looks at a reticle whose centre is the frame's centre, with an obscuration of 5 %
 // of the frame's side and a square of interest of 80 %. Each scene has a known truth: where the
 // spot is (its quadrant or the obscuration, or that no single spot can be named) and the spot's
-// exact centre, against which the detected centre of mass is measured.
+// exact centre, against which the detected centre of mass is measured. A spot behind the
+// obscuration is half hidden: the centre of mass of its visible light lies off the spot's centre
+// (about 0.9 px at 512, 3.6 px at 2048), so that row measures against the centre of mass of the
+// noise-free light over the detector's own spot pixels, and its note gives the offset.
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -36,7 +40,25 @@ struct SpotDemoScene {
   std::vector<Testing::GaussianSpot> spots;
   double saturation = 250.0;  // the detector's saturation threshold
   int expected = AsdSpotPosition::DetectionFailed;
+  bool partlyHidden = false;  // measured against the centre of mass of the visible light
 };
+
+// The centre of mass the detector would find without noise: the scene's intensity (background
+// included, as the detector weights raw counts) over the pixels of region `id` in the region map.
+void NoiseFreeCentre(const Core::IntMatrix2D& ids, int id, const Testing::SpotScene& model, double& x,
+                     double& y) {
+  double sum = 0.0, sx = 0.0, sy = 0.0;
+  for (int r = 0; r < ids.GetRows(); ++r) {
+    for (int c = 0; c < ids.GetColumns(); ++c) {
+      if (ids(r, c) != id) continue;
+      const double px = ids.GetStartCol() + c, py = ids.GetStartRow() + r;
+      const double w = model.Intensity(px, py);
+      sum += w, sx += w * px, sy += w * py;
+    }
+  }
+  x = sx / sum;
+  y = sy / sum;
+}
 
 void WriteImage(const std::string& path, const Core::IntMatrix2D& image) {
   Core::FrameBuffer frame;
@@ -50,7 +72,9 @@ void RunSpotDemo(DemoContext& context) {
   const double centre = n / 2.0;
   const double obscuration = 0.05 * n;
   const double halfWidth = 0.4 * n;
-  const double s = n / 512.0;  // spot sizes grow with the frame
+  // Spot sizes grow with the frame, but stay a few pixels wide in a small one (the saturated spot must
+  // still clip more than the 32 pixels the detector tolerates).
+  const double s = std::max(n / 512.0, 0.5);
   const std::vector<SpotDemoScene> scenes = {
       {"ASD spot, noise and ramp",
        "single",
@@ -67,7 +91,8 @@ void RunSpotDemo(DemoContext& context) {
        "obscured",
        {{centre + 0.3 * s, centre - 0.2 * s, 0.06 * n, 0.06 * n, 150}},
        250.0,
-       AsdSpotPosition::SpotBehindObscuration},
+       AsdSpotPosition::SpotBehindObscuration,
+       true},
       {"ASD saturated spot",
        "saturated",
        {{0.35 * n + 0.5, 0.30 * n + 0.5, 5 * s, 5 * s, 600}},
@@ -105,44 +130,56 @@ void RunSpotDemo(DemoContext& context) {
     const double ms =
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
 
-    // Centre-of-mass error: each reported spot against the nearest true spot centre, RMS over the
-    // spots; none reported (a saturated or empty frame) leaves no error to give.
+    // Centre-of-mass error: each reported spot against the nearest true spot centre (or, for a
+    // partly hidden spot, the centre of mass of its visible light), RMS over the spots; none reported
+    // (a saturated or empty frame) leaves no error to give. Full precision: the properties' six
+    // digits would quantise the error to 0.01 px in a 2048-pixel frame.
     const bool reported = position != AsdSpotPosition::TooManySaturatedPixels &&
                           position != AsdSpotPosition::NoSignificantSpot &&
                           position != AsdSpotPosition::DetectionFailed;
-    const int count = reported ? std::atoi(detector.GetProperty("Regions.Size").c_str()) : 0;
-    double sumSquares = 0.0;
-    long spotPixels = 0;
+    const std::vector<Alignment::AsdSpotInfo> spots =
+        reported ? detector.GetSpots() : std::vector<Alignment::AsdSpotInfo>();
+    const int count = static_cast<int>(spots.size());
+    Core::IntMatrix2D ids;
+    const bool haveIds = reported && detector.GetRegionIdMap(&ids);
+    double sumSquares = 0.0, hiddenShift = 0.0;
     SpotOverlay overlay;
-    for (int i = 0; i < count; ++i) {
-      const std::string key = "Region." + std::to_string(i);
-      const auto number = [&](const std::string& field) {
-        return std::atof(detector.GetProperty(key + "." + field).c_str());
-      };
-      const double x = number("CenterOfMassX"), y = number("CenterOfMassY");
+    for (const Alignment::AsdSpotInfo& spot : spots) {
+      const double x = spot.CenterOfMassX(), y = spot.CenterOfMassY();
       double nearest = std::numeric_limits<double>::infinity();
-      for (const Testing::GaussianSpot& truth : scene.spots) {
-        nearest = std::min(nearest, std::hypot(x - truth.centerX, y - truth.centerY));
+      if (scene.partlyHidden) {
+        double vx = std::numeric_limits<double>::quiet_NaN(), vy = vx;
+        if (haveIds) NoiseFreeCentre(ids, spot.GetId(), model, vx, vy);
+        nearest = std::hypot(x - vx, y - vy);
+        hiddenShift = std::hypot(vx - scene.spots[0].centerX, vy - scene.spots[0].centerY);
+      } else {
+        for (const Testing::GaussianSpot& truth : scene.spots)
+          nearest = std::min(nearest, std::hypot(x - truth.centerX, y - truth.centerY));
       }
       sumSquares += nearest * nearest;
-      overlay.spots.push_back({x, y, number("BoundingRect.X0"), number("BoundingRect.Y0"),
-                               number("BoundingRect.X1"), number("BoundingRect.Y1")});
+      overlay.spots.push_back({x, y, spot.GetX0(), spot.GetY0(), spot.GetX1(), spot.GetY1()});
     }
-    Core::IntMatrix2D ids;
-    if (reported && detector.GetRegionIdMap(&ids)) spotPixels = static_cast<long>(ids.CountValid());
+    const long spotPixels = haveIds ? static_cast<long>(ids.CountValid()) : 0;
 
     DemoRow row;
     row.algorithm = scene.name;
     row.rows = row.cols = n;
     row.milliseconds = ms;
     row.rmsError = count > 0 ? std::sqrt(sumSquares / count) : std::numeric_limits<double>::quiet_NaN();
-    row.errorUnit = "px";
+    row.errorUnit = std::isfinite(row.rmsError) ? "px" : "(no spot reported)";
     row.validFraction = static_cast<double>(spotPixels) / (static_cast<double>(n) * n);
-    char note[200];
+    char note[300];
     std::snprintf(note, sizeof note, "%s (expected %s)%s, %d spot%s; valid = spot pixels",
                   position.ToString(), AsdSpotPosition(scene.expected).ToString(),
                   position == scene.expected ? "" : " MISMATCH", count, count == 1 ? "" : "s");
     row.note = note;
+    if (scene.partlyHidden && count > 0) {
+      std::snprintf(note, sizeof note,
+                    "; error against the centre of mass of the visible light, which the hidden core "
+                    "moves %.2f px from the spot's centre",
+                    hiddenShift);
+      row.note += note;
+    }
     context.rows.push_back(row);
 
     overlay.reticleX = overlay.reticleY = centre;

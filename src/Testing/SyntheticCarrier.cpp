@@ -54,15 +54,4 @@ void FillCarrierFrame(FrameBuffer& frames, int frame, const CarrierScene& scene,
   }
 }
 
-Core::DoubleMatrix2D CarrierTruth(const CarrierScene& scene, int rows, int cols) {
-  Core::DoubleMatrix2D truth(rows, cols);
-  for (int r = 0; r < rows; ++r) {
-    for (int c = 0; c < cols; ++c) {
-      truth(r, c) =
-          scene.obscured && scene.obscured(r, c) ? Core::DoubleMatrix2D::NoData() : scene.phase(r, c);
-    }
-  }
-  return truth;
-}
-
 }  // namespace Quarn::Testing

@@ -2,7 +2,6 @@
 
 #include <functional>
 
-#include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "Testing/SeededRandom.h"
 
@@ -36,8 +35,5 @@ struct CarrierScene {
 // window), rounded to integers and clipped to [0, GetMaxValue()] as a camera delivers them.
 void FillCarrierFrame(Core::FrameBuffer& frames, int frame, const CarrierScene& scene,
                       SeededRandom* random = nullptr);
-
-// The surface phase of the scene as a map (no data where obscured), for comparing results.
-Core::DoubleMatrix2D CarrierTruth(const CarrierScene& scene, int rows, int cols);
 
 }  // namespace Quarn::Testing

@@ -24,89 +24,40 @@ IntMatrix2D FromPicture(const std::vector<std::string>& picture) {
   return m;
 }
 
-TEST(RegionFinderConnectedTest, DiagonalNeighboursJoinOnlyWithEightConnectivity) {
-  const IntMatrix2D input = FromPicture({
+// The rules that the random comparison below takes from its reference, on a picture: ids in the
+// order a row-major scan meets the regions, windows in camera coordinates, a diagonal pair joined
+// only with 8-connectivity; DeleteRegion invalidates exactly the region's pixels.
+TEST(RegionFinderConnectedTest, DiagonalNeighboursWindowsAndDeletion) {
+  IntMatrix2D input = FromPicture({
       "#...##",
       ".#..#.",
       "......",
       "##...#",
   });
+  input.MoveStartTo(40, 60);
   RegionIdMatrix2D ids;
   Array<RegionInfo> regions;
   RegionFinderConnected eight;
   eight.SetMatrix(input);
   ASSERT_TRUE(eight.MakeRegions(ids, regions));
   ASSERT_EQ(regions.Size(), 4);
-  // Ids in the order a row-major scan meets the regions.
-  EXPECT_EQ(ids(0, 0), 0);
-  EXPECT_EQ(ids(1, 1), 0);
-  EXPECT_EQ(ids(0, 4), 1);
+  EXPECT_EQ(ids(1, 1), 0) << "joined to (0, 0) at a corner";
   EXPECT_EQ(ids(1, 4), 1);
-  EXPECT_EQ(ids(3, 0), 2);
   EXPECT_EQ(ids(3, 5), 3);
-  EXPECT_FALSE(RegionIdMatrix2D::IsValid(ids(2, 2)));
-  EXPECT_EQ(regions[0].pixelCount, 2);
   EXPECT_EQ(regions[1].pixelCount, 3);
-  EXPECT_EQ(regions[1].window, Window2D(0, 4, 2, 2));
+  EXPECT_EQ(regions[1].window, Window2D(40, 64, 2, 2));
+  ids.DeleteRegion(regions[1]);
+  EXPECT_FALSE(RegionIdMatrix2D::IsValid(ids(0, 5)));
+  EXPECT_EQ(ids.CountValid(), 8 - 3);
 
   RegionFinderConnected four(RegionFinderConnected::Connectivity::kFour);
   four.SetMatrix(input);
   ASSERT_TRUE(four.MakeRegions(ids, regions));
   EXPECT_EQ(regions.Size(), 5) << "the diagonal pair splits";
-}
-
-TEST(RegionFinderConnectedTest, UShapeMergesIntoOneRegionWithCameraWindow) {
-  IntMatrix2D input = FromPicture({
-      "#.#",
-      "#.#",
-      "###",
-  });
-  input.MoveStartTo(40, 60);
-  RegionIdMatrix2D ids;
-  Array<RegionInfo> regions;
-  RegionFinderConnected finder;
-  finder.SetMatrix(input);
-  ASSERT_TRUE(finder.MakeRegions(ids, regions));
-  ASSERT_EQ(regions.Size(), 1) << "two arms joined only at the bottom are one region";
-  EXPECT_EQ(regions[0].pixelCount, 7);
-  EXPECT_EQ(regions[0].window, Window2D(40, 60, 3, 3));
-  EXPECT_EQ(ids.GetMatrixWindow(), input.GetMatrixWindow());
-}
-
-TEST(RegionFinderConnectedTest, DeleteRegionAndInPlaceUse) {
-  RegionIdMatrix2D map;
-  map.Resize(3, 5);
-  const IntMatrix2D picture = FromPicture({"##..#", "....#", "#...."});
-  std::copy(picture.Data(), picture.Data() + picture.GetCount(), map.Data());
-  Array<RegionInfo> regions;
-  RegionFinderConnected finder;
-  finder.SetMatrix(map);
-  ASSERT_TRUE(finder.MakeRegions(map, regions));  // in place
-  ASSERT_EQ(regions.Size(), 3);
-  map.DeleteRegion(regions[1]);
-  EXPECT_FALSE(RegionIdMatrix2D::IsValid(map(0, 4)));
-  EXPECT_FALSE(RegionIdMatrix2D::IsValid(map(1, 4)));
-  EXPECT_EQ(map(0, 0), 0);
-  EXPECT_EQ(map(2, 0), 2);
 
   RegionFinderConnected unset;
-  EXPECT_FALSE(unset.MakeRegions(map, regions));
+  EXPECT_FALSE(unset.MakeRegions(ids, regions));
   EXPECT_EQ(unset.GetStatus().GetCode(), StatusCode::kNotSet);
-}
-
-TEST(RegionFinderConnectedTest, NoDataAreasOfADoubleMapBecomeRegions) {
-  DoubleMatrix2D phase(3, 4);
-  phase.SetAll(0.25);
-  phase(0, 0) = DoubleMatrix2D::NoData();
-  phase(2, 3) = DoubleMatrix2D::NoData();
-  RegionIdMatrix2D holes;
-  ASSERT_TRUE(holes.MarkNoDataOf(phase));
-  Array<RegionInfo> regions;
-  RegionFinderConnected finder;
-  finder.SetMatrix(holes);
-  ASSERT_TRUE(finder.MakeRegions(holes, regions));
-  EXPECT_EQ(regions.Size(), 2);
-  EXPECT_EQ(holes.CountValid(), 2);
 }
 
 // Against a breadth-first flood fill, which numbers regions in the order a row-major scan meets
@@ -180,11 +131,10 @@ TEST(RegionFinderConnectedTest, MatchesAFloodFillOnRandomMasks) {
     ASSERT_EQ(inPlaceRegions.Size(), regions.Size()) << "trial " << trial;
     EXPECT_EQ(reused.GetMatrixWindow(), input.GetMatrixWindow());
     for (int k = 0; k < regions.Size(); ++k) {
-      EXPECT_EQ(regions[k].id, k);
-      EXPECT_EQ(regions[k].pixelCount, expectedRegions[static_cast<std::size_t>(k)].pixelCount)
-          << "trial " << trial;
-      EXPECT_EQ(regions[k].window, expectedRegions[static_cast<std::size_t>(k)].window) << "trial " << trial;
-      EXPECT_EQ(inPlaceRegions[k].window, regions[k].window) << "trial " << trial;
+      const RegionInfo& e = expectedRegions[static_cast<std::size_t>(k)];
+      EXPECT_TRUE(regions[k].id == k && regions[k].pixelCount == e.pixelCount &&
+                  regions[k].window == e.window && inPlaceRegions[k].window == e.window)
+          << "trial " << trial << ", region " << k;
     }
     for (std::int64_t i = 0; i < input.GetCount(); ++i) {
       ASSERT_EQ(reused.At(i), expected[static_cast<std::size_t>(i)]) << "trial " << trial << ", pixel " << i;

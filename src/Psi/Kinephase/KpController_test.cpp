@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <complex>
-#include <cstring>
 #include <numbers>
 #include <string>
 #include <vector>
@@ -14,7 +13,6 @@
 #include "Analysis/Core/Fft2D.h"
 #include "Psi/Kinephase/KpBoard.h"
 #include "Psi/Kinephase/KpCarrierSubtractor.h"
-#include "Testing/SeededRandom.h"
 #include "Testing/SyntheticCarrier.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase {
@@ -29,30 +27,6 @@ using Analysis::Core::Window2D;
 namespace StatusCode = Analysis::Core::StatusCode;
 
 constexpr double kTwoPi = 2.0 * std::numbers::pi;
-
-// Signed frequency of bin `index` of `size` bins: the upper half (from size / 2, integer division)
-// is negative.
-int Signed(int index, int size) {
-  return index < size / 2 ? index : index - size;
-}
-
-struct Lobe {
-  double cx, cy;  // bins: columns to the right, rows downwards in bin order
-};
-
-Lobe LobeOf(int quadrant, int rows, int cols, int p) {
-  const double fx = static_cast<double>(cols) / p, fy = static_cast<double>(rows) / p;
-  switch (quadrant) {
-    case 1:
-      return {fx, -fy};
-    case 2:
-      return {-fx, -fy};
-    case 3:
-      return {-fx, fy};
-    default:
-      return {fx, fy};
-  }
-}
 
 DoubleMatrix2D FilterOf(int rows, int cols, int p, int quadrant) {
   KpBoard board;
@@ -69,45 +43,40 @@ DoubleMatrix2D FilterOf(int rows, int cols, int p, int quadrant) {
 
 class FilterTest : public ::testing::TestWithParam<int> {};
 
-// The filter's zeros are exact: zero frequency (the notch is 1 - e^0), everything on the far side
-// of the diagonal through zero frequency that separates the lobe from its conjugate (the half
-// plane's normal is the diagonal of the lobe's quadrant, whatever the frame's aspect ratio), and
-// the second harmonic of the carrier. The lobe itself passes with the notches' tails only. With
-// 96 x 120 pixels and 6 pixels per fringe the lobe and its harmonic fall on whole bins.
-TEST_P(FilterTest, HasItsZerosAndPassesTheLobe) {
+// 108 x 144 pixels at 6 pixels per fringe put the lobe at (+-24, +-18) bins, r = 30 from zero
+// frequency, and every point below on a whole bin. The filter's zeros are exact: zero frequency
+// (the notch is 1 - e^0), the half plane beyond the diagonal through zero frequency that separates
+// the lobe from its conjugate, and the second harmonic. The lobe centre passes with the notches'
+// tails only. A bin r from the lobe centre, across the carrier direction, sits 4.2 zero-notch
+// widths and 8.5 harmonic-notch widths away (factors within 1.3e-4 of 1), so it reads the lobe's
+// own Gaussian at one width, e^{-1/2}: the lobe is r wide.
+TEST_P(FilterTest, HasItsZerosAndTheLobeWidth) {
   const int quadrant = GetParam();
-  const int rows = 96, cols = 120, p = 6;
+  const int rows = 108, cols = 144, p = 6;
   const DoubleMatrix2D filter = FilterOf(rows, cols, p, quadrant);
   ASSERT_EQ(filter.GetRows(), rows);
   ASSERT_EQ(filter.GetColumns(), cols);
-  const Lobe lobe = LobeOf(quadrant, rows, cols, p);
-  const auto bin = [&](double u, double v) {
-    return filter(static_cast<int>(v < 0 ? v + rows : v), static_cast<int>(u < 0 ? u + cols : u));
-  };
-  EXPECT_EQ(filter(0, 0), 0.0);
-  EXPECT_EQ(bin(2 * lobe.cx, 2 * lobe.cy), 0.0) << "second harmonic";
-  EXPECT_NEAR(bin(lobe.cx, lobe.cy), (1.0 - std::exp(-4.5)) * (1.0 - std::exp(-18.0)), 1e-12);
-  EXPECT_EQ(bin(-lobe.cx, -lobe.cy), 0.0) << "conjugate lobe";
-  int passing = 0;
+  const double sx = quadrant == 1 || quadrant == 4 ? 1 : -1, sy = quadrant >= 3 ? 1 : -1;
+  const int cx = static_cast<int>(24 * sx), cy = static_cast<int>(18 * sy);
+  const auto bin = [&](int u, int v) { return filter((v + rows) % rows, (u + cols) % cols); };
+  EXPECT_EQ(bin(0, 0), 0.0);
+  EXPECT_EQ(bin(2 * cx, 2 * cy), 0.0) << "second harmonic";
+  EXPECT_EQ(bin(-cx, -cy), 0.0) << "conjugate lobe";
+  EXPECT_NEAR(bin(cx, cy), (1.0 - std::exp(-4.5)) * (1.0 - std::exp(-18.0)), 1e-12);
+  EXPECT_NEAR(bin(cx - cy, cy + cx), std::exp(-0.5), 2e-4) << "one lobe width across the carrier";
   for (int i = 0; i < rows; ++i) {
     for (int j = 0; j < cols; ++j) {
-      const double side = Signed(j, cols) * (lobe.cx > 0 ? 1 : -1) + Signed(i, rows) * (lobe.cy > 0 ? 1 : -1);
-      if (side <= 0.0) {
-        ASSERT_EQ(filter(i, j), 0.0) << "bin " << i << "," << j << " is on the far half plane";
-      } else {
-        ASSERT_GE(filter(i, j), 0.0);
-        ASSERT_LE(filter(i, j), 1.0);
-        passing += filter(i, j) > 0.0 ? 1 : 0;
-      }
+      const int u = j < cols / 2 ? j : j - cols, v = i < rows / 2 ? i : i - rows;
+      ASSERT_TRUE(u * sx + v * sy > 0.0 || filter(i, j) == 0.0) << "bin " << i << "," << j << ", far half";
     }
   }
-  EXPECT_GT(passing, rows * cols / 3) << "the near half plane passes (minus the notch centres)";
 }
 
 INSTANTIATE_TEST_SUITE_P(Quadrants, FilterTest, ::testing::Values(1, 2, 3, 4));
 
 // Odd sizes: bin W / 2 (integer division) is a negative frequency. In quadrant 4 (lobe to the
-// right and down) the bin just below it passes and it does not.
+// right and down) the bin just below it passes and it does not. An orientation that names no
+// quadrant passes nothing.
 TEST(FilterOddSizeTest, MiddleBinCountsAsNegative) {
   const int rows = 31, cols = 45;
   const DoubleMatrix2D filter = FilterOf(rows, cols, 4, 4);
@@ -115,7 +84,6 @@ TEST(FilterOddSizeTest, MiddleBinCountsAsNegative) {
   EXPECT_EQ(filter(1, cols / 2), 0.0);
   EXPECT_GT(filter(rows / 2 - 1, 1), 0.0);
   EXPECT_EQ(filter(rows / 2, 1), 0.0);
-  // An orientation that names no quadrant passes nothing.
   for (const int quadrant : {0, 5, -1}) {
     const DoubleMatrix2D none = FilterOf(rows, cols, 4, quadrant);
     for (std::int64_t i = 0; i < none.GetCount(); ++i)
@@ -214,15 +182,9 @@ TEST(TrimTest, RemovesHolesBelowTheMinimumAndKeepsOneOfExactlyThatSize) {
       }
       const bool expectNoData = DoubleMatrix2D::IsNoData(before(r, c)) || nearKept;
       EXPECT_EQ(DoubleMatrix2D::IsNoData(phase(r, c)), expectNoData) << "pixel " << r << "," << c;
-      if (!expectNoData) {
-        EXPECT_EQ(phase(r, c), 0.25);
-      }
+      EXPECT_TRUE(expectNoData || phase(r, c) == 0.25) << "pixel " << r << "," << c << " changed";
     }
   }
-  // The small hole's neighbours are untouched; the 4-pixel block's corner neighbour is gone.
-  EXPECT_EQ(phase(2, 1), 0.25);
-  EXPECT_TRUE(DoubleMatrix2D::IsNoData(phase(1, 9)));
-
   // One more pixel of minimum and the block of 4 stays alone too.
   board.minRegionSizeToTrim = 5;
   phase = before;
@@ -230,76 +192,46 @@ TEST(TrimTest, RemovesHolesBelowTheMinimumAndKeepsOneOfExactlyThatSize) {
   EXPECT_EQ(phase.CountValid(), before.CountValid());
 }
 
-TEST(CarrierSubtractorTest, RotatesEachOrientationsCarrierAway) {
-  // R + N = 30 + 41 = 71 = 3 (mod 4): orientations 1, 3 and 4 add 2 pi 3 / 4, orientation 2 nothing.
-  const int rows = 30, cols = 41, p = 4;
-  for (const int quadrant : {1, 2, 3, 4}) {
-    Fft2D fft;
-    ASSERT_TRUE(fft.SetSize(rows, cols));
-    const double phi0 = 0.4;
-    // The kept lobe of fringes with carrier c is e^{-i (phi + c)} (see KpQuadrant).
-    for (int r = 0; r < rows; ++r) {
-      for (int c = 0; c < cols; ++c) {
-        fft.GetRow(r)[c] = std::polar(2.0, -(phi0 + Testing::CarrierPhase(quadrant, p, r, c)));
-      }
-    }
-    KpCarrierSubtractor subtractor;
-    subtractor.SetFft(fft);
-    subtractor.SetFringePeriod(p);
-    subtractor.SetOrientation(quadrant);
-    ASSERT_TRUE(subtractor.Execute().IsOk());
-    const double offset = quadrant == 2 ? 0.0 : kTwoPi * ((rows + cols) % p) / p;
-    for (int r = 0; r < rows; ++r) {
-      for (int c = 0; c < cols; ++c) {
-        const std::complex<double> z = fft.GetRow(r)[c];
-        ASSERT_NEAR(std::abs(z), 2.0, 1e-12);
-        ASSERT_NEAR(std::remainder(std::arg(z) - (-phi0 + offset), kTwoPi), 0.0, 1e-12)
-            << "quadrant " << quadrant << " pixel " << r << "," << c;
-      }
-    }
-  }
-}
-
-TEST(CarrierSubtractorTest, ThreadsAgreeAndBadSettingsFail) {
-  Testing::SeededRandom random(3);
-  SCOPED_TRACE(random.Describe());
-  Fft2D reference;
-  ASSERT_TRUE(reference.SetSize(57, 33));
-  for (int r = 0; r < 57; ++r) {
-    for (int c = 0; c < 33; ++c)
-      reference.GetRow(r)[c] = {random.Uniform(-1, 1), random.Uniform(-1, 1)};
-  }
-  Fft2D single(reference);
+// The kept lobe of fringes with carrier c is e^{-i (phi + c)} (see KpQuadrant); the rotation takes
+// the carrier away, up to 2 pi (R + N) / P for orientations 1, 3 and 4. One subtractor runs every
+// orientation at one period and then at another, so its rotators must follow the period.
+TEST(CarrierSubtractorTest, RotatesEachOrientationsCarrierAwayAtEveryPeriod) {
+  const int rows = 30, cols = 41;  // R + N = 71
+  const double phi0 = 0.4;
   KpCarrierSubtractor subtractor;
-  subtractor.SetFft(single);
-  subtractor.SetFringePeriod(5);
-  subtractor.SetOrientation(KpQuadrant::Quadrant1);
-  subtractor.SetAllowMultiThreads(false);
-  ASSERT_TRUE(subtractor.Execute().IsOk());
-  for (const int threads : {2, 4, 9}) {
-    Fft2D fft(reference);
-    KpCarrierSubtractor threaded(subtractor);
-    threaded.SetFft(fft);
-    threaded.SetAllowMultiThreads(true);
-    threaded.SetNumberOfThreads(threads);
-    ASSERT_TRUE(threaded.Execute().IsOk());
-    for (int r = 0; r < 57; ++r) {
-      ASSERT_EQ(std::memcmp(fft.GetRow(r), single.GetRow(r), 33 * sizeof(std::complex<double>)), 0)
-          << threads;
+  for (const int p : {4, 7}) {
+    for (const int quadrant : {1, 2, 3, 4}) {
+      Fft2D fft;
+      ASSERT_TRUE(fft.SetSize(rows, cols));
+      for (int r = 0; r < rows; ++r) {
+        for (int c = 0; c < cols; ++c)
+          fft.GetRow(r)[c] = std::polar(2.0, -(phi0 + Testing::CarrierPhase(quadrant, p, r, c)));
+      }
+      subtractor.SetFft(fft);
+      subtractor.SetFringePeriod(p);
+      subtractor.SetOrientation(quadrant);
+      ASSERT_TRUE(subtractor.Execute().IsOk());
+      const double offset = quadrant == 2 ? 0.0 : kTwoPi * ((rows + cols) % p) / p;
+      for (int r = 0; r < rows; ++r) {
+        for (int c = 0; c < cols; ++c) {
+          const std::complex<double> z = fft.GetRow(r)[c];
+          ASSERT_NEAR(std::abs(z), 2.0, 1e-12);
+          ASSERT_NEAR(std::remainder(std::arg(z) - (-phi0 + offset), kTwoPi), 0.0, 1e-12)
+              << "period " << p << ", quadrant " << quadrant << ", pixel " << r << "," << c;
+        }
+      }
     }
   }
-
   KpCarrierSubtractor unset;
-  Status status = unset.Execute();
-  EXPECT_EQ(status.GetCode(), StatusCode::kNotSet);
-  unset.SetFft(single);
-  unset.SetFringePeriod(0);
-  status = unset.Execute();
+  EXPECT_EQ(unset.Execute().GetCode(), StatusCode::kNotSet);
+  subtractor.SetFringePeriod(0);
+  const Status status = subtractor.Execute();
   EXPECT_EQ(status.GetCode(), StatusCode::kArgumentOutOfRange);
   EXPECT_EQ(status.GetFile(), "Psi\\Kinephase\\KpCarrierSubtractor");
 }
 
-// The boolean wiring test: nothing without a board, the width before the height.
+// The boolean wiring test: nothing without a board, the width before the height. A filter built
+// while the status still holds a failure is not trusted for the next run.
 TEST(KpControllerWiringTest, WidthThenHeight) {
   KpController loose;
   EXPECT_FALSE(loose.IsWired());
@@ -323,7 +255,6 @@ TEST(KpControllerWiringTest, WidthThenHeight) {
   KpBoard fresh;
   fresh.controller.Prepare(Window2D(0, 0, 10, 12));
   EXPECT_EQ(fresh.width, 0);
-  EXPECT_EQ(fresh.status.GetMessage(), "The width is undefined");
   board.controller.Prepare(Window2D(0, 0, 10, 12));
   EXPECT_EQ(board.width, 12);
   EXPECT_EQ(board.fft.GetRows(), 10);
@@ -331,16 +262,6 @@ TEST(KpControllerWiringTest, WidthThenHeight) {
   board.status.ClearError();
   board.controller.Prepare(Window2D(0, 0, 10, 12));
   EXPECT_TRUE(board.filterValid);
-
-  // Clear restores the parameters and keeps the size; a copy is wired to itself.
-  board.dataSign = 1;
-  board.minRegionSizeToTrim = 3;
-  board.Clear();
-  EXPECT_EQ(board.dataSign, -1);
-  EXPECT_EQ(board.minRegionSizeToTrim, 10);
-  EXPECT_EQ(board.width, 12);
-  KpBoard copy(board);
-  EXPECT_EQ(copy.controller.GetBoard(), &copy);
 }
 
 }  // namespace

@@ -1,84 +1,19 @@
 #include "Psi/Corvane13.h"
 
-#include <cstdint>
-#include <string>
-
 #include "Psi/detail/CorvaneStep.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 
-using Analysis::Core::Status;
-namespace StatusCode = Analysis::Core::StatusCode;
-
-namespace {
-constexpr const char* kSource = "Psi\\Corvane13";
-constexpr double kNoData = Analysis::Core::kNoDataDouble;
-}  // namespace
-
-Corvane13::Corvane13() : status_(__LINE__, kSource) {}
-
-void Corvane13::Intialize(int numberOfThreads) {
-  // The status describes the current run; a failure of an earlier run must not stop this one.
-  status_.ClearError();
-  outData_ = nullptr;
-  if (!frameBuffer_) {
-    status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "");
-    return;
-  }
-  if (frameBuffer_->GetNumberOfFrames() != kFrames) {
-    status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "");
-    return;
-  }
-  if (frameBuffer_->IsRing()) {
-    status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
-                     "Phase-shifted frames must all be stored (not a ring)");
-    return;
-  }
-  if (!out_) {
-    status_ =
-        Status(0, StatusCode::kNotSet, __LINE__, kSource, "No output map has been set (SetCorvaneMatrix)");
-    return;
-  }
-  if (out_->GetCount() < frameBuffer_->GetPixelCount()) {
-    status_ =
-        Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
-               "The output map holds " + std::to_string(out_->GetCount()) + " elements, the frame window " +
-                   std::to_string(frameBuffer_->GetPixelCount()) + " pixels");
-    return;
-  }
-  const int threads = numberOfThreads < 1 ? 1 : numberOfThreads;
-  if (!counters_.Resize(threads)) {
-    RecordCallFailure(status_, counters_.GetStatus(), "counters.Resize", __LINE__);
-    return;
-  }
-  for (CorvaneThreadCounter& counter : counters_)
-    counter.validPixels = 0;
-  numberOfFrames_ = frameBuffer_->GetNumberOfFrames();
-  saturationLevel_ = frameBuffer_->GetMaxValue();
-  modulationThreshold_ = saturationLevel_ * minimumModulation_ / 100.0;
-  outData_ = out_->GetInternalMat().Data();
-}
+Corvane13::Corvane13() : CorvaneRatioAlgorithm("Psi\\Corvane13", kFrames) {}
 
 template <typename Sample>
 void Corvane13::Process(int thread, int pixel, const Sample* I) {
-  // Only the ten frames that form the five pair sums are read, so only they can spoil the pixel.
-  constexpr int kFramesRead = 10;
-  for (int k = 0; k < kFramesRead; ++k) {
-    if (static_cast<int>(I[k]) >= saturationLevel_) {
-      outData_[pixel] = kNoData;
-      return;
-    }
-  }
   const auto pair = [I](int k) {
     return static_cast<std::int64_t>(I[2 * k]) + static_cast<std::int64_t>(I[2 * k + 1]);
   };
-  double value = 0.0;
-  if (!detail::CorvaneStepValue(pair(0), pair(1), pair(2), pair(3), pair(4), modulationThreshold_, value)) {
-    outData_[pixel] = kNoData;
-    return;
-  }
-  outData_[pixel] = value;
-  ++counters_[thread].validPixels;
+  const std::int64_t s[5] = {pair(0), pair(1), pair(2), pair(3), pair(4)};
+  // Only the ten frames that form the five pair sums are read, so only they can spoil the pixel.
+  StoreStep(thread, pixel, I, 10, s);
 }
 
 void Corvane13::ProcessPixel(int thread, int pixel, const int* samples) {
@@ -87,17 +22,6 @@ void Corvane13::ProcessPixel(int thread, int pixel, const int* samples) {
 
 void Corvane13::ProcessPixel(int thread, int pixel, const unsigned char* samples) {
   Process(thread, pixel, samples);
-}
-
-std::int64_t Corvane13::GetValidPixelCount() const {
-  std::int64_t total = 0;
-  for (const CorvaneThreadCounter& counter : counters_)
-    total += counter.validPixels;
-  return total;
-}
-
-void Corvane13::PostProcess() {
-  if (GetValidPixelCount() == 0) status_ = Status(0, StatusCode::kNoValidResult, __LINE__, kSource, "");
 }
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi

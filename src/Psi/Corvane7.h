@@ -1,9 +1,5 @@
 #pragma once
 
-#include "Analysis/Core/Array.h"
-#include "Analysis/Core/DoubleMatrix2D.h"
-#include "Analysis/Core/FrameBuffer.h"
-#include "Analysis/Core/Status.h"
 #include "Psi/CorvaneAlgorithm.h"
 #include "QuarnPhaseProcessingExport.h"
 
@@ -33,38 +29,20 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 // hold exactly 7 frames, code 21 without an output map, code 20 (with a message) for a map smaller
 // than the frame window or a ring buffer; it starts each run from a clean status. `PostProcess`
 // sets code 1 (source "Psi\Corvane7") when no pixel was valid.
-class QUARN_PP_EXPORT Corvane7 final : public CorvaneAlgorithm {
+// The settings, `Intialize`, `PostProcess` and `GetValidPixelCount()` are shared with `Corvane13`
+// through `detail::CorvaneRatioAlgorithm`.
+class QUARN_PP_EXPORT Corvane7 final : public detail::CorvaneRatioAlgorithm {
  public:
   static constexpr int kFrames = 7;
 
   Corvane7();
 
-  void SetFrameBuffer(Analysis::Core::FrameBuffer* frames) override { frameBuffer_ = frames; }
-  void SetCorvaneMatrix(Analysis::Core::DoubleMatrix2D* out) override { out_ = out; }
-  void SetMinimumModulation(double percent) override { minimumModulation_ = percent; }
-  double GetMinimumModulation() const { return minimumModulation_; }
   void ProcessPixel(int thread, int pixel, const int* samples) override;
   void ProcessPixel(int thread, int pixel, const unsigned char* samples) override;
-  void Intialize(int numberOfThreads) override;
-  void PostProcess() override;
-  Analysis::Core::Status& GetStatus() override { return status_; }
-
-  // Valid pixels counted so far in this run, over all threads.
-  std::int64_t GetValidPixelCount() const;
 
  private:
   template <typename Sample>
   void Process(int thread, int pixel, const Sample* samples);
-
-  Analysis::Core::FrameBuffer* frameBuffer_ = nullptr;
-  Analysis::Core::DoubleMatrix2D* out_ = nullptr;
-  double minimumModulation_ = 15.0;  // percent of the saturation level
-  int numberOfFrames_ = 0;
-  int saturationLevel_ = 0;
-  double modulationThreshold_ = 0.0;
-  Analysis::Core::Array<CorvaneThreadCounter> counters_;
-  Analysis::Core::Status status_;
-  double* outData_ = nullptr;  // the map's elements, fixed for the run by `Intialize`
 };
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi

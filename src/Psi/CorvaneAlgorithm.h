@@ -2,8 +2,10 @@
 
 #include <cstdint>
 
+#include "Analysis/Core/Array.h"
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
+#include "Analysis/Core/NoData.h"
 #include "Analysis/Core/Status.h"
 #include "QuarnPhaseProcessingExport.h"
 
@@ -54,5 +56,53 @@ class QUARN_PP_EXPORT CorvaneAlgorithm {
   CorvaneAlgorithm(const CorvaneAlgorithm&) = default;
   CorvaneAlgorithm& operator=(const CorvaneAlgorithm&) = default;
 };
+
+namespace detail {
+
+// CorvaneRatioAlgorithm
+//
+// What `Corvane7` and `Corvane13` share: the settings, the checks `Intialize` makes on the frame
+// buffer and the map (the exact frame count is the only difference), the per-thread counters and
+// `PostProcess`. A derived class supplies `ProcessPixel`: it reduces a pixel's samples to five
+// equally spaced values of one sinusoid and hands them to `StoreStep`.
+class QUARN_PP_EXPORT CorvaneRatioAlgorithm : public CorvaneAlgorithm {
+ public:
+  void SetFrameBuffer(Analysis::Core::FrameBuffer* frames) final { frameBuffer_ = frames; }
+  void SetCorvaneMatrix(Analysis::Core::DoubleMatrix2D* out) final { out_ = out; }
+  void SetMinimumModulation(double percent) final { minimumModulation_ = percent; }
+  double GetMinimumModulation() const { return minimumModulation_; }
+  void Intialize(int numberOfThreads) final;
+  void PostProcess() final;
+  Analysis::Core::Status& GetStatus() final { return status_; }
+
+  // Valid pixels counted so far in this run, over all threads.
+  std::int64_t GetValidPixelCount() const;
+
+ protected:
+  // `source` names the class in its statuses ("Psi\Corvane7"); `frames` is the frame count it
+  // accepts.
+  CorvaneRatioAlgorithm(const char* source, int frames);
+
+  // Writes the step value of the five values s (see `CorvaneStepValue`) to the pixel and counts it
+  // for the thread, or writes no data when one of the first `framesRead` samples reaches the
+  // saturation level or the values give no usable step.
+  template <typename Sample>
+  void StoreStep(int thread, int pixel, const Sample* samples, int framesRead, const std::int64_t (&s)[5]);
+
+ private:
+  Analysis::Core::FrameBuffer* frameBuffer_ = nullptr;
+  Analysis::Core::DoubleMatrix2D* out_ = nullptr;
+  double minimumModulation_ = 15.0;  // percent of the saturation level
+  int numberOfFrames_ = 0;
+  int saturationLevel_ = 0;
+  double modulationThreshold_ = 0.0;
+  Analysis::Core::Array<CorvaneThreadCounter> counters_;
+  Analysis::Core::Status status_;
+  double* outData_ = nullptr;  // the map's elements, fixed for the run by `Intialize`
+  const char* source_;
+  int acceptedFrames_;
+};
+
+}  // namespace detail
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi

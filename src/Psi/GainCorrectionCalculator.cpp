@@ -1,12 +1,8 @@
 #include "Psi/GainCorrectionCalculator.h"
 
-#include <cstdint>
-#include <string>
-#include <type_traits>
-
 #include "Psi/GainCorrectionPmi.h"
 #include "Psi/GainCorrectionSinPsi.h"
-#include "Psi/detail/PixelWalk.h"
+#include "Psi/detail/PixelCheckRun.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 
@@ -51,8 +47,7 @@ GainCorrectionCalculator& GainCorrectionCalculator::operator=(const GainCorrecti
 GainCorrectionCalculator::~GainCorrectionCalculator() = default;
 
 void GainCorrectionCalculator::SetNumberOfThreads(int n) {
-  dispatcher_ = Analysis::Core::Threading::ThreadDispatcher<GainCorrectionCalculator>(this, nullptr,
-                                                                                      n <= 0 ? -1 : n, 0);
+  detail::SetCalculatorThreads(dispatcher_, this, n);
 }
 
 void GainCorrectionCalculator::Calculate(FrameBuffer& frames) {
@@ -62,89 +57,39 @@ void GainCorrectionCalculator::Calculate(FrameBuffer& frames) {
 void GainCorrectionCalculator::Calculate(FrameBuffer& frames, RegionIdMatrix2D* regions) {
   // A run that fails must not leave the number of an earlier run behind.
   gainCorrection_ = kNoData;
-  try {
-    Run(frames, regions);
-  } catch (const Status& thrown) {
-    status_ = thrown;  // a worker's failure, raised by the dispatcher
-  } catch (...) {
-    status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "Unhandled exception");
-  }
-}
-
-void GainCorrectionCalculator::Run(FrameBuffer& frames, RegionIdMatrix2D* regions) {
-  if (!algorithm_) {
-    status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "");
-    return;
-  }
-  if (scanPeriod_ < 1) {
-    status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
-                     "The scan period must be at least 1, it is " + std::to_string(scanPeriod_));
-    return;
-  }
-  if (allowMultipleThreads_) {
-    dispatcher_.ResetNumberOfWorkers();
-  } else {
-    dispatcher_.SetNumberOfWorkers(1);
-  }
-  const int workers = dispatcher_.GetNumberOfWorkers();
-
-  frameBuffer_ = &frames;
-  regionMask_ = regions;
-  const int numberOfPixels = frames.GetPixelCount();
-
-  algorithm_->SetFrameBuffer(&frames);
-  algorithm_->SetMinimumModulation(minimumModulation_);
-  algorithm_->Intialize(workers);
-  if (CopyIfFailed(status_, algorithm_->GetStatus())) return;
-
-  // Every worker, the calling thread's included, gathers samples into its own scratch slot.
-  if (CopyIfFailed(status_, frames.MakeThreadData(workers))) return;
-
-  detail::PixelWalk walk;
-  if (CopyIfFailed(status_, walk.Prepare(frames.GetAllocatedWindow(), regions, scanPeriod_))) return;
-
-  dispatcher_.GetStatus().ClearError();
-  dispatcher_.Invoke(&GainCorrectionCalculator::ProcessPixels, &walk, 0, numberOfPixels);
-  if (CopyIfFailed(status_, dispatcher_.GetStatus())) return;
-  if (CopyIfFailed(status_, algorithm_->GetStatus())) return;
-
-  algorithm_->PostProcess();
-  gainCorrection_ = algorithm_->GetGainCorrection();
-  CopyIfFailed(status_, algorithm_->GetStatus());
-}
-
-// The sample type and the algorithm's class are decided once per range; for the built-in
-// algorithms the per-pixel call then binds statically.
-void GainCorrectionCalculator::ProcessPixels(void* walk, int thread, int first, int end) {
-  const auto visit = [&](auto& algorithm) {
-    using Algorithm = std::remove_reference_t<decltype(algorithm)>;
-    switch (frameBuffer_->GetElementRes()) {
-      case FrameBuffer::kRes8Bit:
-        Walk<std::uint8_t, unsigned char, Algorithm>(algorithm, walk, thread, first, end);
-        break;
-      case FrameBuffer::kRes16Bit:
-        Walk<std::uint16_t, int, Algorithm>(algorithm, walk, thread, first, end);
-        break;
-      case FrameBuffer::kRes32Bit:
-        Walk<std::int32_t, int, Algorithm>(algorithm, walk, thread, first, end);
-        break;
+  detail::RunGuarded(status_, kSource, [&] {
+    if (!algorithm_) {
+      status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "");
+      return;
     }
-  };
-  if (auto* pmi = dynamic_cast<GainCorrectionPmi*>(algorithm_)) {
-    visit(*pmi);
-  } else if (auto* sinPsi = dynamic_cast<GainCorrectionSinPsi*>(algorithm_)) {
-    visit(*sinPsi);
-  } else {
-    visit(*algorithm_);
-  }
+    frameBuffer_ = &frames;
+    regionMask_ = regions;
+    const bool postProcessed = detail::RunPixelCheck(status_, {kSource, scanPeriod_, allowMultipleThreads_},
+                                                     dispatcher_, &GainCorrectionCalculator::ProcessPixels,
+                                                     *algorithm_, frames, regions, [&](int workers) {
+                                                       algorithm_->SetFrameBuffer(&frames);
+                                                       algorithm_->SetMinimumModulation(minimumModulation_);
+                                                       algorithm_->Intialize(workers);
+                                                     });
+    if (postProcessed) gainCorrection_ = algorithm_->GetGainCorrection();
+  });
 }
 
-template <typename Stored, typename Sample, typename Algorithm>
-void GainCorrectionCalculator::Walk(Algorithm& algorithm, const void* walk, int thread, int first, int end) {
-  FrameBuffer& frames = *frameBuffer_;
-  static_cast<const detail::PixelWalk*>(walk)->ForEach(first, end, [&](int p) {
-    algorithm.ProcessPixel(thread, frames.ExtractIndexAs<Stored, Sample>(thread, p));
-  });
+void GainCorrectionCalculator::ProcessPixels(void* walk, int thread, int first, int end) {
+  const auto process = [&](auto& algorithm) {
+    static_cast<const detail::PixelWalk*>(walk)->ForEachSamples(
+        *frameBuffer_, thread, first, end,
+        [&](int, const auto* samples) { algorithm.ProcessPixel(thread, samples); });
+  };
+  // Decided once per range: the built-in algorithms are final classes, so their per-pixel call
+  // binds statically.
+  if (auto* pmi = dynamic_cast<GainCorrectionPmi*>(algorithm_)) {
+    process(*pmi);
+  } else if (auto* sinPsi = dynamic_cast<GainCorrectionSinPsi*>(algorithm_)) {
+    process(*sinPsi);
+  } else {
+    process(*algorithm_);
+  }
 }
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi

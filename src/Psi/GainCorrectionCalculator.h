@@ -55,17 +55,17 @@ class QUARN_PP_EXPORT GainCorrectionCalculator {
   int GetScanPeriod() const { return scanPeriod_; }
   void SetAllowMultipleThreads(bool allow) { allowMultipleThreads_ = allow; }
   bool GetAllowMultipleThreads() const { return allowMultipleThreads_; }
-  // The number of workers a run with multiple threads uses; n <= 0 means one per processor.
+  // The number of workers a run with multiple threads uses: n <= 0 gives 1, otherwise n but at most
+  // one per processor (the default). The getter returns the dispatcher's number of workers.
   void SetNumberOfThreads(int n);
-  int GetNumberOfThreads() const { return dispatcher_.GetNumberOfThreads(); }
+  int GetNumberOfThreads() const { return dispatcher_.GetNumberOfWorkers(); }
 
   Analysis::Core::Status& GetStatus() { return status_; }
 
  private:
-  void Run(Analysis::Core::FrameBuffer& frames, Analysis::Core::RegionIdMatrix2D* regions);
+  // The dispatcher's work function: the pixels of [first, end) that `walk` (a `detail::PixelWalk`)
+  // selects, handed to the algorithm.
   void ProcessPixels(void* walk, int thread, int first, int end);
-  template <typename Stored, typename Sample, typename Algorithm>
-  void Walk(Algorithm& algorithm, const void* walk, int thread, int first, int end);
 
   GainCorrection* algorithm_ = nullptr;
   double minimumModulation_ = 15.0;  // percent of the saturation level

@@ -1,5 +1,7 @@
 #include "Psi/GainCorrectionPmi.h"
 
+#include "Psi/detail/AlgorithmRun.h"
+
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 
 using Analysis::Core::Status;
@@ -21,30 +23,13 @@ bool GainCorrectionPmi::PixelIntensityInRange(int max, int a, int b, int c, int 
 }
 
 void GainCorrectionPmi::Intialize(int numberOfThreads) {
-  // The status describes the current run; a failure of an earlier run must not stop this one.
-  status_.ClearError();
-  if (!frameBuffer_) {
-    status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "");
+  if (!detail::AcceptFrameStack(status_, kSource, frameBuffer_,
+                                [](int frames) { return frames == 7 || frames == 13; }))
     return;
-  }
-  const int frames = frameBuffer_->GetNumberOfFrames();
-  if (frames != 7 && frames != 13) {
-    status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "");
+  if (!detail::PrepareThreadRecords(status_, accumulators_, numberOfThreads, "accumulators.Resize",
+                                    [](PmiThreadAccumulator& accumulator) { accumulator = {}; }))
     return;
-  }
-  if (frameBuffer_->IsRing()) {
-    status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
-                     "Phase-shifted frames must all be stored (not a ring)");
-    return;
-  }
-  const int threads = numberOfThreads < 1 ? 1 : numberOfThreads;
-  if (!accumulators_.Resize(threads)) {
-    RecordCallFailure(status_, accumulators_.GetStatus(), "accumulators.Resize", __LINE__);
-    return;
-  }
-  for (PmiThreadAccumulator& accumulator : accumulators_)
-    accumulator = PmiThreadAccumulator{};
-  numberOfFrames_ = frames;
+  numberOfFrames_ = frameBuffer_->GetNumberOfFrames();
   saturationLevel_ = frameBuffer_->GetMaxValue();
   modulationThreshold_ = saturationLevel_ * minimumModulation_ / 100.0;
 }
@@ -88,18 +73,12 @@ void GainCorrectionPmi::ProcessPixel(int thread, const unsigned char* samples) {
 }
 
 std::int64_t GainCorrectionPmi::GetContributingPixelCount() const {
-  std::int64_t count = 0;
-  for (const PmiThreadAccumulator& accumulator : accumulators_)
-    count += accumulator.count;
-  return count;
+  return detail::SumOverThreads(accumulators_, &PmiThreadAccumulator::count);
 }
 
 void GainCorrectionPmi::PostProcess() {
-  std::int64_t sum = 0, count = 0;
-  for (const PmiThreadAccumulator& accumulator : accumulators_) {
-    sum += accumulator.stepSum;
-    count += accumulator.count;
-  }
+  const std::int64_t sum = detail::SumOverThreads(accumulators_, &PmiThreadAccumulator::stepSum);
+  const std::int64_t count = GetContributingPixelCount();
   if (count == 0) {
     gainCorrection_ = kNoData;
     status_ = Status(0, StatusCode::kNoValidResult, __LINE__, kSource, "");

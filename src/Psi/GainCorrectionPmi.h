@@ -13,7 +13,8 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 // PmiThreadAccumulator
 //
 // The step sum and pixel count of one worker thread, in a record of 128 bytes of its own so that
-// concurrent workers never write the same cache line (nor its prefetch partner).
+// concurrent workers never write the same cache line (nor its prefetch partner). The sum has 64 bits
+// because a 32-bit one could wrap on a large camera (see `GainCorrectionPmi`).
 struct alignas(128) PmiThreadAccumulator {
   std::int64_t stepSum = 0;
   std::int32_t count = 0;
@@ -41,8 +42,11 @@ static_assert(sizeof(PmiThreadAccumulator) == 128, "one accumulator per 128-byte
 // about -1.27 eps: negative for a shifter that moves too far, positive for one that moves too
 // little. Its resolution is 1 / 316 = 0.0032 (the integer mean), about 0.25 % of step error.
 //
-// Integer arithmetic is carried out in 64 bits; for samples of up to 16 bits this gives the same
-// numbers as 32-bit arithmetic, and sums over very large images cannot overflow.
+// Integer arithmetic is carried out in 64 bits. Per pixel this gives the same numbers as 32 bits for
+// samples of up to 16 bits (256 x num of 32-bit samples would wrap). The sum is what needs the
+// width: at |r| = 256 a 32-bit step sum wraps after 2^31 / 256 = 8.4 million contributing pixels,
+// fewer than one frame of a 4k camera has, and the gain would be wrong without any sign of it. The
+// integer division of the mean still comes before the floating one, as above.
 //
 // Status: `Intialize` sets code 6 (no message) without a frame buffer or for a frame count other
 // than 7 or 13, code 20 for a ring buffer, and starts each run from a clean status. `PostProcess`

@@ -3,6 +3,8 @@
 #include <cmath>
 #include <new>
 
+#include "Psi/detail/AlgorithmRun.h"
+
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 
 using Analysis::Core::Array;
@@ -21,30 +23,18 @@ constexpr int kPairSumCapacity = 64;
 GainCorrectionSinPsi::GainCorrectionSinPsi() : status_(__LINE__, kSource) {}
 
 void GainCorrectionSinPsi::Intialize(int numberOfThreads) {
-  // The status describes the current run; a failure of an earlier run must not stop this one.
-  status_.ClearError();
-  if (!frameBuffer_) {
-    status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "");
+  if (!detail::AcceptFrameStack(status_, kSource, frameBuffer_,
+                                [](int frames) { return frames >= kFramesUsed; }))
     return;
-  }
-  if (frameBuffer_->GetNumberOfFrames() < kFramesUsed) {
-    status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "");
-    return;
-  }
-  if (frameBuffer_->IsRing()) {
-    status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
-                     "Phase-shifted frames must all be stored (not a ring)");
-    return;
-  }
   framesUsed_ = kFramesUsed;
-  const int threads = numberOfThreads < 1 ? 1 : numberOfThreads;
-  if (!accumulators_.Resize(threads)) {
-    RecordCallFailure(status_, accumulators_.GetStatus(), "accumulators.Resize", __LINE__);
+  if (!detail::PrepareThreadRecords(status_, accumulators_, numberOfThreads, "accumulators.Resize",
+                                    [](SinPsiThreadAccumulator& accumulator) {
+                                      accumulator.count = 0;
+                                      accumulator.sum = 0.0;
+                                    }))
     return;
-  }
+  // Each record keeps its pair-sum array from run to run.
   for (SinPsiThreadAccumulator& accumulator : accumulators_) {
-    accumulator.count = 0;
-    accumulator.sum = 0.0;
     if (!accumulator.pairSums) {
       accumulator.pairSums.reset(new (std::nothrow) Array<std::int64_t>());
       if (!accumulator.pairSums) {
@@ -98,21 +88,12 @@ void GainCorrectionSinPsi::ProcessPixel(int thread, const unsigned char* samples
 }
 
 std::int64_t GainCorrectionSinPsi::GetContributingPixelCount() const {
-  std::int64_t count = 0;
-  for (const SinPsiThreadAccumulator& accumulator : accumulators_)
-    count += accumulator.count;
-  return count;
+  return detail::SumOverThreads(accumulators_, &SinPsiThreadAccumulator::count);
 }
 
 void GainCorrectionSinPsi::PostProcess() {
-  // Combined on the calling thread in thread order, so a given number of threads always adds the
-  // partial sums in the same order.
-  std::int64_t count = 0;
-  double sum = 0.0;
-  for (const SinPsiThreadAccumulator& accumulator : accumulators_) {
-    count += accumulator.count;
-    sum += accumulator.sum;
-  }
+  const std::int64_t count = GetContributingPixelCount();
+  const double sum = detail::SumOverThreads(accumulators_, &SinPsiThreadAccumulator::sum);
   if (count == 0) {
     gainCorrection_ = kNoData;
     status_ = Status(0, StatusCode::kNoValidResult, __LINE__, kSource, "");

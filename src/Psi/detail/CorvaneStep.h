@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "Psi/CorvaneAlgorithm.h"
+
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi::detail {
 
 // The step value of five equally spaced samples s0..s4 of one sinusoid (single frames of a 7-frame
@@ -9,8 +11,10 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi::detail {
 // false when the pixel has no usable step (modulation not above `threshold`, a zero denominator,
 // or a ratio outside [-1, 3]).
 //
-// Differences are formed exactly in 64-bit integers (for 8- to 16-bit samples this is the same as
-// 32-bit arithmetic; for extreme 32-bit samples it cannot overflow) and converted to double once.
+// Differences are formed exactly in 64-bit integers: for 8- and 16-bit samples this gives the same
+// numbers as 32-bit arithmetic, while a pair sum of two 32-bit samples, or the difference of two
+// such sums, would wrap in 32 bits and turn a bright pixel's step into noise. One conversion to
+// double follows.
 inline bool CorvaneStepValue(std::int64_t s0, std::int64_t s1, std::int64_t s2, std::int64_t s3,
                              std::int64_t s4, double threshold, double& value) {
   const auto abs = [](std::int64_t v) { return v < 0 ? -v : v; };
@@ -28,6 +32,24 @@ inline bool CorvaneStepValue(std::int64_t s0, std::int64_t s1, std::int64_t s2, 
   if (r < -1.0 || r > 3.0) return false;
   value = r * 128.0 - 128.0;
   return true;
+}
+
+template <typename Sample>
+void CorvaneRatioAlgorithm::StoreStep(int thread, int pixel, const Sample* samples, int framesRead,
+                                      const std::int64_t (&s)[5]) {
+  for (int k = 0; k < framesRead; ++k) {
+    if (static_cast<int>(samples[k]) >= saturationLevel_) {
+      outData_[pixel] = Analysis::Core::kNoDataDouble;
+      return;
+    }
+  }
+  double value = 0.0;
+  if (!CorvaneStepValue(s[0], s[1], s[2], s[3], s[4], modulationThreshold_, value)) {
+    outData_[pixel] = Analysis::Core::kNoDataDouble;
+    return;
+  }
+  outData_[pixel] = value;
+  ++counters_[thread].validPixels;
 }
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi::detail

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cassert>
 #include <cstdint>
 
+#include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/RegionIdMatrix2D.h"
 #include "Analysis/Core/Status.h"
 #include "Analysis/Core/Window2D.h"
@@ -30,10 +32,13 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi::detail {
 class PixelWalk {
  public:
   // Decides the case. Fails (the intersection's own status: a malformed window) only for a window
-  // of negative size; the walk then visits nothing.
+  // of negative size; the walk then visits nothing. The scan period must be at least 1: the
+  // calculators refuse a smaller one (code 20) before they prepare a walk, since it would never
+  // advance.
   Analysis::Core::Status Prepare(const Analysis::Core::Window2D& frameWindow,
                                  const Analysis::Core::RegionIdMatrix2D* mask, int scanPeriod) {
-    period_ = scanPeriod < 1 ? 1 : scanPeriod;
+    assert(scanPeriod >= 1);
+    period_ = scanPeriod;
     frameCols_ = frameWindow.GetCols() > 0 ? frameWindow.GetCols() : 1;
     if (!mask) {
       mode_ = Mode::kAll;
@@ -95,7 +100,35 @@ class PixelWalk {
     }
   }
 
+  // Calls visit(p, samples) for each pixel p of [first, end) that takes part, with the pixel's
+  // samples (frame 0 first) gathered into worker `thread`'s scratch of `frames`: as unsigned char
+  // for 8-bit frames, as int for 16- and 32-bit ones, the two forms the phase-shifter checks take.
+  // The sample type is decided once for the range, not per pixel.
+  template <typename Visit>
+  void ForEachSamples(Analysis::Core::FrameBuffer& frames, int thread, int first, int end,
+                      Visit&& visit) const {
+    switch (frames.GetElementRes()) {
+      case Analysis::Core::FrameBuffer::kRes8Bit:
+        Gather<std::uint8_t, unsigned char>(frames, thread, first, end, visit);
+        break;
+      case Analysis::Core::FrameBuffer::kRes16Bit:
+        Gather<std::uint16_t, int>(frames, thread, first, end, visit);
+        break;
+      case Analysis::Core::FrameBuffer::kRes32Bit:
+        Gather<std::int32_t, int>(frames, thread, first, end, visit);
+        break;
+    }
+  }
+
  private:
+  template <typename Stored, typename Sample, typename Visit>
+  void Gather(Analysis::Core::FrameBuffer& frames, int thread, int first, int end, Visit& visit) const {
+    ForEach(first, end, [&](int p) {
+      const Sample* samples = frames.ExtractIndexAs<Stored, Sample>(thread, p);
+      visit(p, samples);
+    });
+  }
+
   enum class Mode { kAll, kSameWindow, kOverlap, kNothing };
 
   Mode mode_ = Mode::kAll;

@@ -150,7 +150,84 @@ double StepDegrees(double stepValue) {
 std::string NoResultReason(const PsiCheckOptions& options, int maxValue) {
   return "every pixel " + std::string(options.mask.empty() ? "" : "of the mask ") +
          "is saturated (a sample reaches " + std::to_string(maxValue) + ") or modulated less than " +
-         Format("%g", options.minModulation) + " % of it; nothing written";
+         Format("%g", options.minModulation) + " % of it";
+}
+
+// The settings both checks share: minimum modulation, scan period and threads (--threads 0: the
+// calling thread only; -1: the default).
+template <typename Calculator>
+void ConfigureCalculator(Calculator& calculator, const PsiCheckOptions& options) {
+  calculator.SetMinimumModulation(options.minModulation);
+  calculator.SetScanPeriod(options.scanPeriod);
+  if (options.threads == 0) calculator.SetAllowMultipleThreads(false);
+  if (options.threads > 0) calculator.SetNumberOfThreads(options.threads);
+}
+
+// Each check returns its failure (empty when it produced its result), so that the other check's
+// result still reaches the user. A status other than "no valid pixel" is an unusable input.
+
+std::string RunCorvaneCheck(const PsiCheckOptions& options, const FrameRun& run, Core::RegionIdMatrix2D* mask,
+                            Core::DoubleMatrix2D& steps) {
+  Psi::Corvane7 seven;
+  Psi::Corvane13 thirteen;
+  Psi::CorvaneCalculator calculator;
+  calculator.SetAlgorithm(run.count == 7 ? static_cast<Psi::CorvaneAlgorithm*>(&seven) : &thirteen);
+  ConfigureCalculator(calculator, options);
+  // Pixels left out by the stride or the mask are not written: they must read as no data.
+  steps.SetAll(Core::DoubleMatrix2D::NoData());
+  calculator.Calculate(*run.frames, mask, steps);
+  const Core::Status& status = calculator.GetStatus();
+  if (status.GetCode() == StatusCode::kNoValidResult) {
+    return "corvane check: no valid pixel in " + run.description + ": " +
+           NoResultReason(options, run.frames->GetMaxValue());
+  }
+  if (status.IsError()) throw UsageError(run.description + ": " + status.GetPrintString());
+
+  std::vector<double> values;
+  values.reserve(static_cast<std::size_t>(steps.GetCount()));
+  double sum = 0.0;
+  for (std::int64_t i = 0; i < steps.GetCount(); ++i) {
+    if (Core::IsNoDataValue(steps.At(i))) continue;
+    values.push_back(steps.At(i));
+    sum += steps.At(i);
+  }
+  const double valid = static_cast<double>(values.size()) / static_cast<double>(steps.GetCount());
+  const double mean = sum / static_cast<double>(values.size());
+  const double median = Median(std::move(values));
+  // 256 cos(alpha): alpha between frames for 7 frames, between frame pairs for 13.
+  const std::string between = run.count == 7 ? "between frames" : "between frame pairs";
+  std::printf(
+      "corvane: step value 256 cos(step) mean %.2f, median %.2f over %.1f %% of the pixels: phase step "
+      "%.1f deg (from the mean), %.1f deg (from the median) %s, nominal 90\n",
+      mean, median, 100.0 * valid, StepDegrees(mean), StepDegrees(median), between.c_str());
+  return "";
+}
+
+std::string RunGainCheck(const PsiCheckOptions& options, const FrameRun& run, Core::RegionIdMatrix2D* mask) {
+  Psi::GainCorrectionPmi pmi;
+  Psi::GainCorrectionSinPsi sinPsi;
+  const bool sinusoidal = run.count >= 20;
+  Psi::GainCorrectionCalculator calculator;
+  calculator.SetAlgorithm(sinusoidal ? static_cast<Psi::GainCorrection*>(&sinPsi) : &pmi);
+  ConfigureCalculator(calculator, options);
+  calculator.Calculate(*run.frames, mask);
+  const Core::Status& status = calculator.GetStatus();
+  if (status.GetCode() == StatusCode::kNoValidResult) {
+    return "gain check: no pixel of " + run.description +
+           " contributes to the gain correction: " + NoResultReason(options, run.frames->GetMaxValue()) +
+           (sinusoidal        ? " (frames 0-19 are read)"
+            : run.count == 13 ? " (every second frame is read)"
+                              : "");
+  }
+  if (status.IsError()) throw UsageError(run.description + ": " + status.GetPrintString());
+  const std::int64_t contributing =
+      sinusoidal ? sinPsi.GetContributingPixelCount() : pmi.GetContributingPixelCount();
+  std::printf(
+      "gain: gain correction %+.5f (%s, %s) from %.1f %% of the pixels\n", calculator.GetGainCorrection(),
+      sinusoidal ? "sinusoidal 20-frame estimate" : "7-sample estimate",
+      sinusoidal ? "frames 0-19 of the run" : (run.count == 7 ? "all 7 frames" : "every second frame"),
+      100.0 * static_cast<double>(contributing) / static_cast<double>(run.frames->GetPixelCount()));
+  return "";
 }
 
 int RunPsiCheck(const PsiCheckOptions& options) {
@@ -160,7 +237,8 @@ int RunPsiCheck(const PsiCheckOptions& options) {
   Core::FrameBuffer part;
   const FrameRun run = SelectFrames(options, all, info.pages, part);
   const Methods methods = ChooseMethods(options.method, run);
-  if (!methods.corvane && (!options.stepOut.empty() || !options.pngOut.empty())) {
+  const bool mapWanted = !options.stepOut.empty() || !options.pngOut.empty();
+  if (!methods.corvane && mapWanted) {
     throw UsageError("-o and --png write the step map of the corvane check, which needs 7 or 13 frames; " +
                      run.description + " has " + std::to_string(run.count) + " frames" +
                      (options.method == "gain" ? " and --method gain was asked for" : ""));
@@ -170,79 +248,16 @@ int RunPsiCheck(const PsiCheckOptions& options) {
     mask = std::make_unique<Core::RegionIdMatrix2D>();
     ReadMask(options.mask, info, options.stack, *mask);
   }
-  Core::FrameBuffer& frames = *run.frames;
-  const int maxValue = frames.GetMaxValue();
 
   std::printf("%s: %d x %d, %d frames of %d bits\n", run.description.c_str(), info.cols, info.rows, run.count,
               info.bitsPerSample);
-
   Core::DoubleMatrix2D steps(info.rows, info.cols);
-  std::int64_t validPixels = 0;
-  if (methods.corvane) {
-    Psi::Corvane7 seven;
-    Psi::Corvane13 thirteen;
-    Psi::CorvaneCalculator calculator;
-    calculator.SetAlgorithm(run.count == 7 ? static_cast<Psi::CorvaneAlgorithm*>(&seven) : &thirteen);
-    calculator.SetMinimumModulation(options.minModulation);
-    calculator.SetScanPeriod(options.scanPeriod);
-    if (options.threads == 0) calculator.SetAllowMultipleThreads(false);
-    if (options.threads > 0) calculator.SetNumberOfThreads(options.threads);
-    // Pixels left out by the stride or the mask are not written: they must read as no data.
-    steps.SetAll(Core::DoubleMatrix2D::NoData());
-    calculator.Calculate(frames, mask.get(), steps);
-    const Core::Status& status = calculator.GetStatus();
-    if (status.GetCode() == StatusCode::kNoValidResult) {
-      throw NoResultError("no valid pixel for the phase-step check in " + run.description + ": " +
-                          NoResultReason(options, maxValue));
-    }
-    if (status.IsError()) throw UsageError(run.description + ": " + status.GetPrintString());
+  const std::string corvaneFailure = methods.corvane ? RunCorvaneCheck(options, run, mask.get(), steps) : "";
+  const std::string gainFailure = methods.gain ? RunGainCheck(options, run, mask.get()) : "";
+  const bool corvaneResult = methods.corvane && corvaneFailure.empty();
+  const bool gainResult = methods.gain && gainFailure.empty();
 
-    std::vector<double> values;
-    values.reserve(static_cast<std::size_t>(steps.GetCount()));
-    double sum = 0.0;
-    for (std::int64_t i = 0; i < steps.GetCount(); ++i) {
-      if (Core::IsNoDataValue(steps.At(i))) continue;
-      values.push_back(steps.At(i));
-      sum += steps.At(i);
-    }
-    validPixels = static_cast<std::int64_t>(values.size());
-    const double mean = sum / static_cast<double>(values.size());
-    const double median = Median(std::move(values));
-    const double valid = static_cast<double>(validPixels) / static_cast<double>(steps.GetCount());
-    // 256 cos(alpha): alpha between frames for 7 frames, between frame pairs for 13.
-    const std::string between = run.count == 7 ? "between frames" : "between frame pairs";
-    std::printf(
-        "corvane: step value 256 cos(step) mean %.2f, median %.2f over %.1f %% of the pixels: phase step "
-        "%.1f deg (from the mean), %.1f deg (from the median) %s, nominal 90\n",
-        mean, median, 100.0 * valid, StepDegrees(mean), StepDegrees(median), between.c_str());
-  }
-  if (methods.gain) {
-    Psi::GainCorrectionPmi pmi;
-    Psi::GainCorrectionSinPsi sinPsi;
-    const bool sinusoidal = run.count >= 20;
-    Psi::GainCorrectionCalculator calculator;
-    calculator.SetAlgorithm(sinusoidal ? static_cast<Psi::GainCorrection*>(&sinPsi) : &pmi);
-    calculator.SetMinimumModulation(options.minModulation);
-    calculator.SetScanPeriod(options.scanPeriod);
-    if (options.threads == 0) calculator.SetAllowMultipleThreads(false);
-    if (options.threads > 0) calculator.SetNumberOfThreads(options.threads);
-    calculator.Calculate(frames, mask.get());
-    const Core::Status& status = calculator.GetStatus();
-    if (status.GetCode() == StatusCode::kNoValidResult) {
-      throw NoResultError("no pixel of " + run.description +
-                          " contributes to the gain correction: " + NoResultReason(options, maxValue));
-    }
-    if (status.IsError()) throw UsageError(run.description + ": " + status.GetPrintString());
-    const std::int64_t contributing =
-        sinusoidal ? sinPsi.GetContributingPixelCount() : pmi.GetContributingPixelCount();
-    std::printf(
-        "gain: gain correction %+.5f (%s, %s) from %.1f %% of the pixels\n", calculator.GetGainCorrection(),
-        sinusoidal ? "sinusoidal 20-frame estimate" : "7-sample estimate",
-        sinusoidal ? "frames 0-19 of the run" : (run.count == 7 ? "all 7 frames" : "every second frame"),
-        100.0 * static_cast<double>(contributing) / static_cast<double>(steps.GetCount()));
-  }
-
-  if (!options.stepOut.empty() || !options.pngOut.empty()) {
+  if (corvaneResult && mapWanted) {
     OutputFiles outputs;
     if (!options.stepOut.empty()) WriteFloatTiff(outputs.Stage(options.stepOut), steps);
     if (!options.pngOut.empty()) {
@@ -250,6 +265,13 @@ int RunPsiCheck(const PsiCheckOptions& options) {
     }
     outputs.Commit();
   }
+  // What could not be had: an error when nothing came of the run or the step map asked for is
+  // missing, otherwise a warning beside the result that was printed.
+  const bool failed = (!corvaneResult && !gainResult) || (mapWanted && !corvaneResult);
+  std::string failures = corvaneFailure;
+  if (!gainFailure.empty()) failures += (failures.empty() ? "" : "; ") + gainFailure;
+  if (failed) throw NoResultError(failures + (mapWanted ? "; no step map written" : ""));
+  if (!failures.empty()) std::fprintf(stderr, "qphase psi-check: warning: %s\n", failures.c_str());
   return kExitSuccess;
 }
 
@@ -264,8 +286,11 @@ std::function<int()> SetupPsiCheck(CLI::App& app) {
       "shifter\n"
       "moves too far, positive when it moves too little. 7 or 13 frames: both checks by default; 20 or "
       "more:\n"
-      "the gain check of a sinusoidal shifter on frames 0-19. Exit status 0 success, 1 no valid pixel,\n"
-      "2 bad usage or unusable input.");
+      "the gain check of a sinusoidal shifter on frames 0-19. A check that finds no usable pixel is named\n"
+      "on stderr with the reason, and the other check's result still stands. Exit status: 0 when a check\n"
+      "produced its result (and the step map, if -o or --png asked for it); 1 when no check produced a\n"
+      "result, or the step map asked for could not be made (then nothing is written); 2 bad usage or\n"
+      "unusable input.");
   app.add_option("stack", options->stack, "Multi-page TIFF, one 8- or 16-bit grayscale page per frame")
       ->required()
       ->check(CLI::ExistingFile);
@@ -275,7 +300,9 @@ std::function<int()> SetupPsiCheck(CLI::App& app) {
   app.add_option("--mask", options->mask,
                  "8- or 16-bit TIFF of the stack's size; its non-zero pixels are checked")
       ->check(CLI::ExistingFile);
-  app.add_option("--scan-period", options->scanPeriod, "Check every N-th pixel (row-major order)")
+  app.add_option("--scan-period", options->scanPeriod,
+                 "Check every N-th pixel (row-major order). With several threads each worker's grid starts "
+                 "at its first pixel, so which pixels are sampled depends on the thread count")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
   app.add_option("--min-modulation", options->minModulation,

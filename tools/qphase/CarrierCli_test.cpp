@@ -110,12 +110,8 @@ TEST_F(CarrierCliTest, CarrierWritesThePhaseAndModulation) {
 }
 
 TEST_F(CarrierCliTest, CarrierInputProblemsAreExitStatus2AndNoResultIs1) {
-  RunResult result = Run("carrier " + Path("absent.tif") + " -o " + Path("phase.tif"));
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.err.find("absent.tif"), std::string::npos) << result.err;
-
   const std::string stack = WriteFrame("stack.tif", 2, 80.0, 3);
-  result = Run("carrier " + stack + " -o " + Path("phase.tif"));
+  RunResult result = Run("carrier " + stack + " -o " + Path("phase.tif"));
   EXPECT_EQ(result.status, 2);
   EXPECT_NE(result.err.find("has 3 pages; carrier fringes are one frame"), std::string::npos) << result.err;
 

@@ -36,10 +36,11 @@ namespace Quarn::Metrology::Analysis::Core {
 // are spread over the worker threads of an embedded dispatcher.
 //
 // Planning effort (`SetPlanningEffort`, process-wide like the plans): FFTW's measuring planner
-// (the default) times candidate plans on the first transform of a size, hundreds of milliseconds
-// at 2048 x 2048, and pays back over the many frames a host transforms; its estimating planner
-// answers at once with plans that may run slower, which suits a process that transforms a size
-// once. The two can differ in the last bits of a result.
+// (the default) times candidate plans on the first transform of a size, most of a second at
+// 2048 x 2048 and a quarter of one at 256 x 256, and pays back over the many frames a host
+// transforms; its estimating planner answers at once with plans that may run a little slower,
+// which suits a process that transforms a size once. The two can differ in the last bits of a
+// result.
 //
 //   Fft2D fft;
 //   fft.SetSize(rows, cols);

@@ -55,8 +55,8 @@ struct Comparison {
   double modulationMean = 0.0;
 };
 
-// Compares scale x phase (radians) with the truth over the pixels at least `border` from the frame edge for
-// which `include(r, c)` holds.
+// Compares scale x phase (radians) with the truth over the pixels at least `border` from the frame
+// edge for which `include(r, c)` holds.
 Comparison Compare(const DoubleMatrix2D& phase, const DoubleMatrix2D& modulation,
                    const std::function<double(int, int)>& truth, int border, double scale = 1.0,
                    const std::function<bool(int, int)>& include = nullptr) {

@@ -74,6 +74,22 @@ struct Maps {
     evaluator.SetFinalPhaseMap(&final);
     evaluator.SetCalibrationMap(&calibration);
   }
+  // Where an input lacks data (`hole`) the final map has none and the calibration keeps what it
+  // held; elsewhere both hold the expected values.
+  void Expect(const std::function<bool(int, int)>& hole, const std::function<double(int, int)>& expectedFinal,
+              const std::function<double(int, int)>& expectedCalibration) const {
+    for (int r = 0; r < scene.rows; ++r) {
+      for (int c = 0; c < scene.cols; ++c) {
+        if (hole(r, c)) {
+          ASSERT_TRUE(DoubleMatrix2D::IsNoData(final(r, c)) && calibration(r, c) == kUntouched)
+              << r << "," << c;
+        } else {
+          ASSERT_NEAR(final(r, c), expectedFinal(r, c), 1e-12) << r << "," << c;
+          ASSERT_NEAR(calibration(r, c), expectedCalibration(r, c), 1e-12) << r << "," << c;
+        }
+      }
+    }
+  }
 };
 
 TEST(FourQuadrantEvaluatorTest, FourQuadrantsAverageAndCalibrateAgainstQuadrantTwo) {
@@ -86,18 +102,10 @@ TEST(FourQuadrantEvaluatorTest, FourQuadrantsAverageAndCalibrateAgainstQuadrantT
   ASSERT_TRUE(evaluator.GetStatus().IsOk()) << evaluator.GetStatus().GetPrintString();
   ASSERT_EQ(maps.final.GetRows(), 64);
   EXPECT_EQ(maps.final.GetUnitManager(), maps.q[1].GetUnitManager()) << "the outputs take Q1's units";
-  for (int r = 0; r < 64; ++r) {
-    for (int c = 0; c < 64; ++c) {
-      if (r == 10 && c == 20) {
-        EXPECT_TRUE(DoubleMatrix2D::IsNoData(maps.final(r, c)));
-        EXPECT_EQ(maps.calibration(r, c), kUntouched);
-        continue;
-      }
-      // Every quadrant error cancels in the mean of four; what Q2 has beyond it is its own error.
-      ASSERT_NEAR(maps.final(r, c), maps.scene.Surface(r, c), 1e-12);
-      ASSERT_NEAR(maps.calibration(r, c), QuadrantError(2, r, c), 1e-12);
-    }
-  }
+  // Every quadrant error cancels in the mean of four; what Q2 has beyond it is its own error.
+  maps.Expect([](int r, int c) { return r == 10 && c == 20; },
+              [&](int r, int c) { return maps.scene.Surface(r, c); },
+              [](int r, int c) { return QuadrantError(2, r, c); });
   // No astigmatism is measured by the four-quadrant evaluation itself.
   EXPECT_TRUE(evaluator.GetAstigmatismPV().IsUndefined());
 }
@@ -112,19 +120,11 @@ TEST(FourQuadrantEvaluatorTest, TwoQuadrantsAverageAndHalfDifferenceAndMeasureTh
   maps.Wire(evaluator, false);  // Q2 and Q4 are not needed
   evaluator.EvaluateTwo();
   ASSERT_TRUE(evaluator.GetStatus().IsOk()) << evaluator.GetStatus().GetPrintString();
-  for (int r = 0; r < 64; ++r) {
-    for (int c = 0; c < 64; ++c) {
-      if (DoubleMatrix2D::IsNoData(maps.q[1](r, c))) {
-        EXPECT_TRUE(DoubleMatrix2D::IsNoData(maps.final(r, c)));
-        EXPECT_EQ(maps.calibration(r, c), kUntouched);
-        continue;
-      }
-      const double expectedFinal =
-          maps.scene.Surface(r, c) + 0.5 * (QuadrantError(1, r, c) + QuadrantError(3, r, c));
-      ASSERT_NEAR(maps.final(r, c), expectedFinal, 1e-12);
-      ASSERT_NEAR(maps.calibration(r, c), 0.5 * (QuadrantError(1, r, c) - QuadrantError(3, r, c)), 1e-12);
-    }
-  }
+  maps.Expect([&](int r, int c) { return DoubleMatrix2D::IsNoData(maps.q[1](r, c)); },
+              [&](int r, int c) {
+                return maps.scene.Surface(r, c) + 0.5 * (QuadrantError(1, r, c) + QuadrantError(3, r, c));
+              },
+              [](int r, int c) { return 0.5 * (QuadrantError(1, r, c) - QuadrantError(3, r, c)); });
   // Q1 and Q3 cancel the coma-like term; the tilt they share is fitted apart. The x y term of the
   // two-quadrant map is the surface's up to rounding, and so is the PV (the extreme products lie in
   // the corners, which have data).

@@ -101,6 +101,11 @@ bool ConverterGenerator::CheckInputs(const FrameBuffer& frames, const DoubleMatr
   // stack, and re-weighting needs a weight of the converter for every frame.
   const int framesRead = FramesRead(*converter_);
   const bool sliding = dynamic_cast<const ConvertSliding13*>(converter_) != nullptr;
+  // A sliding kernel that knows no frame count after Initialize with enough frames could not get
+  // the memory for its weights.
+  if (sliding && framesRead == 0 && numberOfFrames_ >= Convert13::kFrames) {
+    return fail(StatusCode::kCallFailed, __LINE__, "Call to converter.Initialize failed");
+  }
   if ((sliding && framesRead == 0) || framesRead > numberOfFrames_ ||
       (frameWeights && framesRead > 0 && framesRead != numberOfFrames_)) {
     return fail(StatusCode::kArgumentOutOfRange, __LINE__,
@@ -196,7 +201,12 @@ void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase, Dou
   if (!allowMultiThreads_) {
     ConvertPixels(0, 0, numberOfPixels_);
   } else {
-    frames.MakeThreadData(dispatcher_.GetNumberOfWorkers());  // its status is not consulted
+    // The per-pixel path gathers each pixel's samples into its worker's scratch; without scratch
+    // for every worker it would write past it, so a failed allocation ends the run.
+    if (RecordCallFailure(status_, frames.MakeThreadData(dispatcher_.GetNumberOfWorkers()),
+                          "frames.MakeThreadData", kSource, __LINE__)) {
+      return;
+    }
     dispatcher_.Invoke(&ConverterGenerator::ConvertPixels, 0, numberOfPixels_);
   }
 

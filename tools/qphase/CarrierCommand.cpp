@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 #include <future>
+#include <limits>
 #include <memory>
 #include <numbers>
 #include <string>
@@ -42,6 +43,13 @@ struct CarrierOptions {
 };
 
 int RunCarrier(const CarrierOptions& options) {
+  // Outputs are named before any work, so a clash between them is refused at once.
+  OutputFiles outputs;
+  const std::string phasePath = outputs.Stage(options.phaseOut, "-o");
+  const std::string modulationPath =
+      options.modulationOut.empty() ? std::string() : outputs.Stage(options.modulationOut, "--modulation");
+  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut, "--png");
+
   Core::FrameBuffer frames;
   const TiffStackInfo info = ReadTiffStack(options.frame, frames);
   if (info.pages != 1) {
@@ -80,11 +88,6 @@ int RunCarrier(const CarrierOptions& options) {
   }
   if (status.IsError()) throw UsageError(options.frame + ": " + status.GetPrintString());
 
-  OutputFiles outputs;
-  const std::string phasePath = outputs.Stage(options.phaseOut);
-  const std::string modulationPath =
-      options.modulationOut.empty() ? std::string() : outputs.Stage(options.modulationOut);
-  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut);
   std::int64_t validPixels = 0;
   // The modulation map and the preview are written on a second thread while this one writes the phase.
   std::future<void> others = std::async(std::launch::async, [&] {
@@ -129,15 +132,15 @@ std::function<int()> SetupCarrier(CLI::App& app) {
       ->check(CLI::IsMember({1, 2, 3, 4}))
       ->capture_default_str();
   app.add_option("--pixels-per-fringe", options->pixelsPerFringe, "Carrier period in pixels (3 or more)")
-      ->check(CLI::Range(3, 1 << 20))
+      ->check(WholeNumberFrom(3, 1 << 20))
       ->capture_default_str();
   app.add_option("--threshold", options->threshold,
                  "Pixels modulated less than this percentage of half the saturation level get no data")
-      ->check(CLI::Range(0.0, 100.0))
+      ->check(NumberFrom(0.0, 100.0))
       ->capture_default_str();
   app.add_option("--min-region", options->minRegion,
                  "No-data areas of at least this many pixels lose a one-pixel rim of valid phase")
-      ->check(CLI::NonNegativeNumber)
+      ->check(WholeNumberFrom(0, std::numeric_limits<int>::max()))
       ->capture_default_str();
   app.add_flag("--keep-carrier", options->keepCarrier,
                "Do not remove the carrier: the phase of the fringes themselves");

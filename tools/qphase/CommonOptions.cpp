@@ -25,6 +25,17 @@ bool ParseNumber(const std::string& text, double& value) {
   return end == text.c_str() + text.size() && errno == 0 && std::isfinite(value);
 }
 
+// The refusal of `text`: what was given and what is needed. NaN and infinities are named as such,
+// since NaN passes every check made of comparisons.
+std::string Refusal(const std::string& text, const std::string& needed) {
+  char* end = nullptr;
+  const double value = std::strtod(text.c_str(), &end);
+  if (!text.empty() && end == text.c_str() + text.size() && !std::isfinite(value)) {
+    return text + " is not a finite number; " + needed + " is needed";
+  }
+  return "got " + text + "; " + needed + " is needed";
+}
+
 }  // namespace
 
 CLI::Validator WholeNumberFrom(long lo, long hi) {
@@ -36,7 +47,7 @@ CLI::Validator WholeNumberFrom(long lo, long hi) {
             value <= static_cast<double>(hi)) {
           return "";
         }
-        return "got " + text + "; " + needed + " is needed";
+        return Refusal(text, needed);
       },
       "INT in [" + std::to_string(lo) + " - " + std::to_string(hi) + "]");
 }
@@ -47,7 +58,7 @@ CLI::Validator NumberFrom(double lo, double hi) {
       [lo, hi, needed](std::string& text) -> std::string {
         double value = 0.0;
         if (ParseNumber(text, value) && value >= lo && value <= hi) return "";
-        return "got " + text + "; " + needed + " is needed";
+        return Refusal(text, needed);
       },
       "NUMBER in [" + Plain(lo) + " - " + Plain(hi) + "]");
 }
@@ -58,9 +69,29 @@ CLI::Validator NumberAbove(double bound) {
       [bound, needed](std::string& text) -> std::string {
         double value = 0.0;
         if (ParseNumber(text, value) && value > bound) return "";
-        return "got " + text + "; " + needed + " is needed";
+        return Refusal(text, needed);
       },
       "NUMBER > " + Plain(bound));
+}
+
+CLI::Validator NumberAtLeast(double bound) {
+  const std::string needed = "a number of at least " + Plain(bound);
+  return CLI::Validator(
+      [bound, needed](std::string& text) -> std::string {
+        double value = 0.0;
+        if (ParseNumber(text, value) && value >= bound) return "";
+        return Refusal(text, needed);
+      },
+      "NUMBER >= " + Plain(bound));
+}
+
+CLI::Validator FiniteNumber() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        double value = 0.0;
+        return ParseNumber(text, value) ? "" : Refusal(text, "a finite number");
+      },
+      "NUMBER");
 }
 
 void AddMaxValueOption(CLI::App& app, int& maxValue) {

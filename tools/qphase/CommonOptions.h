@@ -20,5 +20,8 @@ void AddThreadsOption(CLI::App& app, int& threads,
 CLI::Validator WholeNumberFrom(long lo, long hi);
 CLI::Validator NumberFrom(double lo, double hi);
 CLI::Validator NumberAbove(double bound);
+CLI::Validator NumberAtLeast(double bound);
+// Any finite number ("nan" and "inf" are refused by name).
+CLI::Validator FiniteNumber();
 
 }  // namespace Quarn::Qphase

@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "CommandRegistry.h"
+#include "CommonOptions.h"
 #include "Demo.h"
 #include "ToolError.h"
 
@@ -84,7 +85,7 @@ std::function<int()> SetupDemo(CLI::App& app) {
   auto options = std::make_shared<DemoOptions>();
   app.add_option("--out", options->outDir, "Directory for the maps and previews")->capture_default_str();
   app.add_option("--size", options->size, "Side of the synthetic images in pixels")
-      ->check(CLI::Range(64, 4096))
+      ->check(WholeNumberFrom(64, 4096))
       ->capture_default_str();
   std::string sectionNames;
   for (const DemoSection& section : RegisteredDemoSections())

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <limits>
 #include <memory>
 #include <numbers>
 #include <string>
@@ -231,6 +232,11 @@ std::string RunGainCheck(const PsiCheckOptions& options, const FrameRun& run, Co
 }
 
 int RunPsiCheck(const PsiCheckOptions& options) {
+  // Outputs are named before any work, so a clash between them is refused at once.
+  OutputFiles outputs;
+  const std::string stepPath = options.stepOut.empty() ? std::string() : outputs.Stage(options.stepOut, "-o");
+  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut, "--png");
+
   Core::FrameBuffer all;
   const TiffStackInfo info = ReadTiffStack(options.stack, all);
   if (options.maxValue > 0) all.SetMaxValue(options.maxValue);
@@ -258,11 +264,8 @@ int RunPsiCheck(const PsiCheckOptions& options) {
   const bool gainResult = methods.gain && gainFailure.empty();
 
   if (corvaneResult && mapWanted) {
-    OutputFiles outputs;
-    if (!options.stepOut.empty()) WriteFloatTiff(outputs.Stage(options.stepOut), steps);
-    if (!options.pngOut.empty()) {
-      WritePreviewPng(outputs.Stage(options.pngOut), steps, PreviewStyle{"step value 256 cos(step)", ""});
-    }
+    if (!stepPath.empty()) WriteFloatTiff(stepPath, steps);
+    if (!pngPath.empty()) WritePreviewPng(pngPath, steps, PreviewStyle{"step value 256 cos(step)", ""});
     outputs.Commit();
   }
   // What could not be had: an error when nothing came of the run or the step map asked for is
@@ -303,19 +306,19 @@ std::function<int()> SetupPsiCheck(CLI::App& app) {
   app.add_option("--scan-period", options->scanPeriod,
                  "Check every N-th pixel (row-major order). With several threads each worker's grid starts "
                  "at its first pixel, so which pixels are sampled depends on the thread count")
-      ->check(CLI::PositiveNumber)
+      ->check(WholeNumberFrom(1, std::numeric_limits<int>::max()))
       ->capture_default_str();
   app.add_option("--min-modulation", options->minModulation,
                  "Pixels modulated less than this percentage of the saturation level are left out")
-      ->check(CLI::Range(0.0, 100.0))
+      ->check(NumberFrom(0.0, 100.0))
       ->capture_default_str();
   app.add_option("--first-frame", options->firstFrame, "Check the frames from this one on (numbered from 0)")
-      ->check(CLI::NonNegativeNumber)
+      ->check(WholeNumberFrom(0, std::numeric_limits<int>::max()))
       ->capture_default_str();
   app.add_option("--frame-count", options->frameCount,
                  "Check this many consecutive frames (default: all from --first-frame on), e.g. 7 of a "
                  "12-frame stack")
-      ->check(CLI::PositiveNumber);
+      ->check(WholeNumberFrom(1, std::numeric_limits<int>::max()));
   AddMaxValueOption(app, options->maxValue);
   AddThreadsOption(app, options->threads);
   app.add_option("-o,--output", options->stepOut,

@@ -11,6 +11,7 @@
 #include "Analysis/Core/UnitNumber.h"
 #include "Analysis/Core/Units.h"
 #include "CommandRegistry.h"
+#include "CommonOptions.h"
 #include "OutputFiles.h"
 #include "Psi/Kinephase/FourQuadrantEvaluator.h"
 #include "TiffIO.h"
@@ -60,6 +61,12 @@ int RunQuadrants(const QuadrantsOptions& options) {
   if (four && (options.q[2].empty() || options.q[4].empty())) {
     throw UsageError("--q2 and --q4 go together: give both for a four-quadrant evaluation, or neither");
   }
+  // Outputs are named before any work, so a clash between them is refused at once.
+  OutputFiles outputs;
+  const std::string finalPath = outputs.Stage(options.finalOut, "-o");
+  const std::string calibrationPath =
+      options.calibrationOut.empty() ? std::string() : outputs.Stage(options.calibrationOut, "--calibration");
+
   Core::DoubleMatrix2D maps[5];
   for (int k = 1; k <= 4; ++k) {
     if (options.q[k].empty()) continue;
@@ -117,9 +124,8 @@ int RunQuadrants(const QuadrantsOptions& options) {
                         "); nothing written");
   }
 
-  OutputFiles outputs;
-  WriteFloatTiff(outputs.Stage(options.finalOut), final);
-  if (!options.calibrationOut.empty()) WriteFloatTiff(outputs.Stage(options.calibrationOut), calibration);
+  WriteFloatTiff(finalPath, final);
+  if (!calibrationPath.empty()) WriteFloatTiff(calibrationPath, calibration);
   outputs.Commit();
 
   const double valid = static_cast<double>(validPixels) / static_cast<double>(final.GetCount());
@@ -152,11 +158,11 @@ std::function<int()> SetupQuadrants(CLI::App& app) {
   app.add_option(
          "--tolerance", options->toleranceNm,
          "Astigmatism PV in nanometres of the Q1 and Q3 result from which four quadrants are required")
-      ->check(CLI::NonNegativeNumber)
+      ->check(NumberAtLeast(0.0))
       ->capture_default_str();
   app.add_option("--wavelength", options->wavelengthNm,
                  "The maps hold phase in radians of this wavelength (nm); without it they hold heights in nm")
-      ->check(CLI::PositiveNumber);
+      ->check(NumberAbove(0.0));
   return [options] { return RunQuadrants(*options); };
 }
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "AlignSpotDetector/AlignSpotDetector.h"
 #include "Analysis/Core/IntMatrix2D.h"
 #include "CommandRegistry.h"
+#include "CommonOptions.h"
 #include "JsonWriter.h"
 #include "OutputFiles.h"
 #include "SpotOverlay.h"
@@ -118,11 +120,17 @@ void WriteJson(const std::string& path, const SpotOptions& options, const TiffSt
   json.EndObject();
   std::ofstream out(path, std::ios::binary);
   out << json.Text();
-  out.flush();
-  if (!out) throw UsageError(path + ": cannot be written");
+  out.close();
+  if (!out) throw UsageError(UserPath(path) + ": cannot be written");
 }
 
 int RunSpot(const SpotOptions& options) {
+  // Outputs are named before any work, so a clash between them is refused at once.
+  OutputFiles outputs;
+  const std::string jsonPath =
+      options.jsonOut.empty() ? std::string() : outputs.Stage(options.jsonOut, "--json");
+  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut, "--png");
+
   Metrology::Analysis::Core::IntMatrix2D image;
   const TiffStackInfo info = ReadTiffImage(options.image, image);
   if (info.pages > 1) {
@@ -180,10 +188,8 @@ int RunSpot(const SpotOptions& options) {
                              number("BoundingRect.Y1")});
   }
 
-  OutputFiles outputs;
-  if (!options.jsonOut.empty())
-    WriteJson(outputs.Stage(options.jsonOut), options, info, saturation, position, detector);
-  if (!options.pngOut.empty()) {
+  if (!jsonPath.empty()) WriteJson(jsonPath, options, info, saturation, position, detector);
+  if (!pngPath.empty()) {
     Metrology::Analysis::Core::IntMatrix2D foreground;
     overlay.reticleX = options.center[0];
     overlay.reticleY = options.center[1];
@@ -194,25 +200,13 @@ int RunSpot(const SpotOptions& options) {
       overlay.saturationLevel = static_cast<int>(std::min(saturation, 2147483647.0));
     }
     overlay.label = position.ToString();
-    WritePng(outputs.Stage(options.pngOut), RenderSpotOverlay(image, overlay));
+    WritePng(pngPath, RenderSpotOverlay(image, overlay));
   }
   outputs.Commit();
   return kExitSuccess;
 }
 
-// Every number of the command must be finite. NaN passes every check made of comparisons (it is
-// neither negative nor too large) and would reach the detector as a centre left of and below
-// everything, or a square that holds nothing; an infinity would read as "undefined". A text that is
-// no number at all is left to the option's own conversion.
-std::string RejectNonFinite(std::string& text) {
-  char* end = nullptr;
-  const double value = std::strtod(text.c_str(), &end);
-  if (end != text.c_str() && !std::isfinite(value)) return text + " is not a finite number";
-  return "";
-}
-
 std::function<int()> SetupSpot(CLI::App& app) {
-  const CLI::Validator finite(RejectNonFinite, "", "finite");
   auto options = std::make_shared<SpotOptions>();
   app.add_option("image", options->image,
                  "Camera image: TIFF, 8- or 16-bit grayscale (the first page is used)")
@@ -223,17 +217,15 @@ std::function<int()> SetupSpot(CLI::App& app) {
       ->required()
       ->delimiter(',')
       ->expected(2)
-      ->check(finite);
+      ->check(FiniteNumber());
   app.add_option("--radius", options->radius,
                  "Half-width in pixels of the square around the centre that is searched for the spot")
       ->required()
-      ->check(finite)
-      ->check(CLI::NonNegativeNumber);
+      ->check(NumberAtLeast(0.0));
   app.add_option("--obscuration", options->obscuration,
                  "Radius in pixels of the central obscuration (pixels within it are not searched)")
       ->required()
-      ->check(finite)
-      ->check(CLI::NonNegativeNumber);
+      ->check(NumberAtLeast(0.0));
   app.add_option(
          "--restrict", options->restrict,
          "Quadrants that may hold the spot: full, 13 (right-up and left-down) or 24 (left-up and right-down)")
@@ -243,11 +235,10 @@ std::function<int()> SetupSpot(CLI::App& app) {
          "--saturation", options->saturation,
          "Counts at which a pixel counts as saturated (default 250 for 8-bit images, 64250 for 16-bit; "
          "set it above the image's range to count none)")
-      ->check(finite)
-      ->check(CLI::NonNegativeNumber);
+      ->check(NumberAtLeast(0.0));
   app.add_option("--max-saturated", options->maxSaturated,
                  "Saturated pixels tolerated in the searched area before the spot is refused as clipped")
-      ->check(CLI::NonNegativeNumber)
+      ->check(WholeNumberFrom(0, std::numeric_limits<int>::max()))
       ->capture_default_str();
   app.add_option("--json", options->jsonOut, "Write the position and every result property as JSON");
   app.add_option(

@@ -90,6 +90,13 @@ std::string NoValidPixelReason(const SwliOptions& options, int maxValue) {
 }
 
 int RunSwli(const SwliOptions& options) {
+  // Outputs are named before any work, so a clash between them is refused at once.
+  OutputFiles outputs;
+  const std::string heightPath = outputs.Stage(options.heightOut, "-o");
+  const std::string intensityPath =
+      options.intensityOut.empty() ? std::string() : outputs.Stage(options.intensityOut, "--intensity");
+  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut, "--png");
+
   Core::CTimer stage;
   Core::FrameBuffer frames;
   const TiffStackInfo info = ReadTiffStack(options.scan, frames, 0, options.reverse ? -1 : 1);
@@ -143,11 +150,6 @@ int RunSwli(const SwliOptions& options) {
   }
   if (status.IsError()) throw UsageError(options.scan + ": " + status.GetPrintString());
 
-  OutputFiles outputs;
-  const std::string heightPath = outputs.Stage(options.heightOut);
-  const std::string intensityPath =
-      options.intensityOut.empty() ? std::string() : outputs.Stage(options.intensityOut);
-  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut);
   std::int64_t validPixels = 0;
   std::future<void> others = std::async(std::launch::async, [&] {
     validPixels = height.CountValid();
@@ -215,7 +217,7 @@ std::function<int()> SetupSwli(CLI::App& app) {
   app.add_option(
          "--min-modulation", options->minModulation,
          "Pixels whose fringes are modulated less than this percentage of the saturation level get no height")
-      ->check(CLI::Range(0.0, 100.0))
+      ->check(NumberFrom(0.0, 100.0))
       ->capture_default_str();
   app.add_option(
          "--fringe-removal", options->fringeRemoval,

@@ -2,6 +2,7 @@
 
 #include <fftw3.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <list>
@@ -200,29 +201,12 @@ class Fft2D::Impl {
   }
 
   bool SetData(const DataWindow2D<double>& data, bool removeMean, bool applyHann, bool centreSpectrum) {
-    if (removeMean || applyHann || centreSpectrum) {
-      status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
-                       "Mean removal, Hann window and centred spectrum are not supported");
-      return false;
-    }
-    const Window2D window = data.GetWindow();
-    if (window.GetRows() > rows_ || window.GetCols() > columns_) {
-      status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
-                       "The data window (" + std::to_string(window.GetRows()) + " x " +
-                           std::to_string(window.GetCols()) + ") is larger than the transform (" +
-                           std::to_string(rows_) + " x " + std::to_string(columns_) + ")");
-      return false;
-    }
-    source_ = &data;
-    sourceWindow_ = window;
+    if (!AcceptSource(data, removeMean, applyHann, centreSpectrum)) return false;
     return Guarded([&] { Run(&Impl::LoadRows, rows_); });
   }
 
   bool Transform(bool inverse) {
-    if (rows_ == 0 || columns_ == 0) {
-      status_ = Status(0, StatusCode::kNotSet, __LINE__, kSource, "The transform has no size (SetSize)");
-      return false;
-    }
+    if (!HasSize()) return false;
     inverse_ = inverse;
     const int blocks = (columns_ + kColumnBlock - 1) / kColumnBlock;
     return Guarded([&] {
@@ -235,6 +219,18 @@ class Fft2D::Impl {
         Run(&Impl::Rows, rows_);
         Run(&Impl::ColumnBlocks, blocks);
       }
+    });
+  }
+
+  bool FilterRoundTrip(const DataWindow2D<double>& data, const BlockPass& spectrum, const RowPass& result) {
+    if (!AcceptSource(data, false, false, false) || !HasSize()) return false;
+    spectrum_ = spectrum;
+    result_ = result;
+    const int blocks = (columns_ + kColumnBlock - 1) / kColumnBlock;
+    return Guarded([&] {
+      Run(&Impl::LoadAndTransformRows, rows_);
+      Run(&Impl::FilterColumnBlocks, blocks);
+      Run(&Impl::InverseRows, rows_);
     });
   }
 
@@ -278,53 +274,113 @@ class Fft2D::Impl {
     dispatcher_.Invoke(work, 0, count);
   }
 
+  bool AcceptSource(const DataWindow2D<double>& data, bool removeMean, bool applyHann, bool centreSpectrum) {
+    if (removeMean || applyHann || centreSpectrum) {
+      status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+                       "Mean removal, Hann window and centred spectrum are not supported");
+      return false;
+    }
+    const Window2D window = data.GetWindow();
+    if (window.GetRows() > rows_ || window.GetCols() > columns_) {
+      status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+                       "The data window (" + std::to_string(window.GetRows()) + " x " +
+                           std::to_string(window.GetCols()) + ") is larger than the transform (" +
+                           std::to_string(rows_) + " x " + std::to_string(columns_) + ")");
+      return false;
+    }
+    source_ = &data;
+    sourceWindow_ = window;
+    return true;
+  }
+
+  bool HasSize() {
+    if (rows_ > 0 && columns_ > 0) return true;
+    status_ = Status(0, StatusCode::kNotSet, __LINE__, kSource, "The transform has no size (SetSize)");
+    return false;
+  }
+
   const double* SourceRow(int r) const {
     return source_->Row(sourceWindow_.GetStartRow() - source_->GetStartRow() + r) +
            (sourceWindow_.GetStartCol() - source_->GetStartCol());
   }
 
-  void LoadRows(int first, int end) {
+  void LoadRow(int r) {
     const int windowRows = sourceWindow_.GetRows();
     const int windowCols = sourceWindow_.GetCols();
-    for (int r = first; r < end; ++r) {
-      fftw_complex* out = Row(r);
-      if (r >= windowRows) {
-        std::memset(static_cast<void*>(out), 0, sizeof(fftw_complex) * static_cast<std::size_t>(columns_));
-        continue;
-      }
-      const double* in = SourceRow(r);
-      for (int c = 0; c < windowCols; ++c) {
-        out[c][0] = DataWindow2D<double>::IsDataValid(in[c]) ? in[c] : 0.0;
-        out[c][1] = 0.0;
-      }
-      if (windowCols < columns_) {
-        std::memset(static_cast<void*>(out + windowCols), 0,
-                    sizeof(fftw_complex) * static_cast<std::size_t>(columns_ - windowCols));
-      }
+    fftw_complex* out = Row(r);
+    if (r >= windowRows) {
+      std::memset(static_cast<void*>(out), 0, sizeof(fftw_complex) * static_cast<std::size_t>(columns_));
+      return;
     }
+    const double* in = SourceRow(r);
+    for (int c = 0; c < windowCols; ++c) {
+      out[c][0] = DataWindow2D<double>::IsDataValid(in[c]) ? in[c] : 0.0;
+      out[c][1] = 0.0;
+    }
+    if (windowCols < columns_) {
+      std::memset(static_cast<void*>(out + windowCols), 0,
+                  sizeof(fftw_complex) * static_cast<std::size_t>(columns_ - windowCols));
+    }
+  }
+
+  void LoadRows(int first, int end) {
+    for (int r = first; r < end; ++r)
+      LoadRow(r);
+  }
+
+  void TransformRow(int r, bool inverse) {
+    fftw_complex* row = Row(r);
+    fftw_execute_dft(inverse ? plans_->rowBackward : plans_->rowForward, row, row);
+    if (inverse) {
+      const double scale = 1.0 / (static_cast<double>(rows_) * columns_);
+      double* values = &row[0][0];
+      for (int i = 0; i < 2 * columns_; ++i)
+        values[i] *= scale;
+    }
+  }
+
+  void TransformBlock(int b, bool inverse) {
+    const bool full = b < columns_ / kColumnBlock;
+    const fftw_plan plan = full ? (inverse ? plans_->blockBackward : plans_->blockForward)
+                                : (inverse ? plans_->tailBackward : plans_->tailForward);
+    fftw_complex* start = Row(0) + static_cast<std::ptrdiff_t>(b) * kColumnBlock;
+    fftw_execute_dft(plan, start, start);
   }
 
   void Rows(int first, int end) {
-    const fftw_plan plan = inverse_ ? plans_->rowBackward : plans_->rowForward;
-    const double scale = inverse_ ? 1.0 / (static_cast<double>(rows_) * columns_) : 1.0;
-    for (int r = first; r < end; ++r) {
-      fftw_complex* row = Row(r);
-      fftw_execute_dft(plan, row, row);
-      if (inverse_) {
-        double* values = &row[0][0];
-        for (int i = 0; i < 2 * columns_; ++i)
-          values[i] *= scale;
-      }
-    }
+    for (int r = first; r < end; ++r)
+      TransformRow(r, inverse_);
   }
 
   void ColumnBlocks(int first, int end) {
-    const int fullBlocks = columns_ / kColumnBlock;
+    for (int b = first; b < end; ++b)
+      TransformBlock(b, inverse_);
+  }
+
+  // The passes of FilterRoundTrip.
+  void LoadAndTransformRows(int first, int end) {
+    for (int r = first; r < end; ++r) {
+      LoadRow(r);
+      TransformRow(r, false);
+    }
+  }
+
+  void FilterColumnBlocks(int first, int end) {
     for (int b = first; b < end; ++b) {
-      const fftw_plan plan = b < fullBlocks ? (inverse_ ? plans_->blockBackward : plans_->blockForward)
-                                            : (inverse_ ? plans_->tailBackward : plans_->tailForward);
-      fftw_complex* start = Row(0) + static_cast<std::ptrdiff_t>(b) * kColumnBlock;
-      fftw_execute_dft(plan, start, start);
+      TransformBlock(b, false);
+      if (spectrum_.run) {
+        const int firstColumn = b * kColumnBlock;
+        spectrum_.run(spectrum_.context, firstColumn, std::min(kColumnBlock, columns_ - firstColumn),
+                      reinterpret_cast<std::complex<double>*>(Row(0) + firstColumn), stride_);
+      }
+      TransformBlock(b, true);
+    }
+  }
+
+  void InverseRows(int first, int end) {
+    for (int r = first; r < end; ++r) {
+      TransformRow(r, true);
+      if (result_.run) result_.run(result_.context, r, reinterpret_cast<std::complex<double>*>(Row(r)));
     }
   }
 
@@ -332,6 +388,8 @@ class Fft2D::Impl {
   const DataWindow2D<double>* source_ = nullptr;
   Window2D sourceWindow_;
   bool inverse_ = false;
+  BlockPass spectrum_;
+  RowPass result_;
 };
 
 Fft2D::Fft2D() : impl_(std::make_unique<Impl>()) {}
@@ -361,6 +419,11 @@ bool Fft2D::SetData(const DataWindow2D<double>& data, bool removeMean, bool appl
 
 bool Fft2D::Transform(bool inverse) {
   return impl_->Transform(inverse);
+}
+
+bool Fft2D::FilterRoundTrip(const DataWindow2D<double>& data, const BlockPass& spectrum,
+                            const RowPass& result) {
+  return impl_->FilterRoundTrip(data, spectrum, result);
 }
 
 double Fft2D::MagSquared(int row, int column) const {

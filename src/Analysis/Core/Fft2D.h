@@ -78,6 +78,30 @@ class QUARN_CORE_EXPORT Fft2D {
   // Forward (false) or scaled inverse (true) transform of the data in place.
   bool Transform(bool inverse);
 
+  // Work a caller fuses into the passes of `FilterRoundTrip`, to touch the data while a piece of it
+  // is still in cache: `RowPass::run(context, row, elements)` gets one row, `BlockPass::run(context,
+  // firstColumn, columnCount, elements of row 0, row stride)` the columns [firstColumn, firstColumn
+  // + columnCount) of every row. Calls run on the transform's workers, several at once; each
+  // touches only its own piece. No status crosses back: a call that fails throws a `Status`.
+  struct RowPass {
+    void (*run)(void* context, int row, std::complex<double>* elements) = nullptr;
+    void* context = nullptr;
+  };
+  struct BlockPass {
+    void (*run)(void* context, int firstColumn, int columnCount, std::complex<double>* elements,
+                std::ptrdiff_t stride) = nullptr;
+    void* context = nullptr;
+  };
+
+  // SetData(data, false, false, false), Transform(false), `spectrum` over all columns,
+  // Transform(true) and `result` over all rows (a pass without a function is skipped), in two trips
+  // through memory instead of six: each row is loaded and transformed in one go; each column block
+  // goes through its forward transform, `spectrum` and its inverse transform while it is in the
+  // second-level cache; each row of the inverse meets `result` while it is in the first. Every
+  // element sees the same arithmetic as in the steps one after the other, so the results are
+  // bit for bit theirs. Fails as SetData and Transform do.
+  bool FilterRoundTrip(const DataWindow2D<double>& data, const BlockPass& spectrum, const RowPass& result);
+
   // |X|^2 of the element at (row, column).
   double MagSquared(int row, int column) const;
 

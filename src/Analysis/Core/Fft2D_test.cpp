@@ -52,7 +52,7 @@ class Fft2DSizeTest : public ::testing::TestWithParam<std::pair<int, int>> {};
 // like log(R C) eps times the largest partial sum (at most R C here), so 1e-12 of R C is a wide
 // margin that still catches a wrong sign, scale or bin order. Rows and column blocks are shared
 // out over the workers with the same arithmetic whoever does them: every thread count gives the
-// single-threaded bits.
+// single-threaded bits, and so does the fused round trip against its separate steps.
 TEST_P(Fft2DSizeTest, MatchesTheDefinitionInvertsAndIgnoresTheThreadCount) {
   const auto [rows, cols] = GetParam();
   Testing::SeededRandom random(11 + rows * 100 + cols);
@@ -84,6 +84,20 @@ TEST_P(Fft2DSizeTest, MatchesTheDefinitionInvertsAndIgnoresTheThreadCount) {
     for (std::size_t i = 0; i < back.size(); ++i)
       ASSERT_NEAR(std::abs(back[i] - image.At(static_cast<std::int64_t>(i))), 0.0,
                   1e-13 * (1 + std::log2(rows * cols)));
+    // The fused round trip against its steps, with a weight of 0 to 1 on every bin of the spectrum.
+    int weightRows = rows;
+    const Fft2D::BlockPass weigh{[](void* context, int first, int count, Complex* z, std::ptrdiff_t stride) {
+                                   for (int k = 0; k < *static_cast<int*>(context); ++k) {
+                                     for (int l = first; l < first + count; ++l)
+                                       z[k * stride + l - first] *= ((7 * k + 3 * l) % 5) * 0.25;
+                                   }
+                                 },
+                                 &weightRows};
+    ASSERT_TRUE(fft.SetData(image, false, false, false));
+    ASSERT_TRUE(fft.Transform(false));
+    weigh.run(weigh.context, 0, cols, fft.GetRow(0), fft.GetRowStride());
+    ASSERT_TRUE(fft.Transform(true));
+    const std::vector<Complex> filtered = Snapshot(fft);
     for (const int threads : {2, 3, 8}) {
       Fft2D threaded;
       threaded.SetNumberOfThreads(threads);
@@ -93,6 +107,20 @@ TEST_P(Fft2DSizeTest, MatchesTheDefinitionInvertsAndIgnoresTheThreadCount) {
       ASSERT_EQ(Snapshot(threaded), forward) << threads << " threads";
       ASSERT_TRUE(threaded.Transform(true));
       ASSERT_EQ(Snapshot(threaded), back) << threads << " threads";
+      // Each row reaches the row pass once, at its place in the data.
+      struct Visits {
+        Fft2D* fft;
+        std::vector<int> rows;
+      } visits{&threaded, std::vector<int>(static_cast<std::size_t>(rows), 0)};
+      const Fft2D::RowPass count{[](void* context, int r, Complex* elements) {
+                                   auto& v = *static_cast<Visits*>(context);
+                                   v.rows[static_cast<std::size_t>(r)] +=
+                                       elements == v.fft->GetRow(r) ? 1 : 100;
+                                 },
+                                 &visits};
+      ASSERT_TRUE(threaded.FilterRoundTrip(image, weigh, count));
+      ASSERT_EQ(Snapshot(threaded), filtered) << threads << " threads";
+      ASSERT_EQ(visits.rows, std::vector<int>(static_cast<std::size_t>(rows), 1));
     }
   }
 }

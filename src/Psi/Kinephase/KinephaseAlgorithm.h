@@ -37,8 +37,9 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase {
 //
 // All state lives in the board (`KpBoard`); this facade reads and writes it. Rows are spread over
 // worker threads (default: one per processor); results are identical for every thread count. The
-// phase is taken four pixels at a time with a vector atan2 (SLEEF, within 2 ulp of libm's);
-// `SetUseFastPath(false)` runs the plain one-pixel-at-a-time reference.
+// steps after the forward transform run inside the passes of the transforms, and the phase is taken
+// four pixels at a time with a vector atan2 (SLEEF, within a few ulp of libm's);
+// `SetUseFastPath(false)` runs the plain reference, one step and one pixel at a time.
 //
 //   FrameBuffer frame;            // one 8-bit frame of 4-pixel carrier fringes, lobe in quadrant 2
 //   KinephaseAlgorithm kinephase;

@@ -61,8 +61,10 @@ class QUARN_PP_EXPORT KpBoard {
   // of every frame reuses it.
   Analysis::Core::DataMatrix2D<std::uint8_t> trimGrown;
   Analysis::Core::Status status;
-  // The phase extraction runs four pixels at a time with a vector atan2 (within 2 ulp of libm's);
-  // false selects the one-pixel-at-a-time reference.
+  // The fast path does the filtering, the carrier removal, the phase extraction and the marking of
+  // no-data pixels inside the passes of the transform, while the data is in cache, and takes the
+  // phase four pixels at a time with a vector atan2 (within a few ulp of libm's; everything else
+  // bit for bit the same); false runs the steps one after the other with libm's atan2.
   bool useFastPath = true;
 
  private:

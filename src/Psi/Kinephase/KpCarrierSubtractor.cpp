@@ -49,7 +49,7 @@ KpCarrierSubtractor& KpCarrierSubtractor::operator=(const KpCarrierSubtractor& o
 
 KpCarrierSubtractor::~KpCarrierSubtractor() = default;
 
-Status KpCarrierSubtractor::Execute() {
+Status KpCarrierSubtractor::Prepare() {
   if (!fft_) return Status(0, StatusCode::kNotSet, __LINE__, kSource, "No transform has been set (SetFft)");
   if (fringePeriod_ < 1) {
     return Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
@@ -57,6 +57,12 @@ Status KpCarrierSubtractor::Execute() {
   }
   if (!BuildRotators())
     return rotators_.GetStatus().IsError() ? rotators_.GetStatus() : sequence_.GetStatus();
+  return Status(__LINE__, kSource);
+}
+
+Status KpCarrierSubtractor::Execute() {
+  const Status prepared = Prepare();
+  if (prepared.IsError()) return prepared;
   const int rows = fft_->GetRows();
   try {
     if (allowMultiThreads_ && rows > 1) {
@@ -89,34 +95,37 @@ bool KpCarrierSubtractor::BuildRotators() {
 }
 
 void KpCarrierSubtractor::ApplyRotators(int first, int end) {
+  for (int y = first; y < end; ++y)
+    RotateRow(y, fft_->GetRow(y));
+}
+
+void KpCarrierSubtractor::RotateRow(int y, std::complex<double>* row) const {
   const long long rows = fft_->GetRows();
   const int columns = fft_->GetColumns();
   const int period = fringePeriod_;
-  for (int y = first; y < end; ++y) {
-    // m = base + step x; pixel x takes rotator (base + step x) mod P = sequence[x + j0] with
-    // j0 = step base mod P (step is its own inverse).
-    long long base = y;
-    switch (static_cast<int>(orientation_)) {
-      case KpQuadrant::Quadrant1:
-        base = rows + columns + y;
-        break;
-      case KpQuadrant::Quadrant3:
-      case KpQuadrant::Quadrant4:
-        base = rows + columns - y;
-        break;
-      default:
-        break;  // quadrant 2 and anything undefined: m = x + y
-    }
-    const int k0 = static_cast<int>(base % period);
-    const int j0 = (step_ * k0 % period + period) % period;
-    const double* rotator = reinterpret_cast<const double*>(sequence_.Data() + j0);
-    double* z = reinterpret_cast<double*>(fft_->GetRow(y));
-    for (int x = 0; x < columns; ++x) {
-      const double re = z[2 * x], im = z[2 * x + 1];
-      const double cosine = rotator[2 * x], sine = rotator[2 * x + 1];
-      z[2 * x] = re * cosine - im * sine;
-      z[2 * x + 1] = re * sine + im * cosine;
-    }
+  // m = base + step x; pixel x takes rotator (base + step x) mod P = sequence[x + j0] with
+  // j0 = step base mod P (step is its own inverse).
+  long long base = y;
+  switch (static_cast<int>(orientation_)) {
+    case KpQuadrant::Quadrant1:
+      base = rows + columns + y;
+      break;
+    case KpQuadrant::Quadrant3:
+    case KpQuadrant::Quadrant4:
+      base = rows + columns - y;
+      break;
+    default:
+      break;  // quadrant 2 and anything undefined: m = x + y
+  }
+  const int k0 = static_cast<int>(base % period);
+  const int j0 = (step_ * k0 % period + period) % period;
+  const double* rotator = reinterpret_cast<const double*>(sequence_.Data() + j0);
+  double* z = reinterpret_cast<double*>(row);
+  for (int x = 0; x < columns; ++x) {
+    const double re = z[2 * x], im = z[2 * x + 1];
+    const double cosine = rotator[2 * x], sine = rotator[2 * x + 1];
+    z[2 * x] = re * cosine - im * sine;
+    z[2 * x + 1] = re * sine + im * cosine;
   }
 }
 

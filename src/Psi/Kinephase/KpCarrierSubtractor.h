@@ -51,6 +51,13 @@ class QUARN_PP_EXPORT KpCarrierSubtractor {
   // failing chunk's status.
   Analysis::Core::Status Execute();
 
+  // Execute in two halves, for a caller that rotates rows while they are in cache anyway: Prepare
+  // checks and tabulates as Execute does and returns what Execute would return before rotating;
+  // RotateRow then rotates row y (stored at `row`) exactly as Execute rotates it, and may run on
+  // several threads at once.
+  Analysis::Core::Status Prepare();
+  void RotateRow(int y, std::complex<double>* row) const;
+
  private:
   bool BuildRotators();
   void ApplyRotators(int first, int end);

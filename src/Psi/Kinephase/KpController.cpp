@@ -60,6 +60,9 @@ struct KpController::ExtractJob {
   double threshold = 0.0;                                       // counts
   double scale = 1.0;                                           // data sign x radians-to-map-unit factor
   detail::KpPhaseRowFunction row = &detail::PhaseRowReference;  // chosen once per run
+  // The fused run's: the carrier removal (null: none) and the map of no-data pixels for the trim.
+  const KpCarrierSubtractor* carrier = nullptr;
+  RegionIdMatrix2D* noData = nullptr;
 };
 
 // Which frame slot the loading of the intensity reads.
@@ -365,17 +368,6 @@ void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D& modulation
                           "The phase map's unit cannot express a phase");
     return;
   }
-  if (!Process()) return;
-  const int rows = board.fft.GetRows();
-  const int columns = board.fft.GetColumns();
-  if (!phase.Resize(rows, columns)) {
-    CopyIfFailed(board.status, phase.GetStatus());
-    return;
-  }
-  if (!modulation.Resize(rows, columns)) {
-    CopyIfFailed(board.status, modulation.GetStatus());
-    return;
-  }
   ExtractJob job;
   job.phase = &phase;
   job.modulation = &modulation;
@@ -383,14 +375,111 @@ void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D& modulation
   job.scale = board.dataSign * board.phaseScale;
   job.row = detail::SelectPhaseRow(board.useFastPath);
   StageTimer timer;
-  Rows(&KpController::ExtractPhaseAndModulation, &job, rows);
-  timer.Done("phase and modulation");
-  if (!ApplyTrim(phase)) return;
+  if (board.useFastPath) {
+    if (!ProcessFused(phase, job)) return;
+    timer.Done("transforms, filter, carrier removal, phase and modulation");
+    if (!Trim(phase)) return;
+  } else {
+    if (!Process()) return;
+    const int rows = board.fft.GetRows();
+    const int columns = board.fft.GetColumns();
+    if (!phase.Resize(rows, columns)) {
+      CopyIfFailed(board.status, phase.GetStatus());
+      return;
+    }
+    if (!modulation.Resize(rows, columns)) {
+      CopyIfFailed(board.status, modulation.GetStatus());
+      return;
+    }
+    timer.Done("pipeline to the carrier removal");
+    Rows(&KpController::ExtractPhaseAndModulation, &job, rows);
+    timer.Done("phase and modulation");
+    if (!ApplyTrim(phase)) return;
+  }
   timer.Done("trim");
   ApplyMask(phase);
   if (!Analysis::Core::Calculation::AnyValid(phase)) {
     board.status = Status(0, StatusCode::kNoValidResult, __LINE__, kSource, "");
   }
+}
+
+// The steps of Process() and the phase extraction with the frame, the spectrum and the complex
+// signal each crossing memory once (see Fft2D::FilterRoundTrip): the filter is applied to each
+// column block of the spectrum between its forward and inverse column transforms, and each row of
+// the signal is rotated, turned into phase and modulation and marked for the trim right after its
+// inverse row transform. Every pixel sees the arithmetic of the separate steps. The outputs are
+// sized first, as the rows are written during the transform.
+bool KpController::ProcessFused(DoubleMatrix2D& phase, ExtractJob& job) {
+  KpBoard& board = *board_;
+  if (!IsWired()) return false;
+  if (!UpdateFftSize() || !UpdateFilterSize() || !UpdateFilter()) return false;
+  const int rows = board.fft.GetRows();
+  const int columns = board.fft.GetColumns();
+  if (!phase.Resize(rows, columns)) {
+    CopyIfFailed(board.status, phase.GetStatus());
+    return false;
+  }
+  if (!job.modulation->Resize(rows, columns)) {
+    CopyIfFailed(board.status, job.modulation->GetStatus());
+    return false;
+  }
+  if (!board.trimRegions.Resize(phase.GetMatrixWindow())) {
+    CopyIfFailed(board.status, board.trimRegions.GetStatus());
+    return false;
+  }
+  job.noData = &board.trimRegions;
+  Status carrierStatus;
+  if (board.subtractCarrier) {
+    board.carrierSubtractor.SetFringePeriod(board.kernelSelector.GetPixelsPerFringe());
+    board.carrierSubtractor.SetOrientation(board.kernelSelector.GetOrientation());
+    carrierStatus = board.carrierSubtractor.Prepare();
+    if (carrierStatus.IsError()) {
+      board.status = carrierStatus;
+      return false;
+    }
+    job.carrier = &board.carrierSubtractor;
+  }
+  board.fft.SetAllowMultiThreads(board.allowMultiThreads);
+  board.fft.SetNumberOfThreads(requestedWorkers_);
+  if (!board.fft.FilterRoundTrip(board.intensity, {&KpController::FilterBlock, this},
+                                 {&KpController::FinishRow, &job})) {
+    CopyIfFailed(board.status, board.fft.GetStatus());
+    return false;
+  }
+  if (board.subtractCarrier) board.status = carrierStatus;
+  // The window MarkNoDataOf would have given the map.
+  board.trimRegions.ResetWindow();
+  if (phase.GetWindow() != phase.GetMatrixWindow()) board.trimRegions.SetWindow(phase.GetWindow());
+  return true;
+}
+
+void KpController::FilterBlock(void* controller, int firstColumn, int columnCount,
+                               std::complex<double>* spectrum, std::ptrdiff_t stride) {
+  const DoubleMatrix2D& filter = static_cast<KpController*>(controller)->board_->filter;
+  const int rows = filter.GetRows();
+  for (int i = 0; i < rows; ++i) {
+    double* z = reinterpret_cast<double*>(spectrum + i * stride);
+    const double* f = filter.Row(i) + firstColumn;
+    for (int j = 0; j < columnCount; ++j) {
+      z[2 * j] *= f[j];
+      z[2 * j + 1] *= f[j];
+    }
+  }
+}
+
+void KpController::FinishRow(void* data, int r, std::complex<double>* signal) {
+  const ExtractJob& job = *static_cast<const ExtractJob*>(data);
+  if (job.carrier) job.carrier->RotateRow(r, signal);
+  detail::KpPhaseRow row;
+  row.z = reinterpret_cast<const double*>(signal);
+  row.columns = job.phase->GetColumns();
+  row.threshold = job.threshold;
+  row.scale = job.scale;
+  row.noData = DoubleMatrix2D::NoData();
+  row.phase = job.phase->Row(r);
+  row.modulation = job.modulation->Row(r);
+  job.row(row);
+  RegionIdMatrix2D::MarkNoDataRow(row.phase, job.noData->Row(r), row.columns);
 }
 
 void KpController::ExtractPhaseAndModulation(void* data, int /*thread*/, int first, int end) {
@@ -413,12 +502,17 @@ void KpController::ExtractPhaseAndModulation(void* data, int /*thread*/, int fir
 // holes (single rejected pixels, dust) are left alone.
 bool KpController::ApplyTrim(DoubleMatrix2D& phase) {
   if (!board_) return false;
-  KpBoard& board = *board_;
-  StageTimer timer;
-  if (!board.trimRegions.MarkNoDataOf(phase)) {
-    CopyIfFailed(board.status, board.trimRegions.GetStatus());
+  if (!board_->trimRegions.MarkNoDataOf(phase)) {
+    CopyIfFailed(board_->status, board_->trimRegions.GetStatus());
     return false;
   }
+  return Trim(phase);
+}
+
+// ApplyTrim once trimRegions holds the no-data areas of the phase.
+bool KpController::Trim(DoubleMatrix2D& phase) {
+  KpBoard& board = *board_;
+  StageTimer timer;
   Analysis::Core::RegionFinderConnected finder;
   finder.SetMatrix(board.trimRegions);
   Array<RegionInfo> regions;

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <complex>
+#include <cstddef>
+
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/RegionIdMatrix2D.h"
@@ -64,6 +67,8 @@ class QUARN_PP_EXPORT KpController : public BoardController<KpBoard> {
 
   bool LoadFrame(Analysis::Core::FrameBuffer& frames, int frame);
   bool Process();
+  bool ProcessFused(Analysis::Core::DoubleMatrix2D& phase, ExtractJob& job);
+  bool Trim(Analysis::Core::DoubleMatrix2D& phase);
   bool UpdateFftSize();
   bool UpdateFilterSize();
   bool UpdateFilter();
@@ -76,6 +81,10 @@ class QUARN_PP_EXPORT KpController : public BoardController<KpBoard> {
   void LoadIntensity(void* job, int thread, int first, int end);
   void MarkTrimRows(int first, int end);
   void ApplyTrimRows(void* phase, int thread, int first, int end);
+  // The steps the fused run does inside the transform's passes.
+  static void FilterBlock(void* controller, int firstColumn, int columnCount, std::complex<double>* spectrum,
+                          std::ptrdiff_t stride);
+  static void FinishRow(void* job, int row, std::complex<double>* signal);
 
   // Runs a row function over [0, rows) on the workers or, when multithreading is off, in one call.
   void Rows(void (KpController::*work)(int, int), int rows);

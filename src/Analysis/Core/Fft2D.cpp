@@ -421,6 +421,10 @@ bool Fft2D::Transform(bool inverse) {
   return impl_->Transform(inverse);
 }
 
+int Fft2D::ColumnBlockWidth() {
+  return kColumnBlock;
+}
+
 bool Fft2D::FilterRoundTrip(const DataWindow2D<double>& data, const BlockPass& spectrum,
                             const RowPass& result) {
   return impl_->FilterRoundTrip(data, spectrum, result);

@@ -101,6 +101,9 @@ class QUARN_CORE_EXPORT Fft2D {
   // element sees the same arithmetic as in the steps one after the other, so the results are
   // bit for bit theirs. Fails as SetData and Transform do.
   bool FilterRoundTrip(const DataWindow2D<double>& data, const BlockPass& spectrum, const RowPass& result);
+  // The width of the column blocks the spectrum pass gets (the last block may be narrower), for a
+  // caller that lays its data out block by block.
+  static int ColumnBlockWidth();
 
   // |X|^2 of the element at (row, column).
   double MagSquared(int row, int column) const;

@@ -23,6 +23,7 @@ KpBoard::KpBoard(const KpBoard& other)
       phaseScale(other.phaseScale),
       modulationThreshold(other.modulationThreshold),
       filter(other.filter),
+      filterBlocks(other.filterBlocks),
       intensity(other.intensity),
       mask(other.mask),
       carrierSubtractor(other.carrierSubtractor),
@@ -51,6 +52,7 @@ KpBoard& KpBoard::operator=(const KpBoard& other) {
   phaseScale = other.phaseScale;
   modulationThreshold = other.modulationThreshold;
   filter = other.filter;
+  filterBlocks = other.filterBlocks;
   intensity = other.intensity;
   mask = other.mask;
   carrierSubtractor = other.carrierSubtractor;

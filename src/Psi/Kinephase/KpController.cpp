@@ -23,6 +23,7 @@ using Analysis::Core::Array;
 using Analysis::Core::CopyIfFailed;
 using Analysis::Core::DataMatrix2D;
 using Analysis::Core::DoubleMatrix2D;
+using Analysis::Core::Fft2D;
 using Analysis::Core::FrameBuffer;
 using Analysis::Core::RegionIdMatrix2D;
 using Analysis::Core::RegionInfo;
@@ -227,9 +228,15 @@ bool KpController::UpdateFilterSize() {
   KpBoard& board = *board_;
   if (board.filter.GetRows() == board.height && board.filter.GetColumns() == board.width) return true;
   board.filterValid = false;
-  if (board.filter.Resize(board.height, board.width)) return true;
-  CopyIfFailed(board.status, board.filter.GetStatus());
-  return false;
+  if (!board.filter.Resize(board.height, board.width)) {
+    CopyIfFailed(board.status, board.filter.GetStatus());
+    return false;
+  }
+  if (!board.filterBlocks.Resize(board.height, board.width)) {
+    CopyIfFailed(board.status, board.filterBlocks.GetStatus());
+    return false;
+  }
+  return true;
 }
 
 bool KpController::UpdateFilter() {
@@ -296,6 +303,13 @@ void KpController::CalculateFilter(int first, int end) {
       const double d1 = (u - cx) * (u - cx) + (v - cy) * (v - cy);
       const double d2 = (u - 2.0 * cx) * (u - 2.0 * cx) + (v - 2.0 * cy) * (v - 2.0 * cy);
       out[j] = (1.0 - std::exp(-d0 * k0)) * std::exp(-d1 * k1) * (1.0 - std::exp(-d2 * k2));
+    }
+    const int width = Fft2D::ColumnBlockWidth();
+    for (int c0 = 0; c0 < columns; c0 += width) {
+      const int w = std::min(width, columns - c0);
+      std::copy(out + c0, out + c0 + w,
+                board_->filterBlocks.Data() + static_cast<std::int64_t>(c0) * rows +
+                    static_cast<std::int64_t>(i) * w);
     }
   }
 }
@@ -455,11 +469,11 @@ bool KpController::ProcessFused(DoubleMatrix2D& phase, ExtractJob& job) {
 
 void KpController::FilterBlock(void* controller, int firstColumn, int columnCount,
                                std::complex<double>* spectrum, std::ptrdiff_t stride) {
-  const DoubleMatrix2D& filter = static_cast<KpController*>(controller)->board_->filter;
-  const int rows = filter.GetRows();
-  for (int i = 0; i < rows; ++i) {
+  const DoubleMatrix2D& blocks = static_cast<KpController*>(controller)->board_->filterBlocks;
+  const int rows = blocks.GetRows();
+  const double* f = blocks.Data() + static_cast<std::int64_t>(firstColumn) * rows;
+  for (int i = 0; i < rows; ++i, f += columnCount) {
     double* z = reinterpret_cast<double*>(spectrum + i * stride);
-    const double* f = filter.Row(i) + firstColumn;
     for (int j = 0; j < columnCount; ++j) {
       z[2 * j] *= f[j];
       z[2 * j + 1] *= f[j];

@@ -20,8 +20,9 @@ using KpPhaseRowFunction = void (*)(const KpPhaseRow& row);
 
 // The reference: libm's atan2, one pixel at a time.
 void PhaseRowReference(const KpPhaseRow& row);
-// Four pixels at a time with SLEEF's 1-ulp atan2; the modulation and the validity are bit-identical
-// to the reference, the phase within 2 ulp of it. Only call where AVX2 and FMA run.
+// Four pixels at a time with SLEEF's 3.5-ulp atan2 (twice as fast as its 1-ulp one; libm's is
+// within 1 ulp of exact): the modulation and the validity are bit-identical to the reference, the
+// phase within 4 ulp of it. Only call where AVX2 and FMA run.
 void PhaseRowAvx2(const KpPhaseRow& row);
 
 // The AVX2 row when `fast` is set and the processor runs it, the reference otherwise.

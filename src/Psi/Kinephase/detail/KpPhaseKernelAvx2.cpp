@@ -22,7 +22,7 @@ void PhaseRowAvx2(const KpPhaseRow& row) {
     const __m256d m =
         _mm256_mul_pd(two, _mm256_sqrt_pd(_mm256_add_pd(_mm256_mul_pd(re, re), _mm256_mul_pd(im, im))));
     _mm256_storeu_pd(row.modulation + c, m);
-    const __m256d phase = _mm256_mul_pd(Sleef_atan2d4_u10avx2(im, re), scale);
+    const __m256d phase = _mm256_mul_pd(Sleef_atan2d4_u35avx2(im, re), scale);
     const __m256d rejected = _mm256_cmp_pd(threshold, m, _CMP_GT_OQ);
     _mm256_storeu_pd(row.phase + c, _mm256_blendv_pd(phase, noData, rejected));
   }

@@ -83,6 +83,28 @@ int NextValid(const int* in, int c, int cols) {
   return c;
 }
 
+// Sets label[c, end) to the no-data value. In place, the input's invalid values are mostly that
+// value already (a map made by MarkNoDataOf holds nothing else), so only what differs is written
+// and a sparse map is read, not rewritten.
+void ClearLabels(int* label, int c, int end, bool inPlace) {
+  constexpr int kNone = RegionIdMatrix2D::NoData();
+  if (!inPlace) {
+    std::fill(label + c, label + end, kNone);
+    return;
+  }
+#if defined(__SSE2__)
+  const __m128i none = _mm_set1_epi32(kNone);
+  for (; c + 4 <= end; c += 4) {
+    const __m128i same = _mm_cmpeq_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(label + c)), none);
+    if (_mm_movemask_ps(_mm_castsi128_ps(same)) != 0xF)
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(label + c), none);
+  }
+#endif
+  for (; c < end; ++c) {
+    if (label[c] != kNone) label[c] = kNone;
+  }
+}
+
 // Labels row r: `in` the input row, `label` the output row, `above` the labels of the row above
 // (null for the first row). True when the row holds a region pixel.
 bool LabelRow(const int* in, int* label, const int* above, int cols, int r, bool eight,
@@ -93,7 +115,7 @@ bool LabelRow(const int* in, int* label, const int* above, int cols, int r, bool
   while (true) {
     // Only pixels already read are overwritten, even when `label` is `in`.
     const int next = NextValid(in, c, cols);
-    std::fill(label + c, label + next, kNone);
+    ClearLabels(label, c, next, label == in);
     c = next;
     if (c >= cols) return used;
     used = true;

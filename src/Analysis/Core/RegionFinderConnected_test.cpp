@@ -51,8 +51,9 @@ TEST(RegionFinderConnectedTest, DeleteRegionAndMissingInput) {
 
 // Against a breadth-first flood fill, which numbers regions in the order a row-major scan meets
 // them by construction: random masks from sparse to dense (so that labels merge in U, W and spiral
-// shapes), both connectivities, a separate output and the input itself as output, an origin away
-// from 0, and an output reused from a run on a different shape.
+// shapes), any invalid value (the output holds the no-data value there), both connectivities, a
+// separate output and the input itself as output, an origin away from 0, and an output reused from
+// a run on a different shape.
 TEST(RegionFinderConnectedTest, MatchesAFloodFillOnRandomMasks) {
   Testing::SeededRandom random(808);
   SCOPED_TRACE(random.Describe());
@@ -64,7 +65,8 @@ TEST(RegionFinderConnectedTest, MatchesAFloodFillOnRandomMasks) {
     IntMatrix2D input(rows, cols);
     input.MoveStartTo(random.UniformInt(-5, 5), random.UniformInt(-5, 5));
     for (std::int64_t i = 0; i < input.GetCount(); ++i) {
-      input.At(i) = random.Uniform(0, 1) < density ? random.UniformInt(-100, 100) : IntMatrix2D::NoData();
+      input.At(i) = random.Uniform(0, 1) < density ? random.UniformInt(-100, 100)
+                                                   : IntMatrix2D::NoData() + random.UniformInt(0, 7);
     }
 
     // The reference.

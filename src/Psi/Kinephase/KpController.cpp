@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "Analysis/Core/AnyValid.h"
@@ -64,6 +65,13 @@ struct KpController::ExtractJob {
   // The fused run's: the carrier removal (null: none) and the map of no-data pixels for the trim.
   const KpCarrierSubtractor* carrier = nullptr;
   RegionIdMatrix2D* noData = nullptr;
+};
+
+// What the trim's last pass clears: the phase around the kept no-data areas and, with a mask, the
+// phase outside it.
+struct KpController::TrimJob {
+  DoubleMatrix2D* phase = nullptr;
+  const RegionIdMatrix2D* mask = nullptr;
 };
 
 // Which frame slot the loading of the intensity reads.
@@ -158,7 +166,7 @@ bool KpController::LoadFrame(FrameBuffer& frames, int frame) {
     return false;
   }
   board.mask.ResetWindow();
-  board.mask.SetAll(0);  // without a mask every pixel is in
+  // The rows' loading also clears the mask: without a mask every pixel is in.
   LoadJob job{&frames, frames.GetSlotOfFrame(frame)};
   Rows(&KpController::LoadIntensity, &job, board.height);
   return true;
@@ -192,6 +200,7 @@ void KpController::LoadIntensity(void* data, int /*thread*/, int first, int end)
       double* out = board_->intensity.Row(r);
       for (int c = 0; c < columns; ++c)
         out[c] = static_cast<double>(in[c]);
+      std::fill_n(board_->mask.Row(r), columns, 0);
     }
   };
   switch (job.frames->GetElementRes()) {
@@ -392,7 +401,8 @@ void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D& modulation
   if (board.useFastPath) {
     if (!ProcessFused(phase, job)) return;
     timer.Done("transforms, filter, carrier removal, phase and modulation");
-    if (!Trim(phase)) return;
+    if (!Trim(phase, &board.mask)) return;
+    timer.Done("trim and mask");
   } else {
     if (!Process()) return;
     const int rows = board.fft.GetRows();
@@ -409,9 +419,9 @@ void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D& modulation
     Rows(&KpController::ExtractPhaseAndModulation, &job, rows);
     timer.Done("phase and modulation");
     if (!ApplyTrim(phase)) return;
+    timer.Done("trim");
+    ApplyMask(phase);
   }
-  timer.Done("trim");
-  ApplyMask(phase);
   if (!Analysis::Core::Calculation::AnyValid(phase)) {
     board.status = Status(0, StatusCode::kNoValidResult, __LINE__, kSource, "");
   }
@@ -520,11 +530,12 @@ bool KpController::ApplyTrim(DoubleMatrix2D& phase) {
     CopyIfFailed(board_->status, board_->trimRegions.GetStatus());
     return false;
   }
-  return Trim(phase);
+  return Trim(phase, nullptr);
 }
 
-// ApplyTrim once trimRegions holds the no-data areas of the phase.
-bool KpController::Trim(DoubleMatrix2D& phase) {
+// ApplyTrim once trimRegions holds the no-data areas of the phase; with a mask, ApplyMask in the
+// same pass.
+bool KpController::Trim(DoubleMatrix2D& phase, const RegionIdMatrix2D* mask) {
   KpBoard& board = *board_;
   StageTimer timer;
   Analysis::Core::RegionFinderConnected finder;
@@ -535,8 +546,17 @@ bool KpController::Trim(DoubleMatrix2D& phase) {
     return false;
   }
   timer.Done("trim: no-data regions found");
+  // The rows of the kept areas' bounding boxes; rows away from all of them need no dilation.
+  const int rows = phase.GetRows();
+  trimRows_.assign(static_cast<std::size_t>(rows), 0);
   for (const RegionInfo& region : regions) {
-    if (region.pixelCount < board.minRegionSizeToTrim) board.trimRegions.DeleteRegion(region);
+    if (region.pixelCount < board.minRegionSizeToTrim) {
+      board.trimRegions.DeleteRegion(region);
+      continue;
+    }
+    const int top = std::max(region.window.GetStartRow() - board.trimRegions.GetStartRow(), 0);
+    const int bottom = std::min(region.window.GetEndRow() - board.trimRegions.GetStartRow(), rows);
+    std::fill(trimRows_.begin() + top, trimRows_.begin() + std::max(top, bottom), 1);
   }
   timer.Done("trim: small regions deleted");
   if (!board.trimWork.Resize(phase.GetMatrixWindow())) {
@@ -547,36 +567,81 @@ bool KpController::Trim(DoubleMatrix2D& phase) {
     CopyIfFailed(board.status, board.trimGrown.GetStatus());
     return false;
   }
-  Rows(&KpController::MarkTrimRows, phase.GetRows());
+  Rows(&KpController::MarkTrimRows, rows);
   timer.Done("trim: mask");
   // Each band of rows is grown and applied by one worker; the dilation reads trimWork on either
   // side of the band, which the previous pass has finished.
-  Rows(&KpController::ApplyTrimRows, &phase, phase.GetRows());
-  timer.Done("trim: dilation and removal");
+  TrimJob job{&phase, mask};
+  Rows(&KpController::ApplyTrimRows, &job, rows);
+  timer.Done(mask ? "trim: dilation, removal and mask" : "trim: dilation and removal");
   return true;
 }
 
 void KpController::MarkTrimRows(int first, int end) {
   const int columns = board_->trimRegions.GetColumns();
   for (int r = first; r < end; ++r) {
-    const int* ids = board_->trimRegions.Row(r);
     std::uint8_t* work = board_->trimWork.Row(r);
+    if (!trimRows_[static_cast<std::size_t>(r)]) {
+      std::fill_n(work, columns, 0);
+      continue;
+    }
+    const int* ids = board_->trimRegions.Row(r);
     for (int c = 0; c < columns; ++c)
       work[c] = RegionIdMatrix2D::IsValid(ids[c]) ? 1 : 0;
   }
 }
 
-void KpController::ApplyTrimRows(void* data, int /*thread*/, int first, int end) {
-  DoubleMatrix2D& phase = *static_cast<DoubleMatrix2D*>(data);
-  Analysis::Core::IppiWrapper::Dilate3x3Rows(board_->trimWork, board_->trimGrown, first, end);
-  const int columns = phase.GetColumns();
+namespace {
+// Both leave most of a row alone: eight pixels are tested together, and only a group with a pixel
+// to clear is written.
+void ClearWhereSet(const std::uint8_t* flags, double* values, int columns) {
   const double noData = DoubleMatrix2D::NoData();
-  for (int r = first; r < end; ++r) {
-    const std::uint8_t* work = board_->trimGrown.Row(r);
-    double* values = phase.Row(r);
-    for (int c = 0; c < columns; ++c) {
-      if (work[c] != 0) values[c] = noData;
+  int c = 0;
+  for (; c + 8 <= columns; c += 8) {
+    std::uint64_t any;
+    std::memcpy(&any, flags + c, sizeof any);
+    if (any == 0) continue;
+    for (int k = c; k < c + 8; ++k) {
+      if (flags[k] != 0) values[k] = noData;
     }
+  }
+  for (; c < columns; ++c) {
+    if (flags[c] != 0) values[c] = noData;
+  }
+}
+
+void ClearOutside(const int* ids, double* values, int columns) {
+  const double noData = DoubleMatrix2D::NoData();
+  int c = 0;
+  for (; c + 8 <= columns; c += 8) {
+    bool out = false;
+    for (int k = c; k < c + 8; ++k)
+      out |= !RegionIdMatrix2D::IsValid(ids[k]);
+    if (!out) continue;
+    for (int k = c; k < c + 8; ++k) {
+      if (!RegionIdMatrix2D::IsValid(ids[k])) values[k] = noData;
+    }
+  }
+  for (; c < columns; ++c) {
+    if (!RegionIdMatrix2D::IsValid(ids[c])) values[c] = noData;
+  }
+}
+}  // namespace
+
+void KpController::ApplyTrimRows(void* data, int /*thread*/, int first, int end) {
+  const TrimJob& job = *static_cast<const TrimJob*>(data);
+  DoubleMatrix2D& phase = *job.phase;
+  const int rows = phase.GetRows();
+  const int columns = phase.GetColumns();
+  const auto kept = [&](int r) { return r >= 0 && r < rows && trimRows_[static_cast<std::size_t>(r)]; };
+  for (int r = first; r < end; ++r) {
+    double* values = phase.Row(r);
+    if (kept(r - 1) || kept(r) || kept(r + 1)) {
+      Analysis::Core::IppiWrapper::Dilate3x3Rows(board_->trimWork, board_->trimGrown, r, r + 1);
+      ClearWhereSet(board_->trimGrown.Row(r), values, columns);
+    }
+    if (job.mask && r < job.mask->GetRows())
+      ClearOutside(job.mask->Row(r), values, std::min(columns, job.mask->GetColumns()));
   }
 }
 

@@ -2,6 +2,8 @@
 
 #include <complex>
 #include <cstddef>
+#include <cstdint>
+#include <vector>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
@@ -64,11 +66,12 @@ class QUARN_PP_EXPORT KpController : public BoardController<KpBoard> {
  private:
   struct ExtractJob;
   struct LoadJob;
+  struct TrimJob;
 
   bool LoadFrame(Analysis::Core::FrameBuffer& frames, int frame);
   bool Process();
   bool ProcessFused(Analysis::Core::DoubleMatrix2D& phase, ExtractJob& job);
-  bool Trim(Analysis::Core::DoubleMatrix2D& phase);
+  bool Trim(Analysis::Core::DoubleMatrix2D& phase, const Analysis::Core::RegionIdMatrix2D* mask);
   bool UpdateFftSize();
   bool UpdateFilterSize();
   bool UpdateFilter();
@@ -80,7 +83,7 @@ class QUARN_PP_EXPORT KpController : public BoardController<KpBoard> {
   void ExtractPhaseAndModulation(void* job, int thread, int first, int end);
   void LoadIntensity(void* job, int thread, int first, int end);
   void MarkTrimRows(int first, int end);
-  void ApplyTrimRows(void* phase, int thread, int first, int end);
+  void ApplyTrimRows(void* job, int thread, int first, int end);
   // The steps the fused run does inside the transform's passes.
   static void FilterBlock(void* controller, int firstColumn, int columnCount, std::complex<double>* spectrum,
                           std::ptrdiff_t stride);
@@ -95,6 +98,8 @@ class QUARN_PP_EXPORT KpController : public BoardController<KpBoard> {
 
   Analysis::Core::Threading::ThreadDispatcher<KpController> dispatcher_;
   int requestedWorkers_ = 1;
+  // Per row of the trim: 1 where a kept no-data area's bounding box reaches. Scratch of one run.
+  std::vector<std::uint8_t> trimRows_;
 };
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase

@@ -17,15 +17,13 @@ void RegionIdMatrix2D::DeleteRegion(const RegionInfo& region) {
   }
 }
 
-void RegionIdMatrix2D::MarkNoDataRow(const double* values, int* ids, int count) {
-  for (int c = 0; c < count; ++c)
-    ids[c] = DoubleMatrix2D::IsNoData(values[c]) ? 0 : NoData();
-}
-
 bool RegionIdMatrix2D::MarkNoDataOf(const DoubleMatrix2D& values) {
   if (!Resize(values.GetMatrixWindow())) return false;
-  for (int r = 0; r < values.GetRows(); ++r)
-    MarkNoDataRow(values.Row(r), Row(r), values.GetColumns());
+  const double* source = values.Data();
+  int* target = Data();
+  const std::int64_t count = values.GetCount();
+  for (std::int64_t i = 0; i < count; ++i)
+    target[i] = DoubleMatrix2D::IsNoData(source[i]) ? 0 : NoData();
   ResetWindow();
   if (values.GetWindow() != values.GetMatrixWindow()) SetWindow(values.GetWindow());
   return true;

@@ -29,9 +29,6 @@ class QUARN_CORE_EXPORT RegionIdMatrix2D : public IntMatrix2D {
   // what trimming of valid data around holes works on. Returns false (with the status set) when
   // the map cannot be sized.
   virtual bool MarkNoDataOf(const DoubleMatrix2D& values);
-  // The rule of MarkNoDataOf for `count` values in a row, for a caller that marks rows while it
-  // writes them.
-  static void MarkNoDataRow(const double* values, int* ids, int count);
 };
 
 }  // namespace Quarn::Metrology::Analysis::Core

@@ -94,12 +94,7 @@ bool KpCarrierSubtractor::BuildRotators() {
   return true;
 }
 
-void KpCarrierSubtractor::ApplyRotators(int first, int end) {
-  for (int y = first; y < end; ++y)
-    RotateRow(y, fft_->GetRow(y));
-}
-
-void KpCarrierSubtractor::RotateRow(int y, std::complex<double>* row) const {
+const std::complex<double>* KpCarrierSubtractor::RowRotators(int y) const {
   const long long rows = fft_->GetRows();
   const int columns = fft_->GetColumns();
   const int period = fringePeriod_;
@@ -119,13 +114,20 @@ void KpCarrierSubtractor::RotateRow(int y, std::complex<double>* row) const {
   }
   const int k0 = static_cast<int>(base % period);
   const int j0 = (step_ * k0 % period + period) % period;
-  const double* rotator = reinterpret_cast<const double*>(sequence_.Data() + j0);
-  double* z = reinterpret_cast<double*>(row);
-  for (int x = 0; x < columns; ++x) {
-    const double re = z[2 * x], im = z[2 * x + 1];
-    const double cosine = rotator[2 * x], sine = rotator[2 * x + 1];
-    z[2 * x] = re * cosine - im * sine;
-    z[2 * x + 1] = re * sine + im * cosine;
+  return sequence_.Data() + j0;
+}
+
+void KpCarrierSubtractor::ApplyRotators(int first, int end) {
+  const int columns = fft_->GetColumns();
+  for (int y = first; y < end; ++y) {
+    const double* rotator = reinterpret_cast<const double*>(RowRotators(y));
+    double* z = reinterpret_cast<double*>(fft_->GetRow(y));
+    for (int x = 0; x < columns; ++x) {
+      const double re = z[2 * x], im = z[2 * x + 1];
+      const double cosine = rotator[2 * x], sine = rotator[2 * x + 1];
+      z[2 * x] = re * cosine - im * sine;
+      z[2 * x + 1] = re * sine + im * cosine;
+    }
   }
 }
 

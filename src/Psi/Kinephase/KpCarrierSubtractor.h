@@ -53,10 +53,11 @@ class QUARN_PP_EXPORT KpCarrierSubtractor {
 
   // Execute in two halves, for a caller that rotates rows while they are in cache anyway: Prepare
   // checks and tabulates as Execute does and returns what Execute would return before rotating;
-  // RotateRow then rotates row y (stored at `row`) exactly as Execute rotates it, and may run on
-  // several threads at once.
+  // RowRotators then gives the rotators of row y in column order (element x for pixel x: Execute
+  // turns z into (Re z cos - Im z sin, Re z sin + Im z cos) with (cos, sin) that element). Both
+  // read only the transform's size, so rows may be worked on while the transform runs.
   Analysis::Core::Status Prepare();
-  void RotateRow(int y, std::complex<double>* row) const;
+  const std::complex<double>* RowRotators(int y) const;
 
  private:
   bool BuildRotators();

@@ -430,9 +430,10 @@ void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D& modulation
 // The steps of Process() and the phase extraction with the frame, the spectrum and the complex
 // signal each crossing memory once (see Fft2D::FilterRoundTrip): the filter is applied to each
 // column block of the spectrum between its forward and inverse column transforms, and each row of
-// the signal is rotated, turned into phase and modulation and marked for the trim right after its
-// inverse row transform. Every pixel sees the arithmetic of the separate steps. The outputs are
-// sized first, as the rows are written during the transform.
+// the signal is rotated, turned into phase and modulation and marked for the trim (the rule of
+// RegionIdMatrix2D::MarkNoDataOf) right after its inverse row transform, in one pass of the row
+// kernel. Every pixel sees the arithmetic of the separate steps. The outputs are sized first, as
+// the rows are written during the transform.
 bool KpController::ProcessFused(DoubleMatrix2D& phase, ExtractJob& job) {
   KpBoard& board = *board_;
   if (!IsWired()) return false;
@@ -493,17 +494,18 @@ void KpController::FilterBlock(void* controller, int firstColumn, int columnCoun
 
 void KpController::FinishRow(void* data, int r, std::complex<double>* signal) {
   const ExtractJob& job = *static_cast<const ExtractJob*>(data);
-  if (job.carrier) job.carrier->RotateRow(r, signal);
   detail::KpPhaseRow row;
-  row.z = reinterpret_cast<const double*>(signal);
+  row.z = reinterpret_cast<double*>(signal);
   row.columns = job.phase->GetColumns();
   row.threshold = job.threshold;
   row.scale = job.scale;
   row.noData = DoubleMatrix2D::NoData();
   row.phase = job.phase->Row(r);
   row.modulation = job.modulation->Row(r);
+  if (job.carrier) row.rotators = reinterpret_cast<const double*>(job.carrier->RowRotators(r));
+  row.noDataIds = job.noData->Row(r);
+  row.invalidId = RegionIdMatrix2D::NoData();
   job.row(row);
-  RegionIdMatrix2D::MarkNoDataRow(row.phase, job.noData->Row(r), row.columns);
 }
 
 void KpController::ExtractPhaseAndModulation(void* data, int /*thread*/, int first, int end) {
@@ -514,7 +516,7 @@ void KpController::ExtractPhaseAndModulation(void* data, int /*thread*/, int fir
   row.scale = job.scale;
   row.noData = DoubleMatrix2D::NoData();
   for (int r = first; r < end; ++r) {
-    row.z = reinterpret_cast<const double*>(board_->fft.GetRow(r));
+    row.z = reinterpret_cast<double*>(board_->fft.GetRow(r));
     row.phase = job.phase->Row(r);
     row.modulation = job.modulation->Row(r);
     job.row(row);

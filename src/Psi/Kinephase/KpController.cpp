@@ -505,6 +505,7 @@ void KpController::FinishRow(void* data, int r, std::complex<double>* signal) {
   if (job.carrier) row.rotators = reinterpret_cast<const double*>(job.carrier->RowRotators(r));
   row.noDataIds = job.noData->Row(r);
   row.invalidId = RegionIdMatrix2D::NoData();
+  row.stream = true;
   job.row(row);
 }
 

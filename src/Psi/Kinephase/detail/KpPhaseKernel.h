@@ -20,6 +20,9 @@ struct KpPhaseRow {
   const double* rotators = nullptr;
   int* noDataIds = nullptr;
   int invalidId = 0;
+  // The outputs bypass the cache (where they are aligned for it): for a caller that writes far
+  // more than the cache holds before it reads them back.
+  bool stream = false;
 };
 
 using KpPhaseRowFunction = void (*)(const KpPhaseRow& row);

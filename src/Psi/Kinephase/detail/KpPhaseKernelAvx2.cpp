@@ -3,11 +3,16 @@
 #include <immintrin.h>
 #include <sleef.h>
 
+#include <cstdint>
+
 #include "Psi/Kinephase/detail/KpPhaseKernel.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase::detail {
 
-void PhaseRowAvx2(const KpPhaseRow& row) {
+namespace {
+
+template <bool kStream>
+void Row(const KpPhaseRow& row) {
   const __m256d two = _mm256_set1_pd(2.0);
   const __m256d threshold = _mm256_set1_pd(row.threshold);
   const __m256d scale = _mm256_set1_pd(row.scale);
@@ -39,14 +44,24 @@ void PhaseRowAvx2(const KpPhaseRow& row) {
     const __m256d rejected = _mm256_cmp_pd(threshold, m, _CMP_GT_OQ);
     const __m256d phase =
         _mm256_blendv_pd(_mm256_mul_pd(Sleef_atan2d4_u35avx2(im, re), scale), noData, rejected);
-    _mm256_storeu_pd(row.modulation + c, _mm256_permute4x64_pd(m, 0xD8));
     const __m256d ordered = _mm256_permute4x64_pd(phase, 0xD8);
-    _mm256_storeu_pd(row.phase + c, ordered);
+    if constexpr (kStream) {
+      _mm256_stream_pd(row.modulation + c, _mm256_permute4x64_pd(m, 0xD8));
+      _mm256_stream_pd(row.phase + c, ordered);
+    } else {
+      _mm256_storeu_pd(row.modulation + c, _mm256_permute4x64_pd(m, 0xD8));
+      _mm256_storeu_pd(row.phase + c, ordered);
+    }
     if (row.noDataIds) {
       // One 32-bit half of each 64-bit comparison result, in pixel order.
       const __m256i isNoData = _mm256_castpd_si256(_mm256_cmp_pd(ordered, noData, _CMP_GE_OQ));
       const __m128i flags = _mm256_castsi256_si128(_mm256_permutevar8x32_epi32(isNoData, lowHalves));
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(row.noDataIds + c), _mm_andnot_si128(flags, invalidId));
+      const __m128i ids = _mm_andnot_si128(flags, invalidId);
+      if constexpr (kStream) {
+        _mm_stream_si128(reinterpret_cast<__m128i*>(row.noDataIds + c), ids);
+      } else {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(row.noDataIds + c), ids);
+      }
     }
   }
   if (c < row.columns) {
@@ -58,6 +73,23 @@ void PhaseRowAvx2(const KpPhaseRow& row) {
     if (row.rotators) tail.rotators = row.rotators + 2 * c;
     if (row.noDataIds) tail.noDataIds = row.noDataIds + c;
     PhaseRowReference(tail);
+  }
+  // Streamed stores are weakly ordered: they are made visible before the row counts as done.
+  if constexpr (kStream) _mm_sfence();
+}
+
+bool Aligned(const void* p, std::uintptr_t bytes) {
+  return reinterpret_cast<std::uintptr_t>(p) % bytes == 0;
+}
+
+}  // namespace
+
+void PhaseRowAvx2(const KpPhaseRow& row) {
+  if (row.stream && Aligned(row.phase, 32) && Aligned(row.modulation, 32) &&
+      (!row.noDataIds || Aligned(row.noDataIds, 16))) {
+    Row<true>(row);
+  } else {
+    Row<false>(row);
   }
 }
 

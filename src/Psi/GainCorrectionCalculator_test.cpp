@@ -1,7 +1,6 @@
 #include "Psi/GainCorrectionCalculator.h"
 
 #include <cmath>
-#include <cstring>
 #include <numbers>
 #include <string>
 #include <vector>
@@ -38,14 +37,14 @@ double RunGain(GainCorrection& algorithm, FrameBuffer& frames, int threads = 1,
   return calculator.GetGainCorrection();
 }
 
-// Writes the seven samples J0..J6 of pixel `pixel` of a 7-frame stack, or of the even frames of a
-// 13-frame stack; the odd frames of a 13-frame stack, which the estimate does not read, are clipped.
-void SetPixel(FrameBuffer& frames, int pixel, const int (&J)[7]) {
-  const int stride = frames.GetNumberOfFrames() == 13 ? 2 : 1;
-  for (int f = 0; f < frames.GetNumberOfFrames(); ++f) {
-    const int value = f % stride == 0 ? J[f / stride] : 255;
-    static_cast<unsigned char*>(frames.GetFrameData(f))[pixel] = static_cast<unsigned char>(value);
-  }
+// Gives every pixel p the seven samples J(p)[0..6]: the frames of a 7-frame stack, or the even frames
+// of a 13-frame stack, whose odd frames, which the estimate does not read, are clipped.
+template <typename Samples>
+bool FillSevenSamples(FrameBuffer& frames, Samples J) {
+  const bool pairs = frames.GetNumberOfFrames() == 13;
+  return Testing::FillStackBySample(frames, [&](int p, int k) {
+    return !pairs ? J(p)[k] : k % 2 == 0 ? J(p)[k / 2] : frames.GetMaxValue();
+  });
 }
 
 // ----------------------------------------------------------------------------------------------
@@ -58,7 +57,7 @@ struct PmiPixel {
   const char* what;
   int J[7];
   int r;                            // kSkipped: the pixel must not contribute
-  double minimumModulation = 15.0;  // percent; 8 bits at 15 %: the modulation must exceed 38.25
+  double minimumModulation = 15.0;  // percent; of a saturation level of 240 the modulation must exceed 36
 };
 constexpr int kSkipped = 1000;
 
@@ -72,9 +71,9 @@ const PmiPixel kPmiPixels[] = {
     {"r = 257 is not", {100, 220, 200, 120, 100, 19, 100}, kSkipped},
     {"r = -256 is kept", {100, 20, 200, 120, 100, 220, 100}, -256},
     {"r = -257 is not", {100, 19, 200, 120, 100, 220, 100}, kSkipped},
-    {"J6 clipped", {100, 130, 150, 100, 100, 80, 255}, kSkipped},
-    {"modulation 38 is not above the threshold", {142, 130, 150, 100, 100, 80, 152}, kSkipped},
-    {"modulation 39 is", {141, 130, 150, 100, 100, 80, 152}, 128},
+    {"J6 at the saturation level", {100, 130, 150, 100, 100, 80, 240}, kSkipped},
+    {"modulation 36 is not above the threshold", {144, 130, 150, 100, 100, 80, 152}, kSkipped},
+    {"modulation 37 is", {143, 130, 150, 100, 100, 80, 152}, 128},
     {"J0 + J1 + J2 + J3 = 14 is too dark", {0, 0, 7, 7, 0, 14, 0}, kSkipped, 0.0},
     {"J0 + J1 + J2 + J3 = 15 is not", {0, 0, 7, 8, 0, 14, 0}, -256, 0.0},
 };
@@ -84,7 +83,8 @@ TEST(GainCorrectionPmiTest, WorkedPixelsContributeTheirRatioOrNothing) {
     for (const PmiPixel& row : kPmiPixels) {
       FrameBuffer frames;
       ASSERT_TRUE(frames.Allocate(Window2D(0, 0, 1, 1), frameCount, FrameBuffer::kRes8Bit));
-      SetPixel(frames, 0, row.J);
+      frames.SetMaxValue(240);
+      ASSERT_TRUE(FillSevenSamples(frames, [&](int) { return row.J; }));
       GainCorrectionPmi algorithm;
       const bool skipped = row.r == kSkipped;
       const double gain =
@@ -93,17 +93,16 @@ TEST(GainCorrectionPmiTest, WorkedPixelsContributeTheirRatioOrNothing) {
       EXPECT_EQ(gain, skipped ? kNoData : row.r / 316.0) << frameCount << " frames: " << row.what;
     }
   }
-  EXPECT_FALSE(GainCorrectionPmi::PixelIntensityInRange(255, 0, 0, 0, 0, 0, 0, 255));
 }
 
 TEST(GainCorrectionPmiTest, IntegerMeanComesBeforeTheDivisionBy316) {
   // Pixel 0 gives r = 100, pixel 1 r = 101 (2a = 256, so r = J1 - J5). Their integer mean is 100.
+  const int J[2][7] = {{100, 150, 200, 100, 72, 50, 120}, {100, 150, 200, 100, 72, 49, 120}};
   for (const int frameCount : {7, 13}) {
     for (const int threads : {1, 2}) {
       FrameBuffer frames;
       ASSERT_TRUE(frames.Allocate(Window2D(0, 0, 1, 2), frameCount, FrameBuffer::kRes8Bit));
-      SetPixel(frames, 0, {100, 150, 200, 100, 72, 50, 120});
-      SetPixel(frames, 1, {100, 150, 200, 100, 72, 49, 120});
+      ASSERT_TRUE(FillSevenSamples(frames, [&](int p) { return J[p]; }));
       GainCorrectionPmi algorithm;
       // A second run of the same object starts from empty sums.
       for (int run = 0; run < 2; ++run) {
@@ -114,15 +113,14 @@ TEST(GainCorrectionPmiTest, IntegerMeanComesBeforeTheDivisionBy316) {
   }
 }
 
+// 2100 x 4096 pixels (a 4k camera's 8.6 million), each with r = 256: a 32-bit step sum would pass
+// 2^31 after 8.4 million of them and turn the gain negative. One thread, so that no per-thread split
+// hides it.
 TEST(GainCorrectionPmiTest, StepSumOfALargeCameraDoesNotWrap) {
-  // 2100 x 4096 pixels (a 4k camera's 8.6 million), each with r = 256: a 32-bit step sum would pass
-  // 2^31 after 8.4 million of them and turn the gain negative. One thread, so that no per-thread
-  // split hides it.
   FrameBuffer frames;
   ASSERT_TRUE(frames.Allocate(Window2D(0, 0, 2100, 4096), 7, FrameBuffer::kRes8Bit));
   const int J[7] = {100, 220, 200, 120, 100, 20, 100};
-  for (int f = 0; f < 7; ++f)
-    std::memset(frames.GetFrameData(f), J[f], static_cast<std::size_t>(frames.GetPixelCount()));
+  ASSERT_TRUE(FillSevenSamples(frames, [&](int) { return J; }));
   GainCorrectionPmi algorithm;
   EXPECT_EQ(RunGain(algorithm, frames, 0), 256 / 316.0);
   EXPECT_EQ(algorithm.GetContributingPixelCount(), 2100 * 4096);
@@ -131,7 +129,8 @@ TEST(GainCorrectionPmiTest, StepSumOfALargeCameraDoesNotWrap) {
 // ----------------------------------------------------------------------------------------------
 // A pixel of the sinusoidal 20-frame estimate, computed here from the weight tables: N and D as
 // weighted sums of the frames, Qc and Qs as weighted sums of the pair sums S_k = I_k + I_(19-k)
-// (Qc weights the pairs symmetrically about the middle, Qs antisymmetrically).
+// (Qc weights the pairs symmetrically about the middle, Qs antisymmetrically), each pixel's term
+// (cos(phi) Qc + sin(phi) Qs) / (sqrt(N^2 + D^2) + 1).
 
 double SinPsiContribution(const std::vector<int>& I) {
   static const double kQc[10] = {0.1779,  0.0247,  -0.1054, -0.0898, -0.0074,
@@ -139,21 +138,21 @@ double SinPsiContribution(const std::vector<int>& I) {
   static const double kQs[10] = {-0.0596, 0.1475,  0.1885,  0.0185,  -0.041,
                                  0.041,   -0.0185, -0.1885, -0.1475, 0.0596};
   double N = 0.0, D = 0.0, qc = 0.0, qs = 0.0;
-  for (int k = 0; k < 20; ++k) {
-    N += Convert20::kNumeratorWeights[k] * I[static_cast<std::size_t>(k)];
-    D += Convert20::kDenominatorWeights[k] * I[static_cast<std::size_t>(k)];
+  for (std::size_t k = 0; k < 20; ++k) {
+    N += Convert20::kNumeratorWeights[k] * I[k];
+    D += Convert20::kDenominatorWeights[k] * I[k];
   }
-  for (int k = 0; k < 10; ++k) {
-    const double S = I[static_cast<std::size_t>(k)] + I[static_cast<std::size_t>(19 - k)];
-    qc += kQc[k] * S;
-    qs += kQs[k] * S;
+  for (std::size_t k = 0; k < 10; ++k) {
+    qc += kQc[k] * (I[k] + I[19 - k]);
+    qs += kQs[k] * (I[k] + I[19 - k]);
   }
   const double phi = std::atan2(N, D);
   return (std::cos(phi) * qc + std::sin(phi) * qs) / (std::hypot(N, D) + 1.0);
 }
 
+// A pixel of a shifter 5 % off, as an 8-bit camera rounds it; a clipped frame among the first twenty
+// leaves it out, later frames are not read. One algorithm object serves every run.
 TEST(GainCorrectionSinPsiTest, AGoldenPixelAndOnlyItsFirstTwentyFramesCount) {
-  // A pixel of a shifter 5 % off, as an 8-bit camera rounds it.
   std::vector<int> golden;
   for (const double v : Testing::FringeSamples({120.0, 90.0, 0.7}, Testing::ShiftsFor20(0.05)))
     golden.push_back(static_cast<int>(std::lround(v)));
@@ -164,87 +163,64 @@ TEST(GainCorrectionSinPsiTest, AGoldenPixelAndOnlyItsFirstTwentyFramesCount) {
     const char* what;
     int frames;
     int clipped;  // the frame set to 255 (20: frames 20 to 24), -1: none
-    bool contributes;
   };
-  for (const Case& c :
-       {Case{"20 frames", 20, -1, true}, Case{"frame 0 clipped", 20, 0, false},
-        Case{"frame 19 clipped", 20, 19, false}, Case{"frames 20-24 clipped", 25, 20, true}}) {
+  GainCorrectionSinPsi algorithm;
+  for (const Case& c : {Case{"20 frames", 20, -1}, Case{"frame 0 clipped", 20, 0},
+                        Case{"frame 19 clipped", 20, 19}, Case{"frames 20-24 clipped", 25, 20}}) {
     FrameBuffer frames;
     ASSERT_TRUE(frames.Allocate(Window2D(0, 0, 1, 1), c.frames, FrameBuffer::kRes8Bit));
-    for (int f = 0; f < c.frames; ++f) {
-      const bool clip = f == c.clipped || (c.clipped >= 20 && f >= 20);
-      *static_cast<unsigned char*>(frames.GetFrameData(f)) =
-          static_cast<unsigned char>(clip ? 255 : golden[static_cast<std::size_t>(f % 20)]);
-    }
-    GainCorrectionSinPsi algorithm;
+    ASSERT_TRUE(Testing::FillStackBySample(frames, [&](int, int k) {
+      return k == c.clipped || (c.clipped >= 20 && k >= 20) ? 255 : golden[static_cast<std::size_t>(k % 20)];
+    }));
+    const bool contributes = c.clipped < 0 || c.clipped >= 20;
     const double gain =
-        RunGain(algorithm, frames, 1, c.contributes ? StatusCode::kSuccess : StatusCode::kNoValidResult);
-    if (c.contributes) {
-      EXPECT_NEAR(gain, expected, 1e-12 * std::abs(expected)) << c.what;
-    } else {
-      EXPECT_EQ(gain, kNoData) << c.what;
-    }
+        RunGain(algorithm, frames, 1, contributes ? StatusCode::kSuccess : StatusCode::kNoValidResult);
+    EXPECT_NEAR(gain, contributes ? expected : kNoData, 1e-12 * std::abs(expected)) << c.what;
   }
 }
 
 // ----------------------------------------------------------------------------------------------
 // Physics: the gain correction follows the step error in sign and size.
 
-struct GainCase {
-  std::string name;
-  int frames;
-  bool sinPsi;
-};
-
-void PrintTo(const GainCase& c, std::ostream* os) {
-  *os << c.name;
+// The gain correction of a 16-bit stack whose shifter moves 1 + gainError times the nominal steps.
+double MeasureGain(GainCorrection& algorithm, int frameCount, double gainError) {
+  FrameBuffer frames;
+  EXPECT_TRUE(frames.Allocate(Window2D(0, 0, 64, 96), frameCount, FrameBuffer::kRes16Bit));
+  Testing::FillTiltedStack(frames, gainError, 30000.0, 25000.0);
+  return RunGain(algorithm, frames, 2);
 }
 
-class GainFollowsErrorTest : public ::testing::TestWithParam<GainCase> {
- protected:
-  double Measure(double gainError) {
-    FrameBuffer frames;
-    EXPECT_TRUE(frames.Allocate(Window2D(0, 0, 64, 96), GetParam().frames, FrameBuffer::kRes16Bit));
-    Testing::FillTiltedStack(frames, gainError, 30000.0, 25000.0);
-    GainCorrectionPmi pmi;
-    GainCorrectionSinPsi sinPsi;
-    GainCorrection& algorithm = GetParam().sinPsi ? static_cast<GainCorrection&>(sinPsi) : pmi;
-    return RunGain(algorithm, frames, 2);
-  }
-};
-
-TEST_P(GainFollowsErrorTest, SizeMatchesTheStepError) {
-  if (!GetParam().sinPsi) {
-    // Each pixel's r = 256 cos(alpha) with alpha = 90 deg (1 + error), truncated towards zero (less
-    // than 1), and the integer mean truncated again (less than 1): 316 x gain lies within 2 of
-    // 256 cos(alpha), on the side of zero. Rounding 16-bit samples of amplitude 25000 adds less than
-    // 0.05.
+TEST(GainFollowsErrorTest, SevenSampleEstimateIs256CosOfTheStepOver316) {
+  // Each pixel's r = 256 cos(alpha) with alpha = 90 deg (1 + error), truncated towards zero (less
+  // than 1), and the integer mean truncated again (less than 1): 316 x gain lies within 2 of
+  // 256 cos(alpha), on the side of zero. Rounding 16-bit samples of amplitude 25000 adds less than
+  // 0.05.
+  GainCorrectionPmi algorithm;
+  for (const int frameCount : {7, 13}) {
     for (const double error : {-0.2, -0.1, -0.05, -0.02, 0.0, 0.02, 0.05, 0.1, 0.2}) {
       const double truth = 256.0 * std::cos(std::numbers::pi / 2 * (1.0 + error));
-      const double measured = 316.0 * Measure(error);
-      EXPECT_LE(std::abs(measured), std::abs(truth) + 0.05) << error;
-      EXPECT_GT(std::abs(measured), std::abs(truth) - 2.05) << error;
-      EXPECT_TRUE(error == 0.0 || measured * error < 0.0) << error;
+      const double measured = 316.0 * MeasureGain(algorithm, frameCount, error);
+      EXPECT_LE(std::abs(measured), std::abs(truth) + 0.05) << frameCount << " frames, error " << error;
+      EXPECT_GT(std::abs(measured), std::abs(truth) - 2.05) << frameCount << " frames, error " << error;
+      EXPECT_TRUE(error == 0.0 || measured * error < 0.0) << frameCount << " frames, error " << error;
     }
-    return;
   }
+}
+
+TEST(GainFollowsErrorTest, SinusoidalEstimateIsProportionalToTheStepError) {
   // The sinusoidal estimate has no closed form here; what it must show is proportionality, with the
   // sign opposite to the error. Its coefficients, given to three or four digits, leave an offset of
   // about 1e-3 at the nominal gain; beyond that the response per unit of error stays within 10 % of
   // its small-error value over +-10 % (the response curves slightly, as the sinusoid's harmonics do).
-  const double offset = Measure(0.0);
+  GainCorrectionSinPsi algorithm;
+  const double offset = MeasureGain(algorithm, 20, 0.0);
   EXPECT_LT(std::abs(offset), 3e-3);
-  const double slope = (Measure(0.02) - Measure(-0.02)) / 0.04;
+  const double slope = (MeasureGain(algorithm, 20, 0.02) - MeasureGain(algorithm, 20, -0.02)) / 0.04;
   EXPECT_LT(slope, -0.5);
   for (const double error : {-0.1, -0.05, 0.05, 0.1}) {
-    EXPECT_NEAR((Measure(error) - offset) / error, slope, 0.1 * std::abs(slope)) << error;
+    EXPECT_NEAR((MeasureGain(algorithm, 20, error) - offset) / error, slope, 0.1 * std::abs(slope)) << error;
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(AllAlgorithms, GainFollowsErrorTest,
-                         ::testing::Values(GainCase{"Pmi7", 7, false}, GainCase{"Pmi13", 13, false},
-                                           GainCase{"SinPsi20", 20, true}),
-                         [](const auto& info) { return info.param.name; });
 
 // ----------------------------------------------------------------------------------------------
 // The walk, shared with the Corvane calculator (whose tests check it pixel by pixel), with the
@@ -256,8 +232,7 @@ TEST(GainCorrectionCalculatorTest, MaskStrideAndThreadsChooseThePixelsThatCount)
   FrameBuffer frames;
   ASSERT_TRUE(frames.Allocate(frameWindow, 7, FrameBuffer::kRes8Bit));
   const int J[7] = {100, 220, 200, 120, 100, 20, 100};  // r = 256
-  for (int f = 0; f < 7; ++f)
-    std::memset(frames.GetFrameData(f), J[f], static_cast<std::size_t>(frames.GetPixelCount()));
+  ASSERT_TRUE(FillSevenSamples(frames, [&](int) { return J; }));
   RegionIdMatrix2D mask = Testing::MakeWalkMask(Testing::WalkMask::kOtherWindow, frameWindow);
   GainCorrectionPmi algorithm;
   GainCorrectionCalculator calculator;

@@ -28,6 +28,17 @@ void FillTiltedStack(Core::FrameBuffer& frames, double gainError, double bias, d
   });
 }
 
+bool FillStackBySample(Core::FrameBuffer& frames, const std::function<int(int pixel, int frame)>& sample) {
+  std::vector<std::int32_t> image(static_cast<std::size_t>(frames.GetPixelCount()));
+  bool stored = true;
+  for (int k = 0; k < frames.GetNumberOfFrames(); ++k) {
+    for (int p = 0; p < frames.GetPixelCount(); ++p)
+      image[static_cast<std::size_t>(p)] = sample(p, k);
+    stored = frames.StoreFrame(k, image.data()) && stored;
+  }
+  return stored;
+}
+
 const char* WalkMaskName(WalkMask kind) {
   static const char* const kNames[] = {"NoMask", "SameWindow", "OtherWindow", "Narrowed"};
   return kNames[static_cast<int>(kind)];
@@ -41,7 +52,7 @@ RegionIdMatrix2D MakeWalkMask(WalkMask kind, const Window2D& frameWindow) {
                                              : frameWindow);
   for (int r = 0; r < mask.GetRows(); ++r) {
     for (int c = 0; c < mask.GetColumns(); ++c)
-      mask(r, c) = (r * 7 + c * 3) % 5 < 3 ? (r + c) % 4 : RegionIdMatrix2D::NoData();
+      mask(r, c) = (r * r + 3 * c * c + r * c + 2 * c) % 11 < 7 ? (r + c) % 4 : RegionIdMatrix2D::NoData();
   }
   if (kind == WalkMask::kNarrowed) mask.SetWindow(Window2D(r0 + 3, c0 + 5, rows / 2, cols / 2));
   return mask;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <vector>
 
 #include "Analysis/Core/FrameBuffer.h"
@@ -20,10 +21,15 @@ namespace Core = ::Quarn::Metrology::Analysis::Core;
 // any other count a quarter period apart.
 void FillTiltedStack(Core::FrameBuffer& frames, double gainError, double bias, double amplitude);
 
+// Fills an allocated frame buffer sample by sample with `sample(pixel, frame)`, pixel row-major in the
+// window, in the buffer's sample width; false if a value does not fit it.
+bool FillStackBySample(Core::FrameBuffer& frames, const std::function<int(int pixel, int frame)>& sample);
+
 // The mask kinds a walk meets: none; one over exactly the frame window; one over another window
 // that overlaps the frame window's lower right part; the frame window's matrix narrowed to an inner
 // window. About two pixels in three of a mask hold a region id, in a pattern unrelated to the
-// stride and the frame geometry.
+// stride and the frame geometry and without a short period, so that a mask read at a shifted
+// position is seen to be wrong.
 enum class WalkMask { kNone, kSameWindow, kOtherWindow, kNarrowed };
 const char* WalkMaskName(WalkMask kind);
 Core::RegionIdMatrix2D MakeWalkMask(WalkMask kind, const Core::Window2D& frameWindow);

@@ -74,30 +74,26 @@ class PsiCheckCliTest : public CliTestFixture {
 // amplitude 90 round differences by up to one count, which moves single step values by at most
 // about 128 x 4 / (2 x 90 x sin^2(45 deg)) = 5.7; the mean over 1920 pixels is far closer.
 TEST_F(PsiCheckCliTest, StepMapAndGainFollowAKnownGainError) {
-  for (const int frames : {7, 13}) {
-    for (const double error : {-0.05, 0.05}) {
-      const std::string name = "stack" + std::to_string(frames) + (error > 0 ? "plus" : "minus") + ".tif";
-      const std::string stack = WriteStack(name, frames, error);
-      const RunResult result =
-          Run(stack + " -o " + Path("step.tif") + " --png " + Path("step.png") + " --threads 3");
-      ASSERT_EQ(result.status, 0) << result.err;
-      const double truth = 256.0 * std::cos(std::numbers::pi / 2 * (1.0 + error));
-      const MapSummary map = Summarise(Path("step.tif"));
-      EXPECT_EQ(map.valid, kRows * kCols) << frames;
-      EXPECT_NEAR(map.mean, truth, 0.5) << frames << " frames, error " << error;
-      // The printed mean is the map's, and the step it implies is 90 deg (1 + error) to 0.2 deg.
-      EXPECT_NEAR(NumberAfter(result.out, "mean "), map.mean, 0.01) << result.out;
-      EXPECT_NEAR(NumberAfter(result.out, "phase step "), 90.0 * (1.0 + error), 0.2) << result.out;
-      // The gain correction: about -1.27 x the error, from the integer mean of 256 cos / 316.
-      const double gain = NumberAfter(result.out, "gain correction ");
-      EXPECT_NEAR(gain, truth / 316.0, 2.5 / 316.0) << result.out;
-      EXPECT_GT(fs::file_size(Path("step.png")), 1000u);
-    }
+  for (const auto& [frames, error] : {std::pair{7, -0.05}, std::pair{13, 0.05}}) {
+    const std::string stack = WriteStack("stack" + std::to_string(frames) + ".tif", frames, error);
+    const RunResult result =
+        Run(stack + " -o " + Path("step.tif") + " --png " + Path("step.png") + " --threads 3");
+    ASSERT_EQ(result.status, 0) << result.err;
+    const double truth = 256.0 * std::cos(std::numbers::pi / 2 * (1.0 + error));
+    const MapSummary map = Summarise(Path("step.tif"));
+    EXPECT_EQ(map.valid, kRows * kCols) << frames;
+    EXPECT_NEAR(map.mean, truth, 0.5) << frames << " frames, error " << error;
+    // The printed mean is the map's, and the step it implies is 90 deg (1 + error) to 0.2 deg.
+    EXPECT_NEAR(NumberAfter(result.out, "mean "), map.mean, 0.01) << result.out;
+    EXPECT_NEAR(NumberAfter(result.out, "phase step "), 90.0 * (1.0 + error), 0.2) << result.out;
+    // The gain correction: about -1.27 x the error, from the integer mean of 256 cos / 316.
+    EXPECT_NEAR(NumberAfter(result.out, "gain correction "), truth / 316.0, 2.5 / 316.0) << result.out;
+    EXPECT_GT(fs::file_size(Path("step.png")), 1000u);
   }
 }
 
-// 20 frames or more get the sinusoidal gain check only; other counts than 7, 13 and 20 or more are
-// refused (a run of frames can be picked from them, as the real-data test does).
+// 20 frames or more get the sinusoidal gain check only, and no step map; other counts than 7, 13
+// and 20 or more are refused (a run of frames can be picked from them, as the real-data test does).
 TEST_F(PsiCheckCliTest, TheFrameCountChoosesTheChecks) {
   const std::string twenty = WriteStack("plus20.tif", 20, 0.05);
   RunResult result = Run(twenty);
@@ -105,9 +101,7 @@ TEST_F(PsiCheckCliTest, TheFrameCountChoosesTheChecks) {
   EXPECT_EQ(result.out.find("corvane"), std::string::npos) << result.out;
   EXPECT_NE(result.out.find("sinusoidal"), std::string::npos) << result.out;
   EXPECT_LT(NumberAfter(result.out, "gain correction "), -0.02) << result.out;
-  result = Run(twenty + " -o " + Path("step.tif"));
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.err.find("needs 7 or 13 frames"), std::string::npos) << result.err;
+  EXPECT_EQ(Run(twenty + " -o " + Path("step.tif")).status, 2);
 
   const std::string twelve = WriteStack("twelve.tif", 12, 0.0);
   result = Run(twelve + " -o " + Path("step.tif"));
@@ -124,44 +118,39 @@ TEST_F(PsiCheckCliTest, MaskAndScanPeriodLeaveTheOtherPixelsWithoutData) {
   maskImage.Allocate(Core::Window2D(0, 0, kRows, kCols), 1, Core::FrameBuffer::kRes8Bit);
   for (int p = 0; p < kRows * kCols; ++p)
     maskImage.GetFrame<std::uint8_t>(0)[p] = p % kCols < 20 && p >= 5 * kCols ? 200 : 0;
-  const std::string mask = Path("mask.tif");
-  WriteTiffStack(mask, maskImage);
+  WriteTiffStack(Path("mask.tif"), maskImage);
   // One thread: with several, each worker's stride grid starts at its own first pixel.
-  RunResult result = Run(stack + " --mask " + mask + " --scan-period 3 --threads 1 -o " + Path("step.tif"));
+  const RunResult result =
+      Run(stack + " --mask " + Path("mask.tif") + " --scan-period 3 --threads 1 -o " + Path("step.tif"));
   ASSERT_EQ(result.status, 0) << result.err;
   Core::DoubleMatrix2D map;
   ReadFloatTiff(Path("step.tif"), map);
-  for (int r = 0; r < kRows; ++r) {
-    for (int c = 0; c < kCols; ++c) {
-      const bool expected = c < 20 && r >= 5 && (r * kCols + c) % 3 == 0;
-      EXPECT_EQ(!Core::IsNoDataValue(map(r, c)), expected) << r << "," << c;
-    }
+  for (int p = 0; p < kRows * kCols; ++p) {
+    const bool expected = p % kCols < 20 && p >= 5 * kCols && p % 3 == 0;
+    EXPECT_EQ(!Core::IsNoDataValue(map.At(p)), expected) << "pixel " << p;
   }
 }
 
-TEST_F(PsiCheckCliTest, NoResultFromAnyCheckIsExitStatus1AndWritesNothing) {
+// A check without a result is named on stderr with its reason; the run fails (exit status 1, nothing
+// written) only when no check gave a result or the step map asked for cannot be made. A 13-frame
+// stack whose frame 12 is clipped leaves the corvane check (frames 0-9) its result but gives the gain
+// check (every second frame) no pixel; one whose frame 1 is clipped does the reverse.
+TEST_F(PsiCheckCliTest, ACheckWithoutAResultIsNamedAndTheOtherResultStands) {
   const std::string flat = WriteStack("flat.tif", 7, 0.0, 3.0);  // modulation of a few counts
-  RunResult result = Run(flat + " -o " + Path("step.tif") + " --png " + Path("step.png"));
+  const std::string maps = " -o " + Path("step.tif") + " --png " + Path("step.png");
+  RunResult result = Run(flat + maps);
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.err.find("corvane check: no valid pixel in " + flat), std::string::npos) << result.err;
   EXPECT_NE(result.err.find("gain check: no pixel of " + flat + " contributes"), std::string::npos)
       << result.err;
-  EXPECT_FALSE(fs::exists(Path("step.tif")));
-  EXPECT_FALSE(fs::exists(Path("step.png")));
+  EXPECT_FALSE(fs::exists(Path("step.tif")) || fs::exists(Path("step.png")));
   EXPECT_EQ(Run(flat + " --method gain").status, 1);
   EXPECT_EQ(Run(flat + " --min-modulation 1").status, 0);
-}
 
-// Without --method a 7- or 13-frame stack gets both checks. A 13-frame stack whose frame 12 is
-// clipped leaves the corvane check (frames 0-9) its result but gives the gain check (every second
-// frame) no pixel; one whose frame 1 is clipped does the reverse. The check without a result is named
-// with its reason; the run fails only when the step map asked for cannot be made.
-TEST_F(PsiCheckCliTest, ACheckWithoutAResultIsNamedAndTheOtherResultStands) {
   const std::string lateClip = WriteStack("late.tif", 13, 0.0, 90.0, 12);
-  RunResult result = Run(lateClip + " -o " + Path("step.tif"));
+  result = Run(lateClip + " -o " + Path("step.tif"));
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_NEAR(Summarise(Path("step.tif")).mean, 0.0, 0.5);
-  EXPECT_NE(result.out.find("corvane: "), std::string::npos) << result.out;
   EXPECT_NE(result.err.find("gain check: no pixel of " + lateClip + " contributes"), std::string::npos)
       << result.err;
 
@@ -171,11 +160,11 @@ TEST_F(PsiCheckCliTest, ACheckWithoutAResultIsNamedAndTheOtherResultStands) {
   EXPECT_LT(NumberAfter(result.out, "gain correction "), -0.02) << result.out;
   EXPECT_NE(result.err.find("corvane check: no valid pixel in " + earlyClip), std::string::npos)
       << result.err;
-  result = Run(earlyClip + " --png " + Path("step.png"));
+  result = Run(earlyClip + " --png " + Path("early.png"));
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.out.find("gain correction "), std::string::npos) << result.out;
   EXPECT_NE(result.err.find("no step map written"), std::string::npos) << result.err;
-  EXPECT_FALSE(fs::exists(Path("step.png")));
+  EXPECT_FALSE(fs::exists(Path("early.png")));
 }
 
 // Real data: 12 frames of a 152 mm telescope mirror (8-bit, JPEG-compressed), shifted by about

@@ -1,6 +1,5 @@
 #include "Psi/CorvaneCalculator.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -30,7 +29,7 @@ constexpr double kUntouched = -12345.0;
 
 // The walk cases ask for more workers than processors, and a calculator takes at most one per
 // processor: the processor count is pinned (before the first dispatcher reads it) to 8.
-const bool kEightProcessors = [] { return setenv("QUARN_NUM_PROCESSORS", "8", 0) == 0; }();
+const bool kEightProcessors = [] { return setenv("QUARN_NUM_PROCESSORS", "8", 1) == 0; }();
 
 // A stack whose checked step is `stepDeg`: between frames of a 7-frame stack, between frame pairs of
 // a 13-frame stack (whose frames are half of it apart).

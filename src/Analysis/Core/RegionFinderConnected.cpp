@@ -35,13 +35,19 @@ void Unite(std::vector<int>& parent, int a, int b) {
 struct ProvisionalLabels {
   std::vector<int> parent, pixels, minRow, maxRow, minCol, maxCol;
 
-  // The label of the valid pixel (r, c) given the labels of its already labelled neighbours (the
-  // no-data value for none): the neighbours' labels are united, a pixel without any starts a new
-  // label.
-  int Label(int r, int c, int left, int upLeft, int up, int upRight) {
+  // Gives the run of valid pixels [first, end) of row r its label: that of the first labelled
+  // pixel touching it in the row above (`touching` of them, labels or the no-data value), with all
+  // the others united into it, or a new label when none touches. Pixels of a run share their left
+  // neighbour's label, so a run takes one label as a whole; neighbours above come in runs too, so
+  // only a change of label is looked at.
+  int LabelRun(int r, int first, int end, const int* touching, int count) {
     constexpr int kNone = RegionIdMatrix2D::NoData();
     int current = -1;
-    for (const int neighbour : {left, upLeft, up, upRight}) {
+    int last = kNone;
+    for (int k = 0; k < count; ++k) {
+      const int neighbour = touching[k];
+      if (neighbour == last) continue;
+      last = neighbour;
       if (neighbour == kNone) continue;
       if (current < 0) {
         current = neighbour;
@@ -55,14 +61,14 @@ struct ProvisionalLabels {
       pixels.push_back(0);
       minRow.push_back(r);
       maxRow.push_back(r);
-      minCol.push_back(c);
-      maxCol.push_back(c);
+      minCol.push_back(first);
+      maxCol.push_back(end - 1);
     }
     const auto k = static_cast<std::size_t>(current);
-    ++pixels[k];
+    pixels[k] += end - first;
     maxRow[k] = r;
-    minCol[k] = std::min(minCol[k], c);
-    maxCol[k] = std::max(maxCol[k], c);
+    minCol[k] = std::min(minCol[k], first);
+    maxCol[k] = std::max(maxCol[k], end - 1);
     return current;
   }
 };
@@ -105,26 +111,41 @@ void ClearLabels(int* label, int c, int end, bool inPlace) {
   }
 }
 
+// The first invalid pixel of in[c, cols), or cols.
+int NextInvalid(const int* in, int c, int cols) {
+#if defined(__SSE2__)
+  const __m128i invalid = _mm_set1_epi32(RegionIdMatrix2D::NoData());
+  for (; c + 4 <= cols; c += 4) {
+    const __m128i valid = _mm_cmplt_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(in + c)), invalid);
+    const int mask = _mm_movemask_ps(_mm_castsi128_ps(valid));
+    if (mask != 0xF) return c + __builtin_ctz(static_cast<unsigned>(~mask));
+  }
+#endif
+  while (c < cols && IntWindow2D::IsDataValid(in[c]))
+    ++c;
+  return c;
+}
+
 // Labels row r: `in` the input row, `label` the output row, `above` the labels of the row above
-// (null for the first row). True when the row holds a region pixel.
+// (null for the first row), run by run. True when the row holds a region pixel.
 bool LabelRow(const int* in, int* label, const int* above, int cols, int r, bool eight,
               ProvisionalLabels& provisional) {
-  constexpr int kNone = RegionIdMatrix2D::NoData();
   bool used = false;
   int c = 0;
   while (true) {
     // Only pixels already read are overwritten, even when `label` is `in`.
-    const int next = NextValid(in, c, cols);
-    ClearLabels(label, c, next, label == in);
-    c = next;
-    if (c >= cols) return used;
+    const int first = NextValid(in, c, cols);
+    ClearLabels(label, c, first, label == in);
+    if (first >= cols) return used;
     used = true;
-    const int left = c > 0 ? label[c - 1] : kNone;
-    const int up = above ? above[c] : kNone;
-    const int upLeft = above && eight && c > 0 ? above[c - 1] : kNone;
-    const int upRight = above && eight && c + 1 < cols ? above[c + 1] : kNone;
-    label[c] = provisional.Label(r, c, left, upLeft, up, upRight);
-    ++c;
+    const int end = NextInvalid(in, first, cols);
+    // The row above touches the run over [first, end), and diagonally one pixel either side.
+    const int from = eight ? std::max(first - 1, 0) : first;
+    const int to = eight ? std::min(end + 1, cols) : end;
+    const int current = above ? provisional.LabelRun(r, first, end, above + from, to - from)
+                              : provisional.LabelRun(r, first, end, nullptr, 0);
+    std::fill(label + first, label + end, current);
+    c = end;
   }
 }
 
@@ -150,7 +171,6 @@ bool RegionFinderConnected::MakeRegions(RegionIdMatrix2D& regionIds, Array<Regio
 
   // First pass: provisional labels (their own numbering) with the pixel count and bounding box of
   // each, the no-data value outside every region, and which rows hold a region pixel at all.
-  constexpr int kNone = RegionIdMatrix2D::NoData();
   ProvisionalLabels provisional;
   std::vector<unsigned char> rowUsed(static_cast<std::size_t>(rows), 0);
   const bool eight = connectivity_ == Connectivity::kEight;
@@ -198,8 +218,11 @@ bool RegionFinderConnected::MakeRegions(RegionIdMatrix2D& regionIds, Array<Regio
     for (int r = 0; r < rows; ++r) {
       if (!rowUsed[static_cast<std::size_t>(r)]) continue;
       int* label = regionIds.Row(r);
-      for (int c = 0; c < cols; ++c) {
-        if (label[c] != kNone) label[c] = finalId[static_cast<std::size_t>(label[c])];
+      for (int c = NextValid(label, 0, cols); c < cols;) {
+        const int end = NextInvalid(label, c, cols);
+        for (; c < end; ++c)
+          label[c] = finalId[static_cast<std::size_t>(label[c])];
+        c = NextValid(label, end, cols);
       }
     }
   }

@@ -20,15 +20,19 @@ class KpBoard;
 // KpController
 //
 // Runs the steps of the carrier-fringe pipeline against the `KpBoard` it is wired to (the board
-// wires its own controller); it keeps no state but the board pointer and its dispatcher, which
+// wires its own controller); it keeps no state but the board pointer, its dispatcher, which
 // spreads rows over worker threads for the filter, the filtering of the spectrum, the loading of
-// the frame and the phase extraction.
+// the frame, the phase extraction and the trim, and the trim's row scratch.
 //
 // The pipeline of `Process`:
 //   frame (doubles) --forward FFT--> spectrum x filter (one side lobe) --inverse FFT--> complex
 //   image z --carrier removal--> z e^{2 pi i k / P} --> phase = atan2(Im z, Re z) x sign x scale,
 //   modulation = 2 |z| (a fringe a + b cos(...) gives b), no data where the modulation is below
 //   the threshold, then the trim of valid phase around large no-data areas and the mask.
+// On the board's fast path the steps from the filter to the marking of no-data pixels run inside
+// the passes of the transform (Fft2D::FilterRoundTrip), on the transform's workers, and the mask
+// rides on the trim's last pass; the results are those of the steps one after the other, the
+// phase within a few ulp (a vector atan2).
 //
 // A step that fails records its failure in the board's status and the run stops there. The status
 // is not cleared by a run: an earlier failure stays until a later one overwrites it, except that a

@@ -10,6 +10,10 @@
 #include <string>
 #include <utility>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "Analysis/Core/AlignedBuffer.h"
 #include "Analysis/Core/Threading/ThreadDispatcher.h"
 #include "Analysis/Core/detail/FftwPlanning.h"
@@ -226,6 +230,13 @@ class Fft2D::Impl {
     if (!AcceptSource(data, false, false, false) || !HasSize()) return false;
     spectrum_ = spectrum;
     result_ = result;
+    // One row of scratch per worker, on the rows' alignment (the row plans run on it).
+    const std::size_t scratchBytes = static_cast<std::size_t>(std::max(1, requestedWorkers_)) *
+                                     static_cast<std::size_t>(stride_) * sizeof(fftw_complex);
+    if (scratch_.Size() < scratchBytes && !scratch_.Allocate(scratchBytes)) {
+      status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "No memory for the row scratch");
+      return false;
+    }
     const int blocks = (columns_ + kColumnBlock - 1) / kColumnBlock;
     return Guarded([&] {
       Run(&Impl::LoadAndTransformRows, rows_);
@@ -274,6 +285,16 @@ class Fft2D::Impl {
     dispatcher_.Invoke(work, 0, count);
   }
 
+  void Run(void (Impl::*work)(int, int, int), int count) {
+    if (count <= 0) return;
+    if (!allowMultiThreads_ || count == 1) {
+      (this->*work)(0, 0, count);
+      return;
+    }
+    dispatcher_.SetNumberOfWorkers(requestedWorkers_);
+    dispatcher_.Invoke(work, 0, count);
+  }
+
   bool AcceptSource(const DataWindow2D<double>& data, bool removeMean, bool applyHann, bool centreSpectrum) {
     if (removeMean || applyHann || centreSpectrum) {
       status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
@@ -304,10 +325,9 @@ class Fft2D::Impl {
            (sourceWindow_.GetStartCol() - source_->GetStartCol());
   }
 
-  void LoadRow(int r) {
+  void LoadRow(int r, fftw_complex* out) {
     const int windowRows = sourceWindow_.GetRows();
     const int windowCols = sourceWindow_.GetCols();
-    fftw_complex* out = Row(r);
     if (r >= windowRows) {
       std::memset(static_cast<void*>(out), 0, sizeof(fftw_complex) * static_cast<std::size_t>(columns_));
       return;
@@ -325,11 +345,10 @@ class Fft2D::Impl {
 
   void LoadRows(int first, int end) {
     for (int r = first; r < end; ++r)
-      LoadRow(r);
+      LoadRow(r, Row(r));
   }
 
-  void TransformRow(int r, bool inverse) {
-    fftw_complex* row = Row(r);
+  void TransformRow(fftw_complex* row, bool inverse) {
     fftw_execute_dft(inverse ? plans_->rowBackward : plans_->rowForward, row, row);
     if (inverse) {
       const double scale = 1.0 / (static_cast<double>(rows_) * columns_);
@@ -349,7 +368,7 @@ class Fft2D::Impl {
 
   void Rows(int first, int end) {
     for (int r = first; r < end; ++r)
-      TransformRow(r, inverse_);
+      TransformRow(Row(r), inverse_);
   }
 
   void ColumnBlocks(int first, int end) {
@@ -357,12 +376,18 @@ class Fft2D::Impl {
       TransformBlock(b, inverse_);
   }
 
-  // The passes of FilterRoundTrip.
-  void LoadAndTransformRows(int first, int end) {
+  // The passes of FilterRoundTrip. A row is loaded and transformed in the worker's scratch row and
+  // streamed to its place, past the cache: the data's old contents are never fetched.
+  void LoadAndTransformRows(int thread, int first, int end) {
+    fftw_complex* scratch = Scratch(thread);
     for (int r = first; r < end; ++r) {
-      LoadRow(r);
-      TransformRow(r, false);
+      LoadRow(r, scratch);
+      TransformRow(scratch, false);
+      StreamRow(scratch, Row(r));
     }
+#if defined(__SSE2__)
+    _mm_sfence();  // streamed stores are weakly ordered: visible before the pass counts as done
+#endif
   }
 
   void FilterColumnBlocks(int first, int end) {
@@ -377,11 +402,31 @@ class Fft2D::Impl {
     }
   }
 
-  void InverseRows(int first, int end) {
+  // The row is inverted in the worker's scratch row, so the data is only read: nothing of it is
+  // written back to memory.
+  void InverseRows(int thread, int first, int end) {
+    fftw_complex* scratch = Scratch(thread);
     for (int r = first; r < end; ++r) {
-      TransformRow(r, true);
-      if (result_.run) result_.run(result_.context, r, reinterpret_cast<std::complex<double>*>(Row(r)));
+      std::memcpy(static_cast<void*>(scratch), Row(r),
+                  sizeof(fftw_complex) * static_cast<std::size_t>(columns_));
+      TransformRow(scratch, true);
+      if (result_.run) result_.run(result_.context, r, reinterpret_cast<std::complex<double>*>(scratch));
     }
+  }
+
+  fftw_complex* Scratch(int thread) const {
+    return reinterpret_cast<fftw_complex*>(scratch_.Data()) + static_cast<std::ptrdiff_t>(thread) * stride_;
+  }
+
+  void StreamRow(const fftw_complex* from, fftw_complex* to) const {
+#if defined(__SSE2__)
+    const double* in = &from[0][0];
+    double* out = &to[0][0];
+    for (int i = 0; i < 2 * columns_; i += 2)
+      _mm_stream_pd(out + i, _mm_load_pd(in + i));
+#else
+    std::memcpy(static_cast<void*>(to), from, sizeof(fftw_complex) * static_cast<std::size_t>(columns_));
+#endif
   }
 
   // State of the pass in progress, read by the work functions.
@@ -390,6 +435,7 @@ class Fft2D::Impl {
   bool inverse_ = false;
   BlockPass spectrum_;
   RowPass result_;
+  AlignedBuffer scratch_;
 };
 
 Fft2D::Fft2D() : impl_(std::make_unique<Impl>()) {}

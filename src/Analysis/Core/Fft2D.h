@@ -93,13 +93,16 @@ class QUARN_CORE_EXPORT Fft2D {
     void* context = nullptr;
   };
 
-  // SetData(data, false, false, false), Transform(false), `spectrum` over all columns,
-  // Transform(true) and `result` over all rows (a pass without a function is skipped), in two trips
-  // through memory instead of six: each row is loaded and transformed in one go; each column block
-  // goes through its forward transform, `spectrum` and its inverse transform while it is in the
-  // second-level cache; each row of the inverse meets `result` while it is in the first. Every
-  // element sees the same arithmetic as in the steps one after the other, so the results are
-  // bit for bit theirs. Fails as SetData and Transform do.
+  // SetData(data, false, false, false), Transform(false), `spectrum` over all columns and
+  // Transform(true), with `result` (a pass without a function is skipped) handed each row of the
+  // outcome, in far fewer trips through memory: each row is loaded and transformed in a scratch
+  // row of the worker and streamed to its place; each column block goes through its forward
+  // transform, `spectrum` and its inverse transform while it is in the second-level cache; each
+  // row is then inverted in the scratch row and handed to `result` there. The outcome thus exists
+  // only row by row in `result` (its `elements` are not the row's place in the data, which is left
+  // holding the filtered spectrum transformed back along the columns only). Every element sees the
+  // same arithmetic as in the steps one after the other, so the rows `result` gets are bit for bit
+  // theirs. Fails as SetData and Transform do, and with code 3 when the scratch rows cannot be had.
   bool FilterRoundTrip(const DataWindow2D<double>& data, const BlockPass& spectrum, const RowPass& result);
   // The width of the column blocks the spectrum pass gets (the last block may be narrower), for a
   // caller that lays its data out block by block.

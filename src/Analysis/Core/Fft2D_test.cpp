@@ -1,5 +1,6 @@
 #include "Analysis/Core/Fft2D.h"
 
+#include <algorithm>
 #include <cmath>
 #include <complex>
 #include <numbers>
@@ -107,20 +108,22 @@ TEST_P(Fft2DSizeTest, MatchesTheDefinitionInvertsAndIgnoresTheThreadCount) {
       ASSERT_EQ(Snapshot(threaded), forward) << threads << " threads";
       ASSERT_TRUE(threaded.Transform(true));
       ASSERT_EQ(Snapshot(threaded), back) << threads << " threads";
-      // Each row reaches the row pass once, at its place in the data.
-      struct Visits {
-        Fft2D* fft;
-        std::vector<int> rows;
-      } visits{&threaded, std::vector<int>(static_cast<std::size_t>(rows), 0)};
-      const Fft2D::RowPass count{[](void* context, int r, Complex* elements) {
-                                   auto& v = *static_cast<Visits*>(context);
-                                   v.rows[static_cast<std::size_t>(r)] +=
-                                       elements == v.fft->GetRow(r) ? 1 : 100;
-                                 },
-                                 &visits};
-      ASSERT_TRUE(threaded.FilterRoundTrip(image, weigh, count));
-      ASSERT_EQ(Snapshot(threaded), filtered) << threads << " threads";
-      ASSERT_EQ(visits.rows, std::vector<int>(static_cast<std::size_t>(rows), 1));
+      // Each row of the outcome reaches the row pass once.
+      struct Outcome {
+        int cols;
+        std::vector<Complex> values;
+        std::vector<int> visits;
+      } outcome{cols, std::vector<Complex>(filtered.size()),
+                std::vector<int>(static_cast<std::size_t>(rows), 0)};
+      const Fft2D::RowPass keep{[](void* context, int r, Complex* elements) {
+                                  auto& o = *static_cast<Outcome*>(context);
+                                  std::copy(elements, elements + o.cols, o.values.begin() + r * o.cols);
+                                  ++o.visits[static_cast<std::size_t>(r)];
+                                },
+                                &outcome};
+      ASSERT_TRUE(threaded.FilterRoundTrip(image, weigh, keep));
+      ASSERT_EQ(outcome.values, filtered) << threads << " threads";
+      ASSERT_EQ(outcome.visits, std::vector<int>(static_cast<std::size_t>(rows), 1));
     }
   }
 }

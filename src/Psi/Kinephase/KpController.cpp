@@ -433,7 +433,8 @@ void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D& modulation
 // the signal is rotated, turned into phase and modulation and marked for the trim (the rule of
 // RegionIdMatrix2D::MarkNoDataOf) right after its inverse row transform, in one pass of the row
 // kernel. Every pixel sees the arithmetic of the separate steps. The outputs are sized first, as
-// the rows are written during the transform.
+// the rows are written during the transform. The transform's data is left half-way (its rows are
+// inverted in scratch); ProcessRealImag, which reads it, runs the separate steps.
 bool KpController::ProcessFused(DoubleMatrix2D& phase, ExtractJob& job) {
   KpBoard& board = *board_;
   if (!IsWired()) return false;

@@ -336,7 +336,8 @@ TEST(KinephaseAlgorithmTest, OutputConventions) {
   EXPECT_EQ(kinephase.GetStatus().GetMessage(), "The phase map's unit cannot express a phase");
 }
 
-// A frame of zeros has a modulation of exactly 0, equal to a threshold of 0: every pixel is kept.
+// A frame of zeros has a modulation of exactly 0, equal to a threshold of 0: every pixel is kept,
+// also after a frame whose mask let none in.
 // The threshold is clamped to [0, 100] percent and the trim's minimum to at least 0; the largest
 // threshold (half the intensity range) rejects fringes of 80 counts, and a run without a valid
 // pixel ends with code 1 and no message.
@@ -350,7 +351,10 @@ TEST(KinephaseAlgorithmTest, ThresholdsAndEmptyResults) {
   EXPECT_EQ(kinephase.GetModulationThreshold(), 0.0);
   kinephase.SetMinRegionSizeToTrim(-3);
   EXPECT_EQ(kinephase.GetMinRegionSizeToTrim(), 0);
-  kinephase.SetIntensity(frames, 0);
+  RegionIdMatrix2D nothingIn(32, 48);
+  nothingIn.SetAll(RegionIdMatrix2D::NoData());
+  kinephase.SetIntensity(frames, 0, nothingIn);
+  kinephase.SetIntensity(frames, 0);  // a frame without a mask drops the earlier one
   DoubleMatrix2D phase, modulation;
   kinephase.Process(phase, modulation);
   ASSERT_TRUE(kinephase.GetStatus().IsOk());

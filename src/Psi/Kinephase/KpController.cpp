@@ -6,6 +6,10 @@
 #include <cstring>
 #include <string>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "Analysis/Core/AnyValid.h"
 #include "Analysis/Core/Array.h"
 #include "Analysis/Core/CTimer.h"
@@ -193,15 +197,33 @@ void KpController::LoadIntensity(void* data, int /*thread*/, int first, int end)
   const LoadJob& job = *static_cast<const LoadJob*>(data);
   const int columns = board_->width;
   const void* slot = job.frames->GetFrameData(job.slot);
-  // The sample type is decided once for the range.
+  // The sample type is decided once for the range. The frame is far larger than the cache and is
+  // read back only by the next transform, so it is streamed past the cache (no fetch of the old
+  // contents); a mask row that is all 0 already, as it is from one frame to the next, is only read.
   const auto load = [&](const auto* samples) {
     for (int r = first; r < end; ++r) {
       const auto* in = samples + static_cast<std::int64_t>(r) * columns;
       double* out = board_->intensity.Row(r);
-      for (int c = 0; c < columns; ++c)
+      int c = 0;
+#if defined(__SSE2__)
+      if (reinterpret_cast<std::uintptr_t>(out) % 16 != 0 && columns > 0) {
+        out[0] = static_cast<double>(in[0]);
+        c = 1;
+      }
+      for (; c + 2 <= columns; c += 2)
+        _mm_stream_pd(out + c, _mm_set_pd(static_cast<double>(in[c + 1]), static_cast<double>(in[c])));
+#endif
+      for (; c < columns; ++c)
         out[c] = static_cast<double>(in[c]);
-      std::fill_n(board_->mask.Row(r), columns, 0);
+      int* mask = board_->mask.Row(r);
+      int set = 0;
+      for (int k = 0; k < columns; ++k)
+        set |= mask[k];
+      if (set != 0) std::fill_n(mask, columns, 0);
     }
+#if defined(__SSE2__)
+    _mm_sfence();  // streamed stores are weakly ordered: visible before the rows count as loaded
+#endif
   };
   switch (job.frames->GetElementRes()) {
     case FrameBuffer::kRes8Bit:

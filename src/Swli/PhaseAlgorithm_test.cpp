@@ -1,5 +1,5 @@
 // The per-pixel framework shared by the white-light algorithms: signal sizes, the fringe-free
-// intensity estimators and the surface that cannot be redirected.
+// intensity estimators and the caller's intensity matrix.
 #include "Swli/PhaseAlgorithm.h"
 
 #include <cmath>
@@ -14,7 +14,6 @@
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 namespace {
 
-using Analysis::Core::DoubleMatrix2D;
 using Analysis::Core::IntMatrix2D;
 using Analysis::Core::Window2D;
 
@@ -68,33 +67,31 @@ class FringeRemovalTest : public ::testing::TestWithParam<EstimatorCase> {};
 // Each estimator reads the fringe-free level of a known signal. At four samples per fringe the
 // standard weights 1 1 3 3 3 3 1 1 cancel a fringe exactly, and 64 samples hold 16 whole fringes,
 // so the fringes contribute nothing but rounding noise (1e-13) and the expected values are the
-// levels the windows cover, exact to the count.
+// levels the windows cover, exact to the count. Levels that step just inside a window's outer sample
+// (weight 1/16) pin where the window sits to the sample.
 TEST_P(FringeRemovalTest, ReadsTheFringeFreeLevel) {
   const EstimatorCase& c = GetParam();
   IntensityProbe probe;
   EXPECT_EQ(probe.Estimate(c.method, c.frames, FringesOnLevel(c.q, 45.0, c.level), c.peak), c.expected);
 }
 
-const auto kStep40 = [](int j) { return j < 40 ? 50.0 : 100.0; };
+const auto kStep35 = [](int j) { return j < 35 ? 50.0 : 100.0; };
 const auto kBright = [](int j) { return j >= 40 && j < 120 ? 100.0 : 50.0; };
 
 INSTANTIATE_TEST_SUITE_P(
     Estimators, FringeRemovalTest,
     ::testing::Values(
         // Whole scan: the window sits on the peak; a peak closer than four samples to an end uses the
-        // centre instead.
-        EstimatorCase{"StandardOnThePeak", 1, 64, 64, kStep40, 50, 100},
-        EstimatorCase{"StandardOnThePeakLeft", 1, 64, 64, kStep40, 20, 50},
-        EstimatorCase{"StandardPeakAtTheEndUsesTheCentre", 1, 64, 64, kStep40, 61, 50},
-        EstimatorCase{"StandardPeakAtTheStartUsesTheCentre", 1, 64, 64, kStep40, 3, 50},
+        // centre instead (samples 28 .. 35: (15 x 50 + 100) / 16 = 53.1).
+        EstimatorCase{"StandardOnThePeak", 1, 64, 64, kStep35, 50, 100},
+        EstimatorCase{"StandardPeakAtTheEndUsesTheCentre", 1, 64, 64, kStep35, 61, 53},
+        EstimatorCase{"StandardPeakAtTheStartUsesTheCentre", 1, 64, 64, kStep35, 3, 53},
         // Any method value other than -1 and 2 is the standard one.
-        EstimatorCase{"UnknownMethodIsStandard", 7, 64, 64, kStep40, 50, 100},
-        // A window cut around a known peak: its centre.
-        EstimatorCase{"StandardWindowCentre", 1, 256, 64, [](int j) { return j < 20 ? 160.0 : 140.0; }, 100,
-                      140},
-        // No peak: the brightest window position over the circular signal.
-        EstimatorCase{"StandardNoPeakTakesTheBrightestWindow", 1, 256, 64,
-                      [](int j) { return j < 32 ? 90.0 : 130.0; }, 0, 130},
+        EstimatorCase{"UnknownMethodIsStandard", 7, 64, 64, kStep35, 50, 100},
+        // A window cut around a known peak: its centre ((160 + 15 x 140) / 16 = 141.25).
+        EstimatorCase{"StandardWindowCentre", 1, 256, 64, [](int j) { return j < 29 ? 160.0 : 140.0; }, 100,
+                      141},
+        // No peak: the brightest window position over the circular signal, here across its ends.
         EstimatorCase{"StandardNoPeakWrapsAround", 1, 256, 64,
                       [](int j) { return j < 6 || j >= 62 ? 170.0 : 90.0; }, 0, 170},
         // 64 samples around the peak of a whole-scan signal, clamped to the signal.
@@ -102,7 +99,6 @@ INSTANTIATE_TEST_SUITE_P(
         EstimatorCase{"Bucket64ClampedAtTheStart", 2, 128, 128, kBright, 10, 69},  // (40*50 + 24*100) / 64
         EstimatorCase{"Bucket64ClampedAtTheEnd", 2, 128, 128, kBright, 127, 94},   // (56*100 + 8*50) / 64
         // A cut window: all of it, over 64 (twice the mean for a 128-sample window, by design).
-        EstimatorCase{"Bucket64WindowMean", 2, 256, 64, [](int) { return 77.0; }, 100, 77},
         EstimatorCase{"Bucket64LongWindowCountsTwice", 2, 256, 128, [](int) { return 77.0; }, 100, 154}),
     [](const ::testing::TestParamInfo<EstimatorCase>& info) { return info.param.name; });
 
@@ -124,39 +120,30 @@ TEST(FringeRemovalTest, NoneMakesNoIntensityMap) {
 
 // The signal size rule: the configured (or expected) size becomes 128 only when it is exactly 128;
 // everything else becomes 64. The method handed in is kept.
-struct QSizeCase {
-  int expectedSignalSize;  // 0: leave the default (64)
-  int signalSize;
-  int q;
-};
-
-class CalculateQSizeTest : public ::testing::TestWithParam<QSizeCase> {};
-
-TEST_P(CalculateQSizeTest, RoundsToTheSupportedSizes) {
-  const QSizeCase& c = GetParam();
-  IntensityProbe probe;
-  probe.SetExpectedSignalSize(c.expectedSignalSize);
-  EXPECT_EQ(probe.CalculateQSize(256, c.signalSize, FringeRemovalMethod::k64Bucket), c.q);
-  EXPECT_EQ(probe.GetRemoveFringes(), FringeRemovalMethod::k64Bucket);
+TEST(PhaseAlgorithmTest, CalculateQSizeRoundsToTheSupportedSizes) {
+  struct Case {
+    int expectedSignalSize, signalSize, q;  // expectedSignalSize 0: the default (64)
+  };
+  for (const Case c :
+       {Case{0, -1, 64}, Case{0, 128, 128}, Case{0, 129, 64}, Case{128, 0, 128}, Case{256, -1, 64}}) {
+    IntensityProbe probe;
+    probe.SetExpectedSignalSize(c.expectedSignalSize);
+    EXPECT_EQ(probe.CalculateQSize(256, c.signalSize, FringeRemovalMethod::k64Bucket), c.q)
+        << c.expectedSignalSize << ", " << c.signalSize;
+    EXPECT_EQ(probe.GetRemoveFringes(), FringeRemovalMethod::k64Bucket);
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(Sizes, CalculateQSizeTest,
-                         ::testing::Values(QSizeCase{0, -1, 64}, QSizeCase{0, 128, 128},
-                                           QSizeCase{0, 129, 64}, QSizeCase{128, 0, 128},
-                                           QSizeCase{256, -1, 64}));
-
-// The surface cannot be redirected (the generator always copies the algorithm's own surface); the
-// intensity can, until the next Reset.
-TEST(PhaseAlgorithmTest, OnlyTheIntensityFollowsACallersMatrix) {
+// A caller's intensity matrix receives the estimates until the next Reset hands the algorithm its own
+// again (the caller's matrix may be gone by the next run).
+TEST(PhaseAlgorithmTest, ACallersIntensityMatrixIsFilledUntilReset) {
   IntensityProbe probe;
-  DoubleMatrix2D outside(2, 3);
-  IntMatrix2D outsideInt(2, 3);
-  probe.SetSurfaceMatrix(outside);
-  EXPECT_NE(&probe.GetSurfaceMatrix(), &outside);
-  probe.SetIntensityMatrix(outsideInt);
-  EXPECT_EQ(&probe.GetIntensityMatrix(), &outsideInt);
+  IntMatrix2D outside(1, 1);
+  probe.SetIntensityMatrix(outside);
+  probe.Estimate(1, 64, std::vector<double>(64, 7.0), 30);
+  EXPECT_EQ(outside(0, 0), 7);
   probe.Reset();
-  EXPECT_NE(&probe.GetIntensityMatrix(), &outsideInt);
+  EXPECT_NE(&probe.GetIntensityMatrix(), &outside);
 }
 
 }  // namespace

@@ -43,13 +43,9 @@ TEST_P(Fft1DRealSizeTest, MatchesTheDirectTransform) {
   SCOPED_TRACE(random.Describe());
   Fft1DReal fft(n);
   ASSERT_TRUE(fft.GetStatus().IsOk()) << fft.GetStatus().GetPrintString();
-  ASSERT_EQ(fft.GetSize(), n);
-  ASSERT_EQ(fft.GetNumberOfBins(), n / 2 + 1);
   std::vector<double> x(static_cast<std::size_t>(n));
-  for (double& v : x)
-    v = random.Uniform(-100.0, 255.0);
   for (int j = 0; j < n; ++j)
-    fft.Input()[j] = x[static_cast<std::size_t>(j)];
+    fft.Input()[j] = x[static_cast<std::size_t>(j)] = random.Uniform(-100.0, 255.0);
   fft.Forward();
   const auto expected = DirectDft(x);
   const double tolerance = 1e-13 * n * 255.0;
@@ -59,28 +55,22 @@ TEST_P(Fft1DRealSizeTest, MatchesTheDirectTransform) {
     EXPECT_NEAR(fft.Output()[k].imag(), expected[static_cast<std::size_t>(k)].imag(), tolerance)
         << "bin " << k;
   }
-  for (int j = 0; j < n; ++j)
-    EXPECT_EQ(fft.Input()[j], x[static_cast<std::size_t>(j)]) << "input kept";
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, Fft1DRealSizeTest, ::testing::Values(1, 2, 7, 16, 63, 64, 128, 256));
 
+// A refused size leaves an empty transform that Forward leaves alone; a later good size is planned,
+// and so is a moved-from instance.
 TEST(Fft1DRealTest, BadSizesAreRefusedAndLeaveAnEmptyTransform) {
-  for (const int size : {0, -4}) {
-    Fft1DReal fft(size);
-    EXPECT_EQ(fft.GetStatus().GetCode(), StatusCode::kArgumentOutOfRange) << size;
-    EXPECT_EQ(fft.GetSize(), 0);
-    EXPECT_EQ(fft.Input(), nullptr);
-    fft.Forward();  // harmless
-  }
-  // A refused size does not stop a later good one, and a moved-from instance can be planned again.
   Fft1DReal fft(0);
+  EXPECT_EQ(fft.GetStatus().GetCode(), StatusCode::kArgumentOutOfRange);
+  EXPECT_EQ(fft.Input(), nullptr);
+  fft.Forward();
+  EXPECT_FALSE(fft.Resize(-4));
   EXPECT_TRUE(fft.Resize(8));
-  EXPECT_EQ(fft.GetNumberOfBins(), 5);
   Fft1DReal taken(std::move(fft));
   EXPECT_EQ(taken.GetSize(), 8);
-  EXPECT_EQ(fft.GetSize(), 0);  // NOLINT(bugprone-use-after-move): the documented moved-from state
-  EXPECT_TRUE(fft.Resize(4));
+  EXPECT_TRUE(fft.Resize(4));  // NOLINT(bugprone-use-after-move): the documented moved-from state
   EXPECT_EQ(fft.GetSize(), 4);
 }
 
@@ -111,12 +101,8 @@ TEST(Fft1DRealTest, InstancesPlannedConcurrentlyAgreeBitForBit) {
   }
   for (std::thread& thread : threads)
     thread.join();
-  for (int t = 1; t < kThreads; ++t) {
-    for (int k = 0; k <= n / 2; ++k) {
-      EXPECT_EQ(results[static_cast<std::size_t>(t)][static_cast<std::size_t>(k)],
-                results[0][static_cast<std::size_t>(k)]);
-    }
-  }
+  for (int t = 1; t < kThreads; ++t)
+    EXPECT_EQ(results[static_cast<std::size_t>(t)], results[0]) << "thread " << t;
 }
 
 }  // namespace

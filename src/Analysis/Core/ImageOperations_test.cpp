@@ -7,7 +7,6 @@
 #include "Analysis/Core/IntMatrix2D.h"
 #include "Analysis/Core/IppiWrapper.h"
 #include "Analysis/Core/SurfaceStats.h"
-#include "Testing/SeededRandom.h"
 
 namespace Quarn::Metrology::Analysis::Core {
 namespace {
@@ -48,29 +47,17 @@ TEST(ClipperTest, ClipKeepsTheBandAndRemoveInsideDropsIt) {
   }
 }
 
-TEST(SurfaceStatsTest, MeanAndPopulationDeviationOfValidPixels) {
+// The population deviation (divided by the count) of the valid pixels, on an offset of 2e9 whose
+// squares a one-pass sum of squares could not hold apart: 2, 4, 4, 4, 6 above it give sqrt(8 / 5).
+TEST(SurfaceStatsTest, MeanAndPopulationDeviationOfValidPixelsOnALargeOffset) {
   IntMatrix2D image(2, 3);
-  const int values[] = {2, 4, 4, 4, IntMatrix2D::NoData(), 6};
+  const int values[] = {2000000002, 2000000004, 2000000004, 2000000004, IntMatrix2D::NoData(), 2000000006};
   std::copy(values, values + 6, image.Data());
   SurfaceStats stats;
   stats.Calculate(image);
   EXPECT_EQ(stats.GetCount(), 5);
-  EXPECT_DOUBLE_EQ(stats.GetMean(), 4.0);
+  EXPECT_DOUBLE_EQ(stats.GetMean(), 2000000004.0);
   EXPECT_DOUBLE_EQ(stats.GetStdDev(), std::sqrt(8.0 / 5.0));
-}
-
-TEST(SurfaceStatsTest, LargeOffsetKeepsTheSpread) {
-  // Gaussian noise of sigma 3 on an offset of 2e9: a one-pass sum of squares would lose it.
-  Testing::SeededRandom random(7);
-  SCOPED_TRACE(random.Describe());
-  IntMatrix2D image(200, 200);
-  for (int i = 0; i < 40000; ++i)
-    image.At(i) = 2000000000 + static_cast<int>(std::lround(random.Normal(3.0)));
-  SurfaceStats stats;
-  stats.Calculate(image);
-  // 40000 samples: the sample sigma is within a few percent of 3 (rounding adds 1/12 in variance).
-  EXPECT_NEAR(stats.GetStdDev(), std::sqrt(9.0 + 1.0 / 12.0), 0.1);
-  EXPECT_NEAR(stats.GetMean(), 2e9, 0.1);
 }
 
 }  // namespace

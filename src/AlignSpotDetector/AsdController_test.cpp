@@ -1,6 +1,6 @@
-// The steps of the align spot detector one by one: the one-pass pixel operations against their plain
-// references, the noise the sigma clipping measures, the wiring test, the dropping of faint regions
-// and the saturation count.
+// The steps of the align spot detector one by one: the one-pass pixel operations against their
+// plain references, the one-pass detection against the literal recipe and the plain steps, the
+// wiring test, the dropping of faint regions and the saturation count.
 #include "AlignSpotDetector/AsdController.h"
 
 #include <climits>
@@ -31,10 +31,11 @@ constexpr int kInvalid = IntMatrix2D::NoData();
 constexpr double kUndefined = 1.7976931348623157e308;
 
 // Random images in several value ranges: 8-bit, 16-bit, signed, and values near the top of the int
-// range whose squares overflow 64 bits within a row. A few pixels are invalid; images carry an origin
-// away from 0 and some a window. Some images have rows of a narrow spread around a level of their
-// own, and rows without a valid pixel, so that rows lie wholly inside, wholly outside or across a
-// band (the fast band statistics treat the three differently).
+// range whose squares overflow 64 bits within a row. A few pixels are invalid and a few sit exactly
+// on the range's ends; images carry an origin away from 0 and some a window. Some images have rows
+// of a narrow spread around a level of their own, and rows without a valid pixel, so that rows lie
+// wholly inside, wholly outside or across a band (the fast band statistics treat the three
+// differently).
 struct ImageKind {
   const char* name;
   int lo;
@@ -54,10 +55,13 @@ IntMatrix2D RandomImage(Testing::SeededRandom& random, const ImageKind& kind, in
     const bool levelled = trial % 3 != 0, empty = levelled && random.Uniform(0, 1) < 0.1;
     const int level = random.UniformInt(kind.lo, kind.hi - spread);
     for (int c = 0; c < image.GetColumns(); ++c) {
+      const double u = random.Uniform(0, 1);
       if (levelled) {
         image.Row(r)[c] = empty ? kInvalid : level + random.UniformInt(0, spread);
+      } else if (u < 0.09) {
+        image.Row(r)[c] = u < 0.05 ? kInvalid : u < 0.07 ? kind.lo : kind.hi;
       } else {
-        image.Row(r)[c] = random.Uniform(0, 1) < 0.05 ? kInvalid : random.UniformInt(kind.lo, kind.hi);
+        image.Row(r)[c] = random.UniformInt(kind.lo, kind.hi);
       }
     }
   }
@@ -132,15 +136,11 @@ TEST_P(PixelOperationTest, FastPathsEqualTheirPlainReferences) {
     EXPECT_NEAR(fast.stdDev, reference.GetStdDev(), 1e-13 * scale * (1 + fast.count));
 
     const double k = std::vector<double>{0.0, 0.5, 1.0, 3.0, random.Uniform(0, 5)}[trial % 5];
-    detail::BandStatistics all, floor;
+    detail::BandStatistics all, floor, allReference, floorReference;
     detail::ClippedStatistics(image, k, all, floor);
-    const detail::BandStatistics allReference =
-        detail::StatisticsInBand(image, INT_MIN, INT_MAX, detail::PixelPath::kReference);
+    detail::ClippedStatistics(image, k, allReference, floorReference, detail::PixelPath::kReference);
     ExpectSameStatistics(all, allReference);
-    ExpectSameStatistics(floor, detail::StatisticsInBand(
-                                    image, detail::TruncateToInt(allReference.mean - k * allReference.stdDev),
-                                    detail::TruncateToInt(allReference.mean + k * allReference.stdDev),
-                                    detail::PixelPath::kReference));
+    ExpectSameStatistics(floor, floorReference);
 
     ASSERT_TRUE(detail::SplitAtBand(image, lo, hi, inside, outside));
     ExpectSameImage(inside, keep, "band");
@@ -183,9 +183,11 @@ INSTANTIATE_TEST_SUITE_P(Ranges, PixelOperationTest,
                                            ImageKind{"hugeSigned", -2147483647 - 1, 2147483639}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST(MaskTest, EdgePixelsFollowTheStrictAndLooseComparisons) {
-  // Centre (10, 10), obscuration radius 5, half-width 8: (13, 14) is exactly 5 away and stays, as
-  // does (18, 10) exactly 8 away in x; (19, 10) and (12, 12) go.
+// The rules both paths share, which comparing them cannot see. The mask, with centre (10, 10),
+// obscuration radius 5 and half-width 8: (13, 14) is exactly 5 away and stays, as does (18, 10)
+// exactly 8 away in x; (19, 10) and (12, 12) go. Band limits truncate toward zero and saturate to
+// the int range (a pathological image's m -/+ k s must not overflow the conversion); NaN gives 0.
+TEST(PixelRuleTest, MaskEdgesAndBandLimits) {
   IntMatrix2D image(21, 21);
   image.SetAll(7);
   detail::ApplySquareAndObscurationMask(image, 10.0, 10.0, 8.0, 5.0);
@@ -195,6 +197,12 @@ TEST(MaskTest, EdgePixelsFollowTheStrictAndLooseComparisons) {
   EXPECT_EQ(image(10, 19), kInvalid);
   EXPECT_EQ(image(1, 10), kInvalid);
   EXPECT_EQ(image(12, 12), kInvalid);
+
+  EXPECT_EQ(detail::TruncateToInt(2.9), 2);
+  EXPECT_EQ(detail::TruncateToInt(-2.9), -2);
+  EXPECT_EQ(detail::TruncateToInt(3e9), INT_MAX);
+  EXPECT_EQ(detail::TruncateToInt(-3e9), INT_MIN);
+  EXPECT_EQ(detail::TruncateToInt(std::nan("")), 0);
 }
 
 // A detector board on an image of the given scene, wired with a centre in the image's middle.
@@ -214,54 +222,94 @@ struct Rig {
   }
 };
 
-// The literal recipe: copy, statistics, clip both ways, statistics of the clipped background, copy
-// again, clip again; the one-pass step must leave the same images and the same sigma.
-//
-// Physics of what it measures: the first band m -/+ 6 s is set by the whole image, spot included, so
-// the first background keeps, besides the read noise, the spot's wings below the band's upper edge V
-// (counts above the background). A Gaussian spot of widths sx, sy covers an area 2 pi sx sy / v dv
-// between v and v + dv, so its wings add pi sx sy V^2 to the sum of squares and 2 pi sx sy V to the
-// sum over the N pixels. Expected:
-//   sigma^2 = noise^2 + 1/12 (rounding) + pi sx sy V^2 / N - (2 pi sx sy V / N)^2.
-TEST(SigmaClippingTest, StepEqualsTheLiteralRecipeAndTheBackgroundHoldsNoiseAndWings) {
-  Testing::SeededRandom random(4242);
-  SCOPED_TRACE(random.Describe());
-  for (const auto& [noise, peak] : std::vector<std::pair<double, double>>{{0.7, 40}, {12, 200}, {3, 20000}}) {
-    Testing::SpotScene scene;
-    scene.background = 400.0;
-    scene.noiseSigma = noise;
-    scene.saturationLevel = 65535;
-    scene.spots = {{100.3, 80.6, 4.0, 5.0, peak}};
-    Rig rig(160, 200, scene, &random);
-    ASSERT_TRUE(AsdController(rig.board).SigmaClipping());
+// The plain steps one after the other, as DetectSpotPosition orders them.
+AsdSpotPosition StepsInTurn(AsdBoard& board) {
+  AsdController c(board);
+  const auto empty = [&board] { return board.spotInfoList->IsEmpty(); };
+  if (!c.CheckWired() || !c.SigmaClipping() || !c.ApplyMask()) return AsdSpotPosition::DetectionFailed;
+  if (!c.InputImageHasTooManySaturatedPixels()) return AsdSpotPosition::TooManySaturatedPixels;
+  if (!c.Regionize()) return AsdSpotPosition::DetectionFailed;
+  if (empty()) return AsdSpotPosition::NoSignificantSpot;
+  if (!c.DropInsignificantRegions()) return AsdSpotPosition::DetectionFailed;
+  if (empty()) return AsdSpotPosition::NoSignificantSpot;
+  if (!c.ApplyRegionRestrictor()) return AsdSpotPosition::DetectionFailed;
+  if (empty()) return AsdSpotPosition::NoSignificantSpot;
+  if (!c.InvalidateInsignificantRegions() || !c.ReassignRegionIds() || !c.RegionsToProperties()) {
+    return AsdSpotPosition::DetectionFailed;
+  }
+  return c.GetSpotPosition();
+}
 
-    const double k = rig.board.clipThatManySigmas;
-    IntMatrix2D foreground = rig.image, background = rig.image;
+// A detection measures the background, splits, masks and counts in one pass and reads only the
+// foreground rows that can hold a region. Its sigma and images are those of the literal recipe,
+// built here from SurfaceStats and Clipper: statistics of the input; clip it to m -/+ k s (limits
+// truncated toward zero); the clipped background's statistics give sigma and the final band, which
+// splits the input again; the mask follows. Its region map, spots and properties are those of the
+// plain steps. Whatever rows the foreground holds (a square of interest cutting the frame, spots on
+// the first and last rows, no spot at all, an input window), all agree to the bit.
+TEST(AsdControllerTest, DetectionLeavesWhatTheRecipeAndThePlainStepsLeave) {
+  struct Case {
+    const char* name;
+    std::vector<Testing::GaussianSpot> spots;
+    double halfWidth;
+    bool windowed;
+  };
+  const std::vector<Case> cases = {
+      {"square cuts the frame", {{60.3, 30.8, 3.0, 3.0, 240.0}, {35.0, 50.0, 2.0, 2.0, 120.0}}, 30.0, false},
+      {"spots on the first and last rows",
+       {{20.0, 0.4, 2.0, 2.0, 300.0}, {70.0, 79.2, 2.0, 2.0, 200.0}},
+       1e6,
+       false},
+      {"no spot", {}, 1e6, false},
+      {"input window", {{60.3, 30.8, 3.0, 3.0, 240.0}}, 1e6, true},
+  };
+  Testing::SeededRandom random(43);
+  SCOPED_TRACE(random.Describe());
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Rig rig(80, 100, {.background = 30.0, .noiseSigma = 0.5, .saturationLevel = 65535, .spots = c.spots},
+            &random);
+    if (c.windowed) rig.image.SetWindow(Window2D(5, 7, 60, 80));
+    rig.board.interestRegionRadius = c.halfWidth;
+    rig.board.reticleCenterR = 3.5;
+    AsdBoard steps = rig.board;
+    EXPECT_EQ(AsdController(rig.board).DetectSpotPosition(), StepsInTurn(steps));
+    const AsdBoard& d = rig.board;
+
+    const double k = d.clipThatManySigmas;
     SurfaceStats stats;
     stats.Calculate(rig.image);
-    const int hi = static_cast<int>(stats.GetMean() + k * stats.GetStdDev());
-    Clipper::Clip(background, static_cast<int>(stats.GetMean() - k * stats.GetStdDev()), hi);
+    IntMatrix2D background = WindowOnly(rig.image);
+    Clipper::Clip(background, static_cast<int>(stats.GetMean() - k * stats.GetStdDev()),
+                  static_cast<int>(stats.GetMean() + k * stats.GetStdDev()));
     stats.Calculate(background);
-    const double sigma = stats.GetStdDev();
-    background = rig.image;
-    const int lo2 = static_cast<int>(stats.GetMean() - k * sigma),
-              hi2 = static_cast<int>(stats.GetMean() + k * sigma);
-    Clipper::Clip(background, lo2, hi2);
-    Clipper::RemoveInside(foreground, lo2, hi2);
-    EXPECT_NEAR(rig.board.backgroundSigma, sigma, 1e-12 * sigma);
-    ExpectSameImage(rig.board.foreground, foreground, "foreground");
-    ExpectSameImage(rig.board.background, background, "background");
+    const int lo = static_cast<int>(stats.GetMean() - k * stats.GetStdDev()),
+              hi = static_cast<int>(stats.GetMean() + k * stats.GetStdDev());
+    background = WindowOnly(rig.image);
+    IntMatrix2D foreground = background;
+    Clipper::Clip(background, lo, hi);
+    Clipper::RemoveInside(foreground, lo, hi);
+    detail::ApplySquareAndObscurationMaskReference(foreground, d.reticleCenterX, d.reticleCenterY,
+                                                   c.halfWidth, d.reticleCenterR);
+    EXPECT_NEAR(d.backgroundSigma, stats.GetStdDev(), 1e-12 * stats.GetStdDev());
+    ExpectSameImage(d.background, background, "background");
+    ExpectSameImage(d.foreground, foreground, "foreground");
+    ExpectSameImage(steps.foreground, foreground, "foreground of the plain steps");
 
-    const double n = static_cast<double>(rig.image.GetCount());
-    const double area = std::acos(-1.0) * 4.0 * 5.0;  // pi sx sy
-    const double wing = std::min(peak, hi - scene.background);
-    const double expected =
-        std::sqrt(noise * noise + 1.0 / 12.0 + area * wing * wing / n - std::pow(2.0 * area * wing / n, 2));
-    // A measured sigma scatters by sigma / sqrt(2 N) = 0.4 % of itself over 32000 pixels; the wing
-    // integral treats counts as continuous, good to a few percent of the wing term.
-    EXPECT_NEAR(rig.board.backgroundSigma, expected,
-                5.0 * expected / std::sqrt(2.0 * n) + 0.03 * (expected - noise))
-        << "noise " << noise << ", peak " << peak;
+    ExpectSameImage(d.regionIdMap, steps.regionIdMap, "region map");
+    ASSERT_EQ(d.spotInfoList->Size(), steps.spotInfoList->Size());
+    EXPECT_EQ(d.spotInfoList->IsEmpty(), c.spots.empty());
+    for (int i = 0; i < d.spotInfoList->Size(); ++i) {
+      const AsdSpotInfo& a = (*d.spotInfoList)[i];
+      const AsdSpotInfo& b = (*steps.spotInfoList)[i];
+      EXPECT_EQ(a.GetSum(), b.GetSum());
+      EXPECT_EQ(a.CenterOfMassX(), b.CenterOfMassX());
+      EXPECT_EQ(a.CenterOfMassY(), b.CenterOfMassY());
+      EXPECT_EQ(a.GetRegionInfo().window, b.GetRegionInfo().window);
+    }
+    EXPECT_EQ(d.properties.GetKeys(), steps.properties.GetKeys());
+    for (const std::string& key : steps.properties.GetKeys())
+      EXPECT_EQ(d.properties.Get(key), steps.properties.Get(key)) << key;
   }
 }
 
@@ -292,20 +340,16 @@ TEST(AsdCheckWiredTest, EachConditionFailsAloneAtItsOwnLineAndTheLastFailureWins
       [](AsdBoard& b) { b.dropBelowThisFraction = kUndefined; },
       [](AsdBoard& b) { b.saturationThreshold = kUndefined; },
   };
-  AsdBoard complete = wired();
-  complete.backgroundSigma = kUndefined;  // written by the run, never tested
-  EXPECT_TRUE(AsdController(complete).CheckWired());
-  EXPECT_TRUE(complete.status.IsOk());
   std::vector<unsigned> lines = {0};
   for (std::size_t i = 0; i < breakers.size(); ++i) {
+    SCOPED_TRACE("condition " + std::to_string(i));
     AsdBoard board = wired();
     breakers[i](board);
-    EXPECT_EQ(AsdController(board).DetectSpotPosition(), AsdSpotPosition::DetectionFailed)
-        << "condition " << i;
-    EXPECT_EQ(board.status.GetCode(), StatusCode::kControllerFailed) << "condition " << i;
-    EXPECT_EQ(board.status.GetMessage(), "") << "condition " << i;
+    EXPECT_EQ(AsdController(board).DetectSpotPosition(), AsdSpotPosition::DetectionFailed);
+    EXPECT_EQ(board.status.GetCode(), StatusCode::kControllerFailed);
+    EXPECT_EQ(board.status.GetMessage(), "");
     EXPECT_EQ(board.status.GetFile(), "AlignSpotDetector\\AsdController");
-    EXPECT_GT(board.status.GetLine(), lines.back()) << "condition " << i << " is tested after " << i - 1;
+    EXPECT_GT(board.status.GetLine(), lines.back()) << "tested after the one before";
     EXPECT_EQ(board.foreground.GetCount(), 0) << "no step runs after a failed wiring test";
     lines.push_back(board.status.GetLine());
   }
@@ -317,10 +361,26 @@ TEST(AsdCheckWiredTest, EachConditionFailsAloneAtItsOwnLineAndTheLastFailureWins
   EXPECT_EQ(board.status.GetLine(), lines[8]) << "the last failing test is left behind";
 }
 
+TEST(AsdControllerTest, WithoutABoardOrASpotListNothingRuns) {
+  EXPECT_EQ(AsdController().DetectSpotPosition(), AsdSpotPosition::DetectionFailed);
+  Rig rig(64, 64, {.background = 20.0, .spots = {{40, 20, 3.0, 3.0, 150.0}}}, nullptr);
+  rig.board.Finalize();  // no spot list, no dictionary
+  EXPECT_EQ(AsdController(rig.board).DetectSpotPosition(), AsdSpotPosition::DetectionFailed);
+  EXPECT_EQ(rig.board.status.GetCode(), StatusCode::kNotSet);
+  EXPECT_NE(rig.board.status.GetMessage().find("initialize"), std::string::npos)
+      << rig.board.status.GetMessage();
+
+  rig.board.Initialize();
+  rig.board.properties.Finalize();  // a list but no dictionary
+  EXPECT_EQ(AsdController(rig.board).DetectSpotPosition(), AsdSpotPosition::DetectionFailed);
+  EXPECT_NE(rig.board.status.GetMessage().find("property dictionary"), std::string::npos);
+}
+
 // Lone hot pixels on a dark frame: background 10 counts, read noise 3 (sigma about 3.01 with the
 // rounding), so pixels above about 28 counts stand out (6 sigma) but a region needs a sum of 12 sigma,
 // about 36 counts. Pixels of 31 to 35 counts are regions of one pixel that only the absolute threshold
 // drops: each holds far more than 5 % of the brightest, so the relative threshold keeps them all.
+// Each lies in a quadrant of its own, so a quadrant as the outcome names the one that stayed.
 TEST(DropTest, RegionsBelowTwelveBackgroundSigmasGoWhateverTheirShareOfTheLight) {
   struct Case {
     int brightest;
@@ -332,11 +392,8 @@ TEST(DropTest, RegionsBelowTwelveBackgroundSigmasGoWhateverTheirShareOfTheLight)
                         Case{40, 12.0, AsdSpotPosition::Quadrant4}}) {
     Testing::SeededRandom random(13);
     SCOPED_TRACE(random.Describe());
-    Testing::SpotScene scene;
-    scene.background = 10.0;
-    scene.noiseSigma = 3.0;
-    scene.saturationLevel = 65535;
-    Rig rig(128, 128, scene, &random);
+    Rig rig(128, 128, {.background = 10.0, .noiseSigma = 3.0, .saturationLevel = 65535, .spots = {}},
+            &random);
     rig.image(20, 20) = 31;
     rig.image(20, 100) = 33;
     rig.image(100, 20) = 35;
@@ -345,9 +402,6 @@ TEST(DropTest, RegionsBelowTwelveBackgroundSigmasGoWhateverTheirShareOfTheLight)
     EXPECT_EQ(AsdController(rig.board).DetectSpotPosition(), c.expected) << "brightest " << c.brightest;
     ASSERT_TRUE(35 < 12 * rig.board.backgroundSigma && 12 * rig.board.backgroundSigma < 40)
         << "the case this test is about: sigma " << rig.board.backgroundSigma;
-    if (c.expected == AsdSpotPosition::Quadrant4) {
-      EXPECT_EQ(rig.board.properties.Get("Region.0.CenterOfMassX"), "100");
-    }
   }
 }
 
@@ -355,10 +409,6 @@ TEST(DropTest, RegionsBelowTwelveBackgroundSigmasGoWhateverTheirShareOfTheLight)
 // of 249.7 counts pixels of 249 (truncation toward zero); saturated pixels outside the square of
 // interest or under the obscuration do not count.
 TEST(SaturationTest, TheLimitPassesTheThresholdIsTruncatedAndMaskedPixelsDoNotCount) {
-  Testing::SpotScene scene;
-  scene.background = 20.0;
-  scene.noiseSigma = 1.0;
-  scene.spots = {{40, 20, 3.0, 3.0, 150.0}};
   struct Case {
     int count, value;
     double threshold;
@@ -368,7 +418,7 @@ TEST(SaturationTest, TheLimitPassesTheThresholdIsTruncatedAndMaskedPixelsDoNotCo
                         Case{33, 249, 249.7, true}}) {
     Testing::SeededRandom random(8);
     SCOPED_TRACE(random.Describe());
-    Rig rig(64, 64, scene, &random);
+    Rig rig(64, 64, {.background = 20.0, .noiseSigma = 1.0, .spots = {{40, 20, 3.0, 3.0, 150.0}}}, &random);
     rig.board.interestRegionRadius = 25.0;  // the square spans columns and rows 7 to 57
     rig.board.saturationThreshold = c.threshold;
     for (int i = 0; i < c.count; ++i)
@@ -380,100 +430,7 @@ TEST(SaturationTest, TheLimitPassesTheThresholdIsTruncatedAndMaskedPixelsDoNotCo
     const AsdSpotPosition position = AsdController(rig.board).DetectSpotPosition();
     EXPECT_EQ(position, c.tooMany ? AsdSpotPosition::TooManySaturatedPixels : AsdSpotPosition::Quadrant1)
         << c.count << " pixels of " << c.value << ", threshold " << c.threshold;
-    EXPECT_TRUE(rig.board.status.IsOk());
   }
-}
-
-// The plain steps one after the other, as DetectSpotPosition orders them.
-AsdSpotPosition StepsInTurn(AsdBoard& board) {
-  AsdController c(board);
-  const auto empty = [&board] { return board.spotInfoList->IsEmpty(); };
-  if (!c.CheckWired() || !c.SigmaClipping() || !c.ApplyMask()) return AsdSpotPosition::DetectionFailed;
-  if (!c.InputImageHasTooManySaturatedPixels()) return AsdSpotPosition::TooManySaturatedPixels;
-  if (!c.Regionize()) return AsdSpotPosition::DetectionFailed;
-  if (empty()) return AsdSpotPosition::NoSignificantSpot;
-  if (!c.DropInsignificantRegions()) return AsdSpotPosition::DetectionFailed;
-  if (empty()) return AsdSpotPosition::NoSignificantSpot;
-  if (!c.ApplyRegionRestrictor()) return AsdSpotPosition::DetectionFailed;
-  if (empty()) return AsdSpotPosition::NoSignificantSpot;
-  if (!c.InvalidateInsignificantRegions() || !c.ReassignRegionIds() || !c.RegionsToProperties()) {
-    return AsdSpotPosition::DetectionFailed;
-  }
-  return c.GetSpotPosition();
-}
-
-// A detection splits, masks and counts in one pass and reads only the foreground rows that can hold a
-// region; whatever rows those are (a square of interest cutting the frame, spots on the first and last
-// rows, no spot at all, an input window), the images, the region map, the spots and the properties are
-// those of the plain steps, to the bit.
-TEST(AsdControllerTest, DetectionLeavesWhatThePlainStepsLeave) {
-  struct Case {
-    const char* name;
-    std::vector<Testing::GaussianSpot> spots;
-    double halfWidth;
-    bool windowed;
-  };
-  const std::vector<Case> cases = {
-      {"square cuts the frame", {{60.3, 30.8, 3.0, 3.0, 240.0}, {35.0, 50.0, 2.0, 2.0, 120.0}}, 30.0, false},
-      {"spots on the first and last rows",
-       {{20.0, 0.4, 2.0, 2.0, 300.0}, {70.0, 79.2, 2.0, 2.0, 200.0}},
-       1e6,
-       false},
-      {"no spot", {}, 1e6, false},
-      {"input window", {{60.3, 30.8, 3.0, 3.0, 240.0}}, 1e6, true},
-  };
-  Testing::SeededRandom random(43);
-  SCOPED_TRACE(random.Describe());
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    Testing::SpotScene scene;
-    scene.background = 30.0;
-    scene.noiseSigma = 0.5;
-    scene.saturationLevel = 65535;
-    scene.spots = c.spots;
-    Rig rig(80, 100, scene, &random);
-    if (c.windowed) rig.image.SetWindow(Window2D(5, 7, 60, 80));
-    rig.board.interestRegionRadius = c.halfWidth;
-    rig.board.reticleCenterR = 3.5;
-    AsdBoard steps = rig.board;
-    EXPECT_EQ(AsdController(rig.board).DetectSpotPosition(), StepsInTurn(steps));
-    const AsdBoard& d = rig.board;
-    EXPECT_EQ(d.backgroundSigma, steps.backgroundSigma);
-    ExpectSameImage(d.foreground, steps.foreground, "foreground");
-    ExpectSameImage(d.background, steps.background, "background");
-    ExpectSameImage(d.regionIdMap, steps.regionIdMap, "region map");
-    ASSERT_EQ(d.spotInfoList->Size(), steps.spotInfoList->Size());
-    EXPECT_EQ(d.spotInfoList->IsEmpty(), c.spots.empty());
-    for (int i = 0; i < d.spotInfoList->Size(); ++i) {
-      const AsdSpotInfo& a = (*d.spotInfoList)[i];
-      const AsdSpotInfo& b = (*steps.spotInfoList)[i];
-      EXPECT_EQ(a.GetSum(), b.GetSum());
-      EXPECT_EQ(a.CenterOfMassX(), b.CenterOfMassX());
-      EXPECT_EQ(a.CenterOfMassY(), b.CenterOfMassY());
-      EXPECT_EQ(a.GetRegionInfo().window, b.GetRegionInfo().window);
-    }
-    EXPECT_EQ(d.properties.GetKeys(), steps.properties.GetKeys());
-    for (const std::string& key : steps.properties.GetKeys())
-      EXPECT_EQ(d.properties.Get(key), steps.properties.Get(key)) << key;
-  }
-}
-
-TEST(AsdControllerTest, WithoutABoardOrASpotListNothingRuns) {
-  EXPECT_EQ(AsdController().DetectSpotPosition(), AsdSpotPosition::DetectionFailed);
-  Testing::SpotScene scene;
-  scene.background = 20.0;
-  scene.spots = {{40, 20, 3.0, 3.0, 150.0}};
-  Rig rig(64, 64, scene, nullptr);
-  rig.board.Finalize();  // no spot list, no dictionary
-  EXPECT_EQ(AsdController(rig.board).DetectSpotPosition(), AsdSpotPosition::DetectionFailed);
-  EXPECT_EQ(rig.board.status.GetCode(), StatusCode::kNotSet);
-  EXPECT_NE(rig.board.status.GetMessage().find("initialize"), std::string::npos)
-      << rig.board.status.GetMessage();
-
-  rig.board.Initialize();
-  rig.board.properties.Finalize();  // a list but no dictionary
-  EXPECT_EQ(AsdController(rig.board).DetectSpotPosition(), AsdSpotPosition::DetectionFailed);
-  EXPECT_NE(rig.board.status.GetMessage().find("property dictionary"), std::string::npos);
 }
 
 }  // namespace

@@ -25,59 +25,46 @@ Testing::ScanSettings Settings(int direction) {
   return s;
 }
 
+// The peaks of a scan of the surface; the noise is seeded alike for every scan, so the two
+// directions carry the same samples mirrored (frame p at the position of forward frame F - p).
+Core::IntMatrix2D Peaks(const Testing::ScanSettings& s, int threads) {
+  Testing::SeededRandom random(61);
+  Core::FrameBuffer frames;
+  EXPECT_TRUE(Testing::MakeSyntheticScan(frames, s, Surface, &random));
+  Core::IntMatrix2D peaks;
+  FindPeakFrames(frames, peaks, threads);
+  return peaks;
+}
+
 // The envelope peaks where the scan reaches the surface; the fringe energy, summed over nine frames
 // (about two fringes), peaks there to within a frame even with 1.5 counts of noise on fringes of 60:
 // the envelope is 20 frames wide, so a frame's shift changes the energy by a few percent, while the
-// noise adds about 2 x 1.5^2 x 9 ~ 40 to an energy of some 10^4 counts^2.
-TEST(CoherenceDiscriminatorTest, FindsThePeakFrameWithinAFrame) {
-  Testing::SeededRandom random(61);
-  SCOPED_TRACE(random.Describe());
-  const Testing::ScanSettings s = Settings(1);
-  Core::FrameBuffer frames;
-  ASSERT_TRUE(Testing::MakeSyntheticScan(frames, s, Surface, &random));
-  Core::IntMatrix2D peaks;
-  FindPeakFrames(frames, peaks, 1);
-  ASSERT_EQ(peaks.GetRows(), 20);
-  ASSERT_EQ(peaks.GetColumns(), 24);
+// noise adds about 2 x 1.5^2 x 9 ~ 40 to an energy of some 10^4 counts^2. A reversed scan's peaks
+// are F minus the forward ones exactly (ties go to the same scan position), and the threads share
+// rows without changing anything.
+TEST(CoherenceDiscriminatorTest, FindsThePeakFrameWithinAFrameInEitherDirection) {
+  const Core::IntMatrix2D forward = Peaks(Settings(1), 1);
+  const Core::IntMatrix2D reversed = Peaks(Settings(-1), 2);
+  const Core::IntMatrix2D threaded = Peaks(Settings(1), 3);
+  ASSERT_EQ(forward.GetRows(), 20);
+  ASSERT_EQ(forward.GetColumns(), 24);
   for (int r = 0; r < 20; ++r) {
     for (int c = 0; c < 24; ++c) {
-      EXPECT_LE(std::abs(peaks(r, c) - Testing::TruePeakFrame(s, Surface(r, c))), 1) << r << "," << c;
+      EXPECT_LE(std::abs(forward(r, c) - Testing::TruePeakFrame(Settings(1), Surface(r, c))), 1)
+          << r << "," << c;
+      EXPECT_EQ(reversed(r, c), 160 - forward(r, c)) << r << "," << c;
+      EXPECT_EQ(threaded(r, c), forward(r, c)) << r << "," << c;
     }
   }
 }
 
-// A reversed scan of the same surface carries the same samples mirrored (frame p at the position of
-// forward frame F - p), so its peaks are F minus the forward ones exactly; and the threads share rows
-// without changing anything.
-TEST(CoherenceDiscriminatorTest, ReversedScansAndThreadCountsGiveTheSamePeaks) {
-  Core::IntMatrix2D forward, reversed, threaded;
-  {
-    Testing::SeededRandom random(62);
-    Core::FrameBuffer frames;
-    ASSERT_TRUE(Testing::MakeSyntheticScan(frames, Settings(1), Surface, &random));
-    FindPeakFrames(frames, forward, 1);
-    FindPeakFrames(frames, threaded, 3);
-  }
-  {
-    Testing::SeededRandom random(62);
-    Core::FrameBuffer frames;
-    ASSERT_TRUE(Testing::MakeSyntheticScan(frames, Settings(-1), Surface, &random));
-    FindPeakFrames(frames, reversed, 2);
-  }
-  for (std::int64_t i = 0; i < forward.GetCount(); ++i) {
-    EXPECT_EQ(reversed.At(i), 160 - forward.At(i)) << "pixel " << i;
-    EXPECT_EQ(threaded.At(i), forward.At(i)) << "pixel " << i;
-  }
-}
-
+// No fringe energy anywhere: no peak (0), in a reversed scan too, where equal energies would
+// otherwise move the peak along.
 TEST(CoherenceDiscriminatorTest, ASignalThatNeverChangesHasNoPeak) {
-  Testing::ScanSettings s = Settings(1);
+  Testing::ScanSettings s = Settings(-1);
   s.modulationCounts = 0.0;
   s.noiseSigmaCounts = 0.0;
-  Core::FrameBuffer frames;
-  ASSERT_TRUE(Testing::MakeSyntheticScan(frames, s, Surface));
-  Core::IntMatrix2D peaks;
-  FindPeakFrames(frames, peaks, 2);
+  const Core::IntMatrix2D peaks = Peaks(s, 2);
   for (std::int64_t i = 0; i < peaks.GetCount(); ++i)
     EXPECT_EQ(peaks.At(i), 0) << "pixel " << i;
 }

@@ -79,51 +79,23 @@ TEST_P(CentroidAccuracyTest, LandsWithinAFractionOfTheCoherenceLength) {
 INSTANTIATE_TEST_SUITE_P(Noise, CentroidAccuracyTest,
                          ::testing::Values(AccuracyCase{0.0, 0.01, 0.003}, AccuracyCase{1.5, 0.1, 0.025}));
 
-// A pixel whose peak lies within half a signal (32 frames) of either end of the scan has no centred
-// window, so it gets no height, but its intensity is still made. A ring of 64 frames keeps the frames
-// around each peak; a whole scan of only 64 frames has every peak within 32 frames of an end, so no
-// pixel gets a height and the run ends with code 1.
-TEST(PhaseAlgorithmCentroidTest, PeaksNearTheEndsOfTheScanGetNoHeightButAnIntensity) {
-  SCOPED_TRACE(Testing::SeededRandom(5).Describe());
-  Testing::ScanSettings s;
-  s.rows = 1;
-  s.cols = 4;
-  s.noiseSigmaCounts = 1.0;
-  // Peaks 18, 31, 122 and 229 (the discriminator's pattern adds -2, 0, 2, -1).
-  const double frames[4] = {20, 31, 120, 230};
-  const auto height = [&](int, int c) { return frames[c] * kStepNm; };
-  for (const int scanned : {256, 64}) {
-    s.framesScanned = scanned;
-    s.framesStored = scanned == 256 ? 64 : 0;
-    Testing::DiscriminatedScan scan;
-    ASSERT_TRUE(Testing::MakeDiscriminatedScan(scan, s, height, 5));
-    PhaseAlgorithmCentroid centroid;
-    DoubleMatrix2D surface;
-    EXPECT_EQ(Measure(scan, centroid, surface).GetCode(), scanned == 64 ? 1u : 0u);
-    for (int c = 0; c < 4; ++c) {
-      if (c == 2 && scanned == 256) {
-        EXPECT_NEAR(surface(0, c), height(0, c) + kStepNm, 0.05 * Testing::CoherenceLengthNm(s.light));
-      } else {
-        EXPECT_TRUE(DoubleMatrix2D::IsNoData(surface(0, c))) << c << " of " << scanned;
-      }
-      // Fringes of 3.75 samples per period leave a little of themselves in the 8-sample window.
-      EXPECT_NEAR(centroid.GetIntensityMatrix()(0, c), s.biasCounts, 8.0) << c << " of " << scanned;
-    }
-  }
-}
-
 // The modulation at the window centre, m = |2 d32 - d30 - d34| + |2 (d31 - d33)|, must reach minimum
-// modulation x 2 x saturation / 100. A bright pair of samples at window indices 31 and 32 (the window
-// holds frames 68 .. 131 around the peak frame 100) gives m = 20 for d31 = d32 = 5, and a saturation
-// of 100 with a minimum of 10 % sets the threshold at 20 too: equal passes, a hair less does not.
-// The envelope is symmetric about frame 99.5, reported one step above: 100.5 steps. A signal without
-// fringes passes a threshold of 0 but has no centroid. Either way the pixel gets its intensity, the
-// standard window's 3 (d31 + d32) / 16 = 1.875.
-TEST(PhaseAlgorithmCentroidTest, AModulationEqualToTheThresholdPasses) {
+// modulation x 2 x saturation / 100. A bright pair of samples at window indices 31 and 32 gives m = 20
+// for d31 = d32 = 5, and a saturation of 100 with a minimum of 10 % sets the threshold at 20 too:
+// equal passes, a hair less does not. The envelope is symmetric about window index 31.5: around the
+// peak frame 100 (the window holds frames 68 .. 131) that is frame 99.5, reported one step above,
+// 100.5 steps. A signal without fringes passes a threshold of 0 but has no centroid. A peak within
+// half a signal (32 frames) of either end of the 256-frame scan has no centred window. Every pixel
+// gets its intensity, the standard window's 3 (d31 + d32) / 16 = 1.875.
+TEST(PhaseAlgorithmCentroidTest, ThresholdAndScanEndsDecideWhichPixelsGetAHeight) {
   struct Case {
-    double pair, minimum, heightSteps;  // heightSteps 0: no height
+    double pair, minimum;
+    int peak;
+    double heightSteps;  // 0: no height
   };
-  for (const Case c : {Case{10.0, 10.0, 100.5}, Case{9.999, 10.0, 0.0}, Case{0.0, 0.0, 0.0}}) {
+  for (const Case c : {Case{10.0, 10.0, 100, 100.5}, Case{9.999, 10.0, 100, 0.0}, Case{0.0, 0.0, 100, 0.0},
+                       Case{10.0, 10.0, 32, 32.5}, Case{10.0, 10.0, 31, 0.0}, Case{10.0, 10.0, 223, 223.5},
+                       Case{10.0, 10.0, 224, 0.0}}) {
     PhaseAlgorithmCentroid centroid;
     centroid.SetMinimumModulation(c.minimum);
     centroid.SetMaxScanValue(100.0);
@@ -133,14 +105,14 @@ TEST(PhaseAlgorithmCentroidTest, AModulationEqualToTheThresholdPasses) {
     double* d = centroid.GetDataArray(0);
     std::fill(d, d + 64, 0.0);
     d[31] = d[32] = c.pair / 2.0;
-    centroid.ProcessPixel(0, 0, 100, 0);
+    centroid.ProcessPixel(0, 0, c.peak, 0);
     const double height = centroid.GetSurfaceMatrix()(0, 0);
     if (c.heightSteps > 0.0) {
-      EXPECT_DOUBLE_EQ(height, c.heightSteps * kStepNm) << c.pair;
+      EXPECT_DOUBLE_EQ(height, c.heightSteps * kStepNm) << c.pair << " at " << c.peak;
     } else {
-      EXPECT_TRUE(DoubleMatrix2D::IsNoData(height)) << c.pair;
+      EXPECT_TRUE(DoubleMatrix2D::IsNoData(height)) << c.pair << " at " << c.peak;
     }
-    EXPECT_EQ(centroid.GetIntensityMatrix()(0, 0), c.pair > 0.0 ? 2 : 0) << c.pair;
+    EXPECT_EQ(centroid.GetIntensityMatrix()(0, 0), c.pair > 0.0 ? 2 : 0) << c.pair << " at " << c.peak;
     centroid.FinalizeThread();
   }
 }

@@ -10,43 +10,10 @@ namespace Quarn::Testing {
 
 using Core::FrameBuffer;
 
-namespace {
-
-// exp(-(pi dsigma x)^2 / (4 ln 2)) is below 1e-12 beyond this many envelope widths: no fringe
-// term is computed there.
-constexpr double kEnvelopeReach = 3.0;
-
-struct Model {
-  double twoPiSigma0;     // 2 pi / lambda0, per nanometre of path
-  double envelopeFactor;  // (pi dsigma)^2 / (4 ln 2), per nanometre^2 of path
-  double reachNm;         // |z - H| beyond which the envelope is negligible
-
-  explicit Model(const ScanSettings& s) {
-    const double sigma0 = 1.0 / s.light.centreWavelengthNm;
-    const double dsigma = s.light.bandwidthNm / (s.light.centreWavelengthNm * s.light.centreWavelengthNm);
-    twoPiSigma0 = 2.0 * std::numbers::pi * sigma0;
-    envelopeFactor = (std::numbers::pi * dsigma) * (std::numbers::pi * dsigma) / (4.0 * std::numbers::ln2);
-    reachNm = kEnvelopeReach * CoherenceLengthNm(s.light);
-  }
-
-  double Intensity(const ScanSettings& s, double heightNm, double zNm) const {
-    if (std::abs(zNm - heightNm) > reachNm) return s.biasCounts;
-    const double x = 2.0 * (zNm - heightNm);
-    return s.biasCounts + s.modulationCounts * std::exp(-envelopeFactor * x * x) *
-                              std::cos(twoPiSigma0 * x + s.reflectionPhaseRad);
-  }
-};
-
-}  // namespace
-
 double CoherenceLengthNm(const ScanLight& light) {
   // FWHM of exp(-(pi dsigma x)^2 / (4 ln 2)) in path is 4 ln 2 / (pi dsigma); the scan moves half as far.
   const double dsigma = light.bandwidthNm / (light.centreWavelengthNm * light.centreWavelengthNm);
   return 2.0 * std::numbers::ln2 / (std::numbers::pi * dsigma);
-}
-
-double ScanIntensity(const ScanSettings& settings, double heightNm, double zNm) {
-  return Model(settings).Intensity(settings, heightNm, zNm);
 }
 
 int TruePeakFrame(const ScanSettings& settings, double heightNm) {
@@ -93,7 +60,19 @@ bool MakeSyntheticScan(FrameBuffer& frames, const ScanSettings& settings,
                        stored, settings.scanDirection)) {
     return false;
   }
-  const Model model(settings);
+  const double dsigma =
+      settings.light.bandwidthNm / (settings.light.centreWavelengthNm * settings.light.centreWavelengthNm);
+  const double envelopeFactor =
+      (std::numbers::pi * dsigma) * (std::numbers::pi * dsigma) / (4.0 * std::numbers::ln2);
+  const double twoPiSigma0 = 2.0 * std::numbers::pi / settings.light.centreWavelengthNm;
+  // Beyond three envelope widths the fringe term is below 1e-9 counts: it is not computed there.
+  const double reachNm = 3.0 * CoherenceLengthNm(settings.light);
+  const auto intensity = [&](double heightNm, double zNm) {
+    const double x = 2.0 * (zNm - heightNm);
+    if (std::abs(zNm - heightNm) > reachNm) return settings.biasCounts;
+    return settings.biasCounts + settings.modulationCounts * std::exp(-envelopeFactor * x * x) *
+                                     std::cos(twoPiSigma0 * x + settings.reflectionPhaseRad);
+  };
   const double maxValue = frames.GetMaxValue();
   const bool noisy = random && settings.noiseSigmaCounts > 0.0;
   const bool reversed = settings.scanDirection < 0;
@@ -106,7 +85,7 @@ bool MakeSyntheticScan(FrameBuffer& frames, const ScanSettings& settings,
           static_cast<std::size_t>(r) * static_cast<std::size_t>(settings.cols) + static_cast<std::size_t>(c);
       const double h = heightNm(r, c);
       for (int position = 0; position <= scanned; ++position) {
-        double value = model.Intensity(settings, h, position * settings.scanStepNm);
+        double value = intensity(h, position * settings.scanStepNm);
         if (noisy) value += random->Normal(settings.noiseSigmaCounts);
         samples[static_cast<std::size_t>(position)] = std::clamp(std::round(value), 0.0, maxValue);
       }

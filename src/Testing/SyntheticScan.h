@@ -21,25 +21,19 @@ struct ScanLight {
 
 // A coherence scan of a surface, as a camera records it.
 //
-// Geometry: frame k of a forward scan is taken with the reference at scan position k x step; a
-// reversed scan runs the other way, frame k at (F - k) x step, so that its frame p sees what frame
-// F - p of the forward scan sees. A surface point at height H (nanometres, along the scan) sees an
-// optical path difference x = 2 (z - H) and the intensity
+// Frame k of a forward scan is taken at scan position z = k x step; a reversed scan runs the other
+// way, frame k at (F - k) x step. A surface point at height H (nanometres, along the scan) sees a
+// path difference x = 2 (z - H) and the intensity
 //
 //   I = bias + modulation exp(-(pi dsigma x)^2 / (4 ln 2)) cos(2 pi x / lambda0 + reflectionPhase)
 //
-// (the interference of a Gaussian spectrum of centre 1/lambda0 and width dsigma): fringes of half
-// the centre wavelength under an envelope of full width at half maximum 0.44 lambda0^2 / bandwidth
-// in scan (1.6 um for 600 nm light of 100 nm bandwidth), centred on z = H. Gaussian noise of the
-// given sigma is added, and the result is rounded and clipped to [0, saturation] as the camera
-// delivers it.
+// (a Gaussian spectrum of centre 1/lambda0 and width dsigma): fringes of half the centre wavelength
+// under an envelope 0.44 lambda0^2 / bandwidth wide at half maximum (1.6 um for 600 nm light of
+// 100 nm bandwidth), plus Gaussian noise, rounded and clipped to [0, saturation].
 //
-// Storage: the whole scan (framesStored 0), or a ring of S slots (frame f in slot f mod S) that, as
-// a host does around each pixel's peak, keeps frames c - S/2 .. c + S/2 - 1 of every pixel, c being
-// the pixel's entry in `ringCentres` (the stored-frame peak the host found); where that window would
-// leave the scan the ring holds the last S frames.
-//
-// The noise of a pixel depends only on the scan position, not on the direction or the storage, so
+// Storage: the whole scan (framesStored 0), or a ring of S slots (frame f in slot f mod S) that keeps
+// frames c - S/2 .. c + S/2 - 1 of every pixel, c being its entry in `ringCentres`, or the last S
+// frames where that window would leave the scan. The noise depends only on the scan position, so
 // scans of one surface in different layouts carry the same samples.
 struct ScanSettings {
   int rows = 32;
@@ -62,9 +56,6 @@ struct ScanSettings {
 bool MakeSyntheticScan(Core::FrameBuffer& frames, const ScanSettings& settings,
                        const std::function<double(int row, int col)>& heightNm,
                        SeededRandom* random = nullptr, const Core::IntMatrix2D* ringCentres = nullptr);
-
-// The intensity of one sample, without noise and rounding: the model above at scan position zNm.
-double ScanIntensity(const ScanSettings& settings, double heightNm, double zNm);
 
 // The stored frame nearest to where the envelope of a surface at `heightNm` peaks: round(H / step),
 // or F - round(H / step) for a reversed scan. What an ideal coherence discriminator reports.

@@ -3,8 +3,10 @@
 #include "AlignSpotDetector/AlignSpotDetector.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
+#include <new>
 #include <ostream>
 #include <string>
 #include <tuple>
@@ -14,6 +16,50 @@
 
 #include "Testing/SeededRandom.h"
 #include "Testing/SyntheticSpot.h"
+
+// The detector allocates its working lists with the non-throwing operator new; these replacements
+// let a test make the n-th such allocation fail (0: none fails). Every form of new and delete is
+// replaced, so that all of them agree on malloc and free (a sanitizer checks that they pair).
+namespace {
+std::atomic<int> gNothrowAllocationsBeforeFailure{0};
+void* NothrowAllocate(std::size_t bytes) noexcept {
+  const int left = gNothrowAllocationsBeforeFailure.load();
+  if (left > 0 && gNothrowAllocationsBeforeFailure.fetch_sub(1) == 1) return nullptr;
+  return std::malloc(bytes ? bytes : 1);
+}
+void* Allocate(std::size_t bytes) {
+  if (void* p = std::malloc(bytes ? bytes : 1)) return p;
+  throw std::bad_alloc();
+}
+// Out of line, so that the compiler does not pair a `new` with a visible `free` and warn.
+[[gnu::noinline]] void Release(void* p) noexcept {
+  std::free(p);
+}
+}  // namespace
+void* operator new(std::size_t bytes) {
+  return Allocate(bytes);
+}
+void* operator new[](std::size_t bytes) {
+  return Allocate(bytes);
+}
+void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
+  return NothrowAllocate(bytes);
+}
+void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept {
+  return NothrowAllocate(bytes);
+}
+void operator delete(void* p) noexcept {
+  Release(p);
+}
+void operator delete[](void* p) noexcept {
+  Release(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+  Release(p);
+}
+void operator delete[](void* p, std::size_t) noexcept {
+  Release(p);
+}
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Alignment {
 namespace {
@@ -342,6 +388,25 @@ TEST(StatusTest, UnwiredDetectorFailsWithCode4AndRunsOnceComplete) {
   wire();
   detector.SetReticleCenterR(6);
   EXPECT_EQ(detector.DetectSpotPosition(), AsdSpotPosition::Quadrant1) << "the input survived Clear";
+}
+
+// A detector whose property dictionary, spot list or the list's storage cannot be allocated reports
+// code 3 from Initialize and refuses to detect instead of touching what is missing; once memory is
+// there again, Initialize completes what is missing and the detector works.
+TEST(StatusTest, AllocationFailureAtInitializeIsCode3AndDetectionIsRefused) {
+  const IntMatrix2D image = Frame(128, 128, Camera16({{90, 30, 3, 3, 2000}}, 0.0), nullptr);
+  for (int failing = 1; failing <= 3; ++failing) {
+    AlignSpotDetector detector;
+    gNothrowAllocationsBeforeFailure = failing;
+    Wire(detector, image, 64, 64, 6, 60);
+    gNothrowAllocationsBeforeFailure = 0;
+    EXPECT_EQ(detector.GetStatus().GetCode(), StatusCode::kAllocationFailed) << "allocation " << failing;
+    EXPECT_EQ(detector.DetectSpotPosition(), AsdSpotPosition::DetectionFailed) << "allocation " << failing;
+    EXPECT_TRUE(detector.GetSpots().empty());
+
+    detector.Initialize();
+    EXPECT_EQ(detector.DetectSpotPosition(), AsdSpotPosition::Quadrant1) << "allocation " << failing;
+  }
 }
 
 // An image that sits elsewhere in the camera frame (origin at row 300, column 500), given with a

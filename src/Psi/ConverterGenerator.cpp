@@ -30,16 +30,19 @@ namespace {
 constexpr const char* kSource = "Psi\\ConverterGenerator";
 constexpr double kNoData = Analysis::Core::kNoDataDouble;
 
-// The number of samples a converter reads per pixel after `Initialize`; 0 when unknown.
-int FramesRead(const Converter& converter) {
-  if (dynamic_cast<const Convert7*>(&converter)) return Convert7::kFrames;
-  if (dynamic_cast<const Convert13*>(&converter)) return Convert13::kFrames;
-  if (dynamic_cast<const Convert20*>(&converter)) return Convert20::kFrames;
-  if (const auto* sliding = dynamic_cast<const ConvertSliding13*>(&converter))
-    return sliding->GetNumberOfFrames();
-  return 0;
-}
 }  // namespace
+
+// The one place where the class of the converter is asked, once per run after its `Initialize`:
+// which built-in kernel it is (none for a converter the generator does not know, which always takes
+// the per-pixel path) and how many samples it reads per pixel (0 when unknown).
+ConverterGenerator::ConverterClass ConverterGenerator::Classify(const Converter& converter) {
+  if (dynamic_cast<const Convert7*>(&converter)) return {BuiltIn::kSeven, Convert7::kFrames};
+  if (dynamic_cast<const Convert13*>(&converter)) return {BuiltIn::kThirteen, Convert13::kFrames};
+  if (dynamic_cast<const Convert20*>(&converter)) return {BuiltIn::kTwenty, Convert20::kFrames};
+  if (const auto* sliding = dynamic_cast<const ConvertSliding13*>(&converter))
+    return {BuiltIn::kSliding, sliding->GetNumberOfFrames()};
+  return {BuiltIn::kNone, 0};
+}
 
 ConverterGenerator::ConverterGenerator() : dispatcher_(this, nullptr, -1, 0), status_(__LINE__, kSource) {}
 
@@ -80,7 +83,8 @@ void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase, Dou
 }
 
 bool ConverterGenerator::CheckInputs(const FrameBuffer& frames, const DoubleMatrix2D& phase,
-                                     const DoubleMatrix2D* modulation, const Array<double>* frameWeights) {
+                                     const DoubleMatrix2D* modulation, const Array<double>* frameWeights,
+                                     const ConverterClass& converterClass) {
   const auto fail = [this](unsigned code, unsigned line, const std::string& message) {
     status_ = Status(0, code, line, kSource, message);
     return false;
@@ -103,8 +107,8 @@ bool ConverterGenerator::CheckInputs(const FrameBuffer& frames, const DoubleMatr
   }
   // What the converter reads per pixel must be in the scratch: its kernel may not be longer than the
   // stack, and re-weighting needs a weight of the converter for every frame.
-  const int framesRead = FramesRead(*converter_);
-  const bool sliding = dynamic_cast<const ConvertSliding13*>(converter_) != nullptr;
+  const int framesRead = converterClass.framesRead;
+  const bool sliding = converterClass.builtIn == BuiltIn::kSliding;
   // A sliding kernel that knows no frame count after Initialize with enough frames could not get
   // the memory for its weights.
   if (sliding && framesRead == 0 && numberOfFrames_ >= Convert13::kFrames) {
@@ -157,7 +161,8 @@ void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase, Dou
 
   weighted_ = frameWeights != nullptr;
   if (converter_) converter_->Initialize(numberOfFrames_);
-  if (!CheckInputs(frames, phase, modulation, frameWeights)) return;
+  const ConverterClass converterClass = converter_ ? Classify(*converter_) : ConverterClass{};
+  if (!CheckInputs(frames, phase, modulation, frameWeights, converterClass)) return;
 
   modulationScale_ = converter_->GetModulationScale();
   const double m = saturationLevel_ * minimumModulation_ * modulationScale_;
@@ -184,16 +189,22 @@ void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase, Dou
   }
 
   // The kernel is chosen once per run; an unknown converter always takes the per-pixel path.
-  if (weighted_ || dynamic_cast<const ConvertSliding13*>(converter_)) {
-    kernel_ = Kernel::kWeights;
-  } else if (dynamic_cast<const Convert7*>(converter_)) {
-    kernel_ = Kernel::kSeven;
-  } else if (dynamic_cast<const Convert13*>(converter_)) {
-    kernel_ = Kernel::kThirteen;
-  } else if (dynamic_cast<const Convert20*>(converter_)) {
-    kernel_ = Kernel::kTwenty;
-  } else {
-    kernel_ = Kernel::kConverter;
+  switch (weighted_ ? BuiltIn::kSliding : converterClass.builtIn) {
+    case BuiltIn::kSliding:  // the sliding kernel and re-weighted frames run on their weights
+      kernel_ = Kernel::kWeights;
+      break;
+    case BuiltIn::kSeven:
+      kernel_ = Kernel::kSeven;
+      break;
+    case BuiltIn::kThirteen:
+      kernel_ = Kernel::kThirteen;
+      break;
+    case BuiltIn::kTwenty:
+      kernel_ = Kernel::kTwenty;
+      break;
+    case BuiltIn::kNone:
+      kernel_ = Kernel::kConverter;
+      break;
   }
 
   if (!allowMultiThreads_) {

@@ -92,10 +92,17 @@ class QUARN_PP_EXPORT ConverterGenerator {
  private:
   // How the quadrature of a pixel is formed in this run; decided once per `Process`.
   enum class Kernel { kConverter, kSeven, kThirteen, kTwenty, kWeights };
+  // Which built-in converter the set one is, and the samples it reads per pixel (0: unknown).
+  enum class BuiltIn { kNone, kSeven, kThirteen, kTwenty, kSliding };
+  struct ConverterClass {
+    BuiltIn builtIn = BuiltIn::kNone;
+    int framesRead = 0;
+  };
+  static ConverterClass Classify(const Converter& converter);
 
   bool CheckInputs(const Analysis::Core::FrameBuffer& frames, const Analysis::Core::DoubleMatrix2D& phase,
                    const Analysis::Core::DoubleMatrix2D* modulation,
-                   const Analysis::Core::Array<double>* frameWeights);
+                   const Analysis::Core::Array<double>* frameWeights, const ConverterClass& converterClass);
   void ConvertPixels(int thread, int first, int end);
   template <typename Stored, typename Sample>
   void ConvertPixelsReference(int thread, int first, int end);

@@ -12,9 +12,9 @@
 #include "Analysis/Core/Threading/CpuCounter.h"
 #include "Psi/Convert13.h"
 #include "Psi/ConverterGenerator.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticPsi.h"
 #include "Testing/MemoryBandwidth.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticPsi.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include "Analysis/Core/NoData.h"
 #include "Analysis/Core/UnitNumber.h"
 #include "Swli/PhaseGenerator.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticScan.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticScan.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 namespace {

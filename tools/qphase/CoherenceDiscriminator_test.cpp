@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticScan.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticScan.h"
 
 namespace Quarn::Qphase {
 namespace {

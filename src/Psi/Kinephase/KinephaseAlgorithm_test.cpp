@@ -13,9 +13,9 @@
 
 #include "Analysis/Core/LinearConverter.h"
 #include "Analysis/Core/Units.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticCarrier.h"
 #include "Testing/ImageEquivalence.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticCarrier.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase {
 namespace {

@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "Analysis/Core/FrameBuffer.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticPsi.h"
 #include "Testing/MemoryBandwidth.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticPsi.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi::detail {
 

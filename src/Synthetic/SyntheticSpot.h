@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "Analysis/Core/IntMatrix2D.h"
-#include "Testing/SeededRandom.h"
+#include "Synthetic/SeededRandom.h"
 
 namespace Quarn::Testing {
 

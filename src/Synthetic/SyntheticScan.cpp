@@ -1,4 +1,4 @@
-#include "Testing/SyntheticScan.h"
+#include "Synthetic/SyntheticScan.h"
 
 #include <algorithm>
 #include <cmath>
@@ -6,7 +6,7 @@
 #include <numbers>
 #include <vector>
 
-#include "Testing/SampleStore.h"
+#include "Synthetic/SampleStore.h"
 
 namespace Quarn::Testing {
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "Analysis/Core/FrameBuffer.h"
-#include "Testing/SeededRandom.h"
+#include "Synthetic/SeededRandom.h"
 
 namespace Quarn::Testing {
 

@@ -1,11 +1,11 @@
-#include "Testing/SyntheticPsi.h"
+#include "Synthetic/SyntheticPsi.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <numbers>
 
-#include "Testing/SampleStore.h"
+#include "Synthetic/SampleStore.h"
 
 namespace Quarn::Testing {
 

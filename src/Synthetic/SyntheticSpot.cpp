@@ -1,4 +1,4 @@
-#include "Testing/SyntheticSpot.h"
+#include "Synthetic/SyntheticSpot.h"
 
 #include <algorithm>
 #include <cmath>

@@ -5,7 +5,7 @@
 
 #include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/IntMatrix2D.h"
-#include "Testing/SeededRandom.h"
+#include "Synthetic/SeededRandom.h"
 
 namespace Quarn::Testing {
 

@@ -1,11 +1,11 @@
-#include "Testing/SyntheticCarrier.h"
+#include "Synthetic/SyntheticCarrier.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <numbers>
 
-#include "Testing/SampleStore.h"
+#include "Synthetic/SampleStore.h"
 
 namespace Quarn::Testing {
 

@@ -3,7 +3,7 @@
 #include <functional>
 
 #include "Analysis/Core/FrameBuffer.h"
-#include "Testing/SeededRandom.h"
+#include "Synthetic/SeededRandom.h"
 
 namespace Quarn::Testing {
 

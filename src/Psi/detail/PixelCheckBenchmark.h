@@ -1,8 +1,8 @@
 #pragma once
 
-// What the two phase-shifter check benchmarks share: the synthetic 2048 x 2048 8-bit stacks and the
-// timing of one calculator, reported as megapixels per second and as a ratio of memcpy's bandwidth
-// over the same bytes with as many threads, measured in the same run.
+// What the PSI benchmarks share: the synthetic 2048 x 2048 8-bit stacks and (for the two
+// phase-shifter checks) the timing of one calculator, reported as megapixels per second and as a ratio of
+// memcpy's bandwidth over the same bytes with as many threads, measured in the same run.
 
 #include <benchmark/benchmark.h>
 

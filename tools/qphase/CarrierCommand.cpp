@@ -75,7 +75,12 @@ int RunCarrier(const CarrierOptions& options) {
   Core::DoubleMatrix2D phase, modulation;
   const auto start = std::chrono::steady_clock::now();
   kinephase.SetIntensity(frames, 0);
-  kinephase.Process(phase, modulation);
+  // Without a modulation output no modulation map is made (a quarter of the pipeline's memory).
+  if (modulationPath.empty()) {
+    kinephase.Process(phase);
+  } else {
+    kinephase.Process(phase, modulation);
+  }
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const Core::Status& status = kinephase.GetStatus();
   if (status.GetCode() == StatusCode::kNoValidResult) {

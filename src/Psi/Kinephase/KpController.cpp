@@ -304,15 +304,15 @@ bool KpController::Process() {
 }
 
 void KpController::Process(DoubleMatrix2D& phase) {
-  DoubleMatrix2D modulation;
-  Process(phase, modulation);
+  // The modulation decides which pixels keep a phase but is not kept: no map of it is made.
+  Guarded([&](KpBoard&) { ProcessBody(phase, nullptr); });
 }
 
 void KpController::Process(DoubleMatrix2D& phase, DoubleMatrix2D& modulation) {
-  Guarded([&](KpBoard&) { ProcessBody(phase, modulation); });
+  Guarded([&](KpBoard&) { ProcessBody(phase, &modulation); });
 }
 
-void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D& modulation) {
+void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D* modulation) {
   KpBoard& board = *board_;
   board.phaseScale = 1.0;
   board.phaseScale = phase.GetUnitManager().GetSlopeToBaseUnit(Analysis::Core::Units::kRadians);
@@ -323,7 +323,7 @@ void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D& modulation
   }
   ExtractJob job;
   job.phase = &phase;
-  job.modulation = &modulation;
+  job.modulation = modulation;
   job.threshold = board.modulationThreshold / 100.0 * 0.5 * board.intensityRange;
   job.scale = board.dataSign * board.phaseScale;
   job.row = detail::SelectPhaseRow(board.useFastPath);
@@ -338,7 +338,7 @@ void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D& modulation
     const int rows = board.fft.GetRows();
     const int columns = board.fft.GetColumns();
     QUARN_RETURN_IF_FAILED(phase.Resize(rows, columns), board.status, phase);
-    QUARN_RETURN_IF_FAILED(modulation.Resize(rows, columns), board.status, modulation);
+    if (modulation) QUARN_RETURN_IF_FAILED(modulation->Resize(rows, columns), board.status, *modulation);
     timer.Done("pipeline to the carrier removal");
     Rows(&KpController::ExtractPhaseAndModulation, &job, rows);
     timer.Done("phase and modulation");
@@ -366,7 +366,9 @@ bool KpController::ProcessFused(DoubleMatrix2D& phase, ExtractJob& job) {
   const int rows = board.fft.GetRows();
   const int columns = board.fft.GetColumns();
   QUARN_RETURN_IF_FAILED(phase.Resize(rows, columns), board.status, phase, false);
-  QUARN_RETURN_IF_FAILED(job.modulation->Resize(rows, columns), board.status, *job.modulation, false);
+  if (job.modulation) {
+    QUARN_RETURN_IF_FAILED(job.modulation->Resize(rows, columns), board.status, *job.modulation, false);
+  }
   QUARN_RETURN_IF_FAILED(board.trimRegions.Resize(phase.GetMatrixWindow()), board.status, board.trimRegions,
                          false);
   job.noData = &board.trimRegions;
@@ -408,7 +410,7 @@ void KpController::FinishRow(void* data, int r, std::complex<double>* signal) {
   row.scale = job.scale;
   row.noData = DoubleMatrix2D::NoData();
   row.phase = job.phase->Row(r);
-  row.modulation = job.modulation->Row(r);
+  row.modulation = job.modulation ? job.modulation->Row(r) : nullptr;
   if (job.carrier) row.rotators = reinterpret_cast<const double*>(job.carrier->RowRotators(r));
   row.noDataIds = job.noData->Row(r);
   row.invalidId = RegionIdMatrix2D::NoData();
@@ -426,7 +428,7 @@ void KpController::ExtractPhaseAndModulation(void* data, int /*thread*/, int fir
   for (int r = first; r < end; ++r) {
     row.z = reinterpret_cast<double*>(board_->fft.GetRow(r));
     row.phase = job.phase->Row(r);
-    row.modulation = job.modulation->Row(r);
+    row.modulation = job.modulation ? job.modulation->Row(r) : nullptr;
     job.row(row);
   }
 }

@@ -58,7 +58,10 @@ int RunCarrier(const CarrierOptions& options) {
   }
   if (options.maxValue > 0) frames.SetMaxValue(options.maxValue);
 
-  Kinephase::KinephaseAlgorithm kinephase;
+  // Held only while it runs: its board (frame, filter, transform, trim maps) is released before the
+  // maps are written.
+  auto algorithm = std::make_unique<Kinephase::KinephaseAlgorithm>();
+  Kinephase::KinephaseAlgorithm& kinephase = *algorithm;
   kinephase.SelectKernel(Kinephase::KpKernelSelector(options.pixelsPerFringe, options.quadrant));
   kinephase.SetModulationThreshold(options.threshold);
   kinephase.SetMinRegionSizeToTrim(options.minRegion);
@@ -75,6 +78,7 @@ int RunCarrier(const CarrierOptions& options) {
   Core::DoubleMatrix2D phase, modulation;
   const auto start = std::chrono::steady_clock::now();
   kinephase.SetIntensity(frames, 0);
+  frames.Release();  // the board holds its own copy of the frame
   // Without a modulation output no modulation map is made (a quarter of the pipeline's memory).
   if (modulationPath.empty()) {
     kinephase.Process(phase);
@@ -92,6 +96,7 @@ int RunCarrier(const CarrierOptions& options) {
                         " pixels per fringe; nothing written");
   }
   if (status.IsError()) throw UsageError(options.frame + ": " + status.GetPrintString());
+  algorithm.reset();
 
   std::int64_t validPixels = 0;
   // The modulation map and the preview are written on a second thread while this one writes the phase.

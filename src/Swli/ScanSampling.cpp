@@ -24,6 +24,10 @@ constexpr int kDefaultLastBin = 21;
 constexpr double kDefaultCentreBin = 17.0;
 // The sampling the defaults are written for: 600 nm light at 80 nm steps.
 constexpr double kDefaultPeriodFrames = 3.75;
+// The centroid's measure at its least favourable fringe phase, as a share of its value at four frames
+// per fringe, is sin^2(2 pi / P); from 3.5 to 4.7 frames per fringe it stays above 0.95 and the
+// threshold is left as given (the sampling the threshold was written for, give or take half a frame).
+const double kUnscaledShare = std::pow(std::sin(2.0 * std::numbers::pi / 3.5), 2);
 }  // namespace
 
 ScanSampling::ScanSampling() : status_(__LINE__, kSource) {}
@@ -34,7 +38,8 @@ void ScanSampling::SetFromWavelength(double wavelengthNm, double scanStepNm) {
 }
 
 template <typename Stored>
-bool ScanSampling::SumSpectra(const FrameBuffer& frames, const IntMatrix2D& peakFrames, int q, double* power) {
+bool ScanSampling::SumSpectra(const FrameBuffer& frames, const IntMatrix2D& peakFrames, int q,
+                              double* power) {
   const int rows = frames.GetRows();
   const int cols = frames.GetColumns();
   const int scanned = frames.GetNumberOfFrames();
@@ -109,7 +114,8 @@ Status& ScanSampling::Measure(const FrameBuffer& frames, const IntMatrix2D& peak
       any = SumSpectra<std::int32_t>(frames, peakFrames, q, power.data());
       break;
   }
-  const int strongest = static_cast<int>(std::max_element(power.begin() + 2, power.end() - 1) - power.begin());
+  const int strongest =
+      static_cast<int>(std::max_element(power.begin() + 2, power.end() - 1) - power.begin());
   if (!any || !(power[static_cast<std::size_t>(strongest)] > 0.0)) {
     status_ = Status(0, StatusCode::kNoValidResult, __LINE__, kSource,
                      "No pixel shows fringes to measure the fringe period from");
@@ -163,7 +169,7 @@ void ScanSampling::ApplyTo(PhaseAlgorithmFda& fda) const {
 double ScanSampling::ScaledMinimumModulation(double percent) const {
   if (!IsKnown() || periodFrames_ < 2.0) return percent;
   const double s = std::sin(2.0 * std::numbers::pi / periodFrames_);
-  return percent * s * s;
+  return percent * std::min(1.0, s * s / kUnscaledShare);
 }
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli

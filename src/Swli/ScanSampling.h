@@ -28,9 +28,11 @@ class PhaseAlgorithmFda;
 //   differences of samples one and two frames apart, is 4 A (|cos phi| sin^2 w + |sin phi| sin w)
 //   for fringes of amplitude A and phase phi at the peak, w = 2 pi / P: 4 A to 5.7 A at four frames
 //   per fringe, but 0.66 A to 1.8 A at fifteen. `ScaledMinimumModulation` multiplies a percentage
-//   meant for four frames per fringe by sin^2 w, the measure's smallest share at P, so that fringes
-//   of the amplitude that passed at four frames per fringe pass at any phase and any step and a
-//   surface keeps about the same valid fraction whatever the step.
+//   meant for four frames per fringe by sin^2 w / 0.95, the measure's smallest share at P relative
+//   to its share at 3.5 frames per fringe, and at most by 1 (so from 3.5 to 4.7 frames per fringe,
+//   where the share is above 0.95, the threshold stands as given): fringes of the amplitude that
+//   passed at about four frames per fringe pass at any phase and any step, and a surface keeps about
+//   the same valid fraction whatever the step.
 //
 // The period comes from the light (`SetFromWavelength`) or from the scan itself (`Measure`): the
 // power spectra of the signal windows around the peak frames of up to 1024 pixels spread over the
@@ -50,8 +52,8 @@ class QUARN_PP_EXPORT ScanSampling {
   ScanSampling();
 
   // Measures the fringe period from the windows of 64 samples (128 when the scan has more than 128
-  // frames, for a finer spectrum) centred on the pixels' peak frames (`peakFrames` covers the frame window; pixels whose
-  // window leaves the scan are skipped).
+  // frames, for a finer spectrum) centred on the pixels' peak frames (`peakFrames` covers the frame window;
+  // pixels whose window leaves the scan are skipped).
   Analysis::Core::Status& Measure(const Analysis::Core::FrameBuffer& frames,
                                   const Analysis::Core::IntMatrix2D& peakFrames);
   // The period of fringes of the given centre wavelength at the given scan step (both nanometres,
@@ -59,7 +61,9 @@ class QUARN_PP_EXPORT ScanSampling {
   void SetFromWavelength(double wavelengthNm, double scanStepNm);
 
   // A period known otherwise (frames per fringe, above 0; 0 or less: unknown).
-  void SetFromPeriod(double framesPerFringe) { periodFrames_ = framesPerFringe > 0.0 ? framesPerFringe : 0.0; }
+  void SetFromPeriod(double framesPerFringe) {
+    periodFrames_ = framesPerFringe > 0.0 ? framesPerFringe : 0.0;
+  }
 
   // Frames per fringe; 0 while unknown.
   double GetFringePeriodFrames() const { return periodFrames_; }

@@ -27,14 +27,16 @@ constexpr const char* kSource = "Swli\\SubsampledEvaluation";
 
 SubsampledEvaluation::SubsampledEvaluation() : status_(__LINE__, kSource) {}
 
-Status& SubsampledEvaluation::Process(FrameBuffer& frames, int factor, double scanStepNm, PhaseAlgorithm& algorithm,
-                                      const ScanSampling& sampling, int threads, DoubleMatrix2D& surface) {
+Status& SubsampledEvaluation::Process(FrameBuffer& frames, int factor, double scanStepNm,
+                                      PhaseAlgorithm& algorithm, const ScanSampling& sampling, int threads,
+                                      DoubleMatrix2D& surface) {
   status_.ClearError();
   subsamplesWithResult_ = 0;
   const int scanned = frames.GetNumberOfFrames();
   if (factor < 1 || frames.IsRing() || !(scanStepNm > 0.0) || scanned < factor) {
-    status_ = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
-                     "Subsampling needs a whole scan, a factor of 1 to the frame count and a scan step above 0");
+    status_ =
+        Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+               "Subsampling needs a whole scan, a factor of 1 to the frame count and a scan step above 0");
     return status_;
   }
   const Analysis::Core::Window2D window = frames.GetAllocatedWindow();
@@ -44,7 +46,8 @@ Status& SubsampledEvaluation::Process(FrameBuffer& frames, int factor, double sc
   }
   surface.SetAll(DoubleMatrix2D::NoData());
   const std::int64_t pixels = surface.GetCount();
-  std::vector<double> sum(static_cast<std::size_t>(pixels), 0.0), reference(static_cast<std::size_t>(pixels), 0.0);
+  std::vector<double> sum(static_cast<std::size_t>(pixels), 0.0),
+      reference(static_cast<std::size_t>(pixels), 0.0);
   std::vector<int> count(static_cast<std::size_t>(pixels), 0);
 
   ScanSampling subsampling;
@@ -78,7 +81,8 @@ Status& SubsampledEvaluation::Process(FrameBuffer& frames, int factor, double sc
     heights.SetAll(0.0);
     const Status& run = generator.Process(sub, peaks, auxiliary, heights);
     if (run.GetCode() == StatusCode::kNoValidResult) continue;
-    if (Analysis::Core::RecordCallFailure(status_, run, "generator.Process", kSource, __LINE__)) return status_;
+    if (Analysis::Core::RecordCallFailure(status_, run, "generator.Process", kSource, __LINE__))
+      return status_;
     ++subsamplesWithResult_;
     // Subsample frame k is the scan's frame offset + factor k: at (offset + factor k) x step forward;
     // reversed, at (F - offset - factor k) x step where the subsample puts it at factor (F' - k) x step.

@@ -37,7 +37,8 @@ class PhaseAlgorithm;
 //   ScanSampling sampling;
 //   sampling.Measure(frames, peaks);
 //   SubsampledEvaluation evaluation;
-//   evaluation.Process(frames, sampling.SubsampleFactor(frames.GetNumberOfFrames()), 20.0, fda, sampling, threads, surface);
+//   evaluation.Process(frames, sampling.SubsampleFactor(frames.GetNumberOfFrames()), 20.0, fda, sampling,
+//   threads, surface);
 class QUARN_PP_EXPORT SubsampledEvaluation {
  public:
   SubsampledEvaluation();

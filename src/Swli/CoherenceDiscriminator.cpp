@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "Analysis/Core/SampleDispatch.h"
 #include "Analysis/Core/Threading/ThreadDispatcher.h"
 #include "Swli/detail/PeakFinderKernel.h"
 
@@ -48,17 +49,8 @@ class Discriminator {
       function_(params_, first * cols, end * cols);
       return;
     }
-    switch (frames_.GetElementRes()) {
-      case AnalysisCore::FrameBuffer::kRes8Bit:
-        RowsAs<std::uint8_t>(first, end);
-        break;
-      case AnalysisCore::FrameBuffer::kRes16Bit:
-        RowsAs<std::uint16_t>(first, end);
-        break;
-      case AnalysisCore::FrameBuffer::kRes32Bit:
-        RowsAs<std::int32_t>(first, end);
-        break;
-    }
+    AnalysisCore::DispatchSampleType(
+        frames_, [&]<typename Stored>(AnalysisCore::SampleTag<Stored>) { RowsAs<Stored>(first, end); });
   }
 
  private:

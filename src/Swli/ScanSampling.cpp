@@ -6,6 +6,7 @@
 #include <numbers>
 #include <vector>
 
+#include "Analysis/Core/SampleDispatch.h"
 #include "Swli/PhaseAlgorithmFda.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
@@ -102,18 +103,10 @@ Status& ScanSampling::Measure(const FrameBuffer& frames, const IntMatrix2D& peak
   }
   const int q = scanned > 128 ? 128 : 64;
   std::vector<double> power(static_cast<std::size_t>(q / 2 + 1), 0.0);
-  bool any = false;
-  switch (frames.GetElementRes()) {
-    case FrameBuffer::kRes8Bit:
-      any = SumSpectra<std::uint8_t>(frames, peakFrames, q, power.data());
-      break;
-    case FrameBuffer::kRes16Bit:
-      any = SumSpectra<std::uint16_t>(frames, peakFrames, q, power.data());
-      break;
-    case FrameBuffer::kRes32Bit:
-      any = SumSpectra<std::int32_t>(frames, peakFrames, q, power.data());
-      break;
-  }
+  const bool any =
+      Analysis::Core::DispatchSampleType(frames, [&]<typename Stored>(Analysis::Core::SampleTag<Stored>) {
+        return SumSpectra<Stored>(frames, peakFrames, q, power.data());
+      });
   const int strongest =
       static_cast<int>(std::max_element(power.begin() + 2, power.end() - 1) - power.begin());
   if (!any || !(power[static_cast<std::size_t>(strongest)] > 0.0)) {

@@ -61,8 +61,7 @@ void WriteFloatTiff(const std::string& path, const Core::DataMatrix2D<double>& m
     }
     const tmsize_t bytes = static_cast<tmsize_t>(count) * cols * 4;
     if (TIFFWriteEncodedStrip(tiff.get(), static_cast<std::uint32_t>(index), strip.data(), bytes) != bytes) {
-      throw UsageError(shown + ": writing failed" +
-                       (TiffErrorSuffix()));
+      throw UsageError(shown + ": writing failed" + (TiffErrorSuffix()));
     }
   }
   if (!TIFFFlush(tiff.get())) throw UsageError(shown + ": writing failed (disk full?)");

@@ -104,5 +104,4 @@ TiffHandle OpenTiff(const std::string& path, const char* mode) {
   return tiff;
 }
 
-
 }  // namespace Quarn::Qphase::detail

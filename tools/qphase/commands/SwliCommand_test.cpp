@@ -163,11 +163,20 @@ TEST_F(SwliCliTest, AFineScanGivesTheSurfaceAndTheValidFractionOfACoarseOne) {
                          "subsamples of bins 13 .. 21"),
             std::string::npos)
       << fda.out;
-  Core::DoubleMatrix2D height;
+  // The subsamples on three threads and with the intensity map: the same heights, bit for bit.
+  const RunResult threaded = Run("swli " + fineScan + " -o " + Path("fda3.tif") +
+                                 " --scan-step 20 --algorithm fda --threads 3 --intensity " + Path("i.tif"));
+  ASSERT_EQ(threaded.status, 0) << threaded.err;
+  Core::DoubleMatrix2D height, height3, intensity;
   ReadFloatTiff(Path("fda.tif"), height);
+  ReadFloatTiff(Path("fda3.tif"), height3);
+  ReadFloatTiff(Path("i.tif"), intensity);
   for (int r = 0; r < 20; ++r) {
-    for (int c = 0; c < 28; ++c)
+    for (int c = 0; c < 28; ++c) {
       EXPECT_NEAR(height(r, c), Surface(r, c), 2.5) << r << "," << c;
+      EXPECT_EQ(height3(r, c), height(r, c)) << r << "," << c;
+      EXPECT_NEAR(intensity(r, c), 100.0, 8.0) << r << "," << c;
+    }
   }
 
   const RunResult fineCentroid = Run("swli " + fineScan + " -o " + Path("fc.tif") + " --scan-step 20");

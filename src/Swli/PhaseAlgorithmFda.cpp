@@ -1,14 +1,12 @@
 #include "Swli/PhaseAlgorithmFda.h"
 
-#include <emmintrin.h>
-#include <sleef.h>
-
 #include <cmath>
 #include <complex>
 #include <numbers>
 #include <string>
 
 #include "Analysis/Core/DebugChannel.h"
+#include "Swli/detail/VectorAtan2.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 
@@ -28,6 +26,8 @@ constexpr double kTwoPi = 2.0 * std::numbers::pi;
 constexpr double kPi = std::numbers::pi;
 // The band holds at most the bins of a 128-sample transform.
 constexpr int kMaxBandBins = 65;
+// The band's arrays padded to whole vectors of four for the vector atan2.
+constexpr int kPaddedBandBins = 68;
 // Each pixel's k0 is rounded to a multiple of 2^-20 bin before it is summed: such sums are exact in
 // double precision (up to some 10^8 pixels), so K0 is the same however the pixels were shared
 // among threads. The rounding (1e-6 bin) is far below any pixel's own uncertainty.
@@ -57,15 +57,8 @@ PhaseFit WeightedPhaseFit(const double* power, const double* phase, int firstBin
   return {(sy * skk - sky * sk) / d, (sky * sw - sy * sk) / d};
 }
 
-// atan2 of `count` pairs, two at a time with SLEEF's 1-ulp kernel (the library picks the widest
-// 128-bit implementation the processor runs); an odd last pair with libm.
-void VectorAtan2(const double* y, const double* x, double* out, int count) {
-  int i = 0;
-  for (; i + 2 <= count; i += 2)
-    _mm_storeu_pd(out + i, Sleef_atan2d2_u10(_mm_loadu_pd(y + i), _mm_loadu_pd(x + i)));
-  for (; i < count; ++i)
-    out[i] = std::atan2(y[i], x[i]);
-}
+// The vector atan2 of this processor, chosen once.
+const detail::VectorAtan2Function kVectorAtan2 = detail::SelectVectorAtan2();
 
 // The unwrapping step: the phase of a bin within pi of its inner neighbour.
 double Unwrapped(double phase, double inner) {
@@ -123,7 +116,7 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
 
   const int first = firstBin_;
   const int last = lastBin_;
-  double re[kMaxBandBins], im[kMaxBandBins], power[kMaxBandBins], phase[kMaxBandBins];
+  double re[kPaddedBandBins], im[kPaddedBandBins], power[kMaxBandBins], phase[kMaxBandBins];
   int strongest = -1;
   double strongestPower = 0.0;
   for (int k = first; k <= last; ++k) {
@@ -146,10 +139,18 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
   }
   if (strongest < 0 || strongestPower < powerThreshold_) return RemoveFringes(thread, pixel, peakFrame);
 
-  // The phases of the bins with fringe power: the fast path takes them all at once with a vector
-  // atan2 (within an ulp of libm's), the plain path one bin at a time as it unwraps.
-  double wrapped[kMaxBandBins];
-  if (useFastPath_) VectorAtan2(im, re, wrapped, last - first + 1);
+  // The phases of the bins with fringe power: the fast path takes them all at once with SLEEF's
+  // vector atan2 (within 3.5 ulp of the true angle), the plain path one bin at a time as it unwraps.
+  double wrapped[kPaddedBandBins];
+  if (useFastPath_) {
+    const int bins = last - first + 1;
+    const int padded = (bins + 3) / 4 * 4;
+    for (int b = bins; b < padded; ++b) {
+      re[b] = 1.0;
+      im[b] = 0.0;
+    }
+    kVectorAtan2(im, re, wrapped, padded);
+  }
   const auto angle = [&](int b) { return useFastPath_ ? wrapped[b] : std::atan2(im[b], re[b]); };
   // Unwrap outwards from the strongest bin while the bins hold fringe power.
   phase[strongest - first] = angle(strongest - first);

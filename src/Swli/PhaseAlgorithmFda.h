@@ -79,7 +79,7 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
     lastBin_ = lastBin;
   }
 
-  // The bins' phases by SLEEF's vector atan2 (true, the default; within an ulp of libm's, so heights
+  // The bins' phases by SLEEF's vector atan2 (true, the default; within 3.5 ulp of libm's, so heights
   // agree with the plain path to a few ulp) or by libm's scalar atan2 one bin at a time (false, the
   // reference).
   bool GetUseFastPath() const { return useFastPath_; }

@@ -18,7 +18,7 @@ namespace StatusCode = Analysis::Core::StatusCode;
 
 namespace {
 constexpr const char* kSource = "Swli\\ScanSampling";
-constexpr int kMaxMeasuredPixels = 1024;
+constexpr int kMaxMeasuredPixels = 256;
 // The frequency-domain analysis's default band and the bin it is centred on.
 constexpr int kDefaultFirstBin = 13;
 constexpr int kDefaultLastBin = 21;

@@ -35,7 +35,7 @@ class PhaseAlgorithmFda;
 //   the same valid fraction whatever the step.
 //
 // The period comes from the light (`SetFromWavelength`) or from the scan itself (`Measure`): the
-// power spectra of the signal windows around the peak frames of up to 1024 pixels spread over the
+// power spectra of the signal windows around the peak frames of up to 256 pixels spread over the
 // field are summed, and the strongest bin, refined by a parabola through its neighbours, gives the
 // period. Before either, the period is unknown (0) and the settings are the algorithms' defaults.
 //

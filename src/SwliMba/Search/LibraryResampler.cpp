@@ -14,7 +14,8 @@ namespace {
 
 constexpr double kUnset = DBL_MAX;
 
-std::unique_ptr<Analysis::Core::Threading::ThreadDispatcher<LibraryResampler>> MakeDispatcher(LibraryResampler* owner) {
+std::unique_ptr<Analysis::Core::Threading::ThreadDispatcher<LibraryResampler>> MakeDispatcher(
+    LibraryResampler* owner) {
   try {
     return std::make_unique<Analysis::Core::Threading::ThreadDispatcher<LibraryResampler>>(owner);
   } catch (...) {
@@ -85,8 +86,8 @@ bool LibraryResampler::CheckAdmissible(const DoubleMatrix2D& matrix) {
   return false;
 }
 
-std::complex<double> LibraryResampler::Interpolate(const std::complex<double>* bins, int numberOfBins, int first,
-                                                   int last, double x) {
+std::complex<double> LibraryResampler::Interpolate(const std::complex<double>* bins, int numberOfBins,
+                                                   int first, int last, double x) {
   if (x < first || x > last) return {0.0, 0.0};
   int i0;
   double t;
@@ -157,7 +158,8 @@ void LibraryResampler::ResampleRows(int thread, int first, int end) {
 
 void LibraryResampler::Execute(DoubleMatrix2D& input, DoubleMatrix2D& output) {
   if (inputRampSlope_ >= kUnset) return Fail(StatusCode::kCallFailed, __LINE__, "Input ramp slope is unset");
-  if (outputRampSlope_ >= kUnset) return Fail(StatusCode::kCallFailed, __LINE__, "Output ramp slope is unset");
+  if (outputRampSlope_ >= kUnset)
+    return Fail(StatusCode::kCallFailed, __LINE__, "Output ramp slope is unset");
   if (!dispatcher_) return Fail(StatusCode::kCallFailed, __LINE__, "Dispatcher allocation failed");
   input_ = &input;
   output_ = &output;

@@ -73,15 +73,17 @@ TEST_P(LibraryResamplerFailureTest, RecordsCodeAndMessage) {
 INSTANTIATE_TEST_SUITE_P(
     Cases, LibraryResamplerFailureTest,
     testing::Values(
-        FailureCase{"NoInputSlope", false, true, 3, 10, false, StatusCode::kCallFailed, "Input ramp slope is unset"},
+        FailureCase{"NoInputSlope", false, true, 3, 10, false, StatusCode::kCallFailed,
+                    "Input ramp slope is unset"},
         FailureCase{"NoOutputSlope", true, false, 3, 10, false, StatusCode::kCallFailed,
                     "Output ramp slope is unset"},
         FailureCase{"ZeroWidth", true, true, 3, 0, false, StatusCode::kNotSet,
                     "Input library matrix is not admissible: width must be positive"},
         FailureCase{"ZeroHeight", true, true, 0, 10, false, StatusCode::kNotSet,
                     "Input library matrix is not admissible: height must be positive"},
-        FailureCase{"OddWidth", true, true, 3, 9, false, StatusCode::kNotSet,
-                    "Input library matrix is not admissible: the width of a library matrix must be an even number"},
+        FailureCase{
+            "OddWidth", true, true, 3, 9, false, StatusCode::kNotSet,
+            "Input library matrix is not admissible: the width of a library matrix must be an even number"},
         FailureCase{"EvenBins", true, true, 3, 12, false, StatusCode::kNotSet, kHalfWidth},
         FailureCase{"FirstRowZero", true, true, 3, 10, true, StatusCode::kCallFailed,
                     "Determination of first valid library bin failed"}),
@@ -133,8 +135,10 @@ TEST(LibraryResamplerTest, InterpolationIsExactForCubics) {
     EXPECT_NEAR(v.real(), f(x).real(), 1e-11) << x;
     EXPECT_NEAR(v.imag(), f(x).imag(), 1e-11) << x;
   }
-  EXPECT_EQ(LibraryResampler::Interpolate(bins.data(), 12, first, last, 1.999), std::complex<double>(0.0, 0.0));
-  EXPECT_EQ(LibraryResampler::Interpolate(bins.data(), 12, first, last, 9.001), std::complex<double>(0.0, 0.0));
+  EXPECT_EQ(LibraryResampler::Interpolate(bins.data(), 12, first, last, 1.999),
+            std::complex<double>(0.0, 0.0));
+  EXPECT_EQ(LibraryResampler::Interpolate(bins.data(), 12, first, last, 9.001),
+            std::complex<double>(0.0, 0.0));
 }
 
 TEST(LibraryResamplerTest, NormalizeDividesByComplexL2Norm) {
@@ -171,8 +175,8 @@ DoubleMatrix2D PacketLibrary(int rows, int samples, double stepUm) {
   DoubleMatrix2D m(rows, 2 * bins);
   std::vector<double> trace(static_cast<std::size_t>(samples));
   std::vector<std::complex<double>> spectrum(static_cast<std::size_t>(bins));
-  fftw_plan plan = fftw_plan_dft_r2c_1d(samples, trace.data(), reinterpret_cast<fftw_complex*>(spectrum.data()),
-                                        FFTW_ESTIMATE);
+  fftw_plan plan = fftw_plan_dft_r2c_1d(samples, trace.data(),
+                                        reinterpret_cast<fftw_complex*>(spectrum.data()), FFTW_ESTIMATE);
   const double k0 = 2 * std::numbers::pi / 0.6;  // 600 nm centre wavelength
   const double coherenceUm = 1.0;
   for (int r = 0; r < rows; ++r) {
@@ -208,11 +212,10 @@ class LibraryResamplerPhysicsTest : public testing::TestWithParam<Sampling> {};
 // at the other sampling. A DFT of samples at step s approximates the continuous transform divided
 // by s, so the direct spectrum is the resampled one times s_in / s_out. Equal scan lengths
 // (N·s) put every output bin on an input bin: equal up to the different aliasing of the two
-// steps (the Gaussian tails beyond the coarser Nyquist frequency, below 1e-9 of the peak). Otherwise the cubic's error
-// is h⁴ |f''''| / 24-sized: the packets (1 µm coherence length, up to 0.6 µm off centre in a
-// ≥ 10 µm scan) give spectra that vary over several bins; the largest error is 0.1-0.5 % of the
-// peak, tested against 1 %
-// of the peak; a wrong slope ratio, sign or stencil gives errors of order 100 %.
+// steps (the Gaussian tails beyond the coarser Nyquist frequency, below 1e-9 of the peak). Otherwise the
+// cubic's error is h⁴ |f''''| / 24-sized: the packets (1 µm coherence length, up to 0.6 µm off centre in a ≥
+// 10 µm scan) give spectra that vary over several bins; the largest error is 0.1-0.5 % of the peak, tested
+// against 1 % of the peak; a wrong slope ratio, sign or stencil gives errors of order 100 %.
 TEST_P(LibraryResamplerPhysicsTest, MatchesDirectComputation) {
   const Sampling& s = GetParam();
   const int rows = 4;
@@ -245,8 +248,9 @@ TEST_P(LibraryResamplerPhysicsTest, MatchesDirectComputation) {
 
 std::string SamplingName(const testing::TestParamInfo<Sampling>& info) {
   const Sampling& s = info.param;
-  return std::to_string(s.inSamples) + "x" + std::to_string(static_cast<int>(s.inStep * 1000 + 0.5)) + "nm_to_" +
-         std::to_string(s.outSamples) + "x" + std::to_string(static_cast<int>(s.outStep * 1000 + 0.5)) + "nm";
+  return std::to_string(s.inSamples) + "x" + std::to_string(static_cast<int>(s.inStep * 1000 + 0.5)) +
+         "nm_to_" + std::to_string(s.outSamples) + "x" +
+         std::to_string(static_cast<int>(s.outStep * 1000 + 0.5)) + "nm";
 }
 
 INSTANTIATE_TEST_SUITE_P(Samplings, LibraryResamplerPhysicsTest,

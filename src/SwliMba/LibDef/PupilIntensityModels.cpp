@@ -44,10 +44,10 @@ PupilIntensityModel* PupilIntensityModels::GetNearest(double wavelengthUm) const
   if (above == models_.begin()) return above->second.get();
   if (above == models_.end()) return std::prev(above)->second.get();
   auto below = std::prev(above);
-  // The shorter wavelength wins a tie.
-  return std::fabs(wavelengthUm - above->first) < std::fabs(wavelengthUm - below->first)
-             ? above->second.get()
-             : below->second.get();
+  // Nearer of the two neighbours, the shorter wavelength on a tie. The comparison is made against
+  // their midpoint, which is the same rule as comparing |λ − key| but decides decimal ties as they
+  // are meant (0.55 lies halfway between 0.5 and 0.6, although 0.6 − 0.55 < 0.55 − 0.5 in binary).
+  return wavelengthUm <= 0.5 * (below->first + above->first) ? below->second.get() : above->second.get();
 }
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::LibDef

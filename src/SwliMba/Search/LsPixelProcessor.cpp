@@ -82,7 +82,8 @@ bool LsPixelProcessor::Init(const LsBoard& board, int firstBin, int lastBin) {
             "Call to correlations.Resize failed") ||
       !Size(merit_, magOnly ? block * signals : 0, status_, "Call to merit.Resize failed") ||
       !Size(coarseCorrelations_, fast ? block * coarse : 0, status_, "Call to coarseZ.Resize failed") ||
-      !Size(denseScores_, 2 * kFastHalfWidth + 1, status_, "Call to interpolatedPeaks.Resize failed"))
+      !Size(denseScores_, 2 * kFastHalfWidth + 1, status_, "Call to interpolatedPeaks.Resize failed") ||
+      !Size(scores_, signals, status_, "Call to correlated.Resize failed"))
     return false;
   try {
     candidates_.reserve(64);
@@ -170,11 +171,17 @@ void LsPixelProcessor::Candidates(int slot, const LsLibrary& library, std::vecto
   // Scores along the grid searched first: every signal, or the coarse grid of the fast search
   // (where the neighbour along variable 1 is `stride` entries away as well).
   const int count = fast ? library.GetNumberOfCoarseSignals() : signals;
-  auto score = [&](int i) -> double {
-    const std::size_t at = static_cast<std::size_t>(slot) * count + i;
-    if (mode == LsSearchMode::MagOnly) return merit_[at];
-    return std::abs(fast ? coarseCorrelations_[at] : correlations_[at]);
-  };
+  // The scores once (|.| from the squared magnitude, which is cheaper than std::abs).
+  double* scores = scores_.data();
+  const std::size_t at = static_cast<std::size_t>(slot) * count;
+  if (mode == LsSearchMode::MagOnly) {
+    std::copy(merit_.data() + at, merit_.data() + at + count, scores);
+  } else {
+    const cd* values = (fast ? coarseCorrelations_.data() : correlations_.data()) + at;
+    for (int i = 0; i < count; ++i)
+      scores[i] = std::sqrt(std::norm(values[i]));
+  }
+  auto score = [scores](int i) { return scores[i]; };
 
   Interval intervals[64];
   int found = 0;
@@ -246,8 +253,8 @@ double LsPixelProcessor::StartHeight(int slot, const LsLibrary& library, int sig
   return -std::arg(sum) * n_ / (2.0 * std::numbers::pi);
 }
 
-LsPixelProcessor::Fit LsPixelProcessor::FullFit(int slot, const LsLibrary& library, int signal,
-                                                double h0) const {
+LsPixelProcessor::Fit LsPixelProcessor::FullFit(int slot, const LsLibrary& library, int signal, double h0,
+                                                bool onFringe) const {
   const cd* m = spectra_.data() + static_cast<std::size_t>(slot) * band_;
   const cd* l = library.GetBand(signal);
   const double norm = norms_[static_cast<std::size_t>(slot)] * library.GetBandNorm(signal);
@@ -280,22 +287,33 @@ LsPixelProcessor::Fit LsPixelProcessor::FullFit(int slot, const LsLibrary& libra
     }
   };
   cd c0, c1, c2;
-  evaluate(h0, c0, c1, c2);
-  const double h = h0 - std::arg(c0) / centroid;
-  const double fringe = 2.0 * std::numbers::pi / centroid;
-  double bestValue = -std::numeric_limits<double>::infinity();
-  for (int order : {0, -1, 1}) {
-    double hh = h + order * fringe;
-    for (int it = 0; it < 3; ++it) {
-      evaluate(hh, c0, c1, c2);
+  auto newton = [&](double h, int steps) {
+    for (int it = 0; it < steps; ++it) {
+      evaluate(h, c0, c1, c2);
       const double slope = -c1.imag(), curvature = -c2.real();
       if (!(curvature < 0.0)) break;
-      hh -= slope / curvature;
+      h -= slope / curvature;
     }
-    evaluate(hh, c0, c1, c2);
-    if (c0.real() > bestValue) {
-      bestValue = c0.real();
-      fit.height = hh;
+    evaluate(h, c0, c1, c2);
+    return h;
+  };
+  if (!onFringe) {
+    evaluate(h0, c0, c1, c2);
+    h0 -= std::arg(c0) / centroid;
+  }
+  fit.height = newton(h0, onFringe ? 2 : 3);
+  double bestValue = c0.real();
+  if (!onFringe) {
+    // The neighbouring fringe orders: the one of largest Re C is the least-squares height.
+    const double fringe = 2.0 * std::numbers::pi / centroid;
+    for (int order : {-1, 1}) {
+      evaluate(fit.height + order * fringe, c0, c1, c2);
+      if (c0.real() <= bestValue) continue;
+      const double h = newton(fit.height + order * fringe, 3);
+      if (c0.real() > bestValue) {
+        bestValue = c0.real();
+        fit.height = h;
+      }
     }
   }
   fit.merit = bestValue / norm;
@@ -315,7 +333,7 @@ LsPixelProcessor::Result LsPixelProcessor::Refine(int slot, const LsLibrary& lib
       fraction = Vertex(row[signal - stride], row[signal], row[signal + stride]);
     result.height = StartHeight(slot, library, signal);
   } else {
-    Fit centre = FullFit(slot, library, signal, StartHeight(slot, library, signal));
+    Fit centre = FullFit(slot, library, signal, StartHeight(slot, library, signal), false);
     Fit left, right;
     bool hasLeft = false, hasRight = false;
     // Climb along variable 1 to the signal of highest merit (the candidate stage's best and the
@@ -323,8 +341,8 @@ LsPixelProcessor::Result LsPixelProcessor::Refine(int slot, const LsLibrary& lib
     for (int move = 0; move < 8; ++move) {
       hasLeft = signal - stride >= 0;
       hasRight = signal + stride < signals;
-      if (hasLeft) left = FullFit(slot, library, signal - stride, centre.height);
-      if (hasRight) right = FullFit(slot, library, signal + stride, centre.height);
+      if (hasLeft) left = FullFit(slot, library, signal - stride, centre.height, true);
+      if (hasRight) right = FullFit(slot, library, signal + stride, centre.height, true);
       if (hasLeft && left.merit > centre.merit && (!hasRight || left.merit >= right.merit)) {
         signal -= stride;
         centre = left;

@@ -87,7 +87,9 @@ class LsPixelProcessor {
   void LoadPixel(int thread, int pixel, int slot);
   void CandidateScores(int libraryId, int count);
   void Candidates(int slot, const LsLibrary& library, std::vector<int>& out, double& confidence);
-  Fit FullFit(int slot, const LsLibrary& library, int signal, double h0) const;
+  // The least-squares height from h0; `onFringe`: h0 already lies on the right fringe (a
+  // neighbouring signal's height), so neither the fringe nor its neighbours are searched.
+  Fit FullFit(int slot, const LsLibrary& library, int signal, double h0, bool onFringe) const;
   double StartHeight(int slot, const LsLibrary& library, int signal) const;
   Result Refine(int slot, const LsLibrary& library, int signal) const;
 
@@ -104,6 +106,7 @@ class LsPixelProcessor {
   std::vector<double> merit_;
   std::vector<std::complex<double>> coarseCorrelations_;
   std::vector<int> candidates_;
+  std::vector<double> scores_;                     // candidate-stage scores of one pixel
   std::vector<std::complex<double>> denseScores_;  // fast search, dense values around an interval
   int scoredLibrary_ = -1;
   int blockCount_ = 0;

@@ -121,4 +121,53 @@ bool RecordFilmScan(const FilmSignalModel& model, const FilmScanSettings& settin
   return true;
 }
 
+bool RecordScanFromSpectra(const Core::DoubleMatrix2D& spectra, int rows, int cols,
+                           const std::function<int(int, int)>& signalOf,
+                           const std::function<double(int, int)>& heightFrames, double bias, double gain,
+                           double noiseFraction, SeededRandom* random, Core::FrameBuffer& frames) {
+  const int bins = spectra.GetColumns() / 2;
+  const int n = 2 * (bins - 1);
+  if (!frames.Allocate(Core::Window2D(0, 0, rows, cols), n, Core::FrameBuffer::kRes16Bit)) return false;
+  // The bins that carry signal in any row (outside the source's band the spectra are zero).
+  std::vector<int> band;
+  for (int m = 1; m < bins - 1; ++m) {
+    bool used = false;
+    for (int r = 0; r < spectra.GetRows() && !used; ++r)
+      used = spectra(r, 2 * m) != 0.0 || spectra(r, 2 * m + 1) != 0.0;
+    if (used) band.push_back(m);
+  }
+  std::vector<cd> turn(static_cast<std::size_t>(n));
+  for (int k = 0; k < n; ++k)
+    turn[static_cast<std::size_t>(k)] = std::polar(1.0, 2.0 * std::numbers::pi * k / n);
+  std::vector<double> trace(static_cast<std::size_t>(n));
+  std::vector<cd> moved(band.size());
+  for (int r = 0; r < rows; ++r) {
+    for (int c = 0; c < cols; ++c) {
+      const int s = signalOf(r, c);
+      const double h = heightFrames(r, c);
+      for (std::size_t b = 0; b < band.size(); ++b) {
+        const int m = band[b];
+        moved[b] = cd(spectra(s, 2 * m), spectra(s, 2 * m + 1)) *
+                   std::polar(2.0 / n, -2.0 * std::numbers::pi * m * h / n);
+      }
+      double peak = 0.0;
+      for (int j = 0; j < n; ++j) {
+        double v = 0.0;
+        for (std::size_t b = 0; b < band.size(); ++b)
+          v += (moved[b] * turn[static_cast<std::size_t>((band[b] * j) % n)]).real();
+        trace[static_cast<std::size_t>(j)] = v;
+        peak = std::max(peak, std::abs(v));
+      }
+      const double sigma = noiseFraction * peak * gain;
+      for (int j = 0; j < n; ++j) {
+        double v = bias + gain * trace[static_cast<std::size_t>(j)];
+        if (random && sigma > 0.0) v += random->Normal(sigma);
+        frames.GetFrame<std::uint16_t>(j)[r * cols + c] =
+            static_cast<std::uint16_t>(std::clamp(std::round(v), 0.0, 65535.0));
+      }
+    }
+  }
+  return true;
+}
+
 }  // namespace Quarn::Testing

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <complex>
 #include <numbers>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,11 @@ struct FailureCase {
   unsigned code;
   std::string message;
 };
+
+// Names the case in test listings (instead of its bytes).
+[[maybe_unused]] void PrintTo(const FailureCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class LibraryResamplerFailureTest : public testing::TestWithParam<FailureCase> {};
 
@@ -205,6 +211,11 @@ struct Sampling {
   double outStep;
   double tolerance;  // relative to the largest magnitude of the directly computed spectrum
 };
+
+// Names the case in test listings (instead of its bytes).
+[[maybe_unused]] void PrintTo(const Sampling& c, std::ostream* os) {
+  *os << c.inSamples << "x" << c.inStep << "_to_" << c.outSamples << "x" << c.outStep;
+}
 
 class LibraryResamplerPhysicsTest : public testing::TestWithParam<Sampling> {};
 

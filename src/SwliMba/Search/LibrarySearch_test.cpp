@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <complex>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -78,6 +79,11 @@ struct LibraryCase {
   unsigned code;         // 0: accepted
   const char* message;
 };
+
+// Names the case in test listings (instead of its bytes).
+[[maybe_unused]] void PrintTo(const LibraryCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class LibraryAdmissionTest : public testing::TestWithParam<LibraryCase> {};
 
@@ -179,6 +185,11 @@ struct ModeCase {
   std::string mode;
   int threads;
 };
+
+// Names the case in test listings (instead of its bytes).
+[[maybe_unused]] void PrintTo(const ModeCase& c, std::ostream* os) {
+  *os << c.mode << "_" << c.threads;
+}
 
 class ShiftedSignalTest : public testing::TestWithParam<ModeCase> {};
 
@@ -417,6 +428,11 @@ struct GoalCase {
   double thicknessGoalNm;  // RMS
   double heightGoalNm;     // RMS (0: none)
 };
+
+// Names the case in test listings (instead of its bytes).
+[[maybe_unused]] void PrintTo(const GoalCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class AccuracyGoalTest : public testing::TestWithParam<GoalCase> {};
 

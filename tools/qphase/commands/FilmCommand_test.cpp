@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <numbers>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -139,6 +140,11 @@ struct BadInput {
   std::string extra;                    // further arguments
   std::string expected;                 // part of the message
 };
+
+// Names the case in test listings (instead of its bytes).
+[[maybe_unused]] void PrintTo(const BadInput& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class FilmBadInputTest : public FilmCliTest, public testing::WithParamInterface<BadInput> {};
 

@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(cmake g++ make pkgconf libgtest-dev libgmock-dev libbenchmark-dev libfftw3-dev libeigen3-dev
-          libtiff-dev libpng-dev libcli11-dev libsleef-dev)
+          libtiff-dev libpng-dev libcli11-dev libsleef-dev nlohmann-json3-dev)
 if [[ "${1:-}" == "--test" ]]; then
   packages+=(python3 python3-numpy python3-pil python3-tifffile)
 fi

@@ -49,7 +49,7 @@ void LibraryGenerator::SetWavenumberOversampling(double factor) {
 }
 
 void LibraryGenerator::SetAngularNodesPerInterval(int nodes) {
-  nodesPerInterval_ = std::clamp(nodes, 1, 64);
+  nodesPerInterval_ = nodes <= 0 ? 0 : std::min(nodes, 64);
 }
 
 void LibraryGenerator::SetAzimuthNodes(int nodes) {
@@ -197,6 +197,19 @@ bool LibraryGenerator::GenerateImpl(LibDef::Library& library) {
   request.stepUm = stepUm;
   request.ambientIndex =
       std::max(1e-3, LgStackModel::IndexAt(materials, stack.GetAmbient(), centreWavelength).real());
+  // How much weaker each further round trip in a layer returns (normal incidence, source centre).
+  {
+    std::vector<std::complex<double>> n(layers + 2);
+    n[0] = LgStackModel::IndexAt(materials, stack.GetAmbient(), centreWavelength);
+    for (int j = 0; j < layers; ++j)
+      n[j + 1] = centreIndex[j];
+    n[layers + 1] = LgStackModel::IndexAt(materials, stack.GetSubstrate(), centreWavelength);
+    for (int j = 1; j <= layers; ++j) {
+      const double ratio =
+          std::abs((n[j - 1] - n[j]) / (n[j - 1] + n[j]) * (n[j] - n[j + 1]) / (n[j] + n[j + 1]));
+      request.echoRatio = std::max(request.echoRatio, ratio);
+    }
+  }
   LgConfiguration config;
   for (int c = 0; c < configurations; ++c) {
     configure(c, config);

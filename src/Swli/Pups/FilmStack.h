@@ -43,7 +43,7 @@ struct FilmLayer {
 //   stack.SetAmbient("Air");
 //   stack.SetSubstrate("Si");
 //   std::complex<double> rs, rp;
-//   stack.GetReflection(2 * M_PI / 0.6, 0.0, rs, rp);   // bare silicon: rs = rp ≈ −0.595 − 0.001i
+//   stack.GetReflection(2 * M_PI / 0.6, 0.0, rs, rp);   // bare silicon: rs = rp ≈ −0.595 − 0.002i
 //
 // Failures (facility 10, code 5): a material name the library does not hold, a negative or
 // non-finite thickness, a layer index out of range.

@@ -322,17 +322,17 @@ void ReadDocument(const Json& root, Library& library) {
       if (!seen.insert({layer, static_cast<int>(kind)}).second) {
         Refuse(field, "varies the same parameter as the variable before it");
       }
-      VariableSpecification& spec =
+      VariableSpecification& variable =
           v == 0 ? library.GetSkew().GetVariable1() : library.GetSkew().GetVariable2();
-      spec.SetLayerIndex(static_cast<int>(layer));
-      spec.SetKind(kind);
-      spec.SetRange(from, to, step);
+      variable.SetLayerIndex(static_cast<int>(layer));
+      variable.SetKind(kind);
+      variable.SetRange(from, to, step);
       const double values = std::ceil((to - from) / step) + 1.0;
       if (values > static_cast<double>(LibraryJson::kMaxConfigurations)) {
         Refuse(field, "has " + Number(values) + " values, more than the limit of " +
                           std::to_string(LibraryJson::kMaxConfigurations));
       }
-      configurations *= spec.GetNumberOfValues();
+      configurations *= variable.GetNumberOfValues();
       if (configurations > LibraryJson::kMaxConfigurations) {
         Refuse("vary", "gives " + std::to_string(configurations) +
                            " configurations, more than the limit of " +

@@ -17,8 +17,9 @@ namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::LibDef {
 //
 // The instrument a library is computed for: objective magnification and type, illumination
 // polarisation, the source spectrum, the pupil (illumination models and roll-off), and the
-// objective's arm mismatch (`Tau`) and dispersion. The numerical aperture that bounds the pupil
-// is the objective's; it is kept here too (not set: the largest finite double).
+// objective's arm mismatch (`Tau`) and dispersion; last, the objective's numerical aperture, up to
+// which the library generator fills the pupil uniformly (0 means on-axis light only; not set: the
+// largest finite double).
 //
 // Copies are full copies except that the pupil intensity's model list is shared.
 class QUARN_PP_EXPORT SystemModel {

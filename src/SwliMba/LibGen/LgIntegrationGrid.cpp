@@ -76,8 +76,14 @@ bool LgIntegrationGrid::Build(LibDef::SystemModel& system, const LgGridRequest& 
   }
   kLo_ = std::max(kLo_, 0.01 * minCentre);
 
+  int echoes = 2;
+  if (request.echoRatio > 0.0 && request.echoRatio < 1.0) {
+    echoes = std::clamp(1 + static_cast<int>(std::ceil(std::log(1e-7) / std::log(request.echoRatio))), 2, 16);
+  } else if (request.echoRatio >= 1.0) {
+    echoes = 16;
+  }
   const double period = 0.5 * request.samples * request.stepUm + request.maxTopOffsetUm +
-                        2.0 * request.maxOpticalDepthUm + kCoherenceMargin / (2.0 * minWidth);
+                        echoes * request.maxOpticalDepthUm + kCoherenceMargin / (2.0 * minWidth);
   const double dk = kPi / (request.ambientIndex * period) / std::max(settings.oversampling, 1e-3);
   const int nk = std::max(3, static_cast<int>(std::ceil((kHi_ - kLo_) / dk)) + 1);
   wavenumbers_.resize(nk);
@@ -106,6 +112,7 @@ bool LgIntegrationGrid::Build(LibDef::SystemModel& system, const LgGridRequest& 
   breakpoints_.assign(1, 0.0);
   std::vector<double> nodeWeight;
   if (na == 0.0) {
+    nodesPerInterval_ = 1;
     angles_.assign(1, 0.0);
     cosines_.assign(1, 1.0);
     nodeWeight.assign(1, useRollOff ? rollOff.Model(0.0) : 1.0);
@@ -120,8 +127,23 @@ bool LgIntegrationGrid::Build(LibDef::SystemModel& system, const LgGridRequest& 
     breakpoints_.push_back(betaMax_);
     std::sort(breakpoints_.begin(), breakpoints_.end());
     breakpoints_.erase(std::unique(breakpoints_.begin(), breakpoints_.end()), breakpoints_.end());
+    int n = settings.nodesPerInterval;
+    if (n <= 0) {
+      double widest = 0.0;
+      for (std::size_t b = 0; b + 1 < breakpoints_.size(); ++b)
+        widest = std::max(widest, 0.5 * (std::cos(breakpoints_[b]) - std::cos(breakpoints_[b + 1])));
+      const double reach =
+          0.5 * request.samples * request.stepUm + request.maxTopOffsetUm + 2.0 * request.maxOpticalDepthUm;
+      const double ah = 2.0 * kHi_ * request.ambientIndex * reach * widest;
+      // log of (a h)^(2n) (n!)^4 / ((2n + 1) ((2n)!)^3), which falls with n once n exceeds a h.
+      n = 3;
+      while (n < 64 && 2 * n * std::log(std::max(ah, 1e-300)) + 4 * std::lgamma(n + 1.0) -
+                               std::log(2.0 * n + 1) - 3 * std::lgamma(2.0 * n + 1) >
+                           std::log(1e-12))
+        ++n;
+    }
+    nodesPerInterval_ = n;
     std::vector<double> x, w;
-    const int n = std::max(1, settings.nodesPerInterval);
     GaussLegendre(n, x, w);
     angles_.clear();
     cosines_.clear();
@@ -200,7 +222,7 @@ bool LgIntegrationGrid::Build(LibDef::SystemModel& system, const LgGridRequest& 
 std::string LgIntegrationGrid::Describe() const {
   char buffer[128];
   std::snprintf(buffer, sizeof buffer, "%.17g %.17g %d %d %d", kLo_, kHi_, NumberOfWavenumbers(),
-                settings_.nodesPerInterval, settings_.azimuthNodes);
+                nodesPerInterval_, settings_.azimuthNodes);
   std::string text(buffer);
   for (double b : breakpoints_) {
     std::snprintf(buffer, sizeof buffer, " %.17g", b);

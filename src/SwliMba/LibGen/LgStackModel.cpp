@@ -63,6 +63,26 @@ bool LgStackModel::Prepare(FilmStack& stack, const LgIntegrationGrid& grid, Stat
       }
     }
   }
+  // What the block path needs per node: the interfaces' Fresnel coefficients, 2 k w of the layers,
+  // and the source, instrument and pupil weights of each polarisation.
+  rhoS_.resize(static_cast<std::size_t>(mediaCount - 1) * nodes_);
+  rhoP_.resize(rhoS_.size());
+  twoKw_.resize(static_cast<std::size_t>(std::max(layers_, 1)) * nodes_);
+  frontS_.resize(nodes_);
+  frontP_.resize(nodes_);
+  for (int node = 0; node < nodes_; ++node) {
+    for (int m = 0; m + 1 < mediaCount; ++m) {
+      const std::size_t a = static_cast<std::size_t>(m) * nodes_ + node;
+      const std::size_t b = a + nodes_;
+      rhoS_[a] = optics::Fresnel(etaS_[a], etaS_[b]);
+      rhoP_[a] = optics::Fresnel(etaP_[a], etaP_[b]);
+    }
+    for (int j = 1; j <= layers_; ++j)
+      twoKw_[static_cast<std::size_t>(j - 1) * nodes_ + node] =
+          2.0 * k_[node] * w_[static_cast<std::size_t>(j) * nodes_ + node];
+    frontS_[node] = front_[node] * weightS_[node];
+    frontP_[node] = front_[node] * weightP_[node];
+  }
   return true;
 }
 
@@ -126,11 +146,6 @@ inline std::complex<double> ExpI(std::complex<double> x) {
 void LgStackModel::BlockCoefficients(const LgConfiguration* configurations, int count,
                                      std::vector<std::complex<double>>& scratch,
                                      std::complex<double>* c) const {
-  const int mediaCount = layers_ + 2;
-  scratch.resize(3 * static_cast<std::size_t>(mediaCount));
-  std::complex<double>* rhoS = scratch.data();  // interface j between media j and j + 1
-  std::complex<double>* rhoP = rhoS + mediaCount;
-  std::complex<double>* twoKw = rhoP + mediaCount;  // 2 k w of each layer
   bool shifted = false;
   for (int i = 0; i < count; ++i) {
     for (const auto& s : configurations[i].indexShift)
@@ -141,29 +156,54 @@ void LgStackModel::BlockCoefficients(const LgConfiguration* configurations, int 
       Coefficients(configurations[i], scratch, c + static_cast<std::size_t>(i) * nodes_);
     return;
   }
-  for (int node = 0; node < nodes_; ++node) {
-    for (int m = 0; m + 1 < mediaCount; ++m) {
-      const std::size_t a = static_cast<std::size_t>(m) * nodes_ + node;
-      const std::size_t b = a + nodes_;
-      rhoS[m] = Divide(etaS_[a] - etaS_[b], etaS_[a] + etaS_[b]);
-      rhoP[m] = Divide(etaP_[a] - etaP_[b], etaP_[a] + etaP_[b]);
-      twoKw[m] = 2.0 * k_[node] * w_[a];
-    }
-    const std::complex<double> frontS = front_[node] * weightS_[node];
-    const std::complex<double> frontP = front_[node] * weightP_[node];
-    const double q = q_[node];
-    for (int i = 0; i < count; ++i) {
-      const LgConfiguration& config = configurations[i];
-      std::complex<double> rs = rhoS[layers_], rp = rhoP[layers_];
-      for (int j = layers_; j >= 1; --j) {
-        const std::complex<double> e = ExpI(twoKw[j] * config.thicknessUm[j - 1]);
-        const std::complex<double> es = Multiply(rs, e), ep = Multiply(rp, e);
-        rs = Divide(rhoS[j - 1] + es, 1.0 + Multiply(rhoS[j - 1], es));
-        rp = Divide(rhoP[j - 1] + ep, 1.0 + Multiply(rhoP[j - 1], ep));
+  // Per layer and node: the round-trip factor e = exp(2i k w t) of the current thickness and the
+  // factor of the last thickness step. A library steps a thickness evenly, so most configurations
+  // update e by one multiplication; any other change recomputes it (and the block's first does), so
+  // the products never run longer than a block.
+  const std::size_t perLayer = static_cast<std::size_t>(nodes_);
+  scratch.resize(2 * perLayer * std::max(layers_, 1));
+  std::complex<double>* roundTrip = scratch.data();
+  std::complex<double>* stepFactor = roundTrip + perLayer * std::max(layers_, 1);
+  std::vector<double> thickness(layers_, 0.0), step(layers_, 0.0);
+  for (int i = 0; i < count; ++i) {
+    const LgConfiguration& config = configurations[i];
+    for (int j = 0; j < layers_; ++j) {
+      const double t = config.thicknessUm[j];
+      std::complex<double>* e = roundTrip + j * perLayer;
+      std::complex<double>* d = stepFactor + j * perLayer;
+      const std::complex<double>* twoKw = twoKw_.data() + j * perLayer;
+      if (i > 0 && t == thickness[j]) continue;
+      if (i > 0 && t - thickness[j] == step[j]) {
+        for (int node = 0; node < nodes_; ++node)
+          e[node] = Multiply(e[node], d[node]);
+      } else {
+        for (int node = 0; node < nodes_; ++node)
+          e[node] = ExpI(twoKw[node] * t);
+        if (i > 0) {
+          step[j] = t - thickness[j];
+          for (int node = 0; node < nodes_; ++node)
+            d[node] = ExpI(twoKw[node] * step[j]);
+        } else {
+          step[j] = 0.0;
+        }
       }
-      std::complex<double> value = Multiply(frontS, rs) + Multiply(frontP, rp);
-      if (config.topUm != 0.0) value = Multiply(value, ExpI(-q * config.topUm));
-      c[static_cast<std::size_t>(i) * nodes_ + node] = value;
+      thickness[j] = t;
+    }
+    std::complex<double>* out = c + static_cast<std::size_t>(i) * nodes_;
+    const bool shiftTop = config.topUm != 0.0;
+    for (int node = 0; node < nodes_; ++node) {
+      std::complex<double> rs = rhoS_[layers_ * perLayer + node], rp = rhoP_[layers_ * perLayer + node];
+      for (int j = layers_; j >= 1; --j) {
+        const std::complex<double> e = roundTrip[(j - 1) * perLayer + node];
+        const std::complex<double> es = Multiply(rs, e), ep = Multiply(rp, e);
+        const std::complex<double> rhoS = rhoS_[(j - 1) * perLayer + node];
+        const std::complex<double> rhoP = rhoP_[(j - 1) * perLayer + node];
+        rs = Divide(rhoS + es, 1.0 + Multiply(rhoS, es));
+        rp = Divide(rhoP + ep, 1.0 + Multiply(rhoP, ep));
+      }
+      std::complex<double> value = Multiply(frontS_[node], rs) + Multiply(frontP_[node], rp);
+      if (shiftTop) value = Multiply(value, ExpI(-q_[node] * config.topUm));
+      out[node] = value;
     }
   }
 }

@@ -65,6 +65,8 @@ class LgStackModel {
   std::vector<std::complex<double>> tangential_;  // per node: N0 sin β
   // Per medium m (0 ambient .. L + 1 substrate) and node, at [m * nodes + node].
   std::vector<std::complex<double>> index_, w_, etaS_, etaP_;
+  // Per interface m (between media m and m + 1) and node; per layer and node; per node.
+  std::vector<std::complex<double>> rhoS_, rhoP_, twoKw_, frontS_, frontP_;
 };
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::LibGen

@@ -34,7 +34,7 @@ struct Variable {
   int kind = VariableKind::Undefined;
   int layer = 0;
   int count = 1;
-  const VariableSpecification* spec = nullptr;
+  const VariableSpecification* definition = nullptr;
   double baseTerm = 0.0;  // the Cauchy term the variable replaces
 };
 }  // namespace
@@ -49,7 +49,7 @@ void LibraryGenerator::SetWavenumberOversampling(double factor) {
 }
 
 void LibraryGenerator::SetAngularNodesPerInterval(int nodes) {
-  nodesPerInterval_ = std::clamp(nodes, 1, 64);
+  nodesPerInterval_ = nodes <= 0 ? 0 : std::min(nodes, 64);
 }
 
 void LibraryGenerator::SetAzimuthNodes(int nodes) {
@@ -102,11 +102,11 @@ bool LibraryGenerator::GenerateImpl(LibDef::Library& library) {
   }
   const LibDef::Skew& skew = library.GetSkew();
   Variable variables[2];
-  const VariableSpecification* specs[2] = {&skew.GetVariable1(), &skew.GetVariable2()};
+  const VariableSpecification* definitions[2] = {&skew.GetVariable1(), &skew.GetVariable2()};
   for (int v = 0; v < 2; ++v) {
     Variable& var = variables[v];
-    var.spec = specs[v];
-    var.kind = specs[v]->GetKind();
+    var.definition = definitions[v];
+    var.kind = definitions[v]->GetKind();
     if (v == 1 && variables[0].kind == VariableKind::Undefined) var.kind = VariableKind::Undefined;
     if (var.kind == VariableKind::Undefined) continue;
     const std::string name = "Skew: variable " + std::to_string(v + 1);
@@ -114,20 +114,20 @@ bool LibraryGenerator::GenerateImpl(LibDef::Library& library) {
       status_ = Refuse(__LINE__, name + " has an unknown kind " + std::to_string(var.kind));
       return false;
     }
-    var.layer = specs[v]->GetLayerIndex();
+    var.layer = definitions[v]->GetLayerIndex();
     if (var.layer < 0 || var.layer >= layers) {
       status_ =
           Refuse(__LINE__, name + " names layer " + std::to_string(var.layer) + ", which does not exist");
       return false;
     }
-    const double from = specs[v]->GetRangeFrom(), to = specs[v]->GetRangeTo(),
-                 step = specs[v]->GetRangeIncrement();
+    const double from = definitions[v]->GetRangeFrom(), to = definitions[v]->GetRangeTo(),
+                 step = definitions[v]->GetRangeIncrement();
     if (!std::isfinite(from) || !std::isfinite(to) || !(step > 0.0) || !std::isfinite(step) || to < from ||
         from >= Analysis::Core::kNoDataDouble) {
       status_ = Refuse(__LINE__, name + " needs a finite range with from <= to and a positive increment");
       return false;
     }
-    var.count = specs[v]->GetNumberOfValues();
+    var.count = definitions[v]->GetNumberOfValues();
     if (var.kind != VariableKind::Thickness) {
       const Swli::Pups::RefractiveIndexMaterial* material =
           materials.GetMaterial(stack.GetLayer(var.layer).material);
@@ -165,7 +165,7 @@ bool LibraryGenerator::GenerateImpl(LibDef::Library& library) {
     for (int v = 0; v < 2; ++v) {
       const Variable& var = variables[v];
       if (var.kind == VariableKind::Undefined) continue;
-      const double value = var.spec->GetValue(at[v]);
+      const double value = var.definition->GetValue(at[v]);
       if (var.kind == VariableKind::Thickness) {
         config.thicknessUm[var.layer] = value;
       } else if (var.kind == VariableKind::CauchyN0) {
@@ -197,6 +197,19 @@ bool LibraryGenerator::GenerateImpl(LibDef::Library& library) {
   request.stepUm = stepUm;
   request.ambientIndex =
       std::max(1e-3, LgStackModel::IndexAt(materials, stack.GetAmbient(), centreWavelength).real());
+  // How much weaker each further round trip in a layer returns (normal incidence, source centre).
+  {
+    std::vector<std::complex<double>> n(layers + 2);
+    n[0] = LgStackModel::IndexAt(materials, stack.GetAmbient(), centreWavelength);
+    for (int j = 0; j < layers; ++j)
+      n[j + 1] = centreIndex[j];
+    n[layers + 1] = LgStackModel::IndexAt(materials, stack.GetSubstrate(), centreWavelength);
+    for (int j = 1; j <= layers; ++j) {
+      const double ratio =
+          std::abs((n[j - 1] - n[j]) / (n[j - 1] + n[j]) * (n[j] - n[j + 1]) / (n[j] + n[j + 1]));
+      request.echoRatio = std::max(request.echoRatio, ratio);
+    }
+  }
   LgConfiguration config;
   for (int c = 0; c < configurations; ++c) {
     configure(c, config);

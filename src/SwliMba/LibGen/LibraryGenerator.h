@@ -41,7 +41,11 @@ class LgIntegrationGrid;
 // The integrals are sums over the grid `LgIntegrationGrid` describes (equally spaced wavenumbers
 // that keep the signal's aliases outside the scan, Gauss-Legendre nodes in cos β); the spectra
 // converge to the integrals' values as the grid is refined (`SetWavenumberOversampling`,
-// `SetAngularNodesPerInterval`), to about 1e-9 of the peak bin at the defaults.
+// `SetAngularNodesPerInterval`): for materials given by formulas the default grid is within about
+// 1e-9 of the peak bin of the converged spectra. Tabulated materials are interpolated linearly, so
+// their indices have kinks at the table's rows: the sums then converge only algebraically (about
+// 1e-5 of the peak bin at the default spacing for the built-in silicon), and the kinks give the
+// modelled signal weak tails (about 1e-5 of its peak) far from the fringe packets.
 //
 // Varied parameters: Thickness (µm) of the variable's layer; CauchyN0 / CauchyK0 replace the
 // constant term A (resp. D) of that layer's "Complex-Cauchy/um" material, for that layer only.
@@ -63,7 +67,7 @@ class QUARN_PP_EXPORT LibraryGenerator {
   // Refinement of the wavenumber grid beyond the alias-free spacing (default 1; clamped to ≥ 0.25).
   double GetWavenumberOversampling() const { return oversampling_; }
   void SetWavenumberOversampling(double factor);
-  // Gauss-Legendre nodes per pupil interval (default 10; clamped to 1 .. 64).
+  // Gauss-Legendre nodes per pupil interval (default 0: from the error bound; else clamped to 1 .. 64).
   int GetAngularNodesPerInterval() const { return nodesPerInterval_; }
   void SetAngularNodesPerInterval(int nodes);
   // Azimuths averaged for pupil intensity models (default 16; clamped to 1 .. 1024).
@@ -86,7 +90,7 @@ class QUARN_PP_EXPORT LibraryGenerator {
   bool GenerateImpl(LibDef::Library& library);
 
   double oversampling_ = 1.0;
-  int nodesPerInterval_ = 10;
+  int nodesPerInterval_ = 0;
   int azimuthNodes_ = 16;
   bool useReferencePath_ = false;
   std::unique_ptr<LgIntegrationGrid> grid_;

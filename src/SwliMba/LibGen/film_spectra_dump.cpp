@@ -54,7 +54,7 @@ int main(int argc, char** argv) {
   out["grid"] = {{"k_lo", grid.LowWavenumber()},
                  {"k_hi", grid.HighWavenumber()},
                  {"n_k", grid.NumberOfWavenumbers()},
-                 {"nodes_per_interval", generator.GetAngularNodesPerInterval()},
+                 {"nodes_per_interval", grid.NodesPerInterval()},
                  {"azimuth_nodes", generator.GetAzimuthNodes()},
                  {"breakpoints", grid.AngleBreakpoints()},
                  {"k", grid.Wavenumbers()},

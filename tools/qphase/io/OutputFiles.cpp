@@ -204,9 +204,14 @@ WriteTarget OutputFiles::Stage(const std::string& finalPath, const std::string& 
   InstallSignalHandlers();
   const std::string temporary = Beside(target, ".partial-", staged_.size());
   // Read access too: libtiff reads back the directory chain of a multi-page file it writes.
-  const int fd = open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-  if (fd < 0) throw UsageError(finalPath + ": " + std::strerror(errno));
+  // Registered before it exists: a signal between the creation and the registration would leave it.
   Register(temporary);
+  const int fd = open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd < 0) {
+    const int error = errno;
+    Unregister(temporary);
+    throw UsageError(finalPath + ": " + std::strerror(error));
+  }
   staged_.push_back(Staged{temporary, target, finalPath, what, canonical});
   return WriteTarget(fd, finalPath);
 }

@@ -26,7 +26,7 @@ namespace {
 using detail::TiffHandle;
 using detail::TiffMessageSuffix;
 
-constexpr std::int64_t kDefaultMaxFramePixels = std::int64_t{8192} * 8192;
+constexpr std::int64_t kDefaultMaxFramePixels = std::int64_t{4096} * 4096;
 constexpr const char* kFrameLimitVariable = "QPHASE_MAX_FRAME_PIXELS";
 
 // The best ratio of sample bytes to stored bytes that a compression can reach on any data; a page

@@ -26,7 +26,7 @@ struct TiffStackInfo {
 // warning of libtiff while pixels are decoded (libjpeg's "Corrupt JPEG data", a short strip) means
 // damaged data and fails the read; libtiff's words are part of the message.
 
-// The most pixels one page (frame, image or map) may have: 8192 x 8192 (67,108,864) unless the
+// The most pixels one page (frame, image or map) may have: 4096 x 4096 (16,777,216) unless the
 // environment variable QPHASE_MAX_FRAME_PIXELS gives another whole number. Throws a usage error when
 // that variable is set to anything else.
 std::int64_t MaxFramePixels();

@@ -39,7 +39,9 @@ void WritePsiStack(const std::string& path, int rows, int cols, int frames = 7) 
   Core::FrameBuffer stack;
   stack.Allocate(Core::Window2D(0, 0, rows, cols), frames, Core::FrameBuffer::kRes8Bit);
   Testing::FillPsiStack(stack, frames == 7 ? Testing::ShiftsFor7() : Testing::ShiftsForSliding13(frames),
-                        [](int r, int c) { return Testing::PixelFringe{120.0, 80.0, 0.2 * c - 0.1 * r}; });
+                        [](int r, int c) {
+                          return Testing::PixelFringe{120.0, 80.0, 0.2 * c - 0.1 * r};
+                        });
   WriteTiffStack(path, stack);
 }
 
@@ -96,7 +98,8 @@ void MakeDirectoryLoop(const std::string& path) {
     std::uint8_t b[4];
     file.seekg(static_cast<std::streamoff>(at));
     file.read(reinterpret_cast<char*>(b), 4);
-    return std::uint32_t{b[0]} | std::uint32_t{b[1]} << 8 | std::uint32_t{b[2]} << 16 | std::uint32_t{b[3]} << 24;
+    return std::uint32_t{b[0]} | std::uint32_t{b[1]} << 8 | std::uint32_t{b[2]} << 16 |
+           std::uint32_t{b[3]} << 24;
   };
   const auto entries = [&](std::uint64_t at) {
     std::uint8_t b[2];
@@ -126,7 +129,7 @@ struct Hazard {
   const char* item;       // the hazard, as the row's name in failure messages
   std::string arguments;  // shell text after "qphase"; {D} is the work folder
   int status;
-  std::string message;    // must appear in standard error ({D} replaced)
+  std::string message;           // must appear in standard error ({D} replaced)
   std::string environment = "";  // NAME=value set for this run only
   int signal = 0;                // sent once a temporary output exists
 };
@@ -211,7 +214,8 @@ TEST_F(ReliabilityTest, EveryHazardEndsWithItsStatusAndMessageAndLeavesTheFolder
       {"3 ./x", "psi {D}/stack.tif -o {D}/./stack.tif", 2, "is the input '{D}/stack.tif'"},
       {"3 a//x", "psi {D}/stack.tif -o {D}//stack.tif", 2, "is the input '{D}/stack.tif'"},
       {"3 --mask", "psi-check {D}/stack.tif --mask {D}/q1.tif -o {D}/q1.tif", 2, "is the input --mask"},
-      {"3 --q1", "quadrants --q1 {D}/q1.tif --q3 {D}/q3.tif -o {D}/../" + dir_.filename().string() + "/q1.tif", 2,
+      {"3 --q1",
+       "quadrants --q1 {D}/q1.tif --q3 {D}/q3.tif -o {D}/../" + dir_.filename().string() + "/q1.tif", 2,
        "is the input --q1"},
       {"3 spot --png", "spot {D}/stack.tif --png {D}/stack.tif" + spot, 2, "is the input"},
       // 4. Special files and links at an output path.
@@ -219,7 +223,8 @@ TEST_F(ReliabilityTest, EveryHazardEndsWithItsStatusAndMessageAndLeavesTheFolder
       {"4 dangling link", "psi {D}/stack.tif -o {D}/dangling.tif", 2, "is a symbolic link to a missing file"},
       // 5. A FIFO as input is refused at once instead of blocking.
       {"5 FIFO input", "psi {D}/fifo" + out, 2, "{D}/fifo: a FIFO (named pipe), not a regular file"},
-      {"5 FIFO mask", "psi-check {D}/stack.tif --mask {D}/fifo", 2, "a FIFO (named pipe), not a regular file"},
+      {"5 FIFO mask", "psi-check {D}/stack.tif --mask {D}/fifo", 2,
+       "a FIFO (named pipe), not a regular file"},
       // 6. Interrupts while writing leave no temporary file.
       {"6 SIGINT", "psi {D}/big.tif" + out + " --modulation {D}/m.tif", -SIGINT, "", "", SIGINT},
       {"6 SIGTERM", "psi {D}/big.tif" + out + " --modulation {D}/m.tif", -SIGTERM, "", "", SIGTERM},
@@ -277,7 +282,8 @@ TEST_F(ReliabilityTest, EveryHazardEndsWithItsStatusAndMessageAndLeavesTheFolder
     } else {
       const RunResult result = Run(arguments);
       EXPECT_EQ(result.status, hazard.status) << arguments << "\n" << result.err;
-      EXPECT_NE(result.err.find(Expand(hazard.message)), std::string::npos) << arguments << "\n" << result.err;
+      EXPECT_NE(result.err.find(Expand(hazard.message)), std::string::npos) << arguments << "\n"
+                                                                            << result.err;
     }
     if (!variable.empty()) unsetenv(variable.c_str());
     // Nothing added or removed (the stdout/stderr captures are removed by Run), nothing changed.

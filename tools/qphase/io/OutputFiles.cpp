@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -21,19 +22,23 @@ namespace Quarn::Qphase {
 namespace {
 
 // The temporary files of this process, for the signal handler: an interrupted run removes them
-// before it ends. The handler may only make async-signal-safe calls, so the names are plain C strings
-// in fixed slots; a name once registered is never freed (the handler may be reading it on another
-// thread), which costs a few bytes per output of a run.
+// before it ends. The handler may only make async-signal-safe calls, so the names are kept in fixed
+// slots of static storage; a slot is used once and then only marked inactive, so that a handler
+// running on another thread never reads a name being overwritten.
 constexpr int kSlots = 256;
-std::atomic<const char*> stagedNames[kSlots];
+constexpr std::size_t kNameBytes = 4096;
+char stagedNames[kSlots][kNameBytes];
+std::atomic<bool> stagedActive[kSlots];
+std::atomic<int> slotsUsed{0};
 // While Commit renames, a signal is held back: the run finishes its renames (or puts back what it
 // replaced) and then ends as the signal asks.
 std::atomic<bool> committing{false};
 std::atomic<int> heldSignal{0};
 
 void RemoveStagedAndEnd(int signal) {
-  for (std::atomic<const char*>& slot : stagedNames) {
-    if (const char* name = slot.exchange(nullptr)) unlink(name);
+  const int used = std::min(slotsUsed.load(), kSlots);
+  for (int slot = 0; slot < used; ++slot) {
+    if (stagedActive[slot].exchange(false)) unlink(stagedNames[slot]);
   }
   std::signal(signal, SIG_DFL);
   std::raise(signal);
@@ -62,20 +67,19 @@ void InstallSignalHandlers() {
   });
 }
 
-void Register(const std::string& name) {
-  const char* copy = strdup(name.c_str());
-  for (std::atomic<const char*>& slot : stagedNames) {
-    const char* expected = nullptr;
-    if (slot.compare_exchange_strong(expected, copy)) return;
-  }
-  // All slots taken: the file is still removed on every other path, only not on a signal.
+// The slot of `name`, or -1 when none is left (the file is then still removed on every other path,
+// only not on a signal).
+int Register(const std::string& name) {
+  if (name.size() >= kNameBytes) return -1;
+  const int slot = slotsUsed.fetch_add(1);
+  if (slot >= kSlots) return -1;
+  std::memcpy(stagedNames[slot], name.c_str(), name.size() + 1);
+  stagedActive[slot].store(true);
+  return slot;
 }
 
-void Unregister(const std::string& name) {
-  for (std::atomic<const char*>& slot : stagedNames) {
-    const char* current = slot.load();
-    if (current && name == current) slot.compare_exchange_strong(current, nullptr);
-  }
+void Unregister(int slot) {
+  if (slot >= 0) stagedActive[slot].store(false);
 }
 
 std::string Describe(const std::string& what, const std::string& path) {
@@ -151,7 +155,7 @@ OutputFiles::~OutputFiles() {
 void OutputFiles::Discard() {
   for (const Staged& file : staged_) {
     std::remove(file.temporary.c_str());
-    Unregister(file.temporary);
+    Unregister(file.slot);
   }
   staged_.clear();
 }
@@ -205,14 +209,14 @@ WriteTarget OutputFiles::Stage(const std::string& finalPath, const std::string& 
   const std::string temporary = Beside(target, ".partial-", staged_.size());
   // Read access too: libtiff reads back the directory chain of a multi-page file it writes.
   // Registered before it exists: a signal between the creation and the registration would leave it.
-  Register(temporary);
+  const int slot = Register(temporary);
   const int fd = open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   if (fd < 0) {
     const int error = errno;
-    Unregister(temporary);
+    Unregister(slot);
     throw UsageError(finalPath + ": " + std::strerror(error));
   }
-  staged_.push_back(Staged{temporary, target, finalPath, what, canonical});
+  staged_.push_back(Staged{temporary, target, finalPath, what, canonical, slot});
   return WriteTarget(fd, finalPath);
 }
 
@@ -254,7 +258,7 @@ void OutputFiles::Commit() {
       if (!backup.empty()) unlink(backup.c_str());
       break;
     }
-    Unregister(file.temporary);
+    Unregister(file.slot);
     done.push_back(Done{&file, backup});
   }
   if (!failure.empty()) {

@@ -93,6 +93,7 @@ class OutputFiles {
     std::string final;   // as the user gave it
     std::string what;
     std::string canonical;  // the target made absolute and normal, to compare outputs not yet on disk
+    int slot = -1;          // where the signal handler finds the temporary name
   };
   struct Protected {
     FileIdentity identity;

@@ -24,8 +24,8 @@ class OutputFilesTest : public ::testing::Test {
  protected:
   void SetUp() override {
     dir_ = fs::path(::testing::TempDir()) /
-           ("outputfiles_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + "_" +
-            std::to_string(getpid()));
+           ("outputfiles_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) +
+            "_" + std::to_string(getpid()));
     fs::remove_all(dir_);
     fs::create_directories(dir_);
   }
@@ -72,7 +72,8 @@ TEST_F(OutputFilesTest, AFailedRenamePutsBackWhatTheRunReplaced) {
       FAIL() << "the failed rename must be reported";
     } catch (const ToolError& e) {
       EXPECT_EQ(e.GetExitStatus(), kExitUsage);
-      EXPECT_NE(std::string(e.what()).find(Path("c.tif") + ": cannot be written"), std::string::npos) << e.what();
+      EXPECT_NE(std::string(e.what()).find(Path("c.tif") + ": cannot be written"), std::string::npos)
+          << e.what();
     }
   }
   EXPECT_EQ(Read(Path("a.tif")), "a before");

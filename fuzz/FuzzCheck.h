@@ -24,16 +24,18 @@ inline void Require(bool holds, const char* promise) {
 // The codes of the status table; anything else reaching a host is a fault.
 inline bool IsDocumentedCode(unsigned code) {
   namespace C = Core::StatusCode;
-  for (const unsigned known : {C::kSuccess, C::kNoValidResult, C::kNoData, C::kAllocationFailed,
-                               C::kControllerFailed, C::kInvalidArgument, C::kCallFailed, C::kSectionTooSmall,
-                               C::kNumericFailure, C::kArgumentOutOfRange, C::kNotSet, C::kOutsideWindow,
-                               C::kPeakFrameMismatch, C::kNegativeDimension}) {
+  for (const unsigned known :
+       {C::kSuccess, C::kNoValidResult, C::kNoData, C::kAllocationFailed, C::kControllerFailed,
+        C::kInvalidArgument, C::kCallFailed, C::kSectionTooSmall, C::kNumericFailure, C::kArgumentOutOfRange,
+        C::kNotSet, C::kOutsideWindow, C::kPeakFrameMismatch, C::kNegativeDimension}) {
     if (code == known) return true;
   }
   return false;
 }
 
 // A result pixel is either no data or a finite number.
-inline bool FiniteOrNoData(double value) { return Core::IsNoDataValue(value) || std::isfinite(value); }
+inline bool FiniteOrNoData(double value) {
+  return Core::IsNoDataValue(value) || std::isfinite(value);
+}
 
 }  // namespace Quarn::Fuzz

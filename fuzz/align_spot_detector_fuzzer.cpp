@@ -54,8 +54,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   detector.SetInput(&image);
 
   const AsdSpotPosition position = detector.DetectSpotPosition();
-  Require(position >= AsdSpotPosition::DetectionFailed && position <= AsdSpotPosition::TooManySignificantSpots,
-          "a position of the enumeration");
+  Require(
+      position >= AsdSpotPosition::DetectionFailed && position <= AsdSpotPosition::TooManySignificantSpots,
+      "a position of the enumeration");
   Require(Fuzz::IsDocumentedCode(detector.GetStatus().GetCode()), "a documented status code");
   if (position == AsdSpotPosition::DetectionFailed) {
     Require(detector.GetStatus().IsError(), "a failed detection is recorded in the status");

@@ -7,9 +7,9 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <cstdint>
 #include <numbers>
 #include <vector>
 
@@ -141,9 +141,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool samePhase = threaded.phase.At(i) == fast.phase.At(i) ||
                            (isValid && Ulps(threaded.phase.At(i), fast.phase.At(i)) <= 2);
     if (!samePhase || threaded.modulation.At(i) != fast.modulation.At(i)) {
-      std::fprintf(stderr, "pixel %lld of %d x %d, converter %d, %d frames: phase %.17g / %.17g, modulation %.17g / %.17g\n",
-                   static_cast<long long>(i), rows, cols, settings.converter, frameCount, fast.phase.At(i),
-                   threaded.phase.At(i), fast.modulation.At(i), threaded.modulation.At(i));
+      std::fprintf(
+          stderr,
+          "pixel %lld of %d x %d, converter %d, %d frames: phase %.17g / %.17g, modulation %.17g / %.17g\n",
+          static_cast<long long>(i), rows, cols, settings.converter, frameCount, fast.phase.At(i),
+          threaded.phase.At(i), fast.modulation.At(i), threaded.modulation.At(i));
       Require(false, "maps independent of the thread count");
     }
   }

@@ -8,9 +8,9 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <cstdint>
 #include <vector>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
@@ -52,7 +52,8 @@ Result Run(Core::FrameBuffer& frames, Core::IntMatrix2D& peaks, const Core::Doub
   Swli::PhaseAlgorithm& algorithm = settings.fda ? static_cast<Swli::PhaseAlgorithm&>(fda) : centroid;
   centroid.SetMinimumModulation(settings.minModulation);
   fda.SetMinimumModulation(settings.minModulation);
-  algorithm.SetScanIncrement(Core::UnitNumber(settings.stepNm, Core::LinearConverter(Core::Units::kNanometers)));
+  algorithm.SetScanIncrement(
+      Core::UnitNumber(settings.stepNm, Core::LinearConverter(Core::Units::kNanometers)));
   const Swli::FringeRemovalMethod methods[] = {Swli::FringeRemovalMethod::kNone,
                                                Swli::FringeRemovalMethod::kStandard,
                                                Swli::FringeRemovalMethod::k64Bucket};
@@ -92,7 +93,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   Core::FrameBuffer frames;
   Require(frames.Allocate(Core::Window2D(0, 0, rows, cols), scanned,
-                          sixteen ? Core::FrameBuffer::kRes16Bit : Core::FrameBuffer::kRes8Bit, stored, direction),
+                          sixteen ? Core::FrameBuffer::kRes16Bit : Core::FrameBuffer::kRes8Bit, stored,
+                          direction),
           "a small scan is allocated");
   std::vector<std::int32_t> pixels(static_cast<std::size_t>(rows) * cols);
   for (int slot = 0; slot < stored; ++slot) {
@@ -103,7 +105,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Core::IntMatrix2D peaks(rows, cols);
   Core::DoubleMatrix2D mask(rows, cols);
   for (std::int64_t i = 0; i < peaks.GetCount(); ++i) {
-    peaks.At(i) = input.ConsumeBool() ? input.ConsumeIntegral<int>() : input.ConsumeIntegralInRange(-2, scanned + 2);
+    peaks.At(i) =
+        input.ConsumeBool() ? input.ConsumeIntegral<int>() : input.ConsumeIntegralInRange(-2, scanned + 2);
     mask.At(i) = input.ConsumeIntegralInRange(0, 5) == 0 ? Core::DoubleMatrix2D::NoData() : 0.0;
   }
 
@@ -116,8 +119,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       // Code 1 (no valid height) may leave the surface as it was or mark its pixels no data.
       const bool asHandedIn = std::memcmp(&one.height.At(i), &mask.At(i), sizeof(double)) == 0;
       if (!asHandedIn && !(one.code == 1 && Core::IsNoDataValue(one.height.At(i)))) {
-        std::fprintf(stderr, "code %u, pixel %lld: %.17g, handed in %.17g\n", one.code, static_cast<long long>(i),
-                     one.height.At(i), mask.At(i));
+        std::fprintf(stderr, "code %u, pixel %lld: %.17g, handed in %.17g\n", one.code,
+                     static_cast<long long>(i), one.height.At(i), mask.At(i));
         Require(false, "after a failure the surface is left as it was handed in");
       }
     }

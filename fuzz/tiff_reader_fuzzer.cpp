@@ -42,7 +42,8 @@ bool Refused(F&& read) {
 void CheckLayout(const Qphase::TiffStackInfo& info) {
   Require(info.pages >= 1 && info.rows >= 1 && info.cols >= 1, "a stack has pages with pixels");
   Require(info.bitsPerSample == 8 || info.bitsPerSample == 16, "8- or 16-bit samples");
-  Require(static_cast<std::int64_t>(info.rows) * info.cols <= Qphase::MaxFramePixels(), "within the frame limit");
+  Require(static_cast<std::int64_t>(info.rows) * info.cols <= Qphase::MaxFramePixels(),
+          "within the frame limit");
 }
 
 }  // namespace
@@ -70,8 +71,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::uint64_t sum = 0;
     for (int f = 0; f < info.pages; ++f) {
       const auto* bytes = static_cast<const std::uint8_t*>(frames.GetFrameData(f));
-      for (std::size_t i = 0, n = static_cast<std::size_t>(info.rows) * info.cols * (info.bitsPerSample / 8); i < n;
-           ++i)
+      for (std::size_t i = 0, n = static_cast<std::size_t>(info.rows) * info.cols * (info.bitsPerSample / 8);
+           i < n; ++i)
         sum += bytes[i];
     }
     Require(sum < (std::uint64_t{1} << 63), "sums of samples stay small");

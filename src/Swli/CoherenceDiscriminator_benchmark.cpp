@@ -12,8 +12,8 @@
 #include "Analysis/Core/Threading/CpuCounter.h"
 #include "Swli/CoherenceDiscriminator.h"
 #include "Testing/MemoryBandwidth.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticScan.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticScan.h"
 
 namespace {
 

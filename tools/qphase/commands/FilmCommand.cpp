@@ -6,10 +6,10 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <utility>
 
 #include "Analysis/Core/CTimer.h"
 #include "Analysis/Core/DebugChannel.h"
@@ -92,6 +92,9 @@ int RunFilm(const FilmOptions& options) {
     throw UsageError(options.stack.empty() ? "--stack or --library is required"
                                            : "--stack and --library exclude each other");
   OutputFiles outputs;
+  outputs.ProtectInput(options.scan);
+  if (!options.library.empty()) outputs.ProtectInput(options.library, "--library");
+  if (!options.stack.empty()) outputs.ProtectInput(options.stack, "--stack");
   WriteTarget heightFile = outputs.Stage(options.heightOut, "-o");
   auto stage = [&](const std::string& path, const char* what) {
     return path.empty() ? WriteTarget() : outputs.Stage(path, what);

@@ -9,6 +9,7 @@
 #include <memory>
 #include <numbers>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
@@ -72,8 +73,10 @@ FrameRun SelectFrames(const PsiCheckOptions& options, Core::FrameBuffer& all, in
                      std::to_string(pages) + " frames, numbered from 0");
   }
   run.count = options.frameCount > 0 ? options.frameCount : pages - run.first;
-  if (run.first + run.count > pages) {
-    throw UsageError("frames " + std::to_string(run.first) + "-" + std::to_string(run.first + run.count - 1) +
+  // In 64 bits: the first frame and the count are each up to the largest int.
+  const std::int64_t end = std::int64_t{run.first} + std::int64_t{run.count};
+  if (end > pages) {
+    throw UsageError("frames " + std::to_string(run.first) + "-" + std::to_string(end - 1) +
                      " were asked for, " + options.stack + " has " + std::to_string(pages) +
                      " frames, numbered from 0");
   }
@@ -234,8 +237,10 @@ std::string RunGainCheck(const PsiCheckOptions& options, const FrameRun& run, Co
 int RunPsiCheck(const PsiCheckOptions& options) {
   // Outputs are named before any work, so a clash between them is refused at once.
   OutputFiles outputs;
-  const std::string stepPath = options.stepOut.empty() ? std::string() : outputs.Stage(options.stepOut, "-o");
-  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut, "--png");
+  outputs.ProtectInput(options.stack);
+  if (!options.mask.empty()) outputs.ProtectInput(options.mask, "--mask");
+  WriteTarget stepFile = options.stepOut.empty() ? WriteTarget() : outputs.Stage(options.stepOut, "-o");
+  WriteTarget pngFile = options.pngOut.empty() ? WriteTarget() : outputs.Stage(options.pngOut, "--png");
 
   Core::FrameBuffer all;
   const TiffStackInfo info = ReadTiffStack(options.stack, all);
@@ -264,8 +269,8 @@ int RunPsiCheck(const PsiCheckOptions& options) {
   const bool gainResult = methods.gain && gainFailure.empty();
 
   if (corvaneResult && mapWanted) {
-    if (!stepPath.empty()) WriteFloatTiff(stepPath, steps);
-    if (!pngPath.empty()) WritePreviewPng(pngPath, steps, PreviewStyle{"step value 256 cos(step)", ""});
+    if (stepFile) WriteFloatTiff(std::move(stepFile), steps);
+    if (pngFile) WritePreviewPng(std::move(pngFile), steps, PreviewStyle{"step value 256 cos(step)", ""});
     outputs.Commit();
   }
   // What could not be had: an error when nothing came of the run or the step map asked for is
@@ -295,14 +300,12 @@ std::function<int()> SetupPsiCheck(CLI::App& app) {
       "result, or the step map asked for could not be made (then nothing is written); 2 bad usage or\n"
       "unusable input.");
   app.add_option("stack", options->stack, "Multi-page TIFF, one 8- or 16-bit grayscale page per frame")
-      ->required()
-      ->check(CLI::ExistingFile);
+      ->required();
   app.add_option("--method", options->method,
                  "corvane or gain; by default every check the frame count allows")
-      ->check(CLI::IsMember({"corvane", "gain"}));
+      ->check(OneOf({"corvane", "gain"}, "corvane or gain"));
   app.add_option("--mask", options->mask,
-                 "8- or 16-bit TIFF of the stack's size; its non-zero pixels are checked")
-      ->check(CLI::ExistingFile);
+                 "8- or 16-bit TIFF of the stack's size; its non-zero pixels are checked");
   app.add_option("--scan-period", options->scanPeriod,
                  "Check every N-th pixel (row-major order). With several threads each worker's grid starts "
                  "at its first pixel, so which pixels are sampled depends on the thread count")

@@ -37,8 +37,7 @@ LibraryVariable ReadVariable(const nlohmann::json& j) {
 
 }  // namespace
 
-void WriteLibraryTiff(const std::string& path, const Core::DoubleMatrix2D& matrix,
-                      const LibraryFileInfo& info) {
+void WriteLibraryTiff(WriteTarget target, const Core::DoubleMatrix2D& matrix, const LibraryFileInfo& info) {
   nlohmann::json meta;
   meta["format"] = kFormat;
   meta["samples"] = info.samples;
@@ -55,8 +54,9 @@ void WriteLibraryTiff(const std::string& path, const Core::DoubleMatrix2D& matri
   meta["variable2"] = VariableJson(info.variable2);
   const std::string description = meta.dump();
 
-  const std::string shown = UserPath(path);
-  std::unique_ptr<TIFF, TiffCloser> tiff(TIFFOpen(path.c_str(), "w"));
+  const std::string shown = target.Shown();
+  // The TIFF takes the descriptor over and closes it.
+  std::unique_ptr<TIFF, TiffCloser> tiff(TIFFFdOpen(target.Release(), shown.c_str(), "w"));
   if (!tiff) throw UsageError(shown + ": cannot be written as TIFF");
   TIFF* t = tiff.get();
   TIFFSetField(t, TIFFTAG_IMAGEWIDTH, static_cast<std::uint32_t>(matrix.GetColumns()));

@@ -104,7 +104,8 @@ int RunCarrier(const CarrierOptions& options) {
   if (options.maxValue > 0) frames.SetMaxValue(options.maxValue);
 
   Core::DoubleMatrix2D phase, modulation;
-  const double seconds = RunPipeline(options, frames, phase, modulationFile ? &modulation : nullptr);
+  const double seconds =
+      RunPipeline(options, frames, phase, options.modulationOut.empty() ? nullptr : &modulation);
 
   std::int64_t validPixels = 0;
   // The modulation map and the preview are written on a second thread while this one writes the phase.

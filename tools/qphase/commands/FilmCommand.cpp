@@ -92,17 +92,18 @@ int RunFilm(const FilmOptions& options) {
     throw UsageError(options.stack.empty() ? "--stack or --library is required"
                                            : "--stack and --library exclude each other");
   OutputFiles outputs;
-  for (const std::string& input : {options.scan, options.stack, options.library})
-    if (!input.empty()) outputs.ProtectInput(input);
-  WriteTarget heightPath = outputs.Stage(options.heightOut, "-o");
+  outputs.ProtectInput(options.scan);
+  if (!options.library.empty()) outputs.ProtectInput(options.library, "--library");
+  if (!options.stack.empty()) outputs.ProtectInput(options.stack, "--stack");
+  WriteTarget heightFile = outputs.Stage(options.heightOut, "-o");
   auto stage = [&](const std::string& path, const char* what) {
     return path.empty() ? WriteTarget() : outputs.Stage(path, what);
   };
-  WriteTarget thicknessPath = stage(options.thicknessOut, "--thickness");
-  WriteTarget variable2Path = stage(options.variable2Out, "--variable2");
-  WriteTarget meritPath = stage(options.meritOut, "--merit");
-  WriteTarget pngPath = stage(options.pngOut, "--png");
-  WriteTarget jsonPath = stage(options.jsonOut, "--json");
+  WriteTarget thicknessFile = stage(options.thicknessOut, "--thickness");
+  WriteTarget variable2File = stage(options.variable2Out, "--variable2");
+  WriteTarget meritFile = stage(options.meritOut, "--merit");
+  WriteTarget pngFile = stage(options.pngOut, "--png");
+  WriteTarget jsonFile = stage(options.jsonOut, "--json");
 
   Core::CTimer timer;
   Core::FrameBuffer frames;
@@ -196,15 +197,15 @@ int RunFilm(const FilmOptions& options) {
                         " % of its mean level, unsaturated, with a merit of at least " +
                         std::to_string(options.correlationThreshold) + "; nothing written");
 
-  WriteFloatTiff(std::move(heightPath), height);
-  if (thicknessPath) WriteFloatTiff(std::move(thicknessPath), thickness);
-  if (variable2Path) WriteFloatTiff(std::move(variable2Path), variable2);
-  if (meritPath) WriteFloatTiff(std::move(meritPath), merit);
-  if (pngPath)
-    WritePreviewPng(std::move(pngPath), thickness,
+  WriteFloatTiff(std::move(heightFile), height);
+  if (thicknessFile) WriteFloatTiff(std::move(thicknessFile), thickness);
+  if (variable2File) WriteFloatTiff(std::move(variable2File), variable2);
+  if (meritFile) WriteFloatTiff(std::move(meritFile), merit);
+  if (pngFile)
+    WritePreviewPng(std::move(pngFile), thickness,
                     PreviewStyle{info.variable1.kind, unit1 > 1.0 ? "nm" : ""});
   const double fraction = static_cast<double>(valid) / (static_cast<double>(scan.rows) * scan.cols);
-  if (jsonPath) {
+  if (jsonFile) {
     nlohmann::json summary = {{"scan", options.scan},
                               {"rows", scan.rows},
                               {"columns", scan.cols},
@@ -216,7 +217,7 @@ int RunFilm(const FilmOptions& options) {
                               {"valid_fraction", fraction},
                               {"mean_variable1", sumThickness / static_cast<double>(valid)},
                               {"search_seconds", seconds}};
-    WriteBytes(std::move(jsonPath), summary.dump(2) + "\n");
+    WriteBytes(std::move(jsonFile), summary.dump(2) + "\n");
   }
   outputs.Commit();
   Core::debug_printf("qphase film: files written: %g ms\n", timer.Restart() / 1000.0);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
+
 #include "OutputFiles.h"
 
 namespace Quarn::Qphase {

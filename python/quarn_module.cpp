@@ -9,7 +9,11 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <cctype>
+#include <chrono>
+#include <limits>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -115,16 +119,30 @@ ArrayView View(const py::array& array, const std::string& name, bool stack, bool
   return view;
 }
 
-py::array_t<double> NewMap(const ArrayView& like) {
-  return py::array_t<double>({static_cast<py::ssize_t>(like.rows), static_cast<py::ssize_t>(like.cols)});
+// A result map handed to numpy without a copy: the matrix (no data already NaN) moves into a
+// capsule that the array keeps alive. A map the run did not make (no result) is all NaN.
+py::array Adopt(Core::DoubleMatrix2D&& map, const ArrayView& like) {
+  const std::vector<py::ssize_t> shape{like.rows, like.cols};
+  if (map.GetRows() != like.rows || map.GetColumns() != like.cols) {
+    py::array_t<double> empty(shape);
+    std::fill(empty.mutable_data(), empty.mutable_data() + empty.size(),
+              std::numeric_limits<double>::quiet_NaN());
+    return empty;
+  }
+  auto* owner = new Core::DoubleMatrix2D(std::move(map));
+  const py::capsule base(owner, [](void* p) { delete static_cast<Core::DoubleMatrix2D*>(p); });
+  return py::array_t<double>(shape, owner->Data(), base);
 }
 
-MapView MapOf(py::array_t<double>& map) {
-  return MapView{map.mutable_data(), static_cast<int>(map.shape(0)), static_cast<int>(map.shape(1)), 0};
+// The map moved out of a job when the run produced it, no data as NaN (called without the GIL).
+Core::DoubleMatrix2D Taken(bool ok, Core::DoubleMatrix2D&& map) {
+  if (!ok) return {};
+  NoDataToNan(map);
+  return std::move(map);
 }
 
-// An option the host gave explicitly where the job reads 0 as "not given" (max_value, frame_count,
-// wavelength): 0 is refused here in the tool's words, as the tool refuses it.
+// An option the host gave explicitly where the job reads 0 as "not given" (max_value): 0 is refused
+// here in the tool's words, as the tool refuses it.
 int GivenMaxValue(std::optional<int> maxValue) {
   JobRecord record;
   if (maxValue && !CheckWholeNumberFrom(record, "--max-value", *maxValue, 1, 65535)) {
@@ -135,6 +153,17 @@ int GivenMaxValue(std::optional<int> maxValue) {
 
 int Threads(std::optional<int> threads) {
   return threads ? *threads : -1;
+}
+
+// The work of one psi call after the arguments are read: frames lent, job run, maps taken.
+void PsiRunner(const ArrayView& view, const PsiOptions& options, bool wantModulation, PsiRecord& record,
+               Core::DoubleMatrix2D& phase, Core::DoubleMatrix2D& modulation) {
+  Core::FrameBuffer frames;
+  if (!MakeFrameBuffer(view, frames, record)) return;
+  PsiJob job;
+  record = job.Run(frames, options, view.name, wantModulation);
+  phase = Taken(record.Ok(), job.TakePhase());
+  if (wantModulation) modulation = Taken(record.Ok(), job.TakeModulation());
 }
 
 py::dict Psi(const py::array& stack, std::optional<std::string> algorithm, double minModulation,
@@ -150,23 +179,16 @@ py::dict Psi(const py::array& stack, std::optional<std::string> algorithm, doubl
   options.frameWeights = frameWeights.value_or(std::vector<double>{});
   options.maxValue = GivenMaxValue(maxValue);
   options.threads = Threads(threads);
-  py::array_t<double> phaseMap = NewMap(view);
-  py::object modulationMap = py::none();
-  MapView modulationView;
-  if (modulation) {
-    py::array_t<double> map = NewMap(view);
-    modulationView = MapOf(map);
-    modulationMap = map;
-  }
-  const MapView phaseView = MapOf(phaseMap);
   PsiRecord record;
+  Core::DoubleMatrix2D phase, modulationMap;
   {
     py::gil_scoped_release release;
-    record = RunPsi(view, options, phaseView, modulationView);
+    PsiRunner(view, options, modulation, record, phase, modulationMap);
   }
   py::dict result = Common(record);
-  result["phase"] = phaseMap;
-  result["modulation"] = modulationMap;
+  result["phase"] = Adopt(std::move(phase), view);
+  result["modulation"] =
+      modulation ? py::object(Adopt(std::move(modulationMap), view)) : py::object(py::none());
   result["algorithm"] = record.algorithm;
   result["max_value"] = record.maxValue;
   return result;
@@ -194,15 +216,22 @@ py::dict PsiCheck(const py::array& stack, std::optional<std::string> method, std
   options.frameCount = frameCount.value_or(0);
   options.maxValue = GivenMaxValue(maxValue);
   options.threads = Threads(threads);
-  py::array_t<double> steps = NewMap(view);
-  const MapView stepsView = MapOf(steps);
   PsiCheckRecord record;
+  Core::DoubleMatrix2D steps;
   {
     py::gil_scoped_release release;
-    record = RunPsiCheck(view, options, stepsView, maskView);
+    Core::FrameBuffer frames;
+    std::unique_ptr<Core::RegionIdMatrix2D> region;
+    if (maskView.data != nullptr) region = std::make_unique<Core::RegionIdMatrix2D>();
+    if (MakeFrameBuffer(view, frames, record) && (!region || MakeMask(maskView, *region, record))) {
+      PsiCheckJob job;
+      record = job.Run(frames, options, view.name, region.get(), maskView.name);
+      steps = Taken(record.corvaneResult && record.outcome != JobOutcome::kBadInput, job.TakeStepValues());
+    }
   }
   py::dict result = Common(record);
-  result["step_values"] = record.corvaneResult ? py::object(steps) : py::object(py::none());
+  result["step_values"] =
+      record.corvaneResult ? py::object(Adopt(std::move(steps), view)) : py::object(py::none());
   result["description"] = record.description;
   result["frame_count"] = record.frameCount;
   result["step_value_mean"] = Optional(record.corvaneResult, record.stepValueMean);
@@ -229,24 +258,30 @@ py::dict Swli(const py::array& scan, double scanStepNm, const std::string& algor
   options.reverse = reverse;
   options.maxValue = GivenMaxValue(maxValue);
   options.threads = Threads(threads);
-  const bool wantIntensity = intensity && fringeRemoval != "none";
-  py::array_t<double> height = NewMap(view);
-  py::object intensityMap = py::none();
-  MapView intensityView;
-  if (wantIntensity) {
-    py::array_t<double> map = NewMap(view);
-    intensityView = MapOf(map);
-    intensityMap = map;
-  }
-  const MapView heightView = MapOf(height);
+  options.wantIntensity = intensity && fringeRemoval != "none";
   SwliRecord record;
+  Core::DoubleMatrix2D height, intensityMap;
   {
     py::gil_scoped_release release;
-    record = RunSwli(view, options, heightView, intensityView);
+    Core::FrameBuffer frames;
+    if (MakeFrameBuffer(view, frames, record)) {
+      frames.SetScanDirection(options.reverse ? -1 : 1);
+      SwliJob job;
+      record = job.Run(frames, options, view.name);
+      height = Taken(record.Ok(), job.TakeHeight());
+      // The intensity is counts in an integer map: converted (no data as NaN) into a double map.
+      if (record.Ok() && options.wantIntensity && intensityMap.Resize(view.rows, view.cols)) {
+        const Core::IntMatrix2D& counts = job.GetIntensity();
+        for (std::int64_t i = 0; i < intensityMap.GetCount(); ++i)
+          intensityMap.At(i) = Core::IsNoDataValue(counts.At(i)) ? std::numeric_limits<double>::quiet_NaN()
+                                                                 : static_cast<double>(counts.At(i));
+      }
+    }
   }
   py::dict result = Common(record);
-  result["height"] = height;
-  result["intensity"] = intensityMap;
+  result["height"] = Adopt(std::move(height), view);
+  result["intensity"] =
+      options.wantIntensity ? py::object(Adopt(std::move(intensityMap), view)) : py::object(py::none());
   result["max_value"] = record.maxValue;
   result["wavelength_nm"] = Optional(algorithm == "fda" && record.Ok(), record.wavelengthNm);
   result["average_gap_nm"] = Optional(algorithm == "fda" && record.Ok(), record.averageGapNm);
@@ -265,23 +300,22 @@ py::dict Carrier(const py::array& frame, int quadrant, int pixelsPerFringe, doub
   options.keepCarrier = keepCarrier;
   options.maxValue = GivenMaxValue(maxValue);
   options.threads = Threads(threads);
-  py::array_t<double> phase = NewMap(view);
-  py::object modulationMap = py::none();
-  MapView modulationView;
-  if (modulation) {
-    py::array_t<double> map = NewMap(view);
-    modulationView = MapOf(map);
-    modulationMap = map;
-  }
-  const MapView phaseView = MapOf(phase);
   CarrierRecord record;
+  Core::DoubleMatrix2D phase, modulationMap;
   {
     py::gil_scoped_release release;
-    record = RunCarrier(view, options, phaseView, modulationView);
+    Core::FrameBuffer frames;
+    if (MakeFrameBuffer(view, frames, record)) {
+      CarrierJob job;
+      record = job.Run(frames, options, view.name);
+      phase = Taken(record.Ok(), job.TakePhase());
+      if (modulation) modulationMap = Taken(record.Ok(), job.TakeModulation());
+    }
   }
   py::dict result = Common(record);
-  result["phase"] = phase;
-  result["modulation"] = modulationMap;
+  result["phase"] = Adopt(std::move(phase), view);
+  result["modulation"] =
+      modulation ? py::object(Adopt(std::move(modulationMap), view)) : py::object(py::none());
   result["threshold_counts"] = record.thresholdCounts;
   return result;
 }
@@ -305,8 +339,10 @@ py::dict Quadrants(const py::array& q1, const py::array& q3, std::optional<py::a
     throw py::value_error(Keywords(refused.message));
   }
   options.wavelengthNm = wavelength.value_or(0.0);
-  py::array_t<double> final = NewMap(v1), calibration = NewMap(v1);
-  const MapView finalView = MapOf(final), calibrationView = MapOf(calibration);
+  const std::vector<py::ssize_t> shape{v1.rows, v1.cols};
+  py::array_t<double> final(shape), calibration(shape);
+  const MapView finalView{final.mutable_data(), v1.rows, v1.cols, 0};
+  const MapView calibrationView{calibration.mutable_data(), v1.rows, v1.cols, 0};
   QuadrantsRecord record;
   {
     py::gil_scoped_release release;
@@ -364,6 +400,34 @@ py::dict Spot(const py::array& image, std::pair<double, double> center, double r
   return result;
 }
 
+// The C++ job alone on the same array, timed in C++ (for the benchmark's overhead figure), seconds
+// per call: "maps" the work of a psi call without Python (frames lent, job run, maps taken with no
+// data as NaN), "host" RunPsi into arrays the host allocated once (a copy of each map).
+py::dict TimePsiInCpp(const py::array& stack, int repeats, std::optional<int> threads) {
+  const ArrayView view = View(stack, "the stack", true);
+  PsiOptions options;
+  options.threads = Threads(threads);
+  std::vector<double> phase(static_cast<std::size_t>(view.rows) * view.cols), modulation(phase.size());
+  std::vector<double> maps, host;
+  {
+    py::gil_scoped_release release;
+    for (int i = 0; i < repeats; ++i) {
+      auto start = std::chrono::steady_clock::now();
+      {
+        PsiRecord record;
+        Core::DoubleMatrix2D phaseMap, modulationMap;
+        PsiRunner(view, options, true, record, phaseMap, modulationMap);
+      }
+      maps.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+      start = std::chrono::steady_clock::now();
+      RunPsi(view, options, MapView{phase.data(), view.rows, view.cols, 0},
+             MapView{modulation.data(), view.rows, view.cols, 0});
+      host.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    }
+  }
+  return py::dict("maps"_a = maps, "host"_a = host);
+}
+
 }  // namespace
 }  // namespace Quarn::Jobs
 
@@ -371,6 +435,9 @@ PYBIND11_MODULE(_quarn, m) {
   using namespace Quarn::Jobs;
   m.doc() = "Interferometry measurement jobs on numpy arrays (the compiled part of the quarn package).";
   m.attr("__version__") = QUARN_VERSION;
+
+  m.def("_time_psi_in_cpp", &TimePsiInCpp, "stack"_a, "repeats"_a, "threads"_a = py::none(),
+        "Seconds per call of the C++ PSI job on the same array (phase and modulation), for benchmarks.");
 
   m.def("psi", &Psi, "stack"_a, py::kw_only(), "algorithm"_a = py::none(), "min_modulation"_a = 15.0,
         "estimate_magnitude"_a = false, "phase_sign"_a = 1, "frame_weights"_a = py::none(),

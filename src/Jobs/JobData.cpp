@@ -233,6 +233,13 @@ bool CopyMapImpl(const Core::DataMatrix2D<T>& map, const MapView& out, JobRecord
 
 }  // namespace
 
+void NoDataToNan(Core::DataMatrix2D<double>& map) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  double* data = map.Data();
+  for (std::int64_t i = 0; i < map.GetCount(); ++i)
+    if (Core::IsNoDataValue(data[i])) data[i] = nan;
+}
+
 void FillNan(const MapView& out) {
   if (out.Empty()) return;
   const std::int64_t stride = out.rowStride > 0 ? out.rowStride : out.cols;

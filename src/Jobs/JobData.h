@@ -101,6 +101,8 @@ QUARN_PP_EXPORT bool MakeMask(const ArrayView& view, Core::RegionIdMatrix2D& mas
 // Copies a result map into the host's array, no data as NaN. The view must be the map's shape.
 QUARN_PP_EXPORT bool CopyMap(const Core::DataMatrix2D<double>& map, const MapView& out, JobRecord& record,
                              const char* what);
+// No-data elements of a map to NaN, in place (for a map handed to a host).
+QUARN_PP_EXPORT void NoDataToNan(Core::DataMatrix2D<double>& map);
 // Every element of the host's array to NaN (the maps of a run without a result).
 QUARN_PP_EXPORT void FillNan(const MapView& out);
 QUARN_PP_EXPORT bool CopyMap(const Core::IntMatrix2D& map, const MapView& out, JobRecord& record,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
@@ -57,6 +58,9 @@ class QUARN_PP_EXPORT PsiCheckJob {
                      Core::RegionIdMatrix2D* mask = nullptr, const std::string& maskName = "");
   // 256 cos(step) per pixel, no data where the check had no result.
   const Core::DoubleMatrix2D& GetStepValues() const { return steps_; }
+  // The maps moved out of the job, for a host that keeps them without a copy (no data still the
+  // library's; `NoDataToNan` converts in place).
+  Core::DoubleMatrix2D TakeStepValues() { return std::move(steps_); }
 
  private:
   Core::DoubleMatrix2D steps_;

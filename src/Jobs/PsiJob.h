@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
@@ -44,6 +45,10 @@ class QUARN_PP_EXPORT PsiJob {
                 bool wantModulation);
   const Core::DoubleMatrix2D& GetPhase() const { return phase_; }
   const Core::DoubleMatrix2D& GetModulation() const { return modulation_; }
+  // The maps moved out of the job, for a host that keeps them without a copy (no data still the
+  // library's; `NoDataToNan` converts in place).
+  Core::DoubleMatrix2D TakePhase() { return std::move(phase_); }
+  Core::DoubleMatrix2D TakeModulation() { return std::move(modulation_); }
 
  private:
   Core::DoubleMatrix2D phase_;

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <string>
+#include <utility>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Jobs/JobData.h"
@@ -41,6 +42,10 @@ class QUARN_PP_EXPORT QuadrantsJob {
                       const std::array<std::string, 5>& names, const QuadrantsOptions& options);
   const Core::DoubleMatrix2D& GetFinal() const { return four_ ? fourFinal_ : twoFinal_; }
   const Core::DoubleMatrix2D& GetCalibration() const { return four_ ? fourCalibration_ : twoCalibration_; }
+  // The maps moved out of the job, for a host that keeps them without a copy (no data still the
+  // library's; `NoDataToNan` converts in place).
+  Core::DoubleMatrix2D TakeFinal() { return std::move(four_ ? fourFinal_ : twoFinal_); }
+  Core::DoubleMatrix2D TakeCalibration() { return std::move(four_ ? fourCalibration_ : twoCalibration_); }
 
  private:
   bool four_ = false;

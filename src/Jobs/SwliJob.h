@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
@@ -44,6 +45,9 @@ class QUARN_PP_EXPORT SwliJob {
                  Core::IntMatrix2D* peaks = nullptr);
   const Core::DoubleMatrix2D& GetHeight() const { return height_; }
   const Core::IntMatrix2D& GetIntensity() const { return intensity_; }
+  // The maps moved out of the job, for a host that keeps them without a copy (no data still the
+  // library's; `NoDataToNan` converts in place).
+  Core::DoubleMatrix2D TakeHeight() { return std::move(height_); }
 
  private:
   Core::DoubleMatrix2D height_;

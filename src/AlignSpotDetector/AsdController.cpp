@@ -12,7 +12,6 @@
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Alignment {
 
-using Analysis::Core::RecordCallFailure;
 using Analysis::Core::RegionFinderConnected;
 using Analysis::Core::RegionIdMatrix2D;
 using Analysis::Core::RegionInfo;
@@ -137,24 +136,18 @@ bool FindRegionsInRows(const Analysis::Core::IntWindow2D& foreground, int firstR
                        RegionIdMatrix2D& map, Analysis::Core::Array<RegionInfo>& regions, Status& status) {
   const int cols = foreground.GetColumns();
   Analysis::Core::IntMatrix2D band;
-  if (!band.Resize(foreground.GetStartRow() + firstRow, foreground.GetStartCol(), endRow - firstRow, cols)) {
-    RecordCallFailure(status, band.GetStatus(), "band.Resize", AsdController::kSource, __LINE__);
-    return false;
-  }
+  QUARN_RETURN_IF_CALL_FAILED(
+      band.Resize(foreground.GetStartRow() + firstRow, foreground.GetStartCol(), endRow - firstRow, cols),
+      status, AsdController::kSource, band, "band.Resize", false);
   for (int r = firstRow; r < endRow; ++r)
     std::copy(foreground.Row(r), foreground.Row(r) + cols, band.Row(r - firstRow));
   RegionIdMatrix2D bandIds;
   RegionFinderConnected finder;
   finder.SetMatrix(band);
-  if (!finder.MakeRegions(bandIds, regions)) {
-    RecordCallFailure(status, finder.GetStatus(), "regionFinder.MakeRegions", AsdController::kSource,
-                      __LINE__);
-    return false;
-  }
-  if (!map.Resize(foreground.GetMatrixWindow())) {
-    RecordCallFailure(status, map.GetStatus(), "regionIdMap.Resize", AsdController::kSource, __LINE__);
-    return false;
-  }
+  QUARN_RETURN_IF_CALL_FAILED(finder.MakeRegions(bandIds, regions), status, AsdController::kSource, finder,
+                              "regionFinder.MakeRegions", false);
+  QUARN_RETURN_IF_CALL_FAILED(map.Resize(foreground.GetMatrixWindow()), status, AsdController::kSource, map,
+                              "regionIdMap.Resize", false);
   const int none = RegionIdMatrix2D::NoData();
   for (int r = 0; r < foreground.GetRows(); ++r) {
     int* row = map.Row(r);
@@ -175,24 +168,17 @@ bool AsdController::RegionizeRows(int firstRow, int endRow) {
   AsdBoard& b = *board_;
   if (!HasSpotList()) return false;
   auto& spots = *b.spotInfoList;
-  if (!spots.Clear()) {
-    RecordCallFailure(b.status, spots.GetStatus(), "spotInfoList.Clear", kSource, __LINE__);
-    return false;
-  }
+  QUARN_RETURN_IF_CALL_FAILED(spots.Clear(), b.status, kSource, spots, "spotInfoList.Clear", false);
   if (firstRow == 0 && endRow == b.foreground.GetRows()) {
     RegionFinderConnected finder;
     finder.SetMatrix(b.foreground);
-    if (!finder.MakeRegions(b.regionIdMap, b.regions)) {
-      RecordCallFailure(b.status, finder.GetStatus(), "regionFinder.MakeRegions", kSource, __LINE__);
-      return false;
-    }
+    QUARN_RETURN_IF_CALL_FAILED(finder.MakeRegions(b.regionIdMap, b.regions), b.status, kSource, finder,
+                                "regionFinder.MakeRegions", false);
   } else if (!FindRegionsInRows(b.foreground, firstRow, endRow, b.regionIdMap, b.regions, b.status)) {
     return false;
   }
-  if (!spots.Reserve(b.regions.Size())) {
-    RecordCallFailure(b.status, spots.GetStatus(), "spotInfoList.Reserve", kSource, __LINE__);
-    return false;
-  }
+  QUARN_RETURN_IF_CALL_FAILED(spots.Reserve(b.regions.Size()), b.status, kSource, spots,
+                              "spotInfoList.Reserve", false);
   const RegionIdMatrix2D& ids = b.regionIdMap;
   for (const RegionInfo& region : b.regions) {
     AsdSpotInfo spot(region);
@@ -205,10 +191,7 @@ bool AsdController::RegionizeRows(int firstRow, int endRow) {
           spot.Feed(x, y, valueRow[x - b.foreground.GetStartCol()]);
       }
     }
-    if (!spots.Add(spot)) {
-      RecordCallFailure(b.status, spots.GetStatus(), "spotInfoList.Add", kSource, __LINE__);
-      return false;
-    }
+    QUARN_RETURN_IF_CALL_FAILED(spots.Add(spot), b.status, kSource, spots, "spotInfoList.Add", false);
   }
   return true;
 }

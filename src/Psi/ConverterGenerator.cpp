@@ -4,8 +4,10 @@
 #include <cmath>
 #include <cstdint>
 #include <string>
+#include <type_traits>
 #include <vector>
 
+#include "Analysis/Core/SampleDispatch.h"
 #include "Analysis/Core/Units.h"
 #include "Psi/Convert13.h"
 #include "Psi/Convert20.h"
@@ -17,8 +19,10 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 
 using Analysis::Core::Array;
 using Analysis::Core::DataMatrix2D;
+using Analysis::Core::DispatchSampleType;
 using Analysis::Core::DoubleMatrix2D;
 using Analysis::Core::FrameBuffer;
+using Analysis::Core::SampleTag;
 using Analysis::Core::Status;
 namespace StatusCode = Analysis::Core::StatusCode;
 
@@ -166,16 +170,10 @@ void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase, Dou
     for (int i = 0; i < numberOfFrames_; ++i)
       sum += (*frameWeights)[i];
     const double mean = sum / numberOfFrames_;
-    if (!weightedNumerator_.Resize(numberOfFrames_)) {
-      RecordCallFailure(status_, weightedNumerator_.GetStatus(), "weightedNumerator.Resize", kSource,
-                        __LINE__);
-      return;
-    }
-    if (!weightedDenominator_.Resize(numberOfFrames_)) {
-      RecordCallFailure(status_, weightedDenominator_.GetStatus(), "weightedDenominator.Resize", kSource,
-                        __LINE__);
-      return;
-    }
+    QUARN_RETURN_IF_CALL_FAILED(weightedNumerator_.Resize(numberOfFrames_), status_, kSource,
+                                weightedNumerator_, "weightedNumerator.Resize");
+    QUARN_RETURN_IF_CALL_FAILED(weightedDenominator_.Resize(numberOfFrames_), status_, kSource,
+                                weightedDenominator_, "weightedDenominator.Resize");
     for (int i = 0; i < numberOfFrames_; ++i) {
       const double factor = mean / (*frameWeights)[i];
       weightedNumerator_[i] = factor * numeratorWeights_[i];
@@ -203,10 +201,8 @@ void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase, Dou
   } else {
     // The per-pixel path gathers each pixel's samples into its worker's scratch; without scratch
     // for every worker it would write past it, so a failed allocation ends the run.
-    if (RecordCallFailure(status_, frames.MakeThreadData(dispatcher_.GetNumberOfWorkers()),
-                          "frames.MakeThreadData", kSource, __LINE__)) {
-      return;
-    }
+    const Status threadData = frames.MakeThreadData(dispatcher_.GetNumberOfWorkers());
+    if (RecordCallFailure(status_, threadData, "frames.MakeThreadData", kSource, __LINE__)) return;
     dispatcher_.Invoke(&ConverterGenerator::ConvertPixels, 0, numberOfPixels_);
   }
 
@@ -219,27 +215,15 @@ void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase, Dou
 }
 
 void ConverterGenerator::ConvertPixels(int thread, int first, int end) {
-  const bool eightBit = frameBuffer_->GetElementRes() == FrameBuffer::kRes8Bit;
-  if (useFastPath_ && kernel_ != Kernel::kConverter) {
-    switch (frameBuffer_->GetElementRes()) {
-      case FrameBuffer::kRes8Bit:
-        ConvertPixelsFast<std::uint8_t>(first, end);
-        return;
-      case FrameBuffer::kRes16Bit:
-        ConvertPixelsFast<std::uint16_t>(first, end);
-        return;
-      case FrameBuffer::kRes32Bit:
-        ConvertPixelsFast<std::int32_t>(first, end);
-        return;
+  DispatchSampleType(*frameBuffer_, [&]<typename Stored>(SampleTag<Stored>) {
+    if (useFastPath_ && kernel_ != Kernel::kConverter) {
+      ConvertPixelsFast<Stored>(first, end);
+    } else {
+      // Converters take 8-bit samples as bytes and wider ones as int.
+      using Sample = std::conditional_t<sizeof(Stored) == 1, unsigned char, int>;
+      ConvertPixelsReference<Stored, Sample>(thread, first, end);
     }
-  }
-  if (eightBit) {
-    ConvertPixelsReference<std::uint8_t, unsigned char>(thread, first, end);
-  } else if (frameBuffer_->GetElementRes() == FrameBuffer::kRes16Bit) {
-    ConvertPixelsReference<std::uint16_t, int>(thread, first, end);
-  } else {
-    ConvertPixelsReference<std::int32_t, int>(thread, first, end);
-  }
+  });
 }
 
 // The plain per-pixel path: gather, test, convert, one pixel at a time.

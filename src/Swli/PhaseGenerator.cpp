@@ -9,6 +9,7 @@
 #include "Analysis/Core/CTimer.h"
 #include "Analysis/Core/DebugChannel.h"
 #include "Analysis/Core/NoData.h"
+#include "Analysis/Core/SampleDispatch.h"
 #include "Swli/detail/SignalLoaders.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
@@ -33,6 +34,11 @@ constexpr unsigned kLinePeakFrameWindow = 337;
 constexpr unsigned kLineSurfaceWindow = 346;
 constexpr unsigned kLineNoValidPixel = 389;
 constexpr unsigned kLineMissingInput = 144;
+// Two further failures hosts see: a ring that does not hold exactly one signal for an algorithm
+// without a discriminator, and a thread signal buffer shorter than the loader writes. They keep the
+// lines they have always been reported at.
+constexpr unsigned kLineRingNotOneSignal = 96;
+constexpr unsigned kLineSignalBufferTooShort = 282;
 
 bool SameSize(const Analysis::Core::DataMatrix2D<int>& a, const DoubleMatrix2D& b) {
   return a.GetRows() == b.GetRows() && a.GetColumns() == b.GetColumns();
@@ -93,7 +99,7 @@ void PhaseGenerator::ProcessRun(FrameBuffer& frames, IntMatrix2D& peakFrames, In
     }
     // A ring is unrolled whole into the signal buffer, so it must be exactly one signal long.
     if (scanned != stored && stored != q) {
-      return fail(StatusCode::kNotSet, __LINE__,
+      return fail(StatusCode::kNotSet, kLineRingNotOneSignal,
                   "A ring of " + std::to_string(stored) + " frames does not hold one " + std::to_string(q) +
                       "-sample signal");
     }
@@ -150,10 +156,8 @@ void PhaseGenerator::ProcessRun(FrameBuffer& frames, IntMatrix2D& peakFrames, In
   algorithm->Reset();
   if (status_.IsError()) return;
 
-  if (!surface.CopyAll(algorithm->GetSurfaceMatrix())) {
-    Analysis::Core::RecordCallFailure(status_, surface.GetStatus(), "surface.CopyAll", kSource, __LINE__);
-    return;
-  }
+  QUARN_RETURN_IF_CALL_FAILED(surface.CopyAll(algorithm->GetSurfaceMatrix()), status_, kSource, surface,
+                              "surface.CopyAll");
   if (!Analysis::Core::Calculation::AnyValid(surface)) {
     status_ = Status(0, StatusCode::kNoValidResult, kLineNoValidPixel, kSource, "");
   }
@@ -241,17 +245,9 @@ void PhaseGenerator::ProcessPixels(int thread, int begin, int end) {
                      "A matrix, the frame buffer or the algorithm went missing during the run");
     return;
   }
-  switch (frames_->GetElementRes()) {
-    case FrameBuffer::kRes8Bit:
-      ProcessPixelsAs<std::uint8_t>(thread, begin, end, failure);
-      return;
-    case FrameBuffer::kRes16Bit:
-      ProcessPixelsAs<std::uint16_t>(thread, begin, end, failure);
-      return;
-    case FrameBuffer::kRes32Bit:
-      ProcessPixelsAs<std::int32_t>(thread, begin, end, failure);
-      return;
-  }
+  Analysis::Core::DispatchSampleType(*frames_, [&]<typename Stored>(Analysis::Core::SampleTag<Stored>) {
+    ProcessPixelsAs<Stored>(thread, begin, end, failure);
+  });
 }
 
 template <typename Stored>
@@ -279,7 +275,7 @@ void PhaseGenerator::ProcessPixelsAs(int thread, int begin, int end, Status& fai
   // What the chosen loader writes must fit the thread's buffer.
   const int written = (ring || !windowed) ? stored : q;
   if (!signal || length < written || (windowed && (q < 1 || q > stored))) {
-    failure = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+    failure = Status(0, StatusCode::kArgumentOutOfRange, kLineSignalBufferTooShort, kSource,
                      "The algorithm's signal buffer holds " + std::to_string(length) +
                          " samples, the loader writes " + std::to_string(written));
     return;

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <numbers>
 
+#include "Testing/SampleStore.h"
+
 namespace Quarn::Testing {
 
 using Core::FrameBuffer;
@@ -27,7 +29,7 @@ void FillCarrierFrame(FrameBuffer& frames, int frame, const CarrierScene& scene,
   const int rows = frames.GetRows();
   const int cols = frames.GetColumns();
   const double maxValue = frames.GetMaxValue();
-  void* slot = frames.GetFrameData(frames.GetSlotOfFrame(frame));
+  const int slot = frames.GetSlotOfFrame(frame);
   for (int r = 0; r < rows; ++r) {
     for (int c = 0; c < cols; ++c) {
       double value =
@@ -39,17 +41,7 @@ void FillCarrierFrame(FrameBuffer& frames, int frame, const CarrierScene& scene,
       if (random && scene.noiseSigma > 0.0) value += random->Normal(scene.noiseSigma);
       value = std::clamp(std::round(value), 0.0, maxValue);
       const std::size_t pixel = static_cast<std::size_t>(r) * cols + c;
-      switch (frames.GetElementRes()) {
-        case FrameBuffer::kRes8Bit:
-          static_cast<std::uint8_t*>(slot)[pixel] = static_cast<std::uint8_t>(value);
-          break;
-        case FrameBuffer::kRes16Bit:
-          static_cast<std::uint16_t*>(slot)[pixel] = static_cast<std::uint16_t>(value);
-          break;
-        case FrameBuffer::kRes32Bit:
-          static_cast<std::int32_t*>(slot)[pixel] = static_cast<std::int32_t>(value);
-          break;
-      }
+      StoreSample(frames, slot, pixel, value);
     }
   }
 }

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <numbers>
 
+#include "Testing/SampleStore.h"
+
 namespace Quarn::Testing {
 
 using Core::FrameBuffer;
@@ -69,18 +71,7 @@ void FillPsiStack(FrameBuffer& frames, const std::vector<double>& shifts,
         if (kk < frameBrightness.size()) value *= frameBrightness[kk];
         if (random && noiseSigma > 0.0) value += random->Normal(noiseSigma);
         value = std::clamp(std::round(value), 0.0, maxValue);
-        void* slot = frames.GetFrameData(k);
-        switch (frames.GetElementRes()) {
-          case FrameBuffer::kRes8Bit:
-            static_cast<std::uint8_t*>(slot)[pixel] = static_cast<std::uint8_t>(value);
-            break;
-          case FrameBuffer::kRes16Bit:
-            static_cast<std::uint16_t*>(slot)[pixel] = static_cast<std::uint16_t>(value);
-            break;
-          case FrameBuffer::kRes32Bit:
-            static_cast<std::int32_t*>(slot)[pixel] = static_cast<std::int32_t>(value);
-            break;
-        }
+        StoreSample(frames, k, pixel, value);
       }
     }
   }

@@ -6,6 +6,8 @@
 #include <numbers>
 #include <vector>
 
+#include "Testing/SampleStore.h"
+
 namespace Quarn::Testing {
 
 using Core::FrameBuffer;
@@ -97,18 +99,7 @@ bool MakeSyntheticScan(FrameBuffer& frames, const ScanSettings& settings,
       }
       for (int frame = firstKept; frame < firstKept + stored; ++frame) {
         const double value = samples[static_cast<std::size_t>(reversed ? scanned - frame : frame)];
-        void* slot = frames.GetFrameData(frames.GetSlotOfFrame(frame));
-        switch (frames.GetElementRes()) {
-          case FrameBuffer::kRes8Bit:
-            static_cast<std::uint8_t*>(slot)[pixel] = static_cast<std::uint8_t>(value);
-            break;
-          case FrameBuffer::kRes16Bit:
-            static_cast<std::uint16_t*>(slot)[pixel] = static_cast<std::uint16_t>(value);
-            break;
-          case FrameBuffer::kRes32Bit:
-            static_cast<std::int32_t*>(slot)[pixel] = static_cast<std::int32_t>(value);
-            break;
-        }
+        StoreSample(frames, frames.GetSlotOfFrame(frame), pixel, value);
       }
     }
   }

@@ -164,10 +164,8 @@ bool RegionFinderConnected::MakeRegions(RegionIdMatrix2D& regionIds, Array<Regio
   // input itself: a pixel is read before its label is written, and only labels already written
   // (the row above, the pixel to the left) are read back as labels.
   const bool inPlace = regionIds.Data() == input_->Data() && rows > 0 && cols > 0;
-  if (!inPlace && !regionIds.Resize(window)) {
-    RecordCallFailure(status_, regionIds.GetStatus(), "regionIds.Resize", __LINE__);
-    return false;
-  }
+  QUARN_RETURN_IF_CALL_FAILED(inPlace || regionIds.Resize(window), status_, status_.GetFile().c_str(),
+                              regionIds, "regionIds.Resize", false);
 
   // First pass: provisional labels (their own numbering) with the pixel count and bounding box of
   // each, the no-data value outside every region, and which rows hold a region pixel at all.
@@ -197,10 +195,8 @@ bool RegionFinderConnected::MakeRegions(RegionIdMatrix2D& regionIds, Array<Regio
     finalId[i] = finalId[static_cast<std::size_t>(root)];
     renumbered = renumbered || finalId[i] != static_cast<int>(i);
   }
-  if (!regions.Resize(regionCount)) {
-    RecordCallFailure(status_, regions.GetStatus(), "regions.Resize", __LINE__);
-    return false;
-  }
+  QUARN_RETURN_IF_CALL_FAILED(regions.Resize(regionCount), status_, status_.GetFile().c_str(), regions,
+                              "regions.Resize", false);
   std::vector<int> count(static_cast<std::size_t>(regionCount), 0);
   std::vector<int> top(count.size(), rows), bottom(count.size(), -1), left(count.size(), cols),
       right(count.size(), -1);

@@ -123,3 +123,37 @@ inline bool CopyIfFailed(Status& target, const Status& source) {
 }
 
 }  // namespace Quarn::Metrology::Analysis::Core
+
+// QUARN_RETURN_IF_CALL_FAILED(ok, owner, source, member, call [, result])
+//
+// Passing a member's failure up in one statement, in the manner of Arrow's `RETURN_NOT_OK`: `ok` is
+// the member operation (false on failure, the reason left in `member.GetStatus()`); when it fails,
+// `owner` becomes code 6 "Call to <call> failed" with the owner's `source` and the line of this use
+// (see `RecordCallFailure`), and the enclosing function returns `result` (nothing when omitted).
+//
+//   QUARN_RETURN_IF_CALL_FAILED(envelope_.Resize(n), status_, kSource, envelope_, "envelope.Resize", false);
+//
+// `member` and `call` are evaluated only after a failure.
+#define QUARN_RETURN_IF_CALL_FAILED(ok, owner, source, member, call, ...)                                    \
+  do {                                                                                                       \
+    if (!(ok)) {                                                                                             \
+      ::Quarn::Metrology::Analysis::Core::RecordCallFailure((owner), (member).GetStatus(), (call), (source), \
+                                                            __LINE__);                                       \
+      return __VA_ARGS__;                                                                                    \
+    }                                                                                                        \
+  } while (false)
+
+// QUARN_RETURN_IF_FAILED(ok, owner, member [, result])
+//
+// The same for the pipelines whose owners report a member's failure as the member's own record
+// (code, source and line of the member): when `ok` is false, `member.GetStatus()` is copied into
+// `owner` unchanged (see `CopyIfFailed`) and the enclosing function returns `result`.
+//
+//   QUARN_RETURN_IF_FAILED(board.fft.Transform(false), board.status, board.fft, false);
+#define QUARN_RETURN_IF_FAILED(ok, owner, member, ...)                                 \
+  do {                                                                                 \
+    if (!(ok)) {                                                                       \
+      ::Quarn::Metrology::Analysis::Core::CopyIfFailed((owner), (member).GetStatus()); \
+      return __VA_ARGS__;                                                              \
+    }                                                                                  \
+  } while (false)

@@ -47,5 +47,62 @@ TEST(StatusTest, CallFailureNamesMemberAndOperationInOwnerSource) {
   EXPECT_EQ(owner.GetFile(), "Swli\\PhaseAlgorithm");
 }
 
+// A member whose next operation fails with a record of its own, and an owner that passes such
+// failures up the two ways the library does: as a named call failure, or as the member's record.
+struct Member {
+  bool Resize(bool succeed) {
+    if (!succeed) status = Status(0, StatusCode::kNegativeDimension, 99, "analysis\\core\\DataMatrix", "");
+    return succeed;
+  }
+  const Status& GetStatus() const {
+    ++statusReads;
+    return status;
+  }
+  Status status;
+  mutable int statusReads = 0;
+};
+
+struct Owner {
+  void Run(bool succeed) {
+    QUARN_RETURN_IF_CALL_FAILED(member.Resize(succeed), status, "Swli\\PhaseAlgorithm", member,
+                                "member.Resize");
+    reachedEnd = true;
+  }
+  bool Copy(bool succeed) {
+    QUARN_RETURN_IF_FAILED(member.Resize(succeed), status, member, false);
+    return true;
+  }
+  Member member;
+  Status status{7, "Swli\\PhaseAlgorithm"};
+  bool reachedEnd = false;
+};
+
+TEST(StatusTest, CallFailureMacroRecordsCodeSixAndLeavesTheFunction) {
+  Owner owner;
+  owner.Run(true);
+  EXPECT_TRUE(owner.reachedEnd);
+  EXPECT_TRUE(owner.status.IsOk());
+  EXPECT_EQ(owner.member.statusReads, 0) << "a successful call reads no status";
+
+  owner.reachedEnd = false;
+  owner.Run(false);
+  EXPECT_FALSE(owner.reachedEnd);
+  EXPECT_EQ(owner.status.GetCode(), StatusCode::kCallFailed);
+  EXPECT_EQ(owner.status.GetMessage(), "Call to member.Resize failed");
+  EXPECT_EQ(owner.status.GetFile(), "Swli\\PhaseAlgorithm");
+  EXPECT_GT(owner.status.GetLine(), 0u);
+  EXPECT_NE(owner.status.GetLine(), 7u) << "the line of the call site, not of the owner's construction";
+}
+
+TEST(StatusTest, CopyMacroPassesTheMembersOwnRecordAndReturnsTheValue) {
+  Owner owner;
+  EXPECT_TRUE(owner.Copy(true));
+  EXPECT_TRUE(owner.status.IsOk());
+  EXPECT_FALSE(owner.Copy(false));
+  EXPECT_EQ(owner.status.GetCode(), StatusCode::kNegativeDimension);
+  EXPECT_EQ(owner.status.GetLine(), 99u);
+  EXPECT_EQ(owner.status.GetFile(), "analysis\\core\\DataMatrix");
+}
+
 }  // namespace
 }  // namespace Quarn::Metrology::Analysis::Core

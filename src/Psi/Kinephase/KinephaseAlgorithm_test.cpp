@@ -6,11 +6,14 @@
 #include <numbers>
 #include <string>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "Analysis/Core/LinearConverter.h"
 #include "Analysis/Core/Units.h"
+#include "Testing/ImageEquivalence.h"
 #include "Testing/SeededRandom.h"
 #include "Testing/SyntheticCarrier.h"
 
@@ -134,27 +137,17 @@ const FrameCase kFrames[] = {
     {"8bit_90x101_P6", 90, 101, 6, FrameBuffer::kRes8Bit, 120.0, 90.0, 1.0},
 };
 
-// Distance in units in the last place between two doubles of the same sign.
-std::int64_t UlpDistance(double a, double b) {
-  std::int64_t ia, ib;
-  std::memcpy(&ia, &a, sizeof a);
-  std::memcpy(&ib, &b, sizeof b);
-  return ia > ib ? ia - ib : ib - ia;
-}
-
 // The fast path (the passes fused into the transform, the vector atan2) against the plain reference:
 // the modulation, and with it the validity of every pixel, bit for bit; the phase within the 4 ulp
-// by which SLEEF's atan2 (3.5 ulp from exact) and libm's may differ.
-void ExpectMatchesReference(const DoubleMatrix2D& phase, const DoubleMatrix2D& modulation,
-                            const DoubleMatrix2D& reference, const DoubleMatrix2D& referenceModulation) {
-  ASSERT_EQ(phase.GetCount(), reference.GetCount());
-  for (std::int64_t i = 0; i < reference.GetCount(); ++i) {
-    ASSERT_EQ(modulation.At(i), referenceModulation.At(i)) << "pixel " << i;
-    ASSERT_EQ(DoubleMatrix2D::IsNoData(phase.At(i)), DoubleMatrix2D::IsNoData(reference.At(i)))
-        << "pixel " << i;
-    if (DoubleMatrix2D::IsNoData(reference.At(i)) || std::abs(reference.At(i)) < 1e-300) continue;
-    ASSERT_LE(UlpDistance(phase.At(i), reference.At(i)), 4) << "pixel " << i << ": " << reference.At(i);
-  }
+// by which SLEEF's atan2 (3.5 ulp from exact) and libm's may differ. The transforms make every
+// pixel depend on the whole frame, so only whole frames are compared.
+Testing::EquivalenceSettings FastPathTolerance(int rows, int cols, std::vector<int> threadCounts) {
+  return {rows, cols, {{"phase", 4}, {"modulation", 0}}, std::move(threadCounts), false};
+}
+
+Testing::ImageMaps MapsOf(const DoubleMatrix2D& phase, const DoubleMatrix2D& modulation) {
+  return {std::vector<double>(phase.Data(), phase.Data() + phase.GetCount()),
+          std::vector<double>(modulation.Data(), modulation.Data() + modulation.GetCount())};
 }
 
 class RecoveryTest : public ::testing::TestWithParam<std::tuple<int, FrameCase>> {};
@@ -189,9 +182,14 @@ TEST_P(RecoveryTest, SmoothPhaseFromCarrierFringesOfEachQuadrant) {
   reference.SetUseFastPath(false);
   reference.SetAllowMultiThreads(false);
   reference.SetIntensity(frames, 0);
-  DoubleMatrix2D referencePhase, referenceModulation;
-  reference.Process(referencePhase, referenceModulation);
-  ExpectMatchesReference(phase, modulation, referencePhase, referenceModulation);
+  Testing::CheckImageEquivalence(
+      FastPathTolerance(f.rows, f.cols, {quadrant + 1}),
+      [&](const Window2D&) {
+        DoubleMatrix2D referencePhase, referenceModulation;
+        reference.Process(referencePhase, referenceModulation);
+        return MapsOf(referencePhase, referenceModulation);
+      },
+      [&](const Window2D&, int) { return MapsOf(phase, modulation); });
 
   const Comparison c = Compare(phase, modulation, scene.phase, kBorder);
   const double noise = PredictedPhaseNoise(kinephase, f.noise, f.amplitude);
@@ -270,16 +268,23 @@ TEST(KinephaseAlgorithmTest, ObscuredFrameThreadCountsAndTheReferencePath) {
   EXPECT_LT(c.invalid, c.compared / 1000);
   EXPECT_LT(c.rms, 1.5 * std::hypot(noise, kMethodErrorRad));
 
-  for (const int count : {1, 2, 3, 7}) {
+  const auto fast = [&](const Window2D&, int count) {
     DoubleMatrix2D phase, modulation;
     run(true, count, true, phase, modulation);
-    ASSERT_EQ(std::memcmp(phase.Data(), phase1.Data(), sizeof(double) * phase1.GetCount()), 0) << count;
-    ASSERT_EQ(std::memcmp(modulation.Data(), modulation1.Data(), sizeof(double) * modulation1.GetCount()), 0)
-        << count;
-  }
-  DoubleMatrix2D reference, referenceModulation;
-  run(true, 2, false, reference, referenceModulation);
-  ExpectMatchesReference(phase1, modulation1, reference, referenceModulation);
+    return MapsOf(phase, modulation);
+  };
+  // Every thread count gives the single-threaded bits.
+  Testing::CheckImageEquivalence(
+      {kSide, kSide, {{"phase", 0}, {"modulation", 0}}, {1, 2, 3, 7}, false},
+      [&](const Window2D&) { return MapsOf(phase1, modulation1); }, fast);
+  Testing::CheckImageEquivalence(
+      FastPathTolerance(kSide, kSide, {1, 2}),
+      [&](const Window2D&) {
+        DoubleMatrix2D reference, referenceModulation;
+        run(true, 2, false, reference, referenceModulation);
+        return MapsOf(reference, referenceModulation);
+      },
+      fast);
 }
 
 // Without the carrier removal the phase is that of the fringes themselves, phi + carrier; with the

@@ -17,6 +17,7 @@
 #include "Analysis/Core/IppiWrapper.h"
 #include "Analysis/Core/RegionFinderConnected.h"
 #include "Analysis/Core/RegionInfo.h"
+#include "Analysis/Core/SampleDispatch.h"
 #include "Analysis/Core/Units.h"
 #include "Core/Board/WiringCheck.h"
 #include "Psi/Kinephase/KpBoard.h"
@@ -25,13 +26,14 @@
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase {
 
 using Analysis::Core::Array;
-using Analysis::Core::CopyIfFailed;
 using Analysis::Core::DataMatrix2D;
+using Analysis::Core::DispatchSampleType;
 using Analysis::Core::DoubleMatrix2D;
 using Analysis::Core::Fft2D;
 using Analysis::Core::FrameBuffer;
 using Analysis::Core::RegionIdMatrix2D;
 using Analysis::Core::RegionInfo;
+using Analysis::Core::SampleTag;
 using Analysis::Core::Status;
 using Analysis::Core::Window2D;
 namespace StatusCode = Analysis::Core::StatusCode;
@@ -160,15 +162,9 @@ bool KpController::LoadFrame(FrameBuffer& frames, int frame) {
   board.width = frames.GetColumns();
   board.height = frames.GetRows();
   const Window2D window = frames.GetAllocatedWindow();
-  if (!board.intensity.Resize(window)) {
-    CopyIfFailed(board.status, board.intensity.GetStatus());
-    return false;
-  }
+  QUARN_RETURN_IF_FAILED(board.intensity.Resize(window), board.status, board.intensity, false);
   board.intensity.ResetWindow();
-  if (!board.mask.Resize(window)) {
-    CopyIfFailed(board.status, board.mask.GetStatus());
-    return false;
-  }
+  QUARN_RETURN_IF_FAILED(board.mask.Resize(window), board.status, board.mask, false);
   board.mask.ResetWindow();
   // The rows' loading also clears the mask: without a mask every pixel is in.
   LoadJob job{&frames, frames.GetSlotOfFrame(frame)};
@@ -189,7 +185,7 @@ void KpController::SetIntensity(FrameBuffer& frames, int frame, const RegionIdMa
                                 ") does not match the frame (" + SizeText(board.height, board.width) + ")");
       return;
     }
-    if (!board.mask.CopyAll(mask)) CopyIfFailed(board.status, board.mask.GetStatus());
+    QUARN_RETURN_IF_FAILED(board.mask.CopyAll(mask), board.status, board.mask);
   });
 }
 
@@ -225,17 +221,8 @@ void KpController::LoadIntensity(void* data, int /*thread*/, int first, int end)
     _mm_sfence();  // streamed stores are weakly ordered: visible before the rows count as loaded
 #endif
   };
-  switch (job.frames->GetElementRes()) {
-    case FrameBuffer::kRes8Bit:
-      load(static_cast<const std::uint8_t*>(slot));
-      break;
-    case FrameBuffer::kRes16Bit:
-      load(static_cast<const std::uint16_t*>(slot));
-      break;
-    case FrameBuffer::kRes32Bit:
-      load(static_cast<const std::int32_t*>(slot));
-      break;
-  }
+  DispatchSampleType(*job.frames,
+                     [&]<typename Stored>(SampleTag<Stored>) { load(static_cast<const Stored*>(slot)); });
 }
 
 void KpController::Prepare(const Window2D& window) {
@@ -250,23 +237,17 @@ void KpController::Prepare(const Window2D& window) {
 bool KpController::UpdateFftSize() {
   KpBoard& board = *board_;
   if (board.fft.GetRows() == board.height && board.fft.GetColumns() == board.width) return true;
-  if (board.fft.SetSize(board.height, board.width)) return true;
-  CopyIfFailed(board.status, board.fft.GetStatus());
-  return false;
+  QUARN_RETURN_IF_FAILED(board.fft.SetSize(board.height, board.width), board.status, board.fft, false);
+  return true;
 }
 
 bool KpController::UpdateFilterSize() {
   KpBoard& board = *board_;
   if (board.filter.GetRows() == board.height && board.filter.GetColumns() == board.width) return true;
   board.filterValid = false;
-  if (!board.filter.Resize(board.height, board.width)) {
-    CopyIfFailed(board.status, board.filter.GetStatus());
-    return false;
-  }
-  if (!board.filterBlocks.Resize(board.height, board.width)) {
-    CopyIfFailed(board.status, board.filterBlocks.GetStatus());
-    return false;
-  }
+  QUARN_RETURN_IF_FAILED(board.filter.Resize(board.height, board.width), board.status, board.filter, false);
+  QUARN_RETURN_IF_FAILED(board.filterBlocks.Resize(board.height, board.width), board.status,
+                         board.filterBlocks, false);
   return true;
 }
 
@@ -366,22 +347,14 @@ bool KpController::Process() {
   timer.Done("sizes and filter");
   board.fft.SetAllowMultiThreads(board.allowMultiThreads);
   board.fft.SetNumberOfThreads(requestedWorkers_);
-  if (!board.fft.SetData(board.intensity, false, false, false)) {
-    CopyIfFailed(board.status, board.fft.GetStatus());
-    return false;
-  }
+  QUARN_RETURN_IF_FAILED(board.fft.SetData(board.intensity, false, false, false), board.status, board.fft,
+                         false);
   timer.Done("load transform");
-  if (!board.fft.Transform(false)) {
-    CopyIfFailed(board.status, board.fft.GetStatus());
-    return false;
-  }
+  QUARN_RETURN_IF_FAILED(board.fft.Transform(false), board.status, board.fft, false);
   timer.Done("forward transform");
   Rows(&KpController::ApplyFilter, board.height);
   timer.Done("filter");
-  if (!board.fft.Transform(true)) {
-    CopyIfFailed(board.status, board.fft.GetStatus());
-    return false;
-  }
+  QUARN_RETURN_IF_FAILED(board.fft.Transform(true), board.status, board.fft, false);
   timer.Done("inverse transform");
   if (board.subtractCarrier) {
     board.carrierSubtractor.SetAllowMultiThreads(board.allowMultiThreads);
@@ -429,14 +402,8 @@ void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D& modulation
     if (!Process()) return;
     const int rows = board.fft.GetRows();
     const int columns = board.fft.GetColumns();
-    if (!phase.Resize(rows, columns)) {
-      CopyIfFailed(board.status, phase.GetStatus());
-      return;
-    }
-    if (!modulation.Resize(rows, columns)) {
-      CopyIfFailed(board.status, modulation.GetStatus());
-      return;
-    }
+    QUARN_RETURN_IF_FAILED(phase.Resize(rows, columns), board.status, phase);
+    QUARN_RETURN_IF_FAILED(modulation.Resize(rows, columns), board.status, modulation);
     timer.Done("pipeline to the carrier removal");
     Rows(&KpController::ExtractPhaseAndModulation, &job, rows);
     timer.Done("phase and modulation");
@@ -463,18 +430,10 @@ bool KpController::ProcessFused(DoubleMatrix2D& phase, ExtractJob& job) {
   if (!UpdateFftSize() || !UpdateFilterSize() || !UpdateFilter()) return false;
   const int rows = board.fft.GetRows();
   const int columns = board.fft.GetColumns();
-  if (!phase.Resize(rows, columns)) {
-    CopyIfFailed(board.status, phase.GetStatus());
-    return false;
-  }
-  if (!job.modulation->Resize(rows, columns)) {
-    CopyIfFailed(board.status, job.modulation->GetStatus());
-    return false;
-  }
-  if (!board.trimRegions.Resize(phase.GetMatrixWindow())) {
-    CopyIfFailed(board.status, board.trimRegions.GetStatus());
-    return false;
-  }
+  QUARN_RETURN_IF_FAILED(phase.Resize(rows, columns), board.status, phase, false);
+  QUARN_RETURN_IF_FAILED(job.modulation->Resize(rows, columns), board.status, *job.modulation, false);
+  QUARN_RETURN_IF_FAILED(board.trimRegions.Resize(phase.GetMatrixWindow()), board.status, board.trimRegions,
+                         false);
   job.noData = &board.trimRegions;
   Status carrierStatus;
   if (board.subtractCarrier) {
@@ -489,11 +448,9 @@ bool KpController::ProcessFused(DoubleMatrix2D& phase, ExtractJob& job) {
   }
   board.fft.SetAllowMultiThreads(board.allowMultiThreads);
   board.fft.SetNumberOfThreads(requestedWorkers_);
-  if (!board.fft.FilterRoundTrip(board.intensity, {&KpController::FilterBlock, this},
-                                 {&KpController::FinishRow, &job})) {
-    CopyIfFailed(board.status, board.fft.GetStatus());
-    return false;
-  }
+  QUARN_RETURN_IF_FAILED(board.fft.FilterRoundTrip(board.intensity, {&KpController::FilterBlock, this},
+                                                   {&KpController::FinishRow, &job}),
+                         board.status, board.fft, false);
   if (board.subtractCarrier) board.status = carrierStatus;
   // The window MarkNoDataOf would have given the map.
   board.trimRegions.ResetWindow();
@@ -552,10 +509,7 @@ void KpController::ExtractPhaseAndModulation(void* data, int /*thread*/, int fir
 // holes (single rejected pixels, dust) are left alone.
 bool KpController::ApplyTrim(DoubleMatrix2D& phase) {
   if (!board_) return false;
-  if (!board_->trimRegions.MarkNoDataOf(phase)) {
-    CopyIfFailed(board_->status, board_->trimRegions.GetStatus());
-    return false;
-  }
+  QUARN_RETURN_IF_FAILED(board_->trimRegions.MarkNoDataOf(phase), board_->status, board_->trimRegions, false);
   return Trim(phase, nullptr);
 }
 
@@ -567,10 +521,7 @@ bool KpController::Trim(DoubleMatrix2D& phase, const RegionIdMatrix2D* mask) {
   Analysis::Core::RegionFinderConnected finder;
   finder.SetMatrix(board.trimRegions);
   Array<RegionInfo> regions;
-  if (!finder.MakeRegions(board.trimRegions, regions)) {
-    CopyIfFailed(board.status, finder.GetStatus());
-    return false;
-  }
+  QUARN_RETURN_IF_FAILED(finder.MakeRegions(board.trimRegions, regions), board.status, finder, false);
   timer.Done("trim: no-data regions found");
   // The rows of the kept areas' bounding boxes; rows away from all of them need no dilation.
   const int rows = phase.GetRows();
@@ -585,14 +536,9 @@ bool KpController::Trim(DoubleMatrix2D& phase, const RegionIdMatrix2D* mask) {
     std::fill(trimRows_.begin() + top, trimRows_.begin() + std::max(top, bottom), 1);
   }
   timer.Done("trim: small regions deleted");
-  if (!board.trimWork.Resize(phase.GetMatrixWindow())) {
-    CopyIfFailed(board.status, board.trimWork.GetStatus());
-    return false;
-  }
-  if (!board.trimGrown.Resize(phase.GetMatrixWindow())) {
-    CopyIfFailed(board.status, board.trimGrown.GetStatus());
-    return false;
-  }
+  QUARN_RETURN_IF_FAILED(board.trimWork.Resize(phase.GetMatrixWindow()), board.status, board.trimWork, false);
+  QUARN_RETURN_IF_FAILED(board.trimGrown.Resize(phase.GetMatrixWindow()), board.status, board.trimGrown,
+                         false);
   Rows(&KpController::MarkTrimRows, rows);
   timer.Done("trim: mask");
   // Each band of rows is grown and applied by one worker; the dilation reads trimWork on either
@@ -688,23 +634,19 @@ void KpController::ApplyMask(DoubleMatrix2D& phase) {
 void KpController::ProcessRealImag(DoubleMatrix2D& real, DoubleMatrix2D& imaginary) {
   Guarded([&](KpBoard& board) {
     if (!Process()) return;
-    if (!board.fft.GetRealPart(real)) {
-      CopyIfFailed(board.status, real.GetStatus());
-      return;
-    }
-    if (!board.fft.GetImaginaryPart(imaginary)) CopyIfFailed(board.status, imaginary.GetStatus());
+    QUARN_RETURN_IF_FAILED(board.fft.GetRealPart(real), board.status, real);
+    QUARN_RETURN_IF_FAILED(board.fft.GetImaginaryPart(imaginary), board.status, imaginary);
   });
 }
 
 void KpController::GetFilter(DoubleMatrix2D& filter) {
-  Guarded([&](KpBoard& board) {
-    if (!filter.CopyAll(board.filter)) CopyIfFailed(board.status, filter.GetStatus());
-  });
+  Guarded(
+      [&](KpBoard& board) { QUARN_RETURN_IF_FAILED(filter.CopyAll(board.filter), board.status, filter); });
 }
 
 void KpController::GetTrimRegions(RegionIdMatrix2D& regions) {
   Guarded([&](KpBoard& board) {
-    if (!regions.CopyAll(board.trimRegions)) CopyIfFailed(board.status, regions.GetStatus());
+    QUARN_RETURN_IF_FAILED(regions.CopyAll(board.trimRegions), board.status, regions);
   });
 }
 

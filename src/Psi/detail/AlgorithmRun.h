@@ -38,10 +38,8 @@ bool AcceptFrameStack(Analysis::Core::Status& status, const char* source,
 template <typename Record, typename Reset>
 bool PrepareThreadRecords(Analysis::Core::Status& status, Analysis::Core::Array<Record>& records,
                           int numberOfThreads, const char* call, Reset reset) {
-  if (!records.Resize(std::max(1, numberOfThreads))) {
-    Analysis::Core::RecordCallFailure(status, records.GetStatus(), call, __LINE__);
-    return false;
-  }
+  QUARN_RETURN_IF_CALL_FAILED(records.Resize(std::max(1, numberOfThreads)), status, status.GetFile().c_str(),
+                              records, call, false);
   for (Record& record : records)
     reset(record);
   return true;

@@ -2,9 +2,11 @@
 
 #include <cassert>
 #include <cstdint>
+#include <type_traits>
 
 #include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/RegionIdMatrix2D.h"
+#include "Analysis/Core/SampleDispatch.h"
 #include "Analysis/Core/Status.h"
 #include "Analysis/Core/Window2D.h"
 
@@ -107,17 +109,10 @@ class PixelWalk {
   template <typename Visit>
   void ForEachSamples(Analysis::Core::FrameBuffer& frames, int thread, int first, int end,
                       Visit&& visit) const {
-    switch (frames.GetElementRes()) {
-      case Analysis::Core::FrameBuffer::kRes8Bit:
-        Gather<std::uint8_t, unsigned char>(frames, thread, first, end, visit);
-        break;
-      case Analysis::Core::FrameBuffer::kRes16Bit:
-        Gather<std::uint16_t, int>(frames, thread, first, end, visit);
-        break;
-      case Analysis::Core::FrameBuffer::kRes32Bit:
-        Gather<std::int32_t, int>(frames, thread, first, end, visit);
-        break;
-    }
+    Analysis::Core::DispatchSampleType(frames, [&]<typename Stored>(Analysis::Core::SampleTag<Stored>) {
+      using Sample = std::conditional_t<sizeof(Stored) == 1, unsigned char, int>;
+      Gather<Stored, Sample>(frames, thread, first, end, visit);
+    });
   }
 
  private:

@@ -1,4 +1,4 @@
-#include "CoherenceDiscriminator.h"
+#include "Swli/CoherenceDiscriminator.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -6,7 +6,7 @@
 
 #include "Analysis/Core/Threading/ThreadDispatcher.h"
 
-namespace Quarn::Qphase {
+namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 
 namespace {
 
@@ -15,27 +15,28 @@ constexpr int kWindow = 2 * kHalfWindow + 1;  // nine frames
 
 class Discriminator {
  public:
-  Discriminator(Core::FrameBuffer& frames, Core::IntMatrix2D& peaks) : frames_(frames), peaks_(peaks) {}
+  Discriminator(AnalysisCore::FrameBuffer& frames, AnalysisCore::IntMatrix2D& peaks)
+      : frames_(frames), peaks_(peaks) {}
 
   void Run(int threads) {
     if (threads == 1) {
       Rows(0, frames_.GetRows());
       return;
     }
-    Core::Threading::ThreadDispatcher<Discriminator> dispatcher(this, nullptr, -1);
+    AnalysisCore::Threading::ThreadDispatcher<Discriminator> dispatcher(this, nullptr, -1);
     dispatcher.SetNumberOfWorkers(threads < 1 ? dispatcher.GetNumberOfThreads() : threads);
     if (frames_.GetRows() > 0) dispatcher.Invoke(&Discriminator::Rows, 0, frames_.GetRows());
   }
 
   void Rows(int first, int end) {
     switch (frames_.GetElementRes()) {
-      case Core::FrameBuffer::kRes8Bit:
+      case AnalysisCore::FrameBuffer::kRes8Bit:
         RowsAs<std::uint8_t>(first, end);
         break;
-      case Core::FrameBuffer::kRes16Bit:
+      case AnalysisCore::FrameBuffer::kRes16Bit:
         RowsAs<std::uint16_t>(first, end);
         break;
-      case Core::FrameBuffer::kRes32Bit:
+      case AnalysisCore::FrameBuffer::kRes32Bit:
         RowsAs<std::int32_t>(first, end);
         break;
     }
@@ -83,15 +84,15 @@ class Discriminator {
     }
   }
 
-  Core::FrameBuffer& frames_;
-  Core::IntMatrix2D& peaks_;
+  AnalysisCore::FrameBuffer& frames_;
+  AnalysisCore::IntMatrix2D& peaks_;
 };
 
 }  // namespace
 
-void FindPeakFrames(Core::FrameBuffer& frames, Core::IntMatrix2D& peakFrames, int threads) {
+void FindPeakFrames(AnalysisCore::FrameBuffer& frames, AnalysisCore::IntMatrix2D& peakFrames, int threads) {
   peakFrames.Resize(frames.GetAllocatedWindow());
   Discriminator(frames, peakFrames).Run(threads);
 }
 
-}  // namespace Quarn::Qphase
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli

@@ -1,4 +1,4 @@
-#include "TiffIO.h"
+#include "TiffReader.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -22,93 +22,15 @@
 #include "Analysis/Core/NoData.h"
 #include "OutputFiles.h"
 #include "ToolError.h"
+#include "detail/TiffFile.h"
 
 namespace Quarn::Qphase {
 
 namespace {
 
-// libtiff reports through global handlers; keep its last error for our messages and drop its
-// warnings (unknown tags and the like are no reason to bother a user).
-thread_local std::string lastTiffError;
-
-void CaptureError(const char* module, const char* format, va_list args) {
-  char text[512];
-  std::vsnprintf(text, sizeof text, format, args);
-  lastTiffError = module ? std::string(module) + ": " + text : std::string(text);
-}
-
-void IgnoreWarning(const char*, const char*, va_list) {}
-
-// The handlers are process-wide and the files of one run are written from several threads: they are
-// installed once, before the first file is opened.
-void InstallTiffHandlers() {
-  static std::once_flag installed;
-  std::call_once(installed, [] {
-    TIFFSetErrorHandler(CaptureError);
-    TIFFSetWarningHandler(IgnoreWarning);
-  });
-}
-
-// The width and height that a classic TIFF's first directory declares; nullopt when they cannot be
-// read. libtiff refuses a page without pixels while reading its directory, with a message about
-// strips; with this the user learns what is really wrong with the file.
-std::optional<std::pair<std::uint32_t, std::uint32_t>> DeclaredFirstPageSize(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  unsigned char header[8];
-  if (!in.read(reinterpret_cast<char*>(header), sizeof header)) return std::nullopt;
-  const bool little = header[0] == 'I' && header[1] == 'I';
-  if (!little && !(header[0] == 'M' && header[1] == 'M')) return std::nullopt;
-  const auto number = [little](const unsigned char* bytes, int count) {
-    std::uint32_t value = 0;
-    for (int i = 0; i < count; ++i)
-      value |= static_cast<std::uint32_t>(bytes[little ? i : count - 1 - i]) << (8 * i);
-    return value;
-  };
-  if (number(header + 2, 2) != 42) return std::nullopt;
-  in.seekg(number(header + 4, 4));
-  unsigned char count[2];
-  if (!in.read(reinterpret_cast<char*>(count), sizeof count)) return std::nullopt;
-  std::optional<std::uint32_t> width, height;
-  for (std::uint32_t i = 0, entries = number(count, 2); i < entries; ++i) {
-    unsigned char entry[12];  // tag, type, count, value (a short value is stored first)
-    if (!in.read(reinterpret_cast<char*>(entry), sizeof entry)) break;
-    const std::uint32_t tag = number(entry, 2), type = number(entry + 2, 2);
-    if ((tag != TIFFTAG_IMAGEWIDTH && tag != TIFFTAG_IMAGELENGTH) ||
-        (type != TIFF_SHORT && type != TIFF_LONG))
-      continue;
-    (tag == TIFFTAG_IMAGEWIDTH ? width : height) = number(entry + 8, type == TIFF_SHORT ? 2 : 4);
-  }
-  if (!width || !height) return std::nullopt;
-  return std::make_pair(*width, *height);
-}
-
-struct TiffCloser {
-  void operator()(TIFF* tiff) const { TIFFClose(tiff); }
-};
-using TiffHandle = std::unique_ptr<TIFF, TiffCloser>;
-
-// Opens a TIFF to read ("r") or write ("w"); messages name the user's path, also when `path` is the
-// temporary file of an output.
-TiffHandle Open(const std::string& path, const char* mode) {
-  InstallTiffHandlers();
-  lastTiffError.clear();
-  const bool reading = mode[0] == 'r';
-  const std::string shown = UserPath(path);
-  FILE* probe = std::fopen(path.c_str(), reading ? "rb" : "ab");
-  if (!probe) throw UsageError(shown + ": " + std::strerror(errno));
-  std::fclose(probe);
-  TiffHandle tiff(TIFFOpen(path.c_str(), mode));
-  if (!tiff) {
-    if (const auto size = reading ? DeclaredFirstPageSize(path) : std::nullopt;
-        size && (size->first == 0 || size->second == 0)) {
-      throw UsageError(shown + ": page 1 has no pixels (declared " + std::to_string(size->first) + " x " +
-                       std::to_string(size->second) + ")");
-    }
-    throw UsageError(shown + ": " + (reading ? "not a readable TIFF file" : "cannot be written as TIFF") +
-                     (lastTiffError.empty() ? "" : " (" + lastTiffError + ")"));
-  }
-  return tiff;
-}
+using detail::OpenTiff;
+using detail::TiffErrorSuffix;
+using detail::TiffHandle;
 
 std::uint64_t FileSize(TIFF* tiff) {
   struct stat info {};
@@ -183,18 +105,6 @@ PageLayout ReadPageLayout(TIFF* tiff, const std::string& path, int page) {
   return PageLayout{static_cast<int>(height), static_cast<int>(width), bits};
 }
 
-// Doubles to floats with no-data as NaN. The conversion is done for every element and the choice
-// made afterwards, which lets the compiler vectorise the loop (converting the no-data value itself
-// only overflows to infinity, which is then replaced).
-void ToFloatRow(const double* __restrict in, float* __restrict out, int count) {
-  const float nan = std::numeric_limits<float>::quiet_NaN();
-  for (int c = 0; c < count; ++c) {
-    const double v = in[c];
-    const float f = static_cast<float>(v);
-    out[c] = v >= Core::kNoDataDouble ? nan : f;
-  }
-}
-
 // The common case of camera stacks: an uncompressed page whose strips follow each other in the file.
 // Then the page is one run of bytes, read with a single pread straight into the frame storage.
 // Returns false (nothing read) for any other layout.
@@ -233,7 +143,7 @@ void ReadPage(TIFF* tiff, const std::string& path, int page, const PageLayout& l
               std::size_t rowBytes) {
   const auto fail = [&] {
     throw UsageError(path + ": page " + std::to_string(page + 1) + " could not be decoded" +
-                     (lastTiffError.empty() ? "" : " (" + lastTiffError + ")"));
+                     (TiffErrorSuffix()));
   };
   const std::size_t bytesPerSample = static_cast<std::size_t>(layout.bits / 8);
   if (TIFFIsTiled(tiff)) {
@@ -272,7 +182,7 @@ void ReadPage(TIFF* tiff, const std::string& path, int page, const PageLayout& l
 }  // namespace
 
 TiffStackInfo InspectTiffStack(const std::string& path) {
-  TiffHandle tiff = Open(path, "r");
+  TiffHandle tiff = OpenTiff(path, "r");
   TiffStackInfo info;
   int page = 0;
   bool compressed = false;
@@ -295,8 +205,7 @@ TiffStackInfo InspectTiffStack(const std::string& path) {
     if (TIFFLastDirectory(tiff.get())) break;
     // A directory that follows but cannot be read is damage, not the end of the stack.
     if (!TIFFReadDirectory(tiff.get())) {
-      throw UsageError(path + ": page " + std::to_string(page + 1) + " cannot be read" +
-                       (lastTiffError.empty() ? "" : " (" + lastTiffError + ")"));
+      throw UsageError(path + ": page " + std::to_string(page + 1) + " cannot be read" + (TiffErrorSuffix()));
     }
   }
   info.pages = page;
@@ -317,7 +226,7 @@ namespace {
 // Where each page's samples lie in the file when every page is stored uncompressed in one run of
 // bytes, in the file's byte order equal to the machine's; empty otherwise.
 std::vector<std::uint64_t> ContiguousPageOffsets(const std::string& path, const TiffStackInfo& info) {
-  TiffHandle tiff = Open(path, "r");
+  TiffHandle tiff = OpenTiff(path, "r");
   std::vector<std::uint64_t> offsets;
   const std::uint64_t pageBytes = static_cast<std::uint64_t>(info.rows) *
                                   static_cast<std::uint64_t>(info.cols) *
@@ -407,7 +316,7 @@ TiffStackInfo ReadTiffStack(const std::string& path, Core::FrameBuffer& frames, 
   if (!frames.Allocate(window, scanned, resolution, info.pages, scanDirection)) {
     throw UsageError(path + ": " + frames.GetStatus().GetMessage());
   }
-  TiffHandle tiff = Open(path, "r");
+  TiffHandle tiff = OpenTiff(path, "r");
   const std::size_t rowBytes =
       static_cast<std::size_t>(info.cols) * static_cast<std::size_t>(info.bitsPerSample / 8);
   for (int page = 0; page < info.pages; ++page) {
@@ -426,7 +335,7 @@ TiffStackInfo ReadTiffImage(const std::string& path, Core::IntMatrix2D& image, i
     throw UsageError(path + ": has " + std::to_string(info.pages) + " pages, page " +
                      std::to_string(page + 1) + " was asked for");
   }
-  TiffHandle tiff = Open(path, "r");
+  TiffHandle tiff = OpenTiff(path, "r");
   for (int p = 0; p < page; ++p)
     TIFFReadDirectory(tiff.get());
   const std::size_t bytesPerSample = static_cast<std::size_t>(info.bitsPerSample / 8);
@@ -445,41 +354,8 @@ TiffStackInfo ReadTiffImage(const std::string& path, Core::IntMatrix2D& image, i
   return info;
 }
 
-void WriteFloatTiff(const std::string& path, const Core::DataMatrix2D<double>& map) {
-  TiffHandle tiff = Open(path, "w");
-  const std::string shown = UserPath(path);
-  const int rows = map.GetRows();
-  const int cols = map.GetColumns();
-  TIFFSetField(tiff.get(), TIFFTAG_IMAGEWIDTH, static_cast<std::uint32_t>(cols));
-  TIFFSetField(tiff.get(), TIFFTAG_IMAGELENGTH, static_cast<std::uint32_t>(rows));
-  TIFFSetField(tiff.get(), TIFFTAG_SAMPLESPERPIXEL, 1);
-  TIFFSetField(tiff.get(), TIFFTAG_BITSPERSAMPLE, 32);
-  TIFFSetField(tiff.get(), TIFFTAG_SAMPLEFORMAT, SAMPLEFORMAT_IEEEFP);
-  TIFFSetField(tiff.get(), TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
-  TIFFSetField(tiff.get(), TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-  TIFFSetField(tiff.get(), TIFFTAG_COMPRESSION, COMPRESSION_NONE);
-  // Strips of about a megabyte: few system calls, and a buffer that stays in the cache.
-  const int rowsPerStrip = std::max(1, std::min(rows, (1 << 20) / std::max(1, cols * 4)));
-  TIFFSetField(tiff.get(), TIFFTAG_ROWSPERSTRIP, static_cast<std::uint32_t>(rowsPerStrip));
-  std::vector<float> strip(static_cast<std::size_t>(rowsPerStrip) * static_cast<std::size_t>(cols));
-  for (int top = 0, index = 0; top < rows; top += rowsPerStrip, ++index) {
-    const int count = std::min(rowsPerStrip, rows - top);
-    for (int r = 0; r < count; ++r) {
-      const double* in = map.Row(top + r);
-      float* out = strip.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(cols);
-      ToFloatRow(in, out, cols);
-    }
-    const tmsize_t bytes = static_cast<tmsize_t>(count) * cols * 4;
-    if (TIFFWriteEncodedStrip(tiff.get(), static_cast<std::uint32_t>(index), strip.data(), bytes) != bytes) {
-      throw UsageError(shown + ": writing failed" +
-                       (lastTiffError.empty() ? "" : " (" + lastTiffError + ")"));
-    }
-  }
-  if (!TIFFFlush(tiff.get())) throw UsageError(shown + ": writing failed (disk full?)");
-}
-
 void ReadFloatTiff(const std::string& path, Core::DataMatrix2D<double>& map) {
-  TiffHandle tiff = Open(path, "r");
+  TiffHandle tiff = OpenTiff(path, "r");
   std::uint32_t width = 0, height = 0;
   std::uint16_t bits = 1, samples = 1, format = SAMPLEFORMAT_UINT;
   TIFFGetField(tiff.get(), TIFFTAG_IMAGEWIDTH, &width);
@@ -517,37 +393,6 @@ void ReadFloatTiff(const std::string& path, Core::DataMatrix2D<double>& map) {
       }
       out[c] = v;
     }
-  }
-}
-
-void WriteTiffStack(const std::string& path, const Core::FrameBuffer& frames) {
-  TiffHandle tiff = Open(path, "w");
-  const std::string shown = UserPath(path);
-  const int bits = frames.GetElementRes() == Core::FrameBuffer::kRes8Bit ? 8 : 16;
-  if (frames.GetElementRes() == Core::FrameBuffer::kRes32Bit)
-    throw UsageError(shown + ": 32-bit stacks cannot be written");
-  const std::size_t rowBytes =
-      static_cast<std::size_t>(frames.GetColumns()) * static_cast<std::size_t>(bits / 8);
-  for (int slot = 0; slot < frames.GetFramesStored(); ++slot) {
-    TIFFSetField(tiff.get(), TIFFTAG_IMAGEWIDTH, static_cast<std::uint32_t>(frames.GetColumns()));
-    TIFFSetField(tiff.get(), TIFFTAG_IMAGELENGTH, static_cast<std::uint32_t>(frames.GetRows()));
-    TIFFSetField(tiff.get(), TIFFTAG_SAMPLESPERPIXEL, 1);
-    TIFFSetField(tiff.get(), TIFFTAG_BITSPERSAMPLE, bits);
-    TIFFSetField(tiff.get(), TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
-    TIFFSetField(tiff.get(), TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-    TIFFSetField(tiff.get(), TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(tiff.get(), 0));
-    TIFFSetField(tiff.get(), TIFFTAG_SUBFILETYPE, FILETYPE_PAGE);
-    TIFFSetField(tiff.get(), TIFFTAG_PAGENUMBER, static_cast<std::uint16_t>(slot),
-                 static_cast<std::uint16_t>(frames.GetFramesStored()));
-    const auto* data = static_cast<const std::byte*>(frames.GetFrameData(slot));
-    for (int r = 0; r < frames.GetRows(); ++r) {
-      // libtiff takes a non-const buffer but only reads it.
-      if (TIFFWriteScanline(tiff.get(), const_cast<std::byte*>(data + static_cast<std::size_t>(r) * rowBytes),
-                            static_cast<std::uint32_t>(r), 0) < 0) {
-        throw UsageError(shown + ": writing failed");
-      }
-    }
-    if (!TIFFWriteDirectory(tiff.get())) throw UsageError(shown + ": writing failed");
   }
 }
 

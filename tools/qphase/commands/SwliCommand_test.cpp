@@ -47,15 +47,6 @@ class SwliCliTest : public CliTestFixture {
     WriteTiffStack(Path(name), frames);
     return Path(name);
   }
-
-  std::vector<std::string> Leftovers(std::initializer_list<std::string> expected) const {
-    std::vector<std::string> extra;
-    for (const auto& entry : fs::directory_iterator(dir_)) {
-      const std::string name = entry.path().filename().string();
-      if (std::find(expected.begin(), expected.end(), name) == expected.end()) extra.push_back(name);
-    }
-    return extra;
-  }
 };
 
 // The frequency-domain analysis through the tool: the surface to within 2.5 nm (see the library's

@@ -17,9 +17,9 @@
 #include "Analysis/Core/LinearConverter.h"
 #include "Analysis/Core/Threading/CpuCounter.h"
 #include "Analysis/Core/UnitNumber.h"
-#include "CoherenceDiscriminator.h"
 #include "Demo.h"
 #include "MapPreview.h"
+#include "Swli/CoherenceDiscriminator.h"
 #include "Swli/PhaseAlgorithmCentroid.h"
 #include "Swli/PhaseAlgorithmFda.h"
 #include "Swli/PhaseGenerator.h"
@@ -69,7 +69,7 @@ void RunSwliDemo(DemoContext& context) {
 
   const int threads = Core::Threading::CpuCounter::Instance().GetNumberOfProcessors();
   Core::IntMatrix2D peaks, auxiliary(n, n);
-  FindPeakFrames(frames, peaks, threads);
+  Swli::FindPeakFrames(frames, peaks, threads);
   auxiliary.SetAll(0);
 
   Core::DoubleMatrix2D truth(n, n);

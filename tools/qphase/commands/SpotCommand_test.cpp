@@ -56,15 +56,6 @@ class SpotCommandTest : public CliTestFixture {
     return Path(name);
   }
 
-  std::vector<std::string> Leftovers(std::initializer_list<std::string> expected) const {
-    std::vector<std::string> extra;
-    for (const auto& entry : fs::directory_iterator(dir_)) {
-      const std::string name = entry.path().filename().string();
-      if (std::find(expected.begin(), expected.end(), name) == expected.end()) extra.push_back(name);
-    }
-    return extra;
-  }
-
   // Reticle centre (80, 64), square of interest +-60, obscuration radius 5.
   static constexpr const char* kWiring = " --center 80,64 --radius 60 --obscuration 5";
 };

@@ -35,15 +35,6 @@ class QphaseCliTest : public CliTestFixture {
     WriteTiffStack(Path(name), stack);
     return Path(name);
   }
-
-  // The names of the files in the work directory, sorted.
-  std::vector<std::string> Files() const {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(dir_))
-      names.push_back(entry.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-  }
 };
 
 // More than 13 frames and not 20 take the sliding kernel; every output lands under its own name
@@ -110,44 +101,6 @@ TEST_F(QphaseCliTest, NoValidPixelIsExitStatus1AndNothingIsWritten) {
   EXPECT_NE(result.err.find("no valid pixel in " + flat), std::string::npos) << result.err;
   EXPECT_EQ(Files(), std::vector<std::string>{"flat.tif"}) << "a failed run must not leave files";
   EXPECT_EQ(Run("psi " + flat + " -o " + Path("phase.tif") + " --min-modulation 0.5").status, 0);
-}
-
-// Every section of the demo runs on small images: each row of its table carries finite numbers
-// (an error may be "n/a" only with its reason), and each section leaves maps and previews.
-TEST_F(QphaseCliTest, DemoRunsEverySectionAndWritesItsMaps) {
-  const RunResult result = Run("demo --size 64 --out " + Path("demo"));
-  ASSERT_EQ(result.status, 0) << result.err;
-  const auto finite = [](const std::string& text) {
-    char* end = nullptr;
-    const double value = std::strtod(text.c_str(), &end);
-    return !text.empty() && *end == '\0' && std::isfinite(value);
-  };
-  std::istringstream table(result.out);
-  int rows = 0;
-  for (std::string line; std::getline(table, line);) {
-    const std::size_t size = line.find(" 64x64 ");
-    if (size == std::string::npos) continue;
-    ++rows;
-    std::istringstream fields(line.substr(size + 7));
-    std::string milliseconds, rate, error, valid;
-    fields >> milliseconds >> rate >> error;
-    while (fields >> valid && valid.back() != '%') {
-    }
-    EXPECT_TRUE(finite(milliseconds) && finite(rate) && finite(valid.substr(0, valid.size() - 1))) << line;
-    EXPECT_TRUE(finite(error) || line.find("n/a (") != std::string::npos) << line;
-  }
-  EXPECT_GE(rows, 5) << result.out;
-  EXPECT_NE(result.out.find("PSI ConvertSliding13"), std::string::npos) << result.out;
-  for (const std::string section : {"psi_", "psicheck_", "swli_", "carrier_", "spot_"}) {
-    for (const std::string extension : {".tif", ".png"}) {
-      int count = 0;
-      for (const auto& entry : fs::directory_iterator(Path("demo"))) {
-        const std::string name = entry.path().filename().string();
-        count += name.starts_with(section) && name.ends_with(extension) && fs::file_size(entry.path()) > 0;
-      }
-      EXPECT_GT(count, 0) << section << "*" << extension;
-    }
-  }
 }
 
 }  // namespace

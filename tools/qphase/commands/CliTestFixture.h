@@ -6,11 +6,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -62,6 +64,24 @@ class CliTestFixture : public ::testing::Test {
     std::filesystem::remove(out);
     std::filesystem::remove(err);
     return result;
+  }
+
+  // The names of the files in the work directory, sorted.
+  std::vector<std::string> Files() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir_))
+      names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  // The files in the work directory that are not `expected`: what a run left behind that it should
+  // not have (a temporary, a half-written output, a result of a failed run).
+  std::vector<std::string> Leftovers(std::initializer_list<std::string> expected) const {
+    std::vector<std::string> extra;
+    for (const std::string& name : Files())
+      if (std::find(expected.begin(), expected.end(), name) == expected.end()) extra.push_back(name);
+    return extra;
   }
 
   std::filesystem::path dir_;

@@ -18,11 +18,11 @@
 #include "Analysis/Core/LinearConverter.h"
 #include "Analysis/Core/Threading/CpuCounter.h"
 #include "Analysis/Core/UnitNumber.h"
-#include "CoherenceDiscriminator.h"
 #include "CommandRegistry.h"
 #include "CommonOptions.h"
 #include "MapPreview.h"
 #include "OutputFiles.h"
+#include "Swli/CoherenceDiscriminator.h"
 #include "Swli/PhaseAlgorithmCentroid.h"
 #include "Swli/PhaseAlgorithmFda.h"
 #include "Swli/PhaseGenerator.h"
@@ -117,7 +117,7 @@ int RunSwli(const SwliOptions& options) {
   const int threads = options.threads < 0 ? Core::Threading::CpuCounter::Instance().GetNumberOfProcessors()
                                           : std::max(options.threads, 1);
   Core::IntMatrix2D peaks;
-  FindPeakFrames(frames, peaks, threads);
+  Swli::FindPeakFrames(frames, peaks, threads);
   Core::IntMatrix2D auxiliary(info.rows, info.cols);
   auxiliary.SetAll(0);
   Core::debug_printf("qphase swli: peak frames found: %g ms\n", stage.Restart() / 1000.0);

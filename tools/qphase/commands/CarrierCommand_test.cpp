@@ -66,15 +66,6 @@ class CarrierCliTest : public CliTestFixture {
     const std::size_t at = out.find(key);
     return at == std::string::npos ? std::nan("") : std::strtod(out.c_str() + at + key.size(), nullptr);
   }
-
-  std::vector<std::string> Leftovers(std::initializer_list<std::string> expected) const {
-    std::vector<std::string> extra;
-    for (const auto& entry : fs::directory_iterator(dir_)) {
-      const std::string name = entry.path().filename().string();
-      if (std::find(expected.begin(), expected.end(), name) == expected.end()) extra.push_back(name);
-    }
-    return extra;
-  }
 };
 
 // The written phase is the surface's in radians, up to a constant; 8 pixels from the frame edge

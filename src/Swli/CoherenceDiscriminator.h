@@ -2,14 +2,15 @@
 
 #include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/IntMatrix2D.h"
+#include "QuarnPhaseProcessingExport.h"
 
-namespace Quarn::Qphase {
+namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 
-namespace Core = ::Quarn::Metrology::Analysis::Core;
+namespace AnalysisCore = ::Quarn::Metrology::Analysis::Core;
 
 // FindPeakFrames
 //
-// The coherence discriminator of the tool: for every pixel of a white-light scan, the stored frame
+// The coherence discriminator: for every pixel of a white-light scan, the stored frame
 // at which its fringes are strongest, which the evaluation then centres its signal window on.
 //
 // Fringes change the intensity from frame to frame, and the more so the stronger they are; a
@@ -28,6 +29,7 @@ namespace Core = ::Quarn::Metrology::Analysis::Core;
 // on the number of threads (rows are shared among them).
 //
 // `peakFrames` is resized to the frame buffer's window.
-void FindPeakFrames(Core::FrameBuffer& frames, Core::IntMatrix2D& peakFrames, int threads);
+QUARN_PP_EXPORT void FindPeakFrames(AnalysisCore::FrameBuffer& frames, AnalysisCore::IntMatrix2D& peakFrames,
+                                    int threads);
 
-}  // namespace Quarn::Qphase
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli

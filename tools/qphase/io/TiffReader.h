@@ -1,3 +1,4 @@
+// Reading grayscale TIFF files: camera stacks and single images, and float maps.
 #pragma once
 
 #include <string>
@@ -32,15 +33,8 @@ TiffStackInfo ReadTiffStack(const std::string& path, Core::FrameBuffer& frames, 
 // Reads one page (the first, or `page`) as an integer image.
 TiffStackInfo ReadTiffImage(const std::string& path, Core::IntMatrix2D& image, int page = 0);
 
-// Writes a map as a 32-bit float grayscale TIFF, row by row; no-data elements (at or above the
-// largest finite double) become NaN. Throws a usage error when the file cannot be written.
-void WriteFloatTiff(const std::string& path, const Core::DataMatrix2D<double>& map);
-
 // Reads a 32-bit float (or 8-/16-bit integer) grayscale map, such as one written by WriteFloatTiff;
 // NaN becomes no-data.
 void ReadFloatTiff(const std::string& path, Core::DataMatrix2D<double>& map);
-
-// Writes an 8- or 16-bit multi-page stack (used by the demo and the tests to hand data to tools).
-void WriteTiffStack(const std::string& path, const Core::FrameBuffer& frames);
 
 }  // namespace Quarn::Qphase

@@ -1,5 +1,5 @@
-// The tool's coherence discriminator on synthetic scans with known surfaces.
-#include "CoherenceDiscriminator.h"
+// The coherence discriminator on synthetic scans with known surfaces.
+#include "Swli/CoherenceDiscriminator.h"
 
 #include <cstdlib>
 
@@ -8,7 +8,7 @@
 #include "Testing/SeededRandom.h"
 #include "Testing/SyntheticScan.h"
 
-namespace Quarn::Qphase {
+namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 namespace {
 
 double Surface(int r, int c) {
@@ -27,11 +27,11 @@ Testing::ScanSettings Settings(int direction) {
 
 // The peaks of a scan of the surface; the noise is seeded alike for every scan, so the two
 // directions carry the same samples mirrored (frame p at the position of forward frame F - p).
-Core::IntMatrix2D Peaks(const Testing::ScanSettings& s, int threads) {
+AnalysisCore::IntMatrix2D Peaks(const Testing::ScanSettings& s, int threads) {
   Testing::SeededRandom random(61);
-  Core::FrameBuffer frames;
+  AnalysisCore::FrameBuffer frames;
   EXPECT_TRUE(Testing::MakeSyntheticScan(frames, s, Surface, &random));
-  Core::IntMatrix2D peaks;
+  AnalysisCore::IntMatrix2D peaks;
   FindPeakFrames(frames, peaks, threads);
   return peaks;
 }
@@ -43,9 +43,9 @@ Core::IntMatrix2D Peaks(const Testing::ScanSettings& s, int threads) {
 // are F minus the forward ones exactly (ties go to the same scan position), and the threads share
 // rows without changing anything.
 TEST(CoherenceDiscriminatorTest, FindsThePeakFrameWithinAFrameInEitherDirection) {
-  const Core::IntMatrix2D forward = Peaks(Settings(1), 1);
-  const Core::IntMatrix2D reversed = Peaks(Settings(-1), 2);
-  const Core::IntMatrix2D threaded = Peaks(Settings(1), 3);
+  const AnalysisCore::IntMatrix2D forward = Peaks(Settings(1), 1);
+  const AnalysisCore::IntMatrix2D reversed = Peaks(Settings(-1), 2);
+  const AnalysisCore::IntMatrix2D threaded = Peaks(Settings(1), 3);
   ASSERT_EQ(forward.GetRows(), 20);
   ASSERT_EQ(forward.GetColumns(), 24);
   for (int r = 0; r < 20; ++r) {
@@ -64,10 +64,10 @@ TEST(CoherenceDiscriminatorTest, ASignalThatNeverChangesHasNoPeak) {
   Testing::ScanSettings s = Settings(-1);
   s.modulationCounts = 0.0;
   s.noiseSigmaCounts = 0.0;
-  const Core::IntMatrix2D peaks = Peaks(s, 2);
+  const AnalysisCore::IntMatrix2D peaks = Peaks(s, 2);
   for (std::int64_t i = 0; i < peaks.GetCount(); ++i)
     EXPECT_EQ(peaks.At(i), 0) << "pixel " << i;
 }
 
 }  // namespace
-}  // namespace Quarn::Qphase
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli

@@ -1,0 +1,102 @@
+#include "TiffWriter.h"
+
+#include <tiffio.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "Analysis/Core/NoData.h"
+#include "OutputFiles.h"
+#include "ToolError.h"
+#include "detail/TiffFile.h"
+
+namespace Quarn::Qphase {
+
+namespace {
+
+using detail::OpenTiff;
+using detail::TiffErrorSuffix;
+using detail::TiffHandle;
+
+// Doubles to floats with no-data as NaN. The conversion is done for every element and the choice
+// made afterwards, which lets the compiler vectorise the loop (converting the no-data value itself
+// only overflows to infinity, which is then replaced).
+void ToFloatRow(const double* __restrict in, float* __restrict out, int count) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  for (int c = 0; c < count; ++c) {
+    const double v = in[c];
+    const float f = static_cast<float>(v);
+    out[c] = v >= Core::kNoDataDouble ? nan : f;
+  }
+}
+
+}  // namespace
+
+void WriteFloatTiff(const std::string& path, const Core::DataMatrix2D<double>& map) {
+  TiffHandle tiff = OpenTiff(path, "w");
+  const std::string shown = UserPath(path);
+  const int rows = map.GetRows();
+  const int cols = map.GetColumns();
+  TIFFSetField(tiff.get(), TIFFTAG_IMAGEWIDTH, static_cast<std::uint32_t>(cols));
+  TIFFSetField(tiff.get(), TIFFTAG_IMAGELENGTH, static_cast<std::uint32_t>(rows));
+  TIFFSetField(tiff.get(), TIFFTAG_SAMPLESPERPIXEL, 1);
+  TIFFSetField(tiff.get(), TIFFTAG_BITSPERSAMPLE, 32);
+  TIFFSetField(tiff.get(), TIFFTAG_SAMPLEFORMAT, SAMPLEFORMAT_IEEEFP);
+  TIFFSetField(tiff.get(), TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+  TIFFSetField(tiff.get(), TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+  TIFFSetField(tiff.get(), TIFFTAG_COMPRESSION, COMPRESSION_NONE);
+  // Strips of about a megabyte: few system calls, and a buffer that stays in the cache.
+  const int rowsPerStrip = std::max(1, std::min(rows, (1 << 20) / std::max(1, cols * 4)));
+  TIFFSetField(tiff.get(), TIFFTAG_ROWSPERSTRIP, static_cast<std::uint32_t>(rowsPerStrip));
+  std::vector<float> strip(static_cast<std::size_t>(rowsPerStrip) * static_cast<std::size_t>(cols));
+  for (int top = 0, index = 0; top < rows; top += rowsPerStrip, ++index) {
+    const int count = std::min(rowsPerStrip, rows - top);
+    for (int r = 0; r < count; ++r) {
+      const double* in = map.Row(top + r);
+      float* out = strip.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(cols);
+      ToFloatRow(in, out, cols);
+    }
+    const tmsize_t bytes = static_cast<tmsize_t>(count) * cols * 4;
+    if (TIFFWriteEncodedStrip(tiff.get(), static_cast<std::uint32_t>(index), strip.data(), bytes) != bytes) {
+      throw UsageError(shown + ": writing failed" +
+                       (TiffErrorSuffix()));
+    }
+  }
+  if (!TIFFFlush(tiff.get())) throw UsageError(shown + ": writing failed (disk full?)");
+}
+
+void WriteTiffStack(const std::string& path, const Core::FrameBuffer& frames) {
+  TiffHandle tiff = OpenTiff(path, "w");
+  const std::string shown = UserPath(path);
+  const int bits = frames.GetElementRes() == Core::FrameBuffer::kRes8Bit ? 8 : 16;
+  if (frames.GetElementRes() == Core::FrameBuffer::kRes32Bit)
+    throw UsageError(shown + ": 32-bit stacks cannot be written");
+  const std::size_t rowBytes =
+      static_cast<std::size_t>(frames.GetColumns()) * static_cast<std::size_t>(bits / 8);
+  for (int slot = 0; slot < frames.GetFramesStored(); ++slot) {
+    TIFFSetField(tiff.get(), TIFFTAG_IMAGEWIDTH, static_cast<std::uint32_t>(frames.GetColumns()));
+    TIFFSetField(tiff.get(), TIFFTAG_IMAGELENGTH, static_cast<std::uint32_t>(frames.GetRows()));
+    TIFFSetField(tiff.get(), TIFFTAG_SAMPLESPERPIXEL, 1);
+    TIFFSetField(tiff.get(), TIFFTAG_BITSPERSAMPLE, bits);
+    TIFFSetField(tiff.get(), TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+    TIFFSetField(tiff.get(), TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    TIFFSetField(tiff.get(), TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(tiff.get(), 0));
+    TIFFSetField(tiff.get(), TIFFTAG_SUBFILETYPE, FILETYPE_PAGE);
+    TIFFSetField(tiff.get(), TIFFTAG_PAGENUMBER, static_cast<std::uint16_t>(slot),
+                 static_cast<std::uint16_t>(frames.GetFramesStored()));
+    const auto* data = static_cast<const std::byte*>(frames.GetFrameData(slot));
+    for (int r = 0; r < frames.GetRows(); ++r) {
+      // libtiff takes a non-const buffer but only reads it.
+      if (TIFFWriteScanline(tiff.get(), const_cast<std::byte*>(data + static_cast<std::size_t>(r) * rowBytes),
+                            static_cast<std::uint32_t>(r), 0) < 0) {
+        throw UsageError(shown + ": writing failed");
+      }
+    }
+    if (!TIFFWriteDirectory(tiff.get())) throw UsageError(shown + ": writing failed");
+  }
+}
+
+}  // namespace Quarn::Qphase

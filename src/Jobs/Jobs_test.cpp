@@ -25,6 +25,7 @@
 #include "Psi/GainCorrectionPmi.h"
 #include "Psi/Kinephase/FourQuadrantEvaluator.h"
 #include "Psi/Kinephase/KinephaseAlgorithm.h"
+#include "Swli/CoherenceDiscriminator.h"
 #include "Swli/PhaseAlgorithmCentroid.h"
 #include "Swli/PhaseGenerator.h"
 #include "Testing/SyntheticCarrier.h"
@@ -251,7 +252,7 @@ TEST(PsiCheckJobTest, StepMapAndGainEqualTheCalculatorsAndReadTheShifterError) {
   EXPECT_LT(record.gainCorrection, 0.0);  // moving too far reads negative
 }
 
-TEST(SwliJobTest, GivenPeaksTheHeightsEqualTheGeneratorsAndTheSurfaceComesBack) {
+TEST(SwliJobTest, HeightsEqualTheGeneratorsWithGivenOrFoundPeaksAndTheSurfaceComesBack) {
   Testing::ScanSettings settings;
   settings.rows = 12;
   settings.cols = 16;
@@ -288,6 +289,16 @@ TEST(SwliJobTest, GivenPeaksTheHeightsEqualTheGeneratorsAndTheSurfaceComesBack) 
   for (int r = 0; r < settings.rows; ++r)
     for (int c = 0; c < settings.cols; ++c)
       EXPECT_NEAR(job.GetHeight()(r, c) - 80.0, Testing::SphereWithStepNm(r, c), 40.0);
+
+  // Without peaks the coherence discriminator finds them: the same heights as the discriminator and
+  // the generator called one after the other.
+  Core::IntMatrix2D found;
+  Swli::FindPeakFrames(scan.frames, found, 1);
+  generator.Process(scan.frames, found, scan.auxiliary, height);
+  const SwliRecord discriminated = job.Run(scan.frames, options, "scan");
+  ASSERT_TRUE(discriminated.Ok()) << discriminated.message;
+  for (std::int64_t i = 0; i < height.GetCount(); ++i)
+    ASSERT_EQ(job.GetHeight().At(i), height.At(i));
 
   options.scanStepNm = -1.0;
   EXPECT_EQ(job.Run(scan.frames, options, "scan", &scan.peaks).message,

@@ -6,6 +6,7 @@
 #include "Analysis/Core/LinearConverter.h"
 #include "Analysis/Core/Threading/CpuCounter.h"
 #include "Analysis/Core/UnitNumber.h"
+#include "Swli/CoherenceDiscriminator.h"
 #include "Swli/PhaseAlgorithmCentroid.h"
 #include "Swli/PhaseAlgorithmFda.h"
 #include "Swli/PhaseGenerator.h"
@@ -83,10 +84,8 @@ SwliRecord SwliJob::Run(Core::FrameBuffer& frames, const SwliOptions& options, c
   const int threads = options.threads < 0 ? Core::Threading::CpuCounter::Instance().GetNumberOfProcessors()
                                           : std::max(options.threads, 1);
   if (peaks == nullptr) {
-    // The coherence discriminator joins the library beside the white-light algorithms; until then a
-    // host gives the peak frames.
-    Fail(record, JobOutcome::kBadInput, name + ": no peak frames were given");
-    return record;
+    Swli::FindPeakFrames(frames, peaks_, threads);
+    peaks = &peaks_;
   }
   if (peaks->GetRows() != rows || peaks->GetColumns() != cols) {
     Fail(record, JobOutcome::kBadInput,

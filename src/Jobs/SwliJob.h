@@ -52,6 +52,7 @@ class QUARN_PP_EXPORT SwliJob {
  private:
   Core::DoubleMatrix2D height_;
   Core::IntMatrix2D intensity_;
+  Core::IntMatrix2D peaks_;  // the coherence discriminator's, when the host gives none
 };
 
 // The job on a host array (frames x rows x columns); `intensity` is filled when not empty (and asked

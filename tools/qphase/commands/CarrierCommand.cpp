@@ -11,22 +11,19 @@
 #include <string>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
-#include "Analysis/Core/Fft2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "CommandRegistry.h"
 #include "CommonOptions.h"
+#include "JobFailure.h"
+#include "Jobs/CarrierJob.h"
 #include "MapPreview.h"
 #include "OutputFiles.h"
-#include "Psi/Kinephase/KinephaseAlgorithm.h"
 #include "TiffIO.h"
 #include "ToolError.h"
 
 namespace Quarn::Qphase {
 
 namespace {
-
-namespace Kinephase = ::Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase;
-namespace StatusCode = Core::StatusCode;
 
 struct CarrierOptions {
   std::string frame;
@@ -52,47 +49,22 @@ int RunCarrier(const CarrierOptions& options) {
 
   Core::FrameBuffer frames;
   const TiffStackInfo info = ReadTiffStack(options.frame, frames);
-  if (info.pages != 1) {
-    throw UsageError(options.frame + " has " + std::to_string(info.pages) +
-                     " pages; carrier fringes are one frame (a single-page TIFF)");
-  }
-  if (options.maxValue > 0) frames.SetMaxValue(options.maxValue);
+  Jobs::CarrierOptions settings;
+  settings.quadrant = options.quadrant;
+  settings.pixelsPerFringe = options.pixelsPerFringe;
+  settings.threshold = options.threshold;
+  settings.minRegion = options.minRegion;
+  settings.keepCarrier = options.keepCarrier;
+  settings.maxValue = options.maxValue;
+  settings.threads = options.threads;
+  Jobs::CarrierJob job;
+  const Jobs::CarrierRecord record = job.Run(frames, settings, options.frame);
+  ThrowIfFailed(record);
+  const Core::DoubleMatrix2D& phase = job.GetPhase();
 
-  Kinephase::KinephaseAlgorithm kinephase;
-  kinephase.SelectKernel(Kinephase::KpKernelSelector(options.pixelsPerFringe, options.quadrant));
-  kinephase.SetModulationThreshold(options.threshold);
-  kinephase.SetMinRegionSizeToTrim(options.minRegion);
-  kinephase.SetSubtractCarrier(!options.keepCarrier);
-  if (options.threads == 0) {
-    kinephase.SetAllowMultiThreads(false);
-  } else if (options.threads > 0) {
-    kinephase.SetNumberOfThreads(options.threads);
-  }
-
-  // One frame, one transform size: FFTW's measuring planner would spend far longer choosing the
-  // plans (about 0.7 s at 2048 x 2048) than the whole pipeline takes with the estimated ones.
-  Core::Fft2D::SetPlanningEffort(Core::Fft2D::PlanningEffort::kEstimate);
-  Core::DoubleMatrix2D phase, modulation;
-  const auto start = std::chrono::steady_clock::now();
-  kinephase.SetIntensity(frames, 0);
-  kinephase.Process(phase, modulation);
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  const Core::Status& status = kinephase.GetStatus();
-  if (status.GetCode() == StatusCode::kNoValidResult) {
-    char counts[32];
-    std::snprintf(counts, sizeof counts, "%.4g", kinephase.GetModulationThresholdInCounts());
-    throw NoResultError("no valid pixel in " + options.frame + ": no pixel is modulated by " + counts +
-                        " counts or more with the carrier of quadrant " + std::to_string(options.quadrant) +
-                        " at " + std::to_string(options.pixelsPerFringe) +
-                        " pixels per fringe; nothing written");
-  }
-  if (status.IsError()) throw UsageError(options.frame + ": " + status.GetPrintString());
-
-  std::int64_t validPixels = 0;
   // The modulation map and the preview are written on a second thread while this one writes the phase.
   std::future<void> others = std::async(std::launch::async, [&] {
-    validPixels = phase.CountValid();
-    if (!modulationPath.empty()) WriteFloatTiff(modulationPath, modulation);
+    if (!modulationPath.empty()) WriteFloatTiff(modulationPath, job.GetModulation());
     if (!pngPath.empty()) {
       WritePreviewPng(pngPath, phase,
                       PreviewStyle{"carrier phase", "rad", true, -std::numbers::pi, std::numbers::pi});
@@ -108,11 +80,11 @@ int RunCarrier(const CarrierOptions& options) {
   if (failure) std::rethrow_exception(failure);
   outputs.Commit();
 
-  const double valid = static_cast<double>(validPixels) / static_cast<double>(phase.GetCount());
   std::printf(
       "%s: %d x %d, %d bits, quadrant %d, %d pixels per fringe%s: %.1f %% valid, processed in %.1f ms\n",
       options.frame.c_str(), info.cols, info.rows, info.bitsPerSample, options.quadrant,
-      options.pixelsPerFringe, options.keepCarrier ? ", carrier kept" : "", 100.0 * valid, 1e3 * seconds);
+      options.pixelsPerFringe, options.keepCarrier ? ", carrier kept" : "", 100.0 * record.validFraction,
+      1e3 * record.seconds);
   return kExitSuccess;
 }
 

@@ -1,7 +1,6 @@
 // qphase swli: a white-light (coherence) scan, one TIFF page per scan frame, into a height map.
 #include <CLI/CLI.hpp>
 
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -15,29 +14,18 @@
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/IntMatrix2D.h"
-#include "Analysis/Core/LinearConverter.h"
-#include "Analysis/Core/Threading/CpuCounter.h"
-#include "Analysis/Core/UnitNumber.h"
 #include "CommandRegistry.h"
 #include "CommonOptions.h"
+#include "JobFailure.h"
+#include "Jobs/SwliJob.h"
 #include "MapPreview.h"
 #include "OutputFiles.h"
-#include "Swli/CoherenceDiscriminator.h"
-#include "Swli/PhaseAlgorithmCentroid.h"
-#include "Swli/PhaseAlgorithmFda.h"
-#include "Swli/PhaseGenerator.h"
 #include "TiffIO.h"
 #include "ToolError.h"
 
 namespace Quarn::Qphase {
 
 namespace {
-
-namespace Swli = ::Quarn::Metrology::PhaseProcessing::Core::Swli;
-namespace StatusCode = Core::StatusCode;
-
-// The signal window the algorithms cut around each pixel's peak.
-constexpr int kSignalFrames = 64;
 
 struct SwliOptions {
   std::string scan;
@@ -64,31 +52,6 @@ const CLI::Validator kPositiveLength(
     },
     "NM>0");
 
-std::string FormatNumber(double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%g", value);
-  return text;
-}
-
-Swli::FringeRemovalMethod MethodFor(const std::string& name) {
-  if (name == "none") return Swli::FringeRemovalMethod::kNone;
-  if (name == "64full") return Swli::FringeRemovalMethod::k64Bucket;
-  return Swli::FringeRemovalMethod::kStandard;
-}
-
-// Why no pixel got a height, in the terms of the chosen algorithm.
-std::string NoValidPixelReason(const SwliOptions& options, int maxValue) {
-  std::string reason = "no pixel has fringes modulated by at least " + FormatNumber(options.minModulation) +
-                       " % of the saturation level " + std::to_string(maxValue) +
-                       " within its 64-frame window, at least 32 frames from either end of the scan";
-  if (options.algorithm == "fda") {
-    reason +=
-        ", with its fringe frequency in bins 13 .. 21 of 64 (a scan step of about a tenth to a sixth of the "
-        "centre wavelength, e.g. 60 to 100 nm for 600 nm light)";
-  }
-  return reason;
-}
-
 int RunSwli(const SwliOptions& options) {
   // Outputs are named before any work, so a clash between them is refused at once.
   OutputFiles outputs;
@@ -101,59 +64,24 @@ int RunSwli(const SwliOptions& options) {
   Core::FrameBuffer frames;
   const TiffStackInfo info = ReadTiffStack(options.scan, frames, 0, options.reverse ? -1 : 1);
   Core::debug_printf("qphase swli: read %s: %g ms\n", options.scan.c_str(), stage.Restart() / 1000.0);
-  if (info.pages <= kSignalFrames) {
-    throw UsageError(
-        options.scan + " has " + std::to_string(info.pages) +
-        " frames; a white-light evaluation cuts a 64-frame window around each pixel's peak and needs "
-        "more than 64");
-  }
-  if (!options.intensityOut.empty() && options.fringeRemoval == "none") {
-    throw UsageError(
-        "--intensity needs a fringe-removal method; --fringe-removal none makes no intensity map");
-  }
-  if (options.maxValue > 0) frames.SetMaxValue(options.maxValue);
-
-  const auto start = std::chrono::steady_clock::now();
-  const int threads = options.threads < 0 ? Core::Threading::CpuCounter::Instance().GetNumberOfProcessors()
-                                          : std::max(options.threads, 1);
-  Core::IntMatrix2D peaks;
-  Swli::FindPeakFrames(frames, peaks, threads);
-  Core::IntMatrix2D auxiliary(info.rows, info.cols);
-  auxiliary.SetAll(0);
-  Core::debug_printf("qphase swli: peak frames found: %g ms\n", stage.Restart() / 1000.0);
-
-  Swli::PhaseAlgorithmCentroid centroid;
-  Swli::PhaseAlgorithmFda fda;
-  Swli::PhaseAlgorithm& algorithm = options.algorithm == "fda" ? static_cast<Swli::PhaseAlgorithm&>(fda)
-                                                               : static_cast<Swli::PhaseAlgorithm&>(centroid);
-  centroid.SetMinimumModulation(options.minModulation);
-  fda.SetMinimumModulation(options.minModulation);
-  algorithm.SetScanIncrement(
-      Core::UnitNumber(options.scanStepNm, Core::LinearConverter(Core::Units::kNanometers)));
-  algorithm.SetRemoveFringes(MethodFor(options.fringeRemoval));
-  Core::IntMatrix2D intensity;
-  algorithm.SetIntensityMatrix(intensity);
-
-  Swli::PhaseGenerator generator(&algorithm);
-  generator.SetAllowMultiThreads(threads > 1);
-  generator.SetMaxNumThreads(threads);
-  Core::DoubleMatrix2D height(info.rows, info.cols);
-  height.SetAll(0.0);  // every pixel is evaluated
-  generator.Process(frames, peaks, auxiliary, height);
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  Jobs::SwliOptions settings;
+  settings.algorithm = options.algorithm;
+  settings.scanStepNm = options.scanStepNm;
+  settings.minModulation = options.minModulation;
+  settings.fringeRemoval = options.fringeRemoval;
+  settings.reverse = options.reverse;
+  settings.maxValue = options.maxValue;
+  settings.threads = options.threads;
+  settings.wantIntensity = !options.intensityOut.empty();
+  Jobs::SwliJob job;
+  const Jobs::SwliRecord record = job.Run(frames, settings, options.scan);
   Core::debug_printf("qphase swli: evaluated: %g ms\n", stage.Restart() / 1000.0);
+  ThrowIfFailed(record);
+  const Core::DoubleMatrix2D& height = job.GetHeight();
 
-  const Core::Status& status = generator.GetStatus();
-  if (status.GetCode() == StatusCode::kNoValidResult) {
-    throw NoResultError("no valid pixel in " + options.scan + ": " +
-                        NoValidPixelReason(options, frames.GetMaxValue()) + "; nothing written");
-  }
-  if (status.IsError()) throw UsageError(options.scan + ": " + status.GetPrintString());
-
-  std::int64_t validPixels = 0;
   std::future<void> others = std::async(std::launch::async, [&] {
-    validPixels = height.CountValid();
     if (!intensityPath.empty()) {
+      const Core::IntMatrix2D& intensity = job.GetIntensity();
       Core::DoubleMatrix2D counts(info.rows, info.cols);
       for (std::int64_t i = 0; i < counts.GetCount(); ++i) {
         const int v = intensity.At(i);
@@ -175,14 +103,14 @@ int RunSwli(const SwliOptions& options) {
   outputs.Commit();
   Core::debug_printf("qphase swli: files written: %g ms\n", stage.Restart() / 1000.0);
 
-  const double valid = static_cast<double>(validPixels) / static_cast<double>(height.GetCount());
   std::printf("%s: %d x %d, %d frames of %d bits, algorithm %s: %.1f %% valid", options.scan.c_str(),
-              info.cols, info.rows, info.pages, info.bitsPerSample, options.algorithm.c_str(), 100.0 * valid);
+              info.cols, info.rows, info.pages, info.bitsPerSample, options.algorithm.c_str(),
+              100.0 * record.validFraction);
   if (options.algorithm == "fda") {
-    std::printf(", equivalent wavelength %.2f nm, average gap %.2f nm", fda.GetWaveLength(),
-                fda.GetAverageGap());
+    std::printf(", equivalent wavelength %.2f nm, average gap %.2f nm", record.wavelengthNm,
+                record.averageGapNm);
   }
-  std::printf(", evaluated in %.1f ms\n", 1e3 * seconds);
+  std::printf(", evaluated in %.1f ms\n", 1e3 * record.seconds);
   return kExitSuccess;
 }
 

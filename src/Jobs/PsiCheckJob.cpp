@@ -175,14 +175,13 @@ bool RunGain(const PsiCheckOptions& options, Core::FrameBuffer& frames, Core::Re
 
 }  // namespace
 
-PsiCheckRecord PsiCheckJob::Run(Core::FrameBuffer& frames, const PsiCheckOptions& options,
-                                const std::string& name, Core::RegionIdMatrix2D* mask,
-                                const std::string& maskName) {
+PsiCheckRecord PsiCheckJob::Plan(Core::FrameBuffer& frames, const PsiCheckOptions& options,
+                                 const std::string& name) {
   PsiCheckRecord record;
+  run_ = nullptr;
   if (!CheckOptions(options, record)) return record;
   if (options.maxValue > 0) frames.SetMaxValue(options.maxValue);
-  Core::FrameBuffer part;
-  Core::FrameBuffer* run = SelectFrames(options, frames, name, part, record);
+  Core::FrameBuffer* run = SelectFrames(options, frames, name, part_, record);
   if (run == nullptr) return record;
 
   // Which checks run: corvane needs 7 or 13 frames, gain 7, 13 or at least 20.
@@ -199,15 +198,26 @@ PsiCheckRecord PsiCheckJob::Run(Core::FrameBuffer& frames, const PsiCheckOptions
     Fail(record, JobOutcome::kBadInput, "the corvane check needs 7 or 13 frames, " + has);
     return record;
   }
-  const bool corvane = corvaneFits && options.method != "gain";
-  const bool gain = options.method != "corvane";
-  if (!corvane && options.mapWanted) {
+  corvane_ = corvaneFits && options.method != "gain";
+  gain_ = options.method != "corvane";
+  if (!corvane_ && options.mapWanted) {
     Fail(record, JobOutcome::kBadInput,
          "-o and --png write the step map of the corvane check, which needs 7 or 13 frames; " +
              record.description + " has " + std::to_string(record.frameCount) + " frames" +
              (options.method == "gain" ? " and --method gain was asked for" : ""));
     return record;
   }
+  run_ = run;
+  return record;
+}
+
+PsiCheckRecord PsiCheckJob::Run(Core::FrameBuffer& frames, const PsiCheckOptions& options,
+                                const std::string& name, Core::RegionIdMatrix2D* mask,
+                                const std::string& maskName) {
+  PsiCheckRecord record = Plan(frames, options, name);
+  if (run_ == nullptr) return record;
+  Core::FrameBuffer* run = run_;
+  const bool corvane = corvane_, gain = gain_;
   if (mask != nullptr && (mask->GetRows() != frames.GetRows() || mask->GetColumns() != frames.GetColumns())) {
     Fail(record, JobOutcome::kBadInput,
          maskName + " is " + std::to_string(mask->GetColumns()) + " x " + std::to_string(mask->GetRows()) +

@@ -54,6 +54,11 @@ struct PsiCheckRecord : JobRecord {
 // missing. The pixels of a mask (non-zero) are the only ones checked.
 class QUARN_PP_EXPORT PsiCheckJob {
  public:
+  // The frames the options pick and the checks their count allows, with the refusals of `Run` for
+  // them (no check fits, the map asked for cannot be made); the record names the run
+  // (`description`, `frameCount`). `Run` plans first itself; a host that reads further inputs (a
+  // mask) only for a run that can go ahead plans before.
+  PsiCheckRecord Plan(Core::FrameBuffer& frames, const PsiCheckOptions& options, const std::string& name);
   PsiCheckRecord Run(Core::FrameBuffer& frames, const PsiCheckOptions& options, const std::string& name,
                      Core::RegionIdMatrix2D* mask = nullptr, const std::string& maskName = "");
   // 256 cos(step) per pixel, no data where the check had no result.
@@ -64,6 +69,9 @@ class QUARN_PP_EXPORT PsiCheckJob {
 
  private:
   Core::DoubleMatrix2D steps_;
+  Core::FrameBuffer part_;               // the frames of a run that is not the whole stack (borrowed)
+  Core::FrameBuffer* run_ = nullptr;     // the planned run's frames
+  bool corvane_ = false, gain_ = false;  // the planned checks
 };
 
 // The job on a host array; `steps` (when not empty) receives the step-value map, NaN for no data

@@ -112,6 +112,7 @@ QuadrantsRecord QuadrantsJob::Run(const std::array<Core::DoubleMatrix2D*, 5>& ma
          "the quadrant maps cannot be combined: " + evaluator.GetStatus().GetPrintString());
     return record;
   }
+  record.combined = true;
   const std::int64_t validPixels = final.CountValid();
   if (validPixels == 0) {
     Fail(record, JobOutcome::kNoResult,

@@ -18,6 +18,7 @@ struct QuadrantsOptions {
 
 struct QuadrantsRecord : JobRecord {
   int quadrants = 2;
+  bool combined = false;  // the final map was made (it may still have no valid pixel)
   bool twoPvAvailable = false;
   double twoPvNm = 0.0;       // astigmatism PV of the Q1 + Q3 result
   std::string twoPvReason;    // why it is unavailable

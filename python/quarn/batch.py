@@ -41,6 +41,11 @@ JOB_MAPS = {
     "spot": (),
 }
 
+# mkstemp makes private files; the outputs get the permissions a plain new file would have. The mask
+# is read once, here: reading it means setting it, which other threads would see.
+_UMASK = os.umask(0o022)
+os.umask(_UMASK)
+
 _ARRAYS = ("phase", "modulation", "step_values", "height", "intensity", "final", "calibration")
 
 
@@ -85,6 +90,7 @@ def _write_atomically(targets):
             os.close(fd)
             staged.append((tmp, path))
             write(tmp)
+            os.chmod(tmp, 0o666 & ~_UMASK)
         for tmp, path in staged:
             os.replace(tmp, path)
         staged = []
@@ -121,8 +127,11 @@ def process_file(job, path, out_dir=None, write=True, **options):
                 targets[os.path.join(folder, f"{stem}.{key}.tif")] = (
                     lambda tmp, image=image: tifffile.imwrite(tmp, image, photometric="minisblack"))
         record = dict(_figures(result), name=name)
-        targets[os.path.join(folder, f"{stem}.{job}.json")] = (
-            lambda tmp: open(tmp, "w").write(json.dumps(record, indent=1, default=str) + "\n"))
+        def write_record(tmp):
+            with open(tmp, "w") as out:
+                out.write(json.dumps(record, indent=1, default=str) + "\n")
+
+        targets[os.path.join(folder, f"{stem}.{job}.json")] = write_record
         _write_atomically(targets)
         row["outputs"] = sorted(targets)
     except Exception as error:  # every failure of one input is that input's row

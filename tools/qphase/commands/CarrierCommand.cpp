@@ -1,7 +1,6 @@
 // qphase carrier: phase and modulation from a single frame of carrier fringes (one-page TIFF).
 #include <CLI/CLI.hpp>
 
-#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <future>

@@ -2,14 +2,10 @@
 // scanner gain correction of a phase-shifted frame stack (multi-page TIFF).
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <limits>
 #include <memory>
-#include <numbers>
 #include <string>
-#include <vector>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"

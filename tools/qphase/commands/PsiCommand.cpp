@@ -1,7 +1,6 @@
 // qphase psi: a phase-shifted frame stack (multi-page TIFF) into phase and modulation maps.
 #include <CLI/CLI.hpp>
 
-#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <future>

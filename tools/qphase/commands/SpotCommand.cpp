@@ -2,9 +2,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <limits>
 #include <memory>

@@ -28,10 +28,10 @@
 #include "Swli/CoherenceDiscriminator.h"
 #include "Swli/PhaseAlgorithmCentroid.h"
 #include "Swli/PhaseGenerator.h"
-#include "Testing/SyntheticCarrier.h"
-#include "Testing/SyntheticPsi.h"
-#include "Testing/SyntheticScan.h"
-#include "Testing/SyntheticSpot.h"
+#include "Synthetic/SyntheticCarrier.h"
+#include "Synthetic/SyntheticPsi.h"
+#include "Synthetic/SyntheticScan.h"
+#include "Synthetic/SyntheticSpot.h"
 
 namespace Quarn::Jobs {
 namespace {

@@ -48,9 +48,11 @@ Core::FrameBuffer* SelectFrames(const PsiCheckOptions& options, Core::FrameBuffe
     return nullptr;
   }
   const int count = options.frameCount > 0 ? options.frameCount : pages - first;
-  if (static_cast<std::int64_t>(first) + count > pages) {
+  // In 64 bits: the first frame and the count are each up to the largest int.
+  const std::int64_t end = std::int64_t{first} + std::int64_t{count};
+  if (end > pages) {
     Fail(record, JobOutcome::kBadInput,
-         "frames " + std::to_string(first) + "-" + std::to_string(first + count - 1) + " were asked for, " +
+         "frames " + std::to_string(first) + "-" + std::to_string(end - 1) + " were asked for, " +
              name + " has " + std::to_string(pages) + " frames, numbered from 0");
     return nullptr;
   }

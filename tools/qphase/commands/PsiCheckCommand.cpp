@@ -6,6 +6,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
@@ -48,8 +49,10 @@ void ReadMask(const std::string& path, Core::RegionIdMatrix2D& mask) {
 int RunPsiCheck(const PsiCheckOptions& options) {
   // Outputs are named before any work, so a clash between them is refused at once.
   OutputFiles outputs;
-  const std::string stepPath = options.stepOut.empty() ? std::string() : outputs.Stage(options.stepOut, "-o");
-  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut, "--png");
+  outputs.ProtectInput(options.stack);
+  if (!options.mask.empty()) outputs.ProtectInput(options.mask, "--mask");
+  WriteTarget stepFile = options.stepOut.empty() ? WriteTarget() : outputs.Stage(options.stepOut, "-o");
+  WriteTarget pngFile = options.pngOut.empty() ? WriteTarget() : outputs.Stage(options.pngOut, "--png");
 
   Core::FrameBuffer frames;
   const TiffStackInfo info = ReadTiffStack(options.stack, frames);
@@ -94,8 +97,8 @@ int RunPsiCheck(const PsiCheckOptions& options) {
 
   if (record.corvaneResult && settings.mapWanted) {
     const Core::DoubleMatrix2D& steps = job.GetStepValues();
-    if (!stepPath.empty()) WriteFloatTiff(stepPath, steps);
-    if (!pngPath.empty()) WritePreviewPng(pngPath, steps, PreviewStyle{"step value 256 cos(step)", ""});
+    if (stepFile) WriteFloatTiff(std::move(stepFile), steps);
+    if (pngFile) WritePreviewPng(std::move(pngFile), steps, PreviewStyle{"step value 256 cos(step)", ""});
     outputs.Commit();
   }
   for (const std::string& warning : record.warnings)
@@ -120,14 +123,12 @@ std::function<int()> SetupPsiCheck(CLI::App& app) {
       "result, or the step map asked for could not be made (then nothing is written); 2 bad usage or\n"
       "unusable input.");
   app.add_option("stack", options->stack, "Multi-page TIFF, one 8- or 16-bit grayscale page per frame")
-      ->required()
-      ->check(CLI::ExistingFile);
+      ->required();
   app.add_option("--method", options->method,
                  "corvane or gain; by default every check the frame count allows")
-      ->check(CLI::IsMember({"corvane", "gain"}));
+      ->check(OneOf({"corvane", "gain"}, "corvane or gain"));
   app.add_option("--mask", options->mask,
-                 "8- or 16-bit TIFF of the stack's size; its non-zero pixels are checked")
-      ->check(CLI::ExistingFile);
+                 "8- or 16-bit TIFF of the stack's size; its non-zero pixels are checked");
   app.add_option("--scan-period", options->scanPeriod,
                  "Check every N-th pixel (row-major order). With several threads each worker's grid starts "
                  "at its first pixel, so which pixels are sampled depends on the thread count")

@@ -7,6 +7,7 @@
 #include <memory>
 #include <numbers>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Analysis/Core/CTimer.h"
@@ -43,10 +44,11 @@ struct PsiOptions {
 int RunPsi(const PsiOptions& options) {
   // Outputs are named first, so that a clash between them is refused before any work is done.
   OutputFiles outputs;
-  const std::string phasePath = outputs.Stage(options.phaseOut, "-o");
-  const std::string modulationPath =
-      options.modulationOut.empty() ? std::string() : outputs.Stage(options.modulationOut, "--modulation");
-  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut, "--png");
+  outputs.ProtectInput(options.stack);
+  WriteTarget phaseFile = outputs.Stage(options.phaseOut, "-o");
+  WriteTarget modulationFile =
+      options.modulationOut.empty() ? WriteTarget() : outputs.Stage(options.modulationOut, "--modulation");
+  WriteTarget pngFile = options.pngOut.empty() ? WriteTarget() : outputs.Stage(options.pngOut, "--png");
 
   Core::CTimer stage;
   Core::FrameBuffer frames;
@@ -70,15 +72,15 @@ int RunPsi(const PsiOptions& options) {
   // The files are independent: the modulation map and the preview are written on a second thread
   // while this one writes the phase.
   std::future<void> others = std::async(std::launch::async, [&] {
-    if (!modulationPath.empty()) WriteFloatTiff(modulationPath, job.GetModulation());
-    if (!pngPath.empty()) {
+    if (modulationFile) WriteFloatTiff(std::move(modulationFile), job.GetModulation());
+    if (pngFile) {
       const double bound = std::numbers::pi;
-      WritePreviewPng(pngPath, phase, PreviewStyle{"phase", "rad", true, -bound, bound});
+      WritePreviewPng(std::move(pngFile), phase, PreviewStyle{"phase", "rad", true, -bound, bound});
     }
   });
   std::exception_ptr failure;
   try {
-    WriteFloatTiff(phasePath, phase);
+    WriteFloatTiff(std::move(phaseFile), phase);
   } catch (...) {
     failure = std::current_exception();
   }
@@ -97,8 +99,7 @@ int RunPsi(const PsiOptions& options) {
 std::function<int()> SetupPsi(CLI::App& app) {
   auto options = std::make_shared<PsiOptions>();
   app.add_option("stack", options->stack, "Multi-page TIFF, one 8- or 16-bit grayscale page per frame")
-      ->required()
-      ->check(CLI::ExistingFile);
+      ->required();
   app.add_option("-o,--output", options->phaseOut,
                  "Phase map to write: 32-bit float TIFF, radians, NaN = no data")
       ->required();
@@ -106,7 +107,7 @@ std::function<int()> SetupPsi(CLI::App& app) {
                  "Modulation map to write (32-bit float TIFF, counts)");
   app.add_option("--algorithm", options->algorithm,
                  "7, 13, 20 or sliding13; by default chosen from the frame count")
-      ->check(CLI::IsMember({"7", "13", "20", "sliding13"}));
+      ->check(OneOf({"7", "13", "20", "sliding13"}, "7, 13, 20 or sliding13"));
   app.add_option("--min-modulation", options->minModulation,
                  "Pixels modulated less than this percentage of the saturation level get no data")
       ->check(NumberFrom(0.0, 100.0))
@@ -114,7 +115,7 @@ std::function<int()> SetupPsi(CLI::App& app) {
   app.add_flag("--estimate-magnitude", options->estimateMagnitude,
                "Use |N| + |D| instead of sqrt(N^2 + D^2)");
   app.add_option("--phase-sign", options->phaseSign, "Sign applied to the phase (1 or -1)")
-      ->check(CLI::IsMember({1, -1}))
+      ->check(OneOf({"1", "-1"}, "1 or -1"))
       ->capture_default_str();
   app.add_option("--frame-weights", options->frameWeights,
                  "Relative brightness of each frame, comma separated")

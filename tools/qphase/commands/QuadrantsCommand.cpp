@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "CommandRegistry.h"
@@ -47,9 +48,11 @@ int RunQuadrants(const QuadrantsOptions& options) {
   }
   // Outputs are named before any work, so a clash between them is refused at once.
   OutputFiles outputs;
-  const std::string finalPath = outputs.Stage(options.finalOut, "-o");
-  const std::string calibrationPath =
-      options.calibrationOut.empty() ? std::string() : outputs.Stage(options.calibrationOut, "--calibration");
+  for (int k = 1; k <= 4; ++k)
+    if (!options.q[k].empty()) outputs.ProtectInput(options.q[k], "--q" + std::to_string(k));
+  WriteTarget finalFile = outputs.Stage(options.finalOut, "-o");
+  WriteTarget calibrationFile =
+      options.calibrationOut.empty() ? WriteTarget() : outputs.Stage(options.calibrationOut, "--calibration");
 
   Core::DoubleMatrix2D maps[5];
   std::array<Core::DoubleMatrix2D*, 5> quadrants{};
@@ -73,8 +76,8 @@ int RunQuadrants(const QuadrantsOptions& options) {
   // A combined map without a valid pixel is not written; the other failures name their cause.
   ThrowIfFailed(record, record.combined ? "; nothing written" : "");
 
-  WriteFloatTiff(finalPath, job.GetFinal());
-  if (!calibrationPath.empty()) WriteFloatTiff(calibrationPath, job.GetCalibration());
+  WriteFloatTiff(std::move(finalFile), job.GetFinal());
+  if (calibrationFile) WriteFloatTiff(std::move(calibrationFile), job.GetCalibration());
   outputs.Commit();
 
   std::printf("%s: %d quadrants, %s, %.1f %% valid\n", options.finalOut.c_str(), record.quadrants,
@@ -92,16 +95,10 @@ int RunQuadrants(const QuadrantsOptions& options) {
 std::function<int()> SetupQuadrants(CLI::App& app) {
   auto options = std::make_shared<QuadrantsOptions>();
   const char* kMap = "phase map (32-bit float TIFF, NaN = no data)";
-  app.add_option("--q1", options->q[1], std::string("Quadrant 1 ") + kMap)
-      ->required()
-      ->check(CLI::ExistingFile);
-  app.add_option("--q3", options->q[3], std::string("Quadrant 3 ") + kMap)
-      ->required()
-      ->check(CLI::ExistingFile);
-  app.add_option("--q2", options->q[2], std::string("Quadrant 2 ") + kMap + "; with --q4")
-      ->check(CLI::ExistingFile);
-  app.add_option("--q4", options->q[4], std::string("Quadrant 4 ") + kMap + "; with --q2")
-      ->check(CLI::ExistingFile);
+  app.add_option("--q1", options->q[1], std::string("Quadrant 1 ") + kMap)->required();
+  app.add_option("--q3", options->q[3], std::string("Quadrant 3 ") + kMap)->required();
+  app.add_option("--q2", options->q[2], std::string("Quadrant 2 ") + kMap + "; with --q4");
+  app.add_option("--q4", options->q[4], std::string("Quadrant 4 ") + kMap + "; with --q2");
   app.add_option("-o,--output", options->finalOut, "Final map to write (32-bit float TIFF, NaN = no data)")
       ->required();
   app.add_option("--calibration", options->calibrationOut,

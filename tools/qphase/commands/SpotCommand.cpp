@@ -7,6 +7,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "AlignSpotDetector/AsdSpotPosition.h"
@@ -40,7 +41,7 @@ struct SpotOptions {
   std::string pngOut;
 };
 
-void WriteJson(const std::string& path, const SpotOptions& options, const TiffStackInfo& info,
+void WriteJson(WriteTarget target, const SpotOptions& options, const TiffStackInfo& info,
                const Jobs::SpotRecord& record) {
   JsonWriter json;
   json.BeginObject();
@@ -65,18 +66,15 @@ void WriteJson(const std::string& path, const SpotOptions& options, const TiffSt
     json.Key(key).String(value);
   json.EndObject();
   json.EndObject();
-  std::ofstream out(path, std::ios::binary);
-  out << json.Text();
-  out.close();
-  if (!out) throw UsageError(UserPath(path) + ": cannot be written");
+  WriteBytes(std::move(target), json.Text());
 }
 
 int RunSpot(const SpotOptions& options) {
   // Outputs are named before any work, so a clash between them is refused at once.
   OutputFiles outputs;
-  const std::string jsonPath =
-      options.jsonOut.empty() ? std::string() : outputs.Stage(options.jsonOut, "--json");
-  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut, "--png");
+  outputs.ProtectInput(options.image);
+  WriteTarget jsonFile = options.jsonOut.empty() ? WriteTarget() : outputs.Stage(options.jsonOut, "--json");
+  WriteTarget pngFile = options.pngOut.empty() ? WriteTarget() : outputs.Stage(options.pngOut, "--png");
 
   Metrology::Analysis::Core::IntMatrix2D image;
   const TiffStackInfo info = ReadTiffImage(options.image, image);
@@ -115,8 +113,8 @@ int RunSpot(const SpotOptions& options) {
     overlay.spots.push_back({spot.centerOfMassX, spot.centerOfMassY, spot.x0, spot.y0, spot.x1, spot.y1});
   }
 
-  if (!jsonPath.empty()) WriteJson(jsonPath, options, info, record);
-  if (!pngPath.empty()) {
+  if (jsonFile) WriteJson(std::move(jsonFile), options, info, record);
+  if (pngFile) {
     Metrology::Analysis::Core::IntMatrix2D foreground;
     overlay.reticleX = options.center[0];
     overlay.reticleY = options.center[1];
@@ -128,7 +126,7 @@ int RunSpot(const SpotOptions& options) {
       overlay.saturationLevel = static_cast<int>(std::min(saturation, 2147483647.0));
     }
     overlay.label = record.position;
-    WritePng(pngPath, RenderSpotOverlay(image, overlay));
+    WritePng(std::move(pngFile), RenderSpotOverlay(image, overlay));
   }
   outputs.Commit();
   return kExitSuccess;
@@ -138,8 +136,7 @@ std::function<int()> SetupSpot(CLI::App& app) {
   auto options = std::make_shared<SpotOptions>();
   app.add_option("image", options->image,
                  "Camera image: TIFF, 8- or 16-bit grayscale (the first page is used)")
-      ->required()
-      ->check(CLI::ExistingFile);
+      ->required();
   app.add_option("--center", options->center,
                  "Reticle centre X,Y: column and row in pixels (0,0 = top-left pixel)")
       ->required()
@@ -157,7 +154,7 @@ std::function<int()> SetupSpot(CLI::App& app) {
   app.add_option(
          "--restrict", options->restrict,
          "Quadrants that may hold the spot: full, 13 (right-up and left-down) or 24 (left-up and right-down)")
-      ->check(CLI::IsMember({"full", "13", "24"}))
+      ->check(OneOf({"full", "13", "24"}, "full, 13 or 24"))
       ->capture_default_str();
   app.add_option(
          "--saturation", options->saturation,
@@ -166,7 +163,8 @@ std::function<int()> SetupSpot(CLI::App& app) {
       ->check(NumberAtLeast(0.0));
   app.add_option("--max-saturated", options->maxSaturated,
                  "Saturated pixels tolerated in the searched area before the spot is refused as clipped")
-      ->check(WholeNumberFrom(0, std::numeric_limits<int>::max()))
+      // From 2147483640 on, the detector reads an int setting as undefined.
+      ->check(WholeNumberFrom(0, 2147483639))
       ->capture_default_str();
   app.add_option("--json", options->jsonOut, "Write the position and every result property as JSON");
   app.add_option(

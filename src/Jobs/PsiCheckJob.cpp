@@ -52,8 +52,8 @@ Core::FrameBuffer* SelectFrames(const PsiCheckOptions& options, Core::FrameBuffe
   const std::int64_t end = std::int64_t{first} + std::int64_t{count};
   if (end > pages) {
     Fail(record, JobOutcome::kBadInput,
-         "frames " + std::to_string(first) + "-" + std::to_string(end - 1) + " were asked for, " +
-             name + " has " + std::to_string(pages) + " frames, numbered from 0");
+         "frames " + std::to_string(first) + "-" + std::to_string(end - 1) + " were asked for, " + name +
+             " has " + std::to_string(pages) + " frames, numbered from 0");
     return nullptr;
   }
   record.frameCount = count;

@@ -307,7 +307,7 @@ py::dict Carrier(const py::array& frame, int quadrant, int pixelsPerFringe, doub
     Core::FrameBuffer frames;
     if (MakeFrameBuffer(view, frames, record)) {
       CarrierJob job;
-      record = job.Run(frames, options, view.name);
+      record = job.Run(frames, options, view.name, modulation);
       phase = Taken(record.Ok(), job.TakePhase());
       if (modulation) modulationMap = Taken(record.Ok(), job.TakeModulation());
     }

@@ -28,7 +28,7 @@ bool CheckOptions(const CarrierOptions& options, JobRecord& record) {
 }  // namespace
 
 CarrierRecord CarrierJob::Run(Core::FrameBuffer& frames, const CarrierOptions& options,
-                              const std::string& name) {
+                              const std::string& name, bool wantModulation) {
   CarrierRecord record;
   if (!CheckOptions(options, record)) return record;
   if (frames.GetNumberOfFrames() != 1) {
@@ -54,7 +54,13 @@ CarrierRecord CarrierJob::Run(Core::FrameBuffer& frames, const CarrierOptions& o
   Core::Fft2D::SetPlanningEffort(Core::Fft2D::PlanningEffort::kEstimate);
   const auto start = std::chrono::steady_clock::now();
   kinephase.SetIntensity(frames, 0);
-  kinephase.Process(phase_, modulation_);
+  frames.Release();
+  modulation_.Reset();
+  if (wantModulation) {
+    kinephase.Process(phase_, modulation_);
+  } else {
+    kinephase.Process(phase_);
+  }
   record.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   record.thresholdCounts = kinephase.GetModulationThresholdInCounts();
   const Core::Status& status = kinephase.GetStatus();
@@ -81,7 +87,7 @@ CarrierRecord RunCarrier(const ArrayView& frame, const CarrierOptions& options, 
   Core::FrameBuffer frames;
   if (!MakeFrameBuffer(frame, frames, record)) return record;
   CarrierJob job;
-  record = job.Run(frames, options, frame.name);
+  record = job.Run(frames, options, frame.name, !modulation.Empty());
   if (record.outcome == JobOutcome::kBadInput) return record;
   if (record.outcome == JobOutcome::kNoResult) {
     FillNan(phase);

@@ -30,10 +30,16 @@ struct CarrierRecord : JobRecord {
 // Phase (radians, carrier removed unless kept) and modulation (counts: a fringe a + b cos reads
 // about b) of one frame of carrier fringes: the lobe in the chosen quadrant is filtered out of the
 // spectrum, transformed back and the carrier removed.
+//
+// The pipeline's board keeps its own copy of the frame, so `frames` is released as soon as the copy
+// is made: a large frame is then held once, not twice, while the spectrum is filtered. Without
+// `wantModulation` no modulation map is made at all (one map of doubles less at the peak).
 class QUARN_PP_EXPORT CarrierJob {
  public:
-  // The frame is frame 0 of `frames`.
-  CarrierRecord Run(Core::FrameBuffer& frames, const CarrierOptions& options, const std::string& name);
+  // The frame is frame 0 of `frames`, which holds no frames any more once the job has run (whether
+  // or not it succeeded; a run refused for its options or page count leaves it as it was).
+  CarrierRecord Run(Core::FrameBuffer& frames, const CarrierOptions& options, const std::string& name,
+                    bool wantModulation = true);
   const Core::DoubleMatrix2D& GetPhase() const { return phase_; }
   const Core::DoubleMatrix2D& GetModulation() const { return modulation_; }
   // The maps moved out of the job, for a host that keeps them without a copy (no data still the

@@ -329,6 +329,22 @@ TEST(CarrierJobTest, PhaseAndModulationEqualThePipelines) {
   ExpectSameMap(phase, hostPhase);
   ExpectSameMap(modulation, hostModulation);
   EXPECT_GT(record.validFraction, 0.9);
+
+  // Without a modulation map the phase is the same to the bit (the modulation only feeds the
+  // threshold, which the pipeline evaluates either way), no modulation map is made, and the
+  // frames are gone once the pipeline holds its copy.
+  FrameBuffer lent;
+  JobRecord made;
+  ASSERT_TRUE(MakeFrameBuffer(ArrayView::Contiguous(host.data(), SampleType::kUInt8, 1, n, n), lent, made));
+  CarrierJob job;
+  const CarrierRecord phaseOnly = job.Run(lent, {}, "frame", false);
+  ASSERT_TRUE(phaseOnly.Ok()) << phaseOnly.message;
+  EXPECT_EQ(lent.GetNumberOfFrames(), 0);
+  EXPECT_EQ(job.GetModulation().GetCount(), 0);
+  EXPECT_EQ(phaseOnly.validFraction, record.validFraction);
+  std::vector<double> alone;
+  ASSERT_TRUE(CopyMap(job.GetPhase(), ViewOf(alone, n, n), made, "phase"));
+  ExpectSameMap(phase, alone);
 }
 
 TEST(QuadrantsJobTest, TwoAndFourQuadrantsEqualTheEvaluator) {

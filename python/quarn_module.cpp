@@ -246,14 +246,24 @@ py::dict PsiCheck(const py::array& stack, std::optional<std::string> method, std
   return result;
 }
 
-py::dict Swli(const py::array& scan, double scanStepNm, const std::string& algorithm, double minModulation,
+py::dict Swli(const py::array& scan, double scanStepNm, const std::string& algorithm,
+              std::optional<double> minModulation, std::optional<double> wavelengthNm,
               const std::string& fringeRemoval, bool reverse, std::optional<int> maxValue,
               std::optional<int> threads, bool intensity, std::optional<std::string> name) {
   const ArrayView view = View(scan, name.value_or("the scan"), true);
   SwliOptions options;
   options.algorithm = algorithm;
   options.scanStepNm = scanStepNm;
-  options.minModulation = minModulation;
+  // No threshold given: the tool's default, scaled to the scan's sampling.
+  if (minModulation) options.minModulation = *minModulation;
+  options.minModulationGiven = minModulation.has_value();
+  if (wavelengthNm) {
+    // 0 would mean "measure" to the job; here it is a wavelength of zero, refused as the tool does.
+    if (*wavelengthNm == 0.0) {
+      throw py::value_error(Keywords("--wavelength-nm: must be a positive number of nanometres, not 0"));
+    }
+    options.wavelengthNm = *wavelengthNm;
+  }
   options.fringeRemoval = fringeRemoval;
   options.reverse = reverse;
   options.maxValue = GivenMaxValue(maxValue);
@@ -278,13 +288,25 @@ py::dict Swli(const py::array& scan, double scanStepNm, const std::string& algor
       }
     }
   }
+  // The tool's --wavelength is this function's wavelength_nm.
+  if (record.message.rfind("--wavelength:", 0) == 0) record.message.replace(0, 12, "--wavelength-nm");
   py::dict result = Common(record);
   result["height"] = Adopt(std::move(height), view);
   result["intensity"] =
       options.wantIntensity ? py::object(Adopt(std::move(intensityMap), view)) : py::object(py::none());
   result["max_value"] = record.maxValue;
-  result["wavelength_nm"] = Optional(algorithm == "fda" && record.Ok(), record.wavelengthNm);
-  result["average_gap_nm"] = Optional(algorithm == "fda" && record.Ok(), record.averageGapNm);
+  const bool fda = algorithm == "fda" && record.Ok();
+  result["frames_per_fringe"] = Optional(record.framesPerFringe > 0.0, record.framesPerFringe);
+  result["period_source"] = record.framesPerFringe <= 0.0 ? py::object(py::none())
+                            : record.periodFromWavelength ? py::object(py::str("wavelength"))
+                                                          : py::object(py::str("measured"));
+  result["min_modulation"] = record.minModulation;
+  result["min_modulation_scaled"] = record.minModulationScaled;
+  result["band"] =
+      fda ? py::object(py::make_tuple(record.firstBandBin, record.lastBandBin)) : py::object(py::none());
+  result["subsamples"] = record.subsamples;
+  result["equivalent_wavelength_nm"] = Optional(fda, record.equivalentWavelengthNm);
+  result["average_gap_nm"] = Optional(fda, record.averageGapNm);
   return result;
 }
 
@@ -493,24 +515,38 @@ calibrated shifter, negative when it moves too far), "gain_fraction" (pixels tha
 )");
 
   m.def("swli", &Swli, "scan"_a, py::kw_only(), "scan_step_nm"_a, "algorithm"_a = "centroid",
-        "min_modulation"_a = 15.0, "fringe_removal"_a = "standard", "reverse"_a = false,
-        "max_value"_a = py::none(), "threads"_a = py::none(), "intensity"_a = true, "name"_a = py::none(),
+        "min_modulation"_a = py::none(), "wavelength_nm"_a = py::none(), "fringe_removal"_a = "standard",
+        "reverse"_a = false, "max_value"_a = py::none(), "threads"_a = py::none(), "intensity"_a = true,
+        "name"_a = py::none(),
         R"(Surface heights from a white-light (coherence) scan.
 
 scan: uint8 or uint16 array (frames, rows, columns), more than 64 frames, frame k taken at scan
     position k x scan_step_nm (reverse=True: at (frames - k) x scan_step_nm).
 scan_step_nm: distance the scan moves between frames, nanometres (required, > 0).
 algorithm: "centroid" (centre of mass of the fringe envelope; robust, any step; heights count
-    positions from one) or "fda" (phase of the fringe spectrum; nanometre precision, needs a step of
-    about a tenth to a sixth of the centre wavelength).
-min_modulation: percent of the saturation level the fringes must reach.
+    positions from one) or "fda" (phase of the fringe spectrum; nanometre precision). Steps from
+    about a fortieth to a fifth of the centre wavelength are evaluated: the fringe period (frames
+    per fringe, half the centre wavelength over the step) sets the band of bins the fda fits, and a
+    scan of more than 5.6 frames per fringe is evaluated by the fda as interleaved subsamples of
+    about four frames per fringe whose heights are averaged.
+min_modulation: percent of the saturation level the fringes must reach. None (the default): for
+    the centroid 15 % at four frames per fringe, scaled to the scan's fringe period; for the fda
+    15 %. A number given is used as it stands.
+wavelength_nm: centre wavelength of the light, nanometres (> 0): sets the fringe period. None (the
+    default): the period is measured from the scan.
 fringe_removal: "standard", "64full" or "none" (no intensity map).
 max_value, threads, name: as for psi (threads 0 or 1: the calling thread only).
 intensity: also return the fringe-free intensity.
 
+The defaults are those of `qphase swli`; with the same options the heights equal the tool's.
+
 Returns a dict: "height" (float64, nanometres along the scan, NaN = no data), "intensity" (float64,
-counts, or None), "wavelength_nm" and "average_gap_nm" (fda), "valid_fraction", "status",
-"message", "max_value", "seconds", "warnings".
+counts, or None), "frames_per_fringe" (None when it could not be measured), "period_source"
+("measured", "wavelength" or None), "min_modulation" (percent, the threshold used),
+"min_modulation_scaled" (True when it is the default scaled to the sampling), "band" ((first,
+last) bin of 64 the fda fitted, else None), "subsamples" (interleaved subsamples the fda
+averaged; 1 for the scan as it is), "equivalent_wavelength_nm" and "average_gap_nm" (fda, else
+None), "valid_fraction", "status", "message", "max_value", "seconds", "warnings".
 )");
 
   m.def("carrier", &Carrier, "frame"_a, py::kw_only(), "quadrant"_a = 2, "pixels_per_fringe"_a = 4,

@@ -12,8 +12,8 @@ def psi_check(stack: np.ndarray, *, method: Optional[str] = ..., mask: Optional[
               scan_period: int = ..., min_modulation: float = ..., first_frame: int = ...,
               frame_count: Optional[int] = ..., max_value: Optional[int] = ..., threads: Optional[int] = ...,
               name: Optional[str] = ...) -> dict[str, Any]: ...
-def swli(scan: np.ndarray, *, scan_step_nm: float, algorithm: str = ..., min_modulation: float = ...,
-         fringe_removal: str = ..., reverse: bool = ..., max_value: Optional[int] = ...,
+def swli(scan: np.ndarray, *, scan_step_nm: float, algorithm: str = ..., min_modulation: Optional[float] = ...,
+         wavelength_nm: Optional[float] = ..., fringe_removal: str = ..., reverse: bool = ..., max_value: Optional[int] = ...,
          threads: Optional[int] = ..., intensity: bool = ..., name: Optional[str] = ...) -> dict[str, Any]: ...
 def carrier(frame: np.ndarray, *, quadrant: int = ..., pixels_per_fringe: int = ..., threshold: float = ...,
             min_region: int = ..., keep_carrier: bool = ..., max_value: Optional[int] = ...,

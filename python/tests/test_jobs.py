@@ -231,3 +231,49 @@ def test_swli_gives_the_plane_back_and_the_clis_heights(tmp_path, qphase, algori
            "--intensity", tmp_path / "i.tif")
     np.testing.assert_array_equal(tifffile.imread(tmp_path / "h.tif"), result["height"].astype(np.float32))
     np.testing.assert_array_equal(tifffile.imread(tmp_path / "i.tif"), result["intensity"].astype(np.float32))
+
+
+@pytest.mark.parametrize("algorithm,wavelength_nm", [("centroid", None), ("fda", None), ("fda", 600.0)])
+def test_swli_on_a_fine_scan_equals_the_cli_with_the_same_defaults(tmp_path, qphase, algorithm, wavelength_nm):
+    # 20 nm steps of 600 nm light: 15 frames per fringe, far finer than the four the fda's band and
+    # the centroid's 15 % threshold are set for. Both the tool and this call measure the period (or
+    # take the wavelength), so the fda splits the scan into interleaved subsamples and the centroid's
+    # threshold is scaled; run the same way they must agree to the bit in the tool's float32.
+    scan, height = white_light_scan(frames=480, step_nm=20.0)
+    extra = () if wavelength_nm is None else ("--wavelength", wavelength_nm)
+    result = quarn.swli(scan, scan_step_nm=20.0, algorithm=algorithm, wavelength_nm=wavelength_nm)
+    assert result["status"] == "ok", result["message"]
+    tifffile.imwrite(tmp_path / "scan.tif", scan)
+    line = qphase("swli", tmp_path / "scan.tif", "-o", tmp_path / "h.tif", "--scan-step", 20, "--algorithm",
+                  algorithm, "--intensity", tmp_path / "i.tif", *extra)
+    np.testing.assert_array_equal(tifffile.imread(tmp_path / "h.tif"), result["height"].astype(np.float32))
+    np.testing.assert_array_equal(tifffile.imread(tmp_path / "i.tif"), result["intensity"].astype(np.float32))
+
+    # The record carries what the tool's summary line states.
+    assert result["period_source"] == ("measured" if wavelength_nm is None else "wavelength")
+    assert f"{result['frames_per_fringe']:.1f} frames per fringe" in line
+    assert result["frames_per_fringe"] == pytest.approx(15.0, rel=0.05)
+    if algorithm == "fda":
+        first, last = result["band"]
+        assert result["subsamples"] > 1
+        assert f"{result['subsamples']} interleaved subsamples of bins {first} .. {last}" in line
+        assert f"average gap {result['average_gap_nm']:.2f} nm" in line
+        # Averaged subsample heights keep the fringe phase's precision.
+        assert np.nanmax(np.abs(result["height"] - height)) < 5.0
+    else:
+        assert result["min_modulation_scaled"] and result["min_modulation"] < 15.0
+        assert f"minimum modulation {result['min_modulation']:g} % (15 % scaled to the sampling)" in line
+        # The envelope's centre of mass, a step above the surface by its convention, within a tenth
+        # of the 1.8 um coherence length.
+        assert np.nanmax(np.abs(result["height"] - 20.0 - height)) < 180.0
+    assert f"algorithm {algorithm}: {100 * result['valid_fraction']:.1f} % valid" in line
+
+
+def test_swli_wavelength_and_threshold_are_checked_in_the_packages_words():
+    scan, _ = white_light_scan()
+    for bad in (0.0, -600.0, float("nan")):
+        with pytest.raises(ValueError, match="wavelength_nm: must be a positive number of nanometres"):
+            quarn.swli(scan, scan_step_nm=80.0, wavelength_nm=bad)
+    # A threshold given is used as it stands, not scaled.
+    given = quarn.swli(scan, scan_step_nm=80.0, min_modulation=15.0)
+    assert given["min_modulation"] == 15.0 and not given["min_modulation_scaled"]

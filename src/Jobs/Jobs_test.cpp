@@ -27,7 +27,11 @@
 #include "Psi/Kinephase/KinephaseAlgorithm.h"
 #include "Swli/CoherenceDiscriminator.h"
 #include "Swli/PhaseAlgorithmCentroid.h"
+#include "Swli/PhaseAlgorithmFda.h"
 #include "Swli/PhaseGenerator.h"
+#include "Swli/ScanSampling.h"
+#include "Swli/SubsampledEvaluation.h"
+#include "Synthetic/SeededRandom.h"
 #include "Synthetic/SyntheticCarrier.h"
 #include "Synthetic/SyntheticPsi.h"
 #include "Synthetic/SyntheticScan.h"
@@ -304,6 +308,113 @@ TEST(SwliJobTest, HeightsEqualTheGeneratorsWithGivenOrFoundPeaksAndTheSurfaceCom
   EXPECT_EQ(job.Run(scan.frames, options, "scan", &scan.peaks).message,
             "--scan-step: must be a positive number of nanometres, not -1");
 }
+
+// A fine scan (20 nm steps of 600 nm light: 15 frames per fringe) through the job equals the
+// sampling-aware pipeline called by hand: the period measured from the scan or set from the
+// wavelength, the fda evaluated as interleaved subsamples, the centroid's default threshold scaled.
+// The record states what was chosen, and the surface comes back.
+struct FineScanCase {
+  const char* algorithm;
+  double wavelengthNm;  // 0: measured
+};
+
+class SwliJobFineScanTest : public ::testing::TestWithParam<FineScanCase> {};
+
+TEST_P(SwliJobFineScanTest, EqualsTheSamplingAwarePipelineAndStatesItsChoices) {
+  namespace Swli = ::Quarn::Metrology::PhaseProcessing::Core::Swli;
+  const FineScanCase param = GetParam();
+  const bool fda = std::string(param.algorithm) == "fda";
+  Testing::ScanSettings settings;
+  settings.rows = 12;
+  settings.cols = 24;
+  settings.framesScanned = 640;
+  settings.scanStepNm = 20.0;
+  settings.noiseSigmaCounts = 1.0;
+  Testing::SeededRandom random;
+  SCOPED_TRACE("seed " + std::to_string(random.Seed()));
+  FrameBuffer frames;
+  ASSERT_TRUE(Testing::MakeSyntheticScan(frames, settings, Testing::SphereWithStepNm, &random));
+
+  // By hand.
+  Core::IntMatrix2D peaks;
+  Swli::FindPeakFrames(frames, peaks, 1);
+  Swli::ScanSampling sampling;
+  if (param.wavelengthNm > 0.0) {
+    sampling.SetFromWavelength(param.wavelengthNm, settings.scanStepNm);
+  } else {
+    sampling.Measure(frames, peaks);
+  }
+  ASSERT_TRUE(sampling.IsKnown());
+  Swli::PhaseAlgorithmCentroid centroid;
+  Swli::PhaseAlgorithmFda fdaAlgorithm;
+  Swli::PhaseAlgorithm& algorithm =
+      fda ? static_cast<Swli::PhaseAlgorithm&>(fdaAlgorithm) : static_cast<Swli::PhaseAlgorithm&>(centroid);
+  centroid.SetMinimumModulation(sampling.ScaledMinimumModulation(15.0));
+  fdaAlgorithm.SetMinimumModulation(15.0);
+  sampling.ApplyTo(fdaAlgorithm);
+  algorithm.SetScanIncrement(Core::UnitNumber(20.0, Core::LinearConverter(Core::Units::kNanometers)));
+  Core::IntMatrix2D intensity;
+  algorithm.SetIntensityMatrix(intensity);
+  DoubleMatrix2D height(settings.rows, settings.cols);
+  height.SetAll(0.0);
+  const int factor = fda ? sampling.SubsampleFactor(settings.framesScanned) : 1;
+  if (fda) {
+    ASSERT_GT(factor, 1);
+    Swli::SubsampledEvaluation subsampled;
+    ASSERT_TRUE(subsampled.Process(frames, factor, 20.0, algorithm, sampling, 1, height).IsOk());
+  } else {
+    Core::IntMatrix2D auxiliary(settings.rows, settings.cols);
+    auxiliary.SetAll(0);
+    Swli::PhaseGenerator generator(&algorithm);
+    generator.SetAllowMultiThreads(false);
+    generator.Process(frames, peaks, auxiliary, height);
+    ASSERT_TRUE(generator.GetStatus().IsOk());
+  }
+
+  // Through the job, on a host copy of the scan, with several thread counts.
+  const std::vector<std::uint8_t> host = HostCopy<std::uint8_t>(frames);
+  const ArrayView view = ArrayView::Contiguous(host.data(), SampleType::kUInt8, settings.framesScanned,
+                                               settings.rows, settings.cols);
+  for (const int threads : {1, 3}) {
+    SwliOptions options;
+    options.algorithm = param.algorithm;
+    options.scanStepNm = 20.0;
+    options.wavelengthNm = param.wavelengthNm;
+    options.threads = threads;
+    std::vector<double> hostHeight, hostIntensity;
+    const SwliRecord record = RunSwli(view, options, ViewOf(hostHeight, settings.rows, settings.cols),
+                                      ViewOf(hostIntensity, settings.rows, settings.cols));
+    ASSERT_TRUE(record.Ok()) << record.message;
+    ExpectSameMap(height, hostHeight);
+    EXPECT_EQ(record.framesPerFringe, sampling.GetFringePeriodFrames());
+    EXPECT_EQ(record.periodFromWavelength, param.wavelengthNm > 0.0);
+    EXPECT_EQ(record.subsamples, factor);
+    EXPECT_EQ(record.minModulationScaled, !fda);
+    EXPECT_EQ(record.minModulation, fda ? 15.0 : sampling.ScaledMinimumModulation(15.0));
+    if (fda) {
+      EXPECT_EQ(record.firstBandBin, fdaAlgorithm.GetFirstBandBin());
+      EXPECT_EQ(record.lastBandBin, fdaAlgorithm.GetLastBandBin());
+    }
+    EXPECT_EQ(record.validFraction, 1.0);
+  }
+  // Half the centre wavelength over the step; measured from noisy fringes to a few percent.
+  EXPECT_NEAR(sampling.GetFringePeriodFrames(), 15.0, 0.5);
+  // The fda's averaged subsample heights keep the fringe phase's nanometre precision (1 count of
+  // noise on 60-count fringes); the centroid sits one step above the surface and locates the
+  // 1.8 um envelope to well within a tenth of it.
+  const double offset = fda ? 0.0 : 20.0, tolerance = fda ? 5.0 : 180.0;
+  for (int r = 0; r < settings.rows; ++r)
+    for (int c = 0; c < settings.cols; ++c)
+      EXPECT_NEAR(height(r, c) - offset, Testing::SphereWithStepNm(r, c), tolerance) << r << "," << c;
+}
+
+INSTANTIATE_TEST_SUITE_P(Sampling, SwliJobFineScanTest,
+                         ::testing::Values(FineScanCase{"centroid", 0.0}, FineScanCase{"fda", 0.0},
+                                           FineScanCase{"fda", 600.0}),
+                         [](const auto& info) {
+                           return std::string(info.param.algorithm) +
+                                  (info.param.wavelengthNm > 0.0 ? "FromWavelength" : "Measured");
+                         });
 
 TEST(CarrierJobTest, PhaseAndModulationEqualThePipelines) {
   constexpr int n = 64;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 
 #include "Analysis/Core/LinearConverter.h"
 #include "Analysis/Core/Threading/CpuCounter.h"
@@ -10,6 +11,8 @@
 #include "Swli/PhaseAlgorithmCentroid.h"
 #include "Swli/PhaseAlgorithmFda.h"
 #include "Swli/PhaseGenerator.h"
+#include "Swli/ScanSampling.h"
+#include "Swli/SubsampledEvaluation.h"
 
 namespace Quarn::Jobs {
 
@@ -26,16 +29,31 @@ Swli::FringeRemovalMethod MethodFor(const std::string& name) {
   return Swli::FringeRemovalMethod::kStandard;
 }
 
+// The longest length taken for a scan step or a wavelength: a millimetre. Far beyond any coherence
+// scan, and small enough that heights (frame number times step) stay finite floats.
+constexpr double kMaxLengthNm = 1e6;
+
+bool CheckLength(JobRecord& record, const char* option, double valueNm) {
+  if (!(valueNm > 0.0 && std::isfinite(valueNm))) {
+    return Fail(
+        record, JobOutcome::kBadInput,
+        std::string(option) + ": must be a positive number of nanometres, not " + FormatNumber(valueNm));
+  }
+  if (valueNm > kMaxLengthNm) {
+    return Fail(record, JobOutcome::kBadInput,
+                std::string(option) + ": " + FormatNumber(valueNm) +
+                    " nm is more than a millimetre; a scan step of at most 1000000 nanometres is needed");
+  }
+  return true;
+}
+
 bool CheckOptions(const SwliOptions& options, JobRecord& record) {
   if (options.algorithm != "centroid" && options.algorithm != "fda") {
     return Fail(record, JobOutcome::kBadInput,
                 "--algorithm: " + options.algorithm + " not in {centroid,fda}");
   }
-  if (!(options.scanStepNm > 0.0 && std::isfinite(options.scanStepNm))) {
-    return Fail(
-        record, JobOutcome::kBadInput,
-        "--scan-step: must be a positive number of nanometres, not " + FormatNumber(options.scanStepNm));
-  }
+  if (!CheckLength(record, "--scan-step", options.scanStepNm)) return false;
+  if (options.wavelengthNm != 0.0 && !CheckLength(record, "--wavelength", options.wavelengthNm)) return false;
   if (options.fringeRemoval != "none" && options.fringeRemoval != "standard" &&
       options.fringeRemoval != "64full") {
     return Fail(record, JobOutcome::kBadInput,
@@ -46,14 +64,14 @@ bool CheckOptions(const SwliOptions& options, JobRecord& record) {
 }
 
 // Why no pixel got a height, in the terms of the chosen algorithm.
-std::string NoValidPixelReason(const SwliOptions& options, int maxValue) {
-  std::string reason = "no pixel has fringes modulated by at least " + FormatNumber(options.minModulation) +
+std::string NoValidPixelReason(const SwliOptions& options, int maxValue, double minModulation, int firstBin,
+                               int lastBin) {
+  std::string reason = "no pixel has fringes modulated by at least " + FormatNumber(minModulation) +
                        " % of the saturation level " + std::to_string(maxValue) +
                        " within its 64-frame window, at least 32 frames from either end of the scan";
   if (options.algorithm == "fda") {
-    reason +=
-        ", with its fringe frequency in bins 13 .. 21 of 64 (a scan step of about a tenth to a sixth of the "
-        "centre wavelength, e.g. 60 to 100 nm for 600 nm light)";
+    reason += ", with its fringe frequency in bins " + std::to_string(firstBin) + " .. " +
+              std::to_string(lastBin) + " of 64";
   }
   return reason;
 }
@@ -97,33 +115,65 @@ SwliRecord SwliJob::Run(Core::FrameBuffer& frames, const SwliOptions& options, c
   Core::IntMatrix2D auxiliary(rows, cols);
   auxiliary.SetAll(0);
 
+  // The sampling of the fringes sets the FDA's band (or its subsamples) and the centroid's default
+  // threshold; a scan whose period cannot be measured keeps the algorithms' defaults.
+  Swli::ScanSampling sampling;
+  if (options.wavelengthNm > 0.0) {
+    sampling.SetFromWavelength(options.wavelengthNm, options.scanStepNm);
+  } else {
+    sampling.Measure(frames, *peaks);
+  }
+  const bool fdaRun = options.algorithm == "fda";
+  const double minModulation = options.minModulationGiven
+                                   ? options.minModulation
+                                   : sampling.ScaledMinimumModulation(options.minModulation);
+  const int factor = fdaRun ? sampling.SubsampleFactor(frames.GetNumberOfFrames()) : 1;
+  record.framesPerFringe = sampling.IsKnown() ? sampling.GetFringePeriodFrames() : 0.0;
+  record.periodFromWavelength = options.wavelengthNm > 0.0;
+  // The FDA's threshold is its own (its band already follows the sampling); only the centroid's
+  // default is scaled.
+  record.minModulation = fdaRun ? options.minModulation : minModulation;
+  record.minModulationScaled = !fdaRun && !options.minModulationGiven && sampling.IsKnown();
+  record.subsamples = factor;
+
   Swli::PhaseAlgorithmCentroid centroid;
   Swli::PhaseAlgorithmFda fda;
-  Swli::PhaseAlgorithm& algorithm = options.algorithm == "fda" ? static_cast<Swli::PhaseAlgorithm&>(fda)
-                                                               : static_cast<Swli::PhaseAlgorithm&>(centroid);
-  centroid.SetMinimumModulation(options.minModulation);
+  Swli::PhaseAlgorithm& algorithm =
+      fdaRun ? static_cast<Swli::PhaseAlgorithm&>(fda) : static_cast<Swli::PhaseAlgorithm&>(centroid);
+  centroid.SetMinimumModulation(minModulation);
   fda.SetMinimumModulation(options.minModulation);
+  sampling.ApplyTo(fda);
   algorithm.SetScanIncrement(
       Core::UnitNumber(options.scanStepNm, Core::LinearConverter(Core::Units::kNanometers)));
   algorithm.SetRemoveFringes(MethodFor(options.fringeRemoval));
   intensity_.Reset();
   algorithm.SetIntensityMatrix(intensity_);
 
-  Swli::PhaseGenerator generator(&algorithm);
-  generator.SetAllowMultiThreads(threads > 1);
-  generator.SetMaxNumThreads(threads);
   if (!height_.Resize(0, 0, rows, cols)) {
     Fail(record, JobOutcome::kBadInput, name + ": no memory for the height map");
     return record;
   }
   height_.SetAll(0.0);  // every pixel is evaluated
-  generator.Process(frames, *peaks, auxiliary, height_);
+  Swli::PhaseGenerator generator(&algorithm);
+  Swli::SubsampledEvaluation subsampled;
+  if (factor > 1) {
+    subsampled.Process(frames, factor, options.scanStepNm, algorithm, sampling, threads, height_);
+  } else {
+    generator.SetAllowMultiThreads(threads > 1);
+    generator.SetMaxNumThreads(threads);
+    generator.Process(frames, *peaks, auxiliary, height_);
+  }
   record.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  // The band as evaluated: the subsamples' band when the scan was split.
+  record.firstBandBin = fda.GetFirstBandBin();
+  record.lastBandBin = fda.GetLastBandBin();
 
-  const Core::Status& status = generator.GetStatus();
+  const Core::Status& status = factor > 1 ? subsampled.GetStatus() : generator.GetStatus();
   if (status.GetCode() == Core::StatusCode::kNoValidResult) {
     Fail(record, JobOutcome::kNoResult,
-         "no valid pixel in " + name + ": " + NoValidPixelReason(options, frames.GetMaxValue()));
+         "no valid pixel in " + name + ": " +
+             NoValidPixelReason(options, frames.GetMaxValue(), minModulation, record.firstBandBin,
+                                record.lastBandBin));
     return record;
   }
   if (status.IsError()) {
@@ -131,8 +181,8 @@ SwliRecord SwliJob::Run(Core::FrameBuffer& frames, const SwliOptions& options, c
     return record;
   }
   record.validFraction = static_cast<double>(height_.CountValid()) / static_cast<double>(height_.GetCount());
-  if (options.algorithm == "fda") {
-    record.wavelengthNm = fda.GetWaveLength();
+  if (fdaRun) {
+    record.equivalentWavelengthNm = fda.GetWaveLength();
     record.averageGapNm = fda.GetAverageGap();
   }
   return record;

@@ -1,7 +1,6 @@
 // qphase swli: a white-light (coherence) scan, one TIFF page per scan frame, into a height map.
 #include <CLI/CLI.hpp>
 
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -15,32 +14,18 @@
 #include "Analysis/Core/DebugChannel.h"
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
-#include "Analysis/Core/IntMatrix2D.h"
-#include "Analysis/Core/LinearConverter.h"
-#include "Analysis/Core/Threading/CpuCounter.h"
-#include "Analysis/Core/UnitNumber.h"
 #include "CommandRegistry.h"
 #include "CommonOptions.h"
+#include "JobFailure.h"
+#include "Jobs/SwliJob.h"
 #include "MapPreview.h"
 #include "OutputFiles.h"
-#include "Swli/CoherenceDiscriminator.h"
-#include "Swli/PhaseAlgorithmCentroid.h"
-#include "Swli/PhaseAlgorithmFda.h"
-#include "Swli/PhaseGenerator.h"
-#include "Swli/ScanSampling.h"
-#include "Swli/SubsampledEvaluation.h"
 #include "TiffIO.h"
 #include "ToolError.h"
 
 namespace Quarn::Qphase {
 
 namespace {
-
-namespace Swli = ::Quarn::Metrology::PhaseProcessing::Core::Swli;
-namespace StatusCode = Core::StatusCode;
-
-// The signal window the algorithms cut around each pixel's peak.
-constexpr int kSignalFrames = 64;
 
 struct SwliOptions {
   std::string scan;
@@ -76,37 +61,12 @@ const CLI::Validator kPositiveLength(
     },
     "NM>0");
 
-std::string FormatNumber(double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%g", value);
-  return text;
-}
-
-Swli::FringeRemovalMethod MethodFor(const std::string& name) {
-  if (name == "none") return Swli::FringeRemovalMethod::kNone;
-  if (name == "64full") return Swli::FringeRemovalMethod::k64Bucket;
-  return Swli::FringeRemovalMethod::kStandard;
-}
-
-// Why no pixel got a height, in the terms of the chosen algorithm.
-std::string NoValidPixelReason(const SwliOptions& options, int maxValue, double minModulation, int firstBin,
-                               int lastBin) {
-  std::string reason = "no pixel has fringes modulated by at least " + FormatNumber(minModulation) +
-                       " % of the saturation level " + std::to_string(maxValue) +
-                       " within its 64-frame window, at least 32 frames from either end of the scan";
-  if (options.algorithm == "fda") {
-    reason += ", with its fringe frequency in bins " + std::to_string(firstBin) + " .. " +
-              std::to_string(lastBin) + " of 64";
-  }
-  return reason;
-}
-
 // How the scan's sampling was found, for the summary line.
-std::string SamplingText(const Swli::ScanSampling& sampling, const SwliOptions& options) {
-  if (!sampling.IsKnown()) return "fringe period unknown";
+std::string SamplingText(const Jobs::SwliRecord& record) {
+  if (record.framesPerFringe <= 0.0) return "fringe period unknown";
   char text[96];
-  std::snprintf(text, sizeof text, "%.1f frames per fringe (%s)", sampling.GetFringePeriodFrames(),
-                options.wavelengthNm > 0.0 ? "from --wavelength" : "measured");
+  std::snprintf(text, sizeof text, "%.1f frames per fringe (%s)", record.framesPerFringe,
+                record.periodFromWavelength ? "from --wavelength" : "measured");
   return text;
 }
 
@@ -123,82 +83,26 @@ int RunSwli(const SwliOptions& options) {
   Core::FrameBuffer frames;
   const TiffStackInfo info = ReadTiffStack(options.scan, frames, 0, options.reverse ? -1 : 1);
   Core::debug_printf("qphase swli: read %s: %g ms\n", options.scan.c_str(), stage.Restart() / 1000.0);
-  if (info.pages <= kSignalFrames) {
-    throw UsageError(
-        options.scan + " has " + std::to_string(info.pages) +
-        " frames; a white-light evaluation cuts a 64-frame window around each pixel's peak and needs "
-        "more than 64");
-  }
-  if (!options.intensityOut.empty() && options.fringeRemoval == "none") {
-    throw UsageError(
-        "--intensity needs a fringe-removal method; --fringe-removal none makes no intensity map");
-  }
-  if (options.maxValue > 0) frames.SetMaxValue(options.maxValue);
 
-  const auto start = std::chrono::steady_clock::now();
-  const int threads = options.threads < 0 ? Core::Threading::CpuCounter::Instance().GetNumberOfProcessors()
-                                          : std::max(options.threads, 1);
-  Core::IntMatrix2D peaks;
-  Swli::FindPeakFrames(frames, peaks, threads);
-  Core::IntMatrix2D auxiliary(info.rows, info.cols);
-  auxiliary.SetAll(0);
-  Core::debug_printf("qphase swli: peak frames found: %g ms\n", stage.Restart() / 1000.0);
-
-  // The sampling of the fringes sets the FDA's band (or its subsamples) and the centroid's default
-  // threshold; a scan whose period cannot be measured keeps the algorithms' defaults.
-  Swli::ScanSampling sampling;
-  if (options.wavelengthNm > 0.0) {
-    sampling.SetFromWavelength(options.wavelengthNm, options.scanStepNm);
-  } else {
-    sampling.Measure(frames, peaks);
-  }
-  const double minModulation = options.minModulationGiven
-                                   ? options.minModulation
-                                   : sampling.ScaledMinimumModulation(options.minModulation);
-  const bool fdaRun = options.algorithm == "fda";
-  const int factor = fdaRun ? sampling.SubsampleFactor(info.pages) : 1;
-  Core::debug_printf("qphase swli: sampling: %g ms\n", stage.Restart() / 1000.0);
-
-  Swli::PhaseAlgorithmCentroid centroid;
-  Swli::PhaseAlgorithmFda fda;
-  Swli::PhaseAlgorithm& algorithm = options.algorithm == "fda" ? static_cast<Swli::PhaseAlgorithm&>(fda)
-                                                               : static_cast<Swli::PhaseAlgorithm&>(centroid);
-  centroid.SetMinimumModulation(minModulation);
-  fda.SetMinimumModulation(options.minModulation);
-  sampling.ApplyTo(fda);
-  algorithm.SetScanIncrement(
-      Core::UnitNumber(options.scanStepNm, Core::LinearConverter(Core::Units::kNanometers)));
-  algorithm.SetRemoveFringes(MethodFor(options.fringeRemoval));
-  Core::IntMatrix2D intensity;
-  algorithm.SetIntensityMatrix(intensity);
-
-  Core::DoubleMatrix2D height(info.rows, info.cols);
-  height.SetAll(0.0);  // every pixel is evaluated
-  Swli::PhaseGenerator generator(&algorithm);
-  Swli::SubsampledEvaluation subsampled;
-  if (factor > 1) {
-    subsampled.Process(frames, factor, options.scanStepNm, algorithm, sampling, threads, height);
-  } else {
-    generator.SetAllowMultiThreads(threads > 1);
-    generator.SetMaxNumThreads(threads);
-    generator.Process(frames, peaks, auxiliary, height);
-  }
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  Jobs::SwliOptions settings;
+  settings.algorithm = options.algorithm;
+  settings.scanStepNm = options.scanStepNm;
+  settings.minModulation = options.minModulation;
+  settings.minModulationGiven = options.minModulationGiven;
+  settings.wavelengthNm = options.wavelengthNm;
+  settings.fringeRemoval = options.fringeRemoval;
+  settings.reverse = options.reverse;
+  settings.maxValue = options.maxValue;
+  settings.threads = options.threads;
+  settings.wantIntensity = !options.intensityOut.empty();
+  Jobs::SwliJob job;
+  const Jobs::SwliRecord record = job.Run(frames, settings, options.scan);
   Core::debug_printf("qphase swli: evaluated: %g ms\n", stage.Restart() / 1000.0);
+  ThrowIfFailed(record);
+  const Core::DoubleMatrix2D& height = job.GetHeight();
 
-  const Core::Status& status = factor > 1 ? subsampled.GetStatus() : generator.GetStatus();
-  if (status.GetCode() == StatusCode::kNoValidResult) {
-    throw NoResultError("no valid pixel in " + options.scan + ": " +
-                        NoValidPixelReason(options, frames.GetMaxValue(), minModulation,
-                                           fda.GetFirstBandBin(), fda.GetLastBandBin()) +
-                        "; nothing written");
-  }
-  if (status.IsError()) throw UsageError(options.scan + ": " + status.GetPrintString());
-
-  std::int64_t validPixels = 0;
   std::future<void> others = std::async(std::launch::async, [&] {
-    validPixels = height.CountValid();
-    if (intensityFile) WriteFloatTiff(std::move(intensityFile), intensity);
+    if (intensityFile) WriteFloatTiff(std::move(intensityFile), job.GetIntensity());
     if (pngFile) WritePreviewPng(std::move(pngFile), height, PreviewStyle{"height", "nm"});
   });
   std::exception_ptr failure;
@@ -212,26 +116,27 @@ int RunSwli(const SwliOptions& options) {
   outputs.Commit();
   Core::debug_printf("qphase swli: files written: %g ms\n", stage.Restart() / 1000.0);
 
-  const double valid = static_cast<double>(validPixels) / static_cast<double>(height.GetCount());
   std::printf("%s: %d x %d, %d frames of %d bits, algorithm %s: %.1f %% valid", options.scan.c_str(),
-              info.cols, info.rows, info.pages, info.bitsPerSample, options.algorithm.c_str(), 100.0 * valid);
-  std::printf(", %s", SamplingText(sampling, options).c_str());
-  if (fdaRun) {
-    if (factor > 1) {
-      std::printf(", %d interleaved subsamples of bins %d .. %d", factor, fda.GetFirstBandBin(),
-                  fda.GetLastBandBin());
+              info.cols, info.rows, info.pages, info.bitsPerSample, options.algorithm.c_str(),
+              100.0 * record.validFraction);
+  std::printf(", %s", SamplingText(record).c_str());
+  if (options.algorithm == "fda") {
+    if (record.subsamples > 1) {
+      std::printf(", %d interleaved subsamples of bins %d .. %d", record.subsamples, record.firstBandBin,
+                  record.lastBandBin);
     } else {
-      std::printf(", bins %d .. %d", fda.GetFirstBandBin(), fda.GetLastBandBin());
+      std::printf(", bins %d .. %d", record.firstBandBin, record.lastBandBin);
     }
-    std::printf(", equivalent wavelength %.2f nm, average gap %.2f nm", fda.GetWaveLength(),
-                fda.GetAverageGap());
-  } else if (options.minModulationGiven || !sampling.IsKnown()) {
-    std::printf(", minimum modulation %s %%", FormatNumber(minModulation).c_str());
+    std::printf(", equivalent wavelength %.2f nm, average gap %.2f nm", record.equivalentWavelengthNm,
+                record.averageGapNm);
+  } else if (!record.minModulationScaled) {
+    std::printf(", minimum modulation %s %%", Jobs::FormatNumber(record.minModulation).c_str());
   } else {
     std::printf(", minimum modulation %s %% (%s %% scaled to the sampling)",
-                FormatNumber(minModulation).c_str(), FormatNumber(options.minModulation).c_str());
+                Jobs::FormatNumber(record.minModulation).c_str(),
+                Jobs::FormatNumber(options.minModulation).c_str());
   }
-  std::printf(", evaluated in %.1f ms\n", 1e3 * seconds);
+  std::printf(", evaluated in %.1f ms\n", 1e3 * record.seconds);
   return kExitSuccess;
 }
 

@@ -9,9 +9,9 @@
 #include <cstdio>
 
 #include "AlignSpotDetector/AlignSpotDetector.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticSpot.h"
 #include "Testing/MemoryBandwidth.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticSpot.h"
 
 namespace {
 

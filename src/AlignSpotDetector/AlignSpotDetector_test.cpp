@@ -14,8 +14,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticSpot.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticSpot.h"
 
 // The detector allocates its working lists with the non-throwing operator new; these replacements
 // let a test make the n-th such allocation fail (0: none fails). Every form of new and delete is

@@ -15,8 +15,8 @@
 #include "AlignSpotDetector/detail/SpotImageOps.h"
 #include "Analysis/Core/Clipper.h"
 #include "Analysis/Core/SurfaceStats.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticSpot.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticSpot.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Alignment {
 namespace {

@@ -30,16 +30,20 @@ namespace {
 constexpr const char* kSource = "Psi\\ConverterGenerator";
 constexpr double kNoData = Analysis::Core::kNoDataDouble;
 
-// The number of samples a converter reads per pixel after `Initialize`; 0 when unknown.
-int FramesRead(const Converter& converter) {
-  if (dynamic_cast<const Convert7*>(&converter)) return Convert7::kFrames;
-  if (dynamic_cast<const Convert13*>(&converter)) return Convert13::kFrames;
-  if (dynamic_cast<const Convert20*>(&converter)) return Convert20::kFrames;
-  if (const auto* sliding = dynamic_cast<const ConvertSliding13*>(&converter))
-    return sliding->GetNumberOfFrames();
-  return 0;
-}
 }  // namespace
+
+// The one place where the class of the converter is asked, once per run after its `Initialize`:
+// the block kernel that computes its quadrature (the sliding kernel runs on its weights; a
+// converter the generator does not know always takes the per-pixel path) and how many samples it
+// reads per pixel (0 when unknown).
+ConverterGenerator::ConverterClass ConverterGenerator::Classify(const Converter& converter) {
+  if (dynamic_cast<const Convert7*>(&converter)) return {Kernel::kSeven, false, Convert7::kFrames};
+  if (dynamic_cast<const Convert13*>(&converter)) return {Kernel::kThirteen, false, Convert13::kFrames};
+  if (dynamic_cast<const Convert20*>(&converter)) return {Kernel::kTwenty, false, Convert20::kFrames};
+  if (const auto* sliding = dynamic_cast<const ConvertSliding13*>(&converter))
+    return {Kernel::kWeights, true, sliding->GetNumberOfFrames()};
+  return {Kernel::kConverter, false, 0};
+}
 
 ConverterGenerator::ConverterGenerator() : dispatcher_(this, nullptr, -1, 0), status_(__LINE__, kSource) {}
 
@@ -79,67 +83,72 @@ void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase, Dou
   Process(frames, phase, modulation, nullptr);
 }
 
+bool ConverterGenerator::Fail(unsigned code, unsigned line, const std::string& message) {
+  status_ = Status(0, code, line, kSource, message);
+  return false;
+}
+
+bool ConverterGenerator::CheckFrameWeights(const Array<double>& frameWeights) {
+  if (frameWeights.Size() < numberOfFrames_) {
+    return Fail(StatusCode::kArgumentOutOfRange, __LINE__,
+                "Got " + std::to_string(frameWeights.Size()) + " frame weights for " +
+                    std::to_string(numberOfFrames_) + " frames");
+  }
+  for (int i = 0; i < numberOfFrames_; ++i) {
+    if (!(std::isfinite(frameWeights[i]) && frameWeights[i] > 0.0)) {
+      return Fail(StatusCode::kArgumentOutOfRange, __LINE__,
+                  "Frame weight " + std::to_string(i) + " is not a positive number");
+    }
+  }
+  if (!converter_->GetNumerator() || !converter_->GetDenominator()) {
+    return Fail(StatusCode::kArgumentOutOfRange, __LINE__, "The converter has no weights to re-weight");
+  }
+  return true;
+}
+
 bool ConverterGenerator::CheckInputs(const FrameBuffer& frames, const DoubleMatrix2D& phase,
-                                     const DoubleMatrix2D* modulation, const Array<double>* frameWeights) {
-  const auto fail = [this](unsigned code, unsigned line, const std::string& message) {
-    status_ = Status(0, code, line, kSource, message);
-    return false;
-  };
-  if (!converter_) return fail(StatusCode::kNotSet, __LINE__, "No converter has been set (SetAlgorithm)");
+                                     const DoubleMatrix2D* modulation, const Array<double>* frameWeights,
+                                     const ConverterClass& converterClass) {
+  if (!converter_) return Fail(StatusCode::kNotSet, __LINE__, "No converter has been set (SetAlgorithm)");
   const int pixels = frames.GetPixelCount();
   if (phase.GetCount() < pixels) {
-    return fail(StatusCode::kArgumentOutOfRange, __LINE__,
+    return Fail(StatusCode::kArgumentOutOfRange, __LINE__,
                 "The phase map holds " + std::to_string(phase.GetCount()) + " elements, the frame window " +
                     std::to_string(pixels) + " pixels");
   }
   if (modulation && modulation->GetCount() < pixels) {
-    return fail(StatusCode::kArgumentOutOfRange, __LINE__,
+    return Fail(StatusCode::kArgumentOutOfRange, __LINE__,
                 "The modulation map holds " + std::to_string(modulation->GetCount()) +
                     " elements, the frame window " + std::to_string(pixels) + " pixels");
   }
   if (frames.IsRing()) {
-    return fail(StatusCode::kArgumentOutOfRange, __LINE__,
+    return Fail(StatusCode::kArgumentOutOfRange, __LINE__,
                 "Phase-shifted frames must all be stored (not a ring)");
   }
   // What the converter reads per pixel must be in the scratch: its kernel may not be longer than the
   // stack, and re-weighting needs a weight of the converter for every frame.
-  const int framesRead = FramesRead(*converter_);
-  const bool sliding = dynamic_cast<const ConvertSliding13*>(converter_) != nullptr;
+  const int framesRead = converterClass.framesRead;
+  const bool sliding = converterClass.sliding;
   // A sliding kernel that knows no frame count after Initialize with enough frames could not get
   // the memory for its weights.
   if (sliding && framesRead == 0 && numberOfFrames_ >= Convert13::kFrames) {
-    return fail(StatusCode::kCallFailed, __LINE__, "Call to converter.Initialize failed");
+    return Fail(StatusCode::kCallFailed, __LINE__, "Call to converter.Initialize failed");
   }
   if ((sliding && framesRead == 0) || framesRead > numberOfFrames_ ||
       (frameWeights && framesRead > 0 && framesRead != numberOfFrames_)) {
-    return fail(StatusCode::kArgumentOutOfRange, __LINE__,
+    return Fail(StatusCode::kArgumentOutOfRange, __LINE__,
                 "The converter needs " + std::string(sliding ? "at least " : "") +
                     std::to_string(framesRead > 0 && !sliding ? framesRead : Convert13::kFrames) +
                     " frames, the frame buffer holds " + std::to_string(numberOfFrames_));
   }
-  if (frameWeights) {
-    if (frameWeights->Size() < numberOfFrames_) {
-      return fail(StatusCode::kArgumentOutOfRange, __LINE__,
-                  "Got " + std::to_string(frameWeights->Size()) + " frame weights for " +
-                      std::to_string(numberOfFrames_) + " frames");
-    }
-    for (int i = 0; i < numberOfFrames_; ++i) {
-      if (!(std::isfinite((*frameWeights)[i]) && (*frameWeights)[i] > 0.0)) {
-        return fail(StatusCode::kArgumentOutOfRange, __LINE__,
-                    "Frame weight " + std::to_string(i) + " is not a positive number");
-      }
-    }
-    if (!converter_->GetNumerator() || !converter_->GetDenominator()) {
-      return fail(StatusCode::kArgumentOutOfRange, __LINE__, "The converter has no weights to re-weight");
-    }
-  }
+  if (frameWeights && !CheckFrameWeights(*frameWeights)) return false;
   const double unitFactor = phase.GetUnitManager().GetSlopeToBaseUnit(Analysis::Core::Units::kRadians);
   if (!(std::isfinite(unitFactor) && unitFactor != 0.0)) {
-    return fail(StatusCode::kArgumentOutOfRange, __LINE__, "The phase map's unit cannot express a phase");
+    return Fail(StatusCode::kArgumentOutOfRange, __LINE__, "The phase map's unit cannot express a phase");
   }
   // A sign of 0 would turn every phase into 0 while the pixels still look valid.
   if (phaseSign_ == 0) {
-    return fail(StatusCode::kArgumentOutOfRange, __LINE__,
+    return Fail(StatusCode::kArgumentOutOfRange, __LINE__,
                 "The phase sign is 0 (SetPhaseSign takes 1 or -1)");
   }
   return true;
@@ -157,7 +166,8 @@ void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase, Dou
 
   weighted_ = frameWeights != nullptr;
   if (converter_) converter_->Initialize(numberOfFrames_);
-  if (!CheckInputs(frames, phase, modulation, frameWeights)) return;
+  const ConverterClass converterClass = converter_ ? Classify(*converter_) : ConverterClass{};
+  if (!CheckInputs(frames, phase, modulation, frameWeights, converterClass)) return;
 
   modulationScale_ = converter_->GetModulationScale();
   const double m = saturationLevel_ * minimumModulation_ * modulationScale_;
@@ -165,36 +175,9 @@ void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase, Dou
 
   numeratorWeights_ = converter_->GetNumerator();
   denominatorWeights_ = converter_->GetDenominator();
-  if (weighted_) {
-    double sum = 0.0;
-    for (int i = 0; i < numberOfFrames_; ++i)
-      sum += (*frameWeights)[i];
-    const double mean = sum / numberOfFrames_;
-    QUARN_RETURN_IF_CALL_FAILED(weightedNumerator_.Resize(numberOfFrames_), status_, kSource,
-                                weightedNumerator_, "weightedNumerator.Resize");
-    QUARN_RETURN_IF_CALL_FAILED(weightedDenominator_.Resize(numberOfFrames_), status_, kSource,
-                                weightedDenominator_, "weightedDenominator.Resize");
-    for (int i = 0; i < numberOfFrames_; ++i) {
-      const double factor = mean / (*frameWeights)[i];
-      weightedNumerator_[i] = factor * numeratorWeights_[i];
-      weightedDenominator_[i] = factor * denominatorWeights_[i];
-    }
-    numeratorWeights_ = weightedNumerator_.Data();
-    denominatorWeights_ = weightedDenominator_.Data();
-  }
-
-  // The kernel is chosen once per run; an unknown converter always takes the per-pixel path.
-  if (weighted_ || dynamic_cast<const ConvertSliding13*>(converter_)) {
-    kernel_ = Kernel::kWeights;
-  } else if (dynamic_cast<const Convert7*>(converter_)) {
-    kernel_ = Kernel::kSeven;
-  } else if (dynamic_cast<const Convert13*>(converter_)) {
-    kernel_ = Kernel::kThirteen;
-  } else if (dynamic_cast<const Convert20*>(converter_)) {
-    kernel_ = Kernel::kTwenty;
-  } else {
-    kernel_ = Kernel::kConverter;
-  }
+  if (weighted_ && !ReweightFrames(*frameWeights)) return;
+  // The kernel is chosen once per run; re-weighted frames run on their weights.
+  kernel_ = weighted_ ? Kernel::kWeights : converterClass.kernel;
 
   if (!allowMultiThreads_) {
     ConvertPixels(0, 0, numberOfPixels_);
@@ -212,6 +195,27 @@ void ConverterGenerator::Process(FrameBuffer& frames, DoubleMatrix2D& phase, Dou
   if (std::none_of(written, written + numberOfPixels_, [](double v) { return v < kNoData; })) {
     status_ = Status(0, StatusCode::kNoValidResult, __LINE__, kSource, "");
   }
+}
+
+// The converter's weights scaled frame by frame by mean weight / frame weight, so that a frame
+// weighted down (a brighter one, say) counts less while the modulation keeps its scale.
+bool ConverterGenerator::ReweightFrames(const Array<double>& frameWeights) {
+  double sum = 0.0;
+  for (int i = 0; i < numberOfFrames_; ++i)
+    sum += frameWeights[i];
+  const double mean = sum / numberOfFrames_;
+  QUARN_RETURN_IF_CALL_FAILED(weightedNumerator_.Resize(numberOfFrames_), status_, kSource,
+                              weightedNumerator_, "weightedNumerator.Resize", false);
+  QUARN_RETURN_IF_CALL_FAILED(weightedDenominator_.Resize(numberOfFrames_), status_, kSource,
+                              weightedDenominator_, "weightedDenominator.Resize", false);
+  for (int i = 0; i < numberOfFrames_; ++i) {
+    const double factor = mean / frameWeights[i];
+    weightedNumerator_[i] = factor * numeratorWeights_[i];
+    weightedDenominator_[i] = factor * denominatorWeights_[i];
+  }
+  numeratorWeights_ = weightedNumerator_.Data();
+  denominatorWeights_ = weightedDenominator_.Data();
+  return true;
 }
 
 void ConverterGenerator::ConvertPixels(int thread, int first, int end) {

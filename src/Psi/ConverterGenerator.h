@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "Analysis/Core/Array.h"
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
@@ -92,10 +94,22 @@ class QUARN_PP_EXPORT ConverterGenerator {
  private:
   // How the quadrature of a pixel is formed in this run; decided once per `Process`.
   enum class Kernel { kConverter, kSeven, kThirteen, kTwenty, kWeights };
+  // The block kernel of the set converter, whether it is the sliding one, and the samples it reads
+  // per pixel (0: unknown).
+  struct ConverterClass {
+    Kernel kernel = Kernel::kConverter;
+    bool sliding = false;
+    int framesRead = 0;
+  };
+  static ConverterClass Classify(const Converter& converter);
+  bool ReweightFrames(const Analysis::Core::Array<double>& frameWeights);
+  // Records a failure of the run's inputs and returns false.
+  bool Fail(unsigned code, unsigned line, const std::string& message);
+  bool CheckFrameWeights(const Analysis::Core::Array<double>& frameWeights);
 
   bool CheckInputs(const Analysis::Core::FrameBuffer& frames, const Analysis::Core::DoubleMatrix2D& phase,
                    const Analysis::Core::DoubleMatrix2D* modulation,
-                   const Analysis::Core::Array<double>* frameWeights);
+                   const Analysis::Core::Array<double>* frameWeights, const ConverterClass& converterClass);
   void ConvertPixels(int thread, int first, int end);
   template <typename Stored, typename Sample>
   void ConvertPixelsReference(int thread, int first, int end);

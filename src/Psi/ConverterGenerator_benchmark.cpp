@@ -6,45 +6,29 @@
 #include <benchmark/benchmark.h>
 
 #include <chrono>
-#include <cmath>
-#include <numbers>
+#include <vector>
 
 #include "Analysis/Core/Threading/CpuCounter.h"
 #include "Psi/Convert13.h"
 #include "Psi/ConverterGenerator.h"
+#include "Psi/detail/PixelCheckBenchmark.h"
 #include "Testing/MemoryBandwidth.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticPsi.h"
 
 namespace {
 
 using namespace Quarn::Metrology::Analysis::Core;
 using namespace Quarn::Metrology::PhaseProcessing::Core::Psi;
 
-constexpr int kSize = 2048;
+constexpr int kSize = detail::kCheckBenchmarkSize;
 constexpr int kFrames = 13;
 
-FrameBuffer& Stack() {
-  static FrameBuffer frames = [] {
-    FrameBuffer f;
-    f.Allocate(Window2D(0, 0, kSize, kSize), kFrames, FrameBuffer::kRes8Bit);
-    Quarn::Testing::SeededRandom random(5);
-    Quarn::Testing::FillPsiStack(
-        f, Quarn::Testing::ShiftsFor13(0.03),
-        [](int r, int c) {
-          const double x = (c - kSize / 2.0) / kSize, y = (r - kSize / 2.0) / kSize;
-          return Quarn::Testing::PixelFringe{120.0, 90.0,
-                                             2 * std::numbers::pi * (20 * x + 10 * (x * x + y * y))};
-        },
-        2.0, &random);
-    return f;
-  }();
-  return frames;
+std::vector<double> Shifts(int) {
+  return Quarn::Testing::ShiftsFor13(0.03);
 }
 
 void BM_ConverterGenerator13(benchmark::State& state) {
   const int threads = static_cast<int>(state.range(0));
-  FrameBuffer& frames = Stack();
+  FrameBuffer& frames = detail::CheckBenchmarkStack(kFrames, 5, Shifts);
   Convert13 converter;
   ConverterGenerator generator;
   generator.SetAlgorithm(&converter);

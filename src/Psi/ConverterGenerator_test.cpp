@@ -14,9 +14,9 @@
 #include "Psi/Convert20.h"
 #include "Psi/Convert7.h"
 #include "Psi/ConvertSliding13.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticPsi.h"
 #include "Testing/ImageEquivalence.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticPsi.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 namespace {

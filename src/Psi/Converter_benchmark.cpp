@@ -10,8 +10,8 @@
 #include "Psi/Convert20.h"
 #include "Psi/Convert7.h"
 #include "Psi/ConvertSliding13.h"
+#include "Synthetic/SeededRandom.h"
 #include "Testing/MemoryBandwidth.h"
-#include "Testing/SeededRandom.h"
 
 namespace {
 

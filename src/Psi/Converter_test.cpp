@@ -13,7 +13,7 @@
 #include "Psi/Convert20.h"
 #include "Psi/Convert7.h"
 #include "Psi/ConvertSliding13.h"
-#include "Testing/SyntheticPsi.h"
+#include "Synthetic/SyntheticPsi.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 namespace {

@@ -3,9 +3,8 @@
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/RegionIdMatrix2D.h"
-#include "Analysis/Core/Status.h"
-#include "Analysis/Core/Threading/ThreadDispatcher.h"
 #include "Psi/CorvaneAlgorithm.h"
+#include "Psi/detail/PixelCheckCalculator.h"
 #include "QuarnPhaseProcessingExport.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
@@ -50,8 +49,15 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 //   CorvaneCalculator calculator;
 //   calculator.SetAlgorithm(&algorithm);
 //   calculator.Calculate(frames, steps);        // steps(r, c) = 256 cos(step at (r, c))
-class QUARN_PP_EXPORT CorvaneCalculator {
+//
+// The settings (`SetAlgorithm`, `SetMinimumModulation`, `SetScanPeriod`, `SetAllowMultipleThreads`,
+// `SetNumberOfThreads` and their getters) and `GetStatus` are those of `detail::PixelCheckCalculator`,
+// which `GainCorrectionCalculator` shares.
+class QUARN_PP_EXPORT CorvaneCalculator
+    : public detail::PixelCheckCalculator<CorvaneCalculator, CorvaneAlgorithm> {
  public:
+  static constexpr const char* kSource = "Psi\\CorvaneCalculator";
+
   CorvaneCalculator();
   CorvaneCalculator(const CorvaneCalculator& other);
   CorvaneCalculator& operator=(const CorvaneCalculator& other);
@@ -61,34 +67,10 @@ class QUARN_PP_EXPORT CorvaneCalculator {
   void Calculate(Analysis::Core::FrameBuffer& frames, Analysis::Core::RegionIdMatrix2D* regions,
                  Analysis::Core::DoubleMatrix2D& out);
 
-  void SetAlgorithm(CorvaneAlgorithm* algorithm) { algorithm_ = algorithm; }
-  CorvaneAlgorithm* GetAlgorithm() const { return algorithm_; }
-  void SetMinimumModulation(double percent) { minimumModulation_ = percent; }
-  double GetMinimumModulation() const { return minimumModulation_; }
-  void SetScanPeriod(int period) { scanPeriod_ = period; }
-  int GetScanPeriod() const { return scanPeriod_; }
-  void SetAllowMultipleThreads(bool allow) { allowMultipleThreads_ = allow; }
-  bool GetAllowMultipleThreads() const { return allowMultipleThreads_; }
-  // The number of workers a run with multiple threads uses: n <= 0 gives 1, otherwise n but at most
-  // one per processor (the default). The getter returns the dispatcher's number of workers.
-  void SetNumberOfThreads(int n);
-  int GetNumberOfThreads() const { return dispatcher_.GetNumberOfWorkers(); }
-
-  Analysis::Core::Status& GetStatus() { return status_; }
-
  private:
   // The dispatcher's work function: the pixels of [first, end) that `walk` (a `detail::PixelWalk`)
   // selects, handed to the algorithm.
   void ProcessPixels(void* walk, int thread, int first, int end);
-
-  CorvaneAlgorithm* algorithm_ = nullptr;
-  double minimumModulation_ = 15.0;  // percent of the saturation level
-  int scanPeriod_ = 1;
-  bool allowMultipleThreads_ = true;
-  Analysis::Core::FrameBuffer* frameBuffer_ = nullptr;
-  Analysis::Core::RegionIdMatrix2D* regionMask_ = nullptr;
-  Analysis::Core::Threading::ThreadDispatcher<CorvaneCalculator> dispatcher_;
-  Analysis::Core::Status status_;
 };
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi

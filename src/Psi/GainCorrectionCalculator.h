@@ -2,9 +2,8 @@
 
 #include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/RegionIdMatrix2D.h"
-#include "Analysis/Core/Status.h"
-#include "Analysis/Core/Threading/ThreadDispatcher.h"
 #include "Psi/GainCorrection.h"
+#include "Psi/detail/PixelCheckCalculator.h"
 #include "QuarnPhaseProcessingExport.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
@@ -36,8 +35,15 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 //   calculator.SetAlgorithm(&algorithm);
 //   calculator.Calculate(frames);
 //   const double gain = calculator.GetGainCorrection();   // about -1.27 x relative step error
-class QUARN_PP_EXPORT GainCorrectionCalculator {
+//
+// The settings (`SetAlgorithm`, `SetMinimumModulation`, `SetScanPeriod`, `SetAllowMultipleThreads`,
+// `SetNumberOfThreads` and their getters) and `GetStatus` are those of `detail::PixelCheckCalculator`,
+// which `CorvaneCalculator` shares.
+class QUARN_PP_EXPORT GainCorrectionCalculator
+    : public detail::PixelCheckCalculator<GainCorrectionCalculator, GainCorrection> {
  public:
+  static constexpr const char* kSource = "Psi\\GainCorrectionCalculator";
+
   GainCorrectionCalculator();
   GainCorrectionCalculator(const GainCorrectionCalculator& other);
   GainCorrectionCalculator& operator=(const GainCorrectionCalculator& other);
@@ -47,35 +53,12 @@ class QUARN_PP_EXPORT GainCorrectionCalculator {
   void Calculate(Analysis::Core::FrameBuffer& frames, Analysis::Core::RegionIdMatrix2D* regions);
   double GetGainCorrection() const { return gainCorrection_; }
 
-  void SetAlgorithm(GainCorrection* algorithm) { algorithm_ = algorithm; }
-  GainCorrection* GetAlgorithm() const { return algorithm_; }
-  void SetMinimumModulation(double percent) { minimumModulation_ = percent; }
-  double GetMinimumModulation() const { return minimumModulation_; }
-  void SetScanPeriod(int period) { scanPeriod_ = period; }
-  int GetScanPeriod() const { return scanPeriod_; }
-  void SetAllowMultipleThreads(bool allow) { allowMultipleThreads_ = allow; }
-  bool GetAllowMultipleThreads() const { return allowMultipleThreads_; }
-  // The number of workers a run with multiple threads uses: n <= 0 gives 1, otherwise n but at most
-  // one per processor (the default). The getter returns the dispatcher's number of workers.
-  void SetNumberOfThreads(int n);
-  int GetNumberOfThreads() const { return dispatcher_.GetNumberOfWorkers(); }
-
-  Analysis::Core::Status& GetStatus() { return status_; }
-
  private:
   // The dispatcher's work function: the pixels of [first, end) that `walk` (a `detail::PixelWalk`)
   // selects, handed to the algorithm.
   void ProcessPixels(void* walk, int thread, int first, int end);
 
-  GainCorrection* algorithm_ = nullptr;
-  double minimumModulation_ = 15.0;  // percent of the saturation level
-  int scanPeriod_ = 1;
-  bool allowMultipleThreads_ = true;
   double gainCorrection_ = 0.0;
-  Analysis::Core::FrameBuffer* frameBuffer_ = nullptr;
-  Analysis::Core::RegionIdMatrix2D* regionMask_ = nullptr;
-  Analysis::Core::Threading::ThreadDispatcher<GainCorrectionCalculator> dispatcher_;
-  Analysis::Core::Status status_;
 };
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi

@@ -2,50 +2,25 @@
 // sinusoidal one on 20 frames. Megapixels per second and the effective bandwidth (frame bytes read
 // per second) as a ratio of memcpy's bandwidth over the same number of bytes with as many threads,
 // measured in the same run. Arguments: frames (7 or 20), threads (0 = the calling thread only).
-#include <benchmark/benchmark.h>
-
-#include <chrono>
-#include <cmath>
-#include <map>
-#include <numbers>
-
 #include "Analysis/Core/Threading/CpuCounter.h"
 #include "Psi/GainCorrectionCalculator.h"
 #include "Psi/GainCorrectionPmi.h"
 #include "Psi/GainCorrectionSinPsi.h"
-#include "Testing/MemoryBandwidth.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticPsi.h"
+#include "Psi/detail/PixelCheckBenchmark.h"
 
 namespace {
 
 using namespace Quarn::Metrology::Analysis::Core;
 using namespace Quarn::Metrology::PhaseProcessing::Core::Psi;
 
-constexpr int kSize = 2048;
-
-FrameBuffer& Stack(int frames) {
-  static std::map<int, FrameBuffer> stacks;
-  auto found = stacks.find(frames);
-  if (found != stacks.end()) return found->second;
-  FrameBuffer& f = stacks[frames];
-  f.Allocate(Window2D(0, 0, kSize, kSize), frames, FrameBuffer::kRes8Bit);
-  Quarn::Testing::SeededRandom random(12);
-  Quarn::Testing::FillPsiStack(
-      f, frames == 7 ? Quarn::Testing::ShiftsFor7(0.03) : Quarn::Testing::ShiftsFor20(0.03),
-      [](int r, int c) {
-        const double x = (c - kSize / 2.0) / kSize, y = (r - kSize / 2.0) / kSize;
-        return Quarn::Testing::PixelFringe{120.0, 90.0,
-                                           2 * std::numbers::pi * (20 * x + 10 * (x * x + y * y))};
-      },
-      2.0, &random);
-  return f;
+std::vector<double> Shifts(int frames) {
+  return frames == 7 ? Quarn::Testing::ShiftsFor7(0.03) : Quarn::Testing::ShiftsFor20(0.03);
 }
 
 void BM_GainCorrectionCalculator(benchmark::State& state) {
   const int frameCount = static_cast<int>(state.range(0));
   const int threads = static_cast<int>(state.range(1));
-  FrameBuffer& frames = Stack(frameCount);
+  FrameBuffer& frames = detail::CheckBenchmarkStack(frameCount, 12, Shifts);
   GainCorrectionPmi pmi;
   GainCorrectionSinPsi sinPsi;
   GainCorrectionCalculator calculator;
@@ -54,22 +29,12 @@ void BM_GainCorrectionCalculator(benchmark::State& state) {
   if (threads > 0) calculator.SetNumberOfThreads(threads);
   calculator.Calculate(frames);  // warm the pool
 
-  const auto start = std::chrono::steady_clock::now();
-  for (auto _ : state) {
+  const double bytes =
+      static_cast<double>(detail::kCheckBenchmarkSize) * detail::kCheckBenchmarkSize * frameCount;
+  detail::ReportCheckRate(state, bytes, threads > 0 ? calculator.GetNumberOfThreads() : 1, [&] {
     calculator.Calculate(frames);
     benchmark::DoNotOptimize(calculator.GetGainCorrection());
-  }
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  const double perRun = seconds / static_cast<double>(state.iterations());
-  const double pixels = static_cast<double>(kSize) * kSize;
-  const double bytes = pixels * frameCount;
-  // The calculator caps its thread count at the processors: report and compare what really ran.
-  const int workers = threads > 0 ? calculator.GetNumberOfThreads() : 1;
-  state.counters["threads"] = workers;
-  state.counters["MPix_per_s"] = pixels / perRun / 1e6;
-  state.counters["GB_per_s"] = bytes / perRun / 1e9;
-  state.counters["ratio_to_memcpy"] =
-      (bytes / perRun) / Quarn::Testing::MemcpyBytesPerSecond(static_cast<std::size_t>(bytes), workers);
+  });
 }
 
 const int kAllThreads = Threading::CpuCounter::Instance().GetNumberOfProcessors();

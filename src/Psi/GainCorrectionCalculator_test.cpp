@@ -10,8 +10,8 @@
 #include "Psi/Convert20.h"
 #include "Psi/GainCorrectionPmi.h"
 #include "Psi/GainCorrectionSinPsi.h"
+#include "Synthetic/SyntheticPsi.h"
 #include "Testing/PhaseShifterCases.h"
-#include "Testing/SyntheticPsi.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 namespace {

@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <vector>
 
+#include "Analysis/Core/SampleDispatch.h"
 #include "Analysis/Core/Threading/ThreadDispatcher.h"
+#include "Swli/detail/PeakFinderKernel.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 
@@ -15,8 +17,21 @@ constexpr int kWindow = 2 * kHalfWindow + 1;  // nine frames
 
 class Discriminator {
  public:
-  Discriminator(AnalysisCore::FrameBuffer& frames, AnalysisCore::IntMatrix2D& peaks)
-      : frames_(frames), peaks_(peaks) {}
+  Discriminator(AnalysisCore::FrameBuffer& frames, AnalysisCore::IntMatrix2D& peaks, bool fast)
+      : frames_(frames),
+        peaks_(peaks),
+        fast_(fast && frames.GetElementRes() != AnalysisCore::FrameBuffer::kRes32Bit) {
+    if (!fast_) return;
+    planes_.resize(static_cast<std::size_t>(frames.GetFramesStored()));
+    for (int slot = 0; slot < frames.GetFramesStored(); ++slot)
+      planes_[static_cast<std::size_t>(slot)] = frames.GetFrameData(slot);
+    params_.planes = planes_.data();
+    params_.frames = frames.GetFramesStored();
+    params_.sampleBytes = frames.GetElementRes() == AnalysisCore::FrameBuffer::kRes8Bit ? 1 : 2;
+    params_.reversed = frames.GetScanDirection() < 0;
+    params_.peaks = peaks.Data();
+    function_ = detail::SelectPeakFinderFunction();
+  }
 
   void Run(int threads) {
     if (threads == 1) {
@@ -29,22 +44,18 @@ class Discriminator {
   }
 
   void Rows(int first, int end) {
-    switch (frames_.GetElementRes()) {
-      case AnalysisCore::FrameBuffer::kRes8Bit:
-        RowsAs<std::uint8_t>(first, end);
-        break;
-      case AnalysisCore::FrameBuffer::kRes16Bit:
-        RowsAs<std::uint16_t>(first, end);
-        break;
-      case AnalysisCore::FrameBuffer::kRes32Bit:
-        RowsAs<std::int32_t>(first, end);
-        break;
+    if (fast_) {
+      const std::int64_t cols = frames_.GetColumns();
+      function_(params_, first * cols, end * cols);
+      return;
     }
+    AnalysisCore::DispatchSampleType(
+        frames_, [&]<typename Stored>(AnalysisCore::SampleTag<Stored>) { RowsAs<Stored>(first, end); });
   }
 
  private:
-  // Row by row, frame by frame: the reads run along rows of each frame, and the nine-frame window
-  // slides with a ring of the last nine squared differences per pixel.
+  // The plain path. Row by row, frame by frame: the reads run along rows of each frame, and the nine-frame
+  // window slides with a ring of the last nine squared differences per pixel.
   template <typename Stored>
   void RowsAs(int first, int end) {
     const int cols = frames_.GetColumns();
@@ -86,13 +97,23 @@ class Discriminator {
 
   AnalysisCore::FrameBuffer& frames_;
   AnalysisCore::IntMatrix2D& peaks_;
+  bool fast_;
+  std::vector<const void*> planes_;
+  detail::PeakFinderParams params_;
+  detail::PeakFinderFunction function_ = nullptr;
 };
 
 }  // namespace
 
 void FindPeakFrames(AnalysisCore::FrameBuffer& frames, AnalysisCore::IntMatrix2D& peakFrames, int threads) {
   peakFrames.Resize(frames.GetAllocatedWindow());
-  Discriminator(frames, peakFrames).Run(threads);
+  Discriminator(frames, peakFrames, true).Run(threads);
+}
+
+void FindPeakFramesReference(AnalysisCore::FrameBuffer& frames, AnalysisCore::IntMatrix2D& peakFrames,
+                             int threads) {
+  peakFrames.Resize(frames.GetAllocatedWindow());
+  Discriminator(frames, peakFrames, false).Run(threads);
 }
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli

@@ -1,12 +1,18 @@
 // The coherence discriminator on synthetic scans with known surfaces.
 #include "Swli/CoherenceDiscriminator.h"
 
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
+#include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticScan.h"
+#include "Synthetic/SampleStore.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticScan.h"
+#include "Testing/ImageEquivalence.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 namespace {
@@ -68,6 +74,106 @@ TEST(CoherenceDiscriminatorTest, ASignalThatNeverChangesHasNoPeak) {
   for (std::int64_t i = 0; i < peaks.GetCount(); ++i)
     EXPECT_EQ(peaks.At(i), 0) << "pixel " << i;
 }
+
+// The vectorised path against the plain one, with the house's equivalence check (whole image on
+// several thread counts, sub-windows off the origin, a one-row image), bit for bit: both sums are
+// exact. Both sample widths, both scan directions; 700 columns leave a full 512-pixel chunk and a
+// remainder, and partial vectors everywhere.
+// - "scan": a synthetic scan; 16-bit fringes of 29000 counts make squared differences of some 10^9
+//   counts^2, whose nine-frame sums overflow 32 bits.
+// - "full range": seeded random samples over the whole sample range, the largest differences there are.
+// - "ties": random samples of 0 or 1 only, so that many frames share the best energy and the tie
+//   rules decide.
+enum class Content { kScan, kFullRange, kTies };
+using PathCase = std::tuple<AnalysisCore::FrameBuffer::ElementRes, int /*direction*/, Content>;
+
+class PeakFinderPathTest : public ::testing::TestWithParam<PathCase> {};
+
+void Fill(AnalysisCore::FrameBuffer& frames, Content content, Testing::SeededRandom& random) {
+  const int top = content == Content::kTies ? 1 : frames.GetMaxValue();
+  for (int slot = 0; slot < frames.GetFramesStored(); ++slot) {
+    for (int i = 0; i < frames.GetPixelCount(); ++i)
+      Testing::StoreSample(frames, slot, static_cast<std::size_t>(i), random.UniformInt(0, top));
+  }
+}
+
+// The frames of `whole` inside `window`, as a scan of that window.
+void Cut(const AnalysisCore::FrameBuffer& whole, const AnalysisCore::Window2D& window,
+         AnalysisCore::FrameBuffer& cut) {
+  ASSERT_TRUE(
+      cut.Allocate(window, whole.GetNumberOfFrames(), whole.GetElementRes(), 0, whole.GetScanDirection()));
+  const std::size_t bytes = static_cast<std::size_t>(whole.GetBytesPerSample());
+  for (int slot = 0; slot < whole.GetFramesStored(); ++slot) {
+    const auto* from = static_cast<const unsigned char*>(whole.GetFrameData(slot));
+    auto* to = static_cast<unsigned char*>(cut.GetFrameData(slot));
+    for (int r = 0; r < window.GetRows(); ++r) {
+      const std::size_t source =
+          (static_cast<std::size_t>(window.GetStartRow() + r) * static_cast<std::size_t>(whole.GetColumns()) +
+           static_cast<std::size_t>(window.GetStartCol())) *
+          bytes;
+      std::memcpy(to + static_cast<std::size_t>(r) * static_cast<std::size_t>(window.GetCols()) * bytes,
+                  from + source, static_cast<std::size_t>(window.GetCols()) * bytes);
+    }
+  }
+}
+
+TEST_P(PeakFinderPathTest, MatchesThePlainPathPixelForPixel) {
+  const auto [resolution, direction, content] = GetParam();
+  Testing::ScanSettings s = Settings(direction);
+  s.rows = 5;
+  s.cols = 700;
+  s.framesScanned = 90;
+  s.resolution = resolution;
+  if (resolution == AnalysisCore::FrameBuffer::kRes16Bit) {
+    s.biasCounts = 32000.0;
+    s.modulationCounts = 29000.0;
+    s.noiseSigmaCounts = 300.0;
+  }
+  Testing::SeededRandom random(1729);
+  SCOPED_TRACE(random.Describe());
+  AnalysisCore::FrameBuffer whole;
+  ASSERT_TRUE(Testing::MakeSyntheticScan(whole, s, Surface, &random));
+  if (content != Content::kScan) Fill(whole, content, random);
+
+  const auto run = [&](const AnalysisCore::Window2D& window, int threads, bool fast) {
+    AnalysisCore::FrameBuffer frames;
+    Cut(whole, window, frames);
+    AnalysisCore::IntMatrix2D peaks;
+    if (fast) {
+      FindPeakFrames(frames, peaks, threads);
+    } else {
+      FindPeakFramesReference(frames, peaks, threads);
+    }
+    Testing::ImageMaps maps(1);
+    for (std::int64_t i = 0; i < peaks.GetCount(); ++i)
+      maps[0].push_back(peaks.At(i));
+    return maps;
+  };
+  const Testing::ImageMaps plain = run(AnalysisCore::Window2D(0, 0, s.rows, s.cols), 1, false);
+  int found = 0;
+  for (const double peak : plain[0])
+    found += peak > 0;
+  EXPECT_GT(found, 0) << "every pixel without a peak proves nothing";
+  Testing::CheckImageEquivalence(
+      {s.rows, s.cols, {{"peak frame", 0}}},
+      [&](const AnalysisCore::Window2D& window) { return run(window, 1, false); },
+      [&](const AnalysisCore::Window2D& window, int threads) { return run(window, threads, true); });
+}
+
+std::string PathName(const ::testing::TestParamInfo<PathCase>& info) {
+  const auto [resolution, direction, content] = info.param;
+  const char* contents[] = {"Scan", "FullRange", "Ties"};
+  return std::string(resolution == AnalysisCore::FrameBuffer::kRes8Bit ? "Bits8" : "Bits16") +
+         (direction > 0 ? "Forward" : "Reversed") + contents[static_cast<int>(content)];
+}
+
+INSTANTIATE_TEST_SUITE_P(Paths, PeakFinderPathTest,
+                         ::testing::Combine(::testing::Values(AnalysisCore::FrameBuffer::kRes8Bit,
+                                                              AnalysisCore::FrameBuffer::kRes16Bit),
+                                            ::testing::Values(1, -1),
+                                            ::testing::Values(Content::kScan, Content::kFullRange,
+                                                              Content::kTies)),
+                         PathName);
 
 }  // namespace
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli

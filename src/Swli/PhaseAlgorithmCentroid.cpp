@@ -1,6 +1,7 @@
 #include "Swli/PhaseAlgorithmCentroid.h"
 
 #include <cmath>
+#include <cstring>
 
 #include "Analysis/Core/DebugChannel.h"
 
@@ -8,7 +9,80 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 
 namespace {
 constexpr const char* kSource = "Swli\\PhaseAlgorithmCentroid";
+
+// The envelope's sums over one signal: sum |d[k-1] - mean| and sum k |d[k-1] - mean|, k = 1 .. q.
+// Four partial sums each, so that the additions of one sum do not wait for one another: lane j of
+// each sum takes the samples k = j, j + 4, ... The lanes are written as one vector of four doubles;
+// a processor with AVX2 runs it as one instruction (a second version of the function, chosen at load
+// time), others as two SSE2 halves. Either way every lane makes the same additions in the same
+// order as four scalar sums would, so the results do not depend on the version. The samples are
+// integers, so the mean is exact in any order.
+// The plain reference: the same four partial sums, one scalar at a time.
+void EnvelopeSumsPlain(const double* d, int q, double& sumOut, double& momentOut) {
+  double partialMean[4] = {0.0, 0.0, 0.0, 0.0};
+  int k = 0;
+  for (; k + 4 <= q; k += 4) {
+    for (int lane = 0; lane < 4; ++lane)
+      partialMean[lane] += d[k + lane];
+  }
+  for (; k < q; ++k)
+    partialMean[0] += d[k];
+  const double mean = ((partialMean[0] + partialMean[1]) + (partialMean[2] + partialMean[3])) / q;
+  double partialSum[4] = {0.0, 0.0, 0.0, 0.0}, partialMoment[4] = {0.0, 0.0, 0.0, 0.0};
+  k = 1;  // one-based positions
+  for (; k + 3 <= q; k += 4) {
+    for (int lane = 0; lane < 4; ++lane) {
+      const double weight = std::abs(d[k - 1 + lane] - mean);
+      partialSum[lane] += weight;
+      partialMoment[lane] += (k + lane) * weight;
+    }
+  }
+  for (; k <= q; ++k) {
+    const double weight = std::abs(d[k - 1] - mean);
+    partialSum[0] += weight;
+    partialMoment[0] += k * weight;
+  }
+  sumOut = (partialSum[0] + partialSum[1]) + (partialSum[2] + partialSum[3]);
+  momentOut = (partialMoment[0] + partialMoment[1]) + (partialMoment[2] + partialMoment[3]);
 }
+
+using Lanes = double __attribute__((vector_size(32)));
+using LaneBits = long long __attribute__((vector_size(32)));
+
+__attribute__((target_clones("avx2", "default"))) void EnvelopeSums(const double* d, int q, double& sumOut,
+                                                                    double& momentOut) {
+  Lanes partialMean = {0.0, 0.0, 0.0, 0.0};
+  int k = 0;
+  for (; k + 4 <= q; k += 4) {
+    Lanes x;
+    std::memcpy(&x, d + k, sizeof x);
+    partialMean += x;
+  }
+  for (; k < q; ++k)
+    partialMean[0] += d[k];
+  const double mean = ((partialMean[0] + partialMean[1]) + (partialMean[2] + partialMean[3])) / q;
+  const LaneBits noSign = {0x7fffffffffffffffLL, 0x7fffffffffffffffLL, 0x7fffffffffffffffLL,
+                           0x7fffffffffffffffLL};
+  Lanes partialSum = {0.0, 0.0, 0.0, 0.0}, partialMoment = {0.0, 0.0, 0.0, 0.0};
+  Lanes position = {1.0, 2.0, 3.0, 4.0};  // one-based positions k + lane
+  k = 1;
+  for (; k + 3 <= q; k += 4) {
+    Lanes x;
+    std::memcpy(&x, d + k - 1, sizeof x);
+    const Lanes weight = reinterpret_cast<Lanes>(reinterpret_cast<LaneBits>(x - mean) & noSign);
+    partialSum += weight;
+    partialMoment += position * weight;
+    position += 4.0;
+  }
+  for (; k <= q; ++k) {
+    const double weight = std::abs(d[k - 1] - mean);
+    partialSum[0] += weight;
+    partialMoment[0] += k * weight;
+  }
+  sumOut = (partialSum[0] + partialSum[1]) + (partialSum[2] + partialSum[3]);
+  momentOut = (partialMoment[0] + partialMoment[1]) + (partialMoment[2] + partialMoment[3]);
+}
+}  // namespace
 
 PhaseAlgorithmCentroid::PhaseAlgorithmCentroid() : PhaseAlgorithm(__LINE__, kSource) {}
 
@@ -32,33 +106,12 @@ int PhaseAlgorithmCentroid::ProcessPixel(int thread, int pixel, int peakFrame, i
   const int c = windowed ? h : peakFrame;
   const double m = std::abs((d[c] - d[c - 2]) + (d[c] - d[c + 2])) + std::abs(2.0 * (d[c - 1] - d[c + 1]));
   if (modulationThreshold_ <= m) {
-    // Four partial sums each, so that the additions of one sum do not wait for one another. The
-    // samples are integers, so the mean is exact in any order.
-    double partialMean[4] = {0.0, 0.0, 0.0, 0.0};
-    int k = 0;
-    for (; k + 4 <= q; k += 4) {
-      for (int lane = 0; lane < 4; ++lane)
-        partialMean[lane] += d[k + lane];
+    double sum = 0.0, moment = 0.0;
+    if (useFastPath_) {
+      EnvelopeSums(d, q, sum, moment);
+    } else {
+      EnvelopeSumsPlain(d, q, sum, moment);
     }
-    for (; k < q; ++k)
-      partialMean[0] += d[k];
-    const double mean = ((partialMean[0] + partialMean[1]) + (partialMean[2] + partialMean[3])) / q;
-    double partialSum[4] = {0.0, 0.0, 0.0, 0.0}, partialMoment[4] = {0.0, 0.0, 0.0, 0.0};
-    k = 1;  // one-based positions
-    for (; k + 3 <= q; k += 4) {
-      for (int lane = 0; lane < 4; ++lane) {
-        const double weight = std::abs(d[k - 1 + lane] - mean);
-        partialSum[lane] += weight;
-        partialMoment[lane] += (k + lane) * weight;
-      }
-    }
-    for (; k <= q; ++k) {
-      const double weight = std::abs(d[k - 1] - mean);
-      partialSum[0] += weight;
-      partialMoment[0] += k * weight;
-    }
-    const double sum = (partialSum[0] + partialSum[1]) + (partialSum[2] + partialSum[3]);
-    const double moment = (partialMoment[0] + partialMoment[1]) + (partialMoment[2] + partialMoment[3]);
     if (sum > 0.0) {
       double position = moment / sum + 1.0;
       if (windowed) position += peakFrame - h - 1;

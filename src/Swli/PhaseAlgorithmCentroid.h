@@ -42,6 +42,12 @@ class QUARN_PP_EXPORT PhaseAlgorithmCentroid : public PhaseAlgorithm {
   int ProcessPixel(int thread, int pixel, int peakFrame, int auxiliary) override;
   void PostProcess() override;
 
+  // The envelope's sums as one vector of four lanes (true, the default; AVX2 where the processor has
+  // it) or as four scalar sums (false, the reference): the same additions in the same order, so the
+  // heights are bit for bit the same.
+  bool GetUseFastPath() const { return useFastPath_; }
+  void SetUseFastPath(bool use) { useFastPath_ = use; }
+
   // Percent of the saturation level (default 15).
   double GetMinimumModulation() const { return minimumModulation_; }
   void SetMinimumModulation(double percent) { minimumModulation_ = percent; }
@@ -49,6 +55,7 @@ class QUARN_PP_EXPORT PhaseAlgorithmCentroid : public PhaseAlgorithm {
  private:
   double minimumModulation_ = 15.0;
   double modulationThreshold_ = 0.0;
+  bool useFastPath_ = true;
 };
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli

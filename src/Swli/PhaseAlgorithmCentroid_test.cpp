@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -10,8 +12,9 @@
 #include "Analysis/Core/NoData.h"
 #include "Analysis/Core/UnitNumber.h"
 #include "Swli/PhaseGenerator.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticScan.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticScan.h"
+#include "Testing/ImageEquivalence.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 namespace {
@@ -114,6 +117,62 @@ TEST(PhaseAlgorithmCentroidTest, ThresholdAndScanEndsDecideWhichPixelsGetAHeight
     }
     EXPECT_EQ(centroid.GetIntensityMatrix()(0, 0), c.pair > 0.0 ? 2 : 0) << c.pair << " at " << c.peak;
     centroid.FinalizeThread();
+  }
+}
+
+// The vector envelope sums against the scalar ones, with the house's equivalence check (thread
+// counts, sub-windows, one row): bit for bit, on a noisy scan cut into 64- and 128-sample windows.
+TEST(CentroidPathTest, TheVectorSumsAreTheScalarSumsBitForBit) {
+  const int count = 256;
+  for (const int signal : {64, 128}) {
+    SCOPED_TRACE("signal " + std::to_string(signal));
+    Testing::ScanSettings s;
+    s.rows = 9;
+    s.cols = 13;
+    s.framesScanned = count;
+    s.noiseSigmaCounts = 2.0;
+    Testing::DiscriminatedScan whole;
+    ASSERT_TRUE(Testing::MakeDiscriminatedScan(whole, s, Testing::SphereWithStepNm, 47));
+    const auto run = [&](const Window2D& w, int threads, bool fast) {
+      // The window's part of the scan: its frames, peaks and auxiliary values.
+      Analysis::Core::FrameBuffer frames;
+      EXPECT_TRUE(frames.Allocate(w, count, Analysis::Core::FrameBuffer::kRes8Bit));
+      Analysis::Core::IntMatrix2D peaks, auxiliary;
+      peaks.Resize(w);
+      auxiliary.Resize(w);
+      auxiliary.SetAll(0);
+      for (int slot = 0; slot < count; ++slot) {
+        const auto* from = static_cast<const std::uint8_t*>(whole.frames.GetFrameData(slot));
+        auto* to = static_cast<std::uint8_t*>(frames.GetFrameData(slot));
+        for (int r = 0; r < w.GetRows(); ++r) {
+          for (int c = 0; c < w.GetCols(); ++c)
+            to[r * w.GetCols() + c] = from[(r + w.GetStartRow()) * s.cols + c + w.GetStartCol()];
+        }
+      }
+      for (int r = 0; r < w.GetRows(); ++r) {
+        for (int c = 0; c < w.GetCols(); ++c)
+          peaks.At(r * w.GetCols() + c) = whole.peaks(r + w.GetStartRow(), c + w.GetStartCol());
+      }
+      PhaseAlgorithmCentroid centroid;
+      centroid.SetUseFastPath(fast);
+      centroid.SetExpectedSignalSize(signal);
+      centroid.SetScanIncrement(UnitNumber(s.scanStepNm, LinearConverter(Units::kNanometers)));
+      PhaseGenerator generator(&centroid);
+      generator.SetAllowMultiThreads(threads > 1);
+      generator.SetMaxNumThreads(std::max(threads, 1));
+      DoubleMatrix2D surface;
+      surface.Resize(w);
+      surface.SetAll(0.0);
+      const Analysis::Core::Status status = generator.Process(frames, peaks, auxiliary, surface);
+      EXPECT_TRUE(status.IsOk()) << status.GetPrintString();
+      Testing::ImageMaps maps(1);
+      for (std::int64_t i = 0; i < surface.GetCount(); ++i)
+        maps[0].push_back(surface.At(i));
+      return maps;
+    };
+    Testing::CheckImageEquivalence(
+        {s.rows, s.cols, {{"height", 0}}}, [&](const Window2D& w) { return run(w, 1, false); },
+        [&](const Window2D& w, int threads) { return run(w, threads, true); });
   }
 }
 

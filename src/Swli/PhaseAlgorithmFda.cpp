@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Analysis/Core/DebugChannel.h"
+#include "Swli/detail/VectorAtan2.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 
@@ -25,6 +26,8 @@ constexpr double kTwoPi = 2.0 * std::numbers::pi;
 constexpr double kPi = std::numbers::pi;
 // The band holds at most the bins of a 128-sample transform.
 constexpr int kMaxBandBins = 65;
+// The band's arrays padded to whole vectors of four for the vector atan2.
+constexpr int kPaddedBandBins = 68;
 // Each pixel's k0 is rounded to a multiple of 2^-20 bin before it is summed: such sums are exact in
 // double precision (up to some 10^8 pixels), so K0 is the same however the pixels were shared
 // among threads. The rounding (1e-6 bin) is far below any pixel's own uncertainty.
@@ -53,6 +56,9 @@ PhaseFit WeightedPhaseFit(const double* power, const double* phase, int firstBin
   const double d = skk * sw - sk * sk;
   return {(sy * skk - sky * sk) / d, (sky * sw - sy * sk) / d};
 }
+
+// The vector atan2 of this processor, chosen once.
+const detail::VectorAtan2Function kVectorAtan2 = detail::SelectVectorAtan2();
 
 // The unwrapping step: the phase of a bin within pi of its inner neighbour.
 double Unwrapped(double phase, double inner) {
@@ -110,7 +116,7 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
 
   const int first = firstBin_;
   const int last = lastBin_;
-  double re[kMaxBandBins], im[kMaxBandBins], power[kMaxBandBins], phase[kMaxBandBins];
+  double re[kPaddedBandBins], im[kPaddedBandBins], power[kMaxBandBins], phase[kMaxBandBins];
   int strongest = -1;
   double strongestPower = 0.0;
   for (int k = first; k <= last; ++k) {
@@ -133,15 +139,28 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
   }
   if (strongest < 0 || strongestPower < powerThreshold_) return RemoveFringes(thread, pixel, peakFrame);
 
+  // The phases of the bins with fringe power: the fast path takes them all at once with SLEEF's
+  // vector atan2 (within 3.5 ulp of the true angle), the plain path one bin at a time as it unwraps.
+  double wrapped[kPaddedBandBins];
+  if (useFastPath_) {
+    const int bins = last - first + 1;
+    const int padded = (bins + 3) / 4 * 4;
+    for (int b = bins; b < padded; ++b) {
+      re[b] = 1.0;
+      im[b] = 0.0;
+    }
+    kVectorAtan2(im, re, wrapped, padded);
+  }
+  const auto angle = [&](int b) { return useFastPath_ ? wrapped[b] : std::atan2(im[b], re[b]); };
   // Unwrap outwards from the strongest bin while the bins hold fringe power.
-  phase[strongest - first] = std::atan2(im[strongest - first], re[strongest - first]);
+  phase[strongest - first] = angle(strongest - first);
   int lower = strongest, upper = strongest;
   for (int k = strongest - 1; k >= first && power[k - first] > 0.0; --k) {
-    phase[k - first] = Unwrapped(std::atan2(im[k - first], re[k - first]), phase[k + 1 - first]);
+    phase[k - first] = Unwrapped(angle(k - first), phase[k + 1 - first]);
     lower = k;
   }
   for (int k = strongest + 1; k <= last && power[k - first] > 0.0; ++k) {
-    phase[k - first] = Unwrapped(std::atan2(im[k - first], re[k - first]), phase[k - 1 - first]);
+    phase[k - first] = Unwrapped(angle(k - first), phase[k - 1 - first]);
     upper = k;
   }
   const int reached = upper - lower + 1;

@@ -43,6 +43,35 @@ constexpr unsigned kLineSignalBufferTooShort = 282;
 bool SameSize(const Analysis::Core::DataMatrix2D<int>& a, const DoubleMatrix2D& b) {
   return a.GetRows() == b.GetRows() && a.GetColumns() == b.GetColumns();
 }
+
+// The signal size q of a run from the frames scanned and stored: the algorithm's own size, which the
+// stored frames must hold (a ring exactly); a failure record when they do not.
+Status SignalSize(PhaseAlgorithm& algorithm, int scanned, int stored, int& q) {
+  const FringeRemovalMethod method = algorithm.GetRemoveFringes();
+  const auto tooFew = [&] {
+    return Status(0, StatusCode::kNotSet, kLineTooFewFrames, kSource,
+                  std::to_string(stored) + " frames stored, the algorithm needs " + std::to_string(q));
+  };
+  const auto notOneSignal = [&](unsigned line) {
+    return Status(0, StatusCode::kNotSet, line, kSource,
+                  "A ring of " + std::to_string(stored) + " frames does not hold one " + std::to_string(q) +
+                      "-sample signal");
+  };
+  if (!algorithm.NeedDiscriminator()) {
+    q = algorithm.CalculateQSize(scanned, stored, method);
+    if (stored < q) return tooFew();
+    // A ring is unrolled whole into the signal buffer, so it must be exactly one signal long.
+    if (scanned != stored && stored != q) return notOneSignal(kLineRingNotOneSignal);
+  } else if (scanned != stored) {
+    q = algorithm.CalculateQSize(scanned, stored, method);
+    if (q != stored) return notOneSignal(kLineRingSignalSize);
+  } else {
+    q = algorithm.CalculateQSize(scanned, -1, method);
+    // The window cut around each peak must fit into the scan.
+    if (stored < q) return tooFew();
+  }
+  return Status();
+}
 }  // namespace
 
 PhaseGenerator::PhaseGenerator() : PhaseGenerator(nullptr) {}
@@ -88,35 +117,11 @@ void PhaseGenerator::ProcessRun(FrameBuffer& frames, IntMatrix2D& peakFrames, In
   const int n = allowMultiThreads_ ? dispatcher_.GetNumberOfWorkers() : 1;
   const int scanned = frames.GetNumberOfFrames();
   const int stored = frames.GetFramesStored();
-  const FringeRemovalMethod method = algorithm->GetRemoveFringes();
-
   int q = stored;
-  if (!algorithm->NeedDiscriminator()) {
-    q = algorithm->CalculateQSize(scanned, stored, method);
-    if (stored < q) {
-      return fail(StatusCode::kNotSet, kLineTooFewFrames,
-                  std::to_string(stored) + " frames stored, the algorithm needs " + std::to_string(q));
-    }
-    // A ring is unrolled whole into the signal buffer, so it must be exactly one signal long.
-    if (scanned != stored && stored != q) {
-      return fail(StatusCode::kNotSet, kLineRingNotOneSignal,
-                  "A ring of " + std::to_string(stored) + " frames does not hold one " + std::to_string(q) +
-                      "-sample signal");
-    }
-  } else if (scanned != stored) {
-    q = algorithm->CalculateQSize(scanned, stored, method);
-    if (q != stored) {
-      return fail(StatusCode::kNotSet, kLineRingSignalSize,
-                  "A ring of " + std::to_string(stored) + " frames does not hold one " + std::to_string(q) +
-                      "-sample signal");
-    }
-  } else {
-    q = algorithm->CalculateQSize(scanned, -1, method);
-    // The window cut around each peak must fit into the scan.
-    if (stored < q) {
-      return fail(StatusCode::kNotSet, kLineTooFewFrames,
-                  std::to_string(stored) + " frames stored, the algorithm needs " + std::to_string(q));
-    }
+  const Status sizeFailure = SignalSize(*algorithm, scanned, stored, q);
+  if (sizeFailure.IsError()) {
+    status_ = sizeFailure;
+    return;
   }
 
   algorithm->SetMaxScanValue(frames.GetMaxValue());

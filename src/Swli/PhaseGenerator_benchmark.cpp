@@ -21,9 +21,9 @@
 #include "Swli/PhaseAlgorithmCentroid.h"
 #include "Swli/PhaseAlgorithmFda.h"
 #include "Swli/PhaseGenerator.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticScan.h"
 #include "Testing/MemoryBandwidth.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticScan.h"
 
 namespace {
 

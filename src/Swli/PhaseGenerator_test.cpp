@@ -21,7 +21,7 @@
 #include "Swli/PhaseAlgorithmCentroid.h"
 #include "Swli/PhaseAlgorithmFda.h"
 #include "Swli/PhaseAlgorithmNone.h"
-#include "Testing/SyntheticScan.h"
+#include "Synthetic/SyntheticScan.h"
 
 // Every allocation of the process is counted, so that a test can see how many a run makes.
 namespace {

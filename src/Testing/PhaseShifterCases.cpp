@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <numbers>
 
-#include "Testing/SyntheticPsi.h"
+#include "Synthetic/SyntheticPsi.h"
 
 namespace Quarn::Testing {
 

@@ -12,7 +12,7 @@
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/detail/FftwPlanning.h"
-#include "Testing/SeededRandom.h"
+#include "Synthetic/SeededRandom.h"
 
 namespace Quarn::Metrology::Analysis::Core {
 namespace {

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
-#include "Testing/SeededRandom.h"
+#include "Synthetic/SeededRandom.h"
 
 namespace Quarn::Metrology::Analysis::Core {
 namespace {

@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Testing/SeededRandom.h"
+#include "Synthetic/SeededRandom.h"
 
 namespace Quarn::Metrology::Analysis::Core {
 namespace {

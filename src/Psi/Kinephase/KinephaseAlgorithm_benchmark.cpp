@@ -19,8 +19,8 @@
 #include "Analysis/Core/Fft2D.h"
 #include "Analysis/Core/Threading/CpuCounter.h"
 #include "Psi/Kinephase/KinephaseAlgorithm.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticCarrier.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticCarrier.h"
 
 namespace {
 

@@ -13,9 +13,9 @@
 
 #include "Analysis/Core/LinearConverter.h"
 #include "Analysis/Core/Units.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticCarrier.h"
 #include "Testing/ImageEquivalence.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticCarrier.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase {
 namespace {
@@ -285,6 +285,30 @@ TEST(KinephaseAlgorithmTest, ObscuredFrameThreadCountsAndTheReferencePath) {
         return MapsOf(reference, referenceModulation);
       },
       fast);
+}
+
+// Asked for the phase alone, the pipeline makes no modulation map but still rejects by the
+// modulation: the phase is that of the run with both maps to the bit, on either path, with the
+// trim around the obscuration.
+TEST(KinephaseAlgorithmTest, ThePhaseAloneIsThePhaseOfTheRunWithBothMaps) {
+  Testing::SeededRandom random(6);
+  SCOPED_TRACE(random.Describe());
+  FrameBuffer frames = ObscuredFrame(random);
+  for (const bool fast : {true, false}) {
+    KinephaseAlgorithm kinephase;
+    kinephase.SetUseFastPath(fast);
+    kinephase.SetModulationThreshold(25.0);
+    kinephase.SetIntensity(frames, 0);
+    DoubleMatrix2D phase, modulation, alone;
+    kinephase.Process(phase, modulation);
+    ASSERT_TRUE(kinephase.GetStatus().IsOk()) << kinephase.GetStatus().GetPrintString();
+    kinephase.Process(alone);
+    ASSERT_TRUE(kinephase.GetStatus().IsOk()) << kinephase.GetStatus().GetPrintString();
+    ASSERT_EQ(alone.GetCount(), phase.GetCount());
+    EXPECT_EQ(std::memcmp(alone.Data(), phase.Data(), sizeof(double) * phase.GetCount()), 0)
+        << (fast ? "fast path" : "plain path");
+    EXPECT_LT(alone.CountValid(), alone.GetCount()) << "the obscuration is rejected";
+  }
 }
 
 // Without the carrier removal the phase is that of the fringes themselves, phi + carrier; with the

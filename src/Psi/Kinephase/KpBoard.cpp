@@ -23,7 +23,6 @@ KpBoard::KpBoard(const KpBoard& other)
       phaseScale(other.phaseScale),
       modulationThreshold(other.modulationThreshold),
       filter(other.filter),
-      filterBlocks(other.filterBlocks),
       intensity(other.intensity),
       mask(other.mask),
       carrierSubtractor(other.carrierSubtractor),
@@ -52,7 +51,6 @@ KpBoard& KpBoard::operator=(const KpBoard& other) {
   phaseScale = other.phaseScale;
   modulationThreshold = other.modulationThreshold;
   filter = other.filter;
-  filterBlocks = other.filterBlocks;
   intensity = other.intensity;
   mask = other.mask;
   carrierSubtractor = other.carrierSubtractor;

@@ -49,10 +49,6 @@ class QUARN_PP_EXPORT KpBoard {
   double phaseScale = 1.0;
   double modulationThreshold = 0.0;
   Analysis::Core::DoubleMatrix2D filter;
-  // The filter again, column block after column block of the transform's spectrum pass (block b of
-  // width w starting at column c0 holds rows x w values from element c0 x rows on, row after row),
-  // so that the fast path reads it in order. Written with the filter, never on its own.
-  Analysis::Core::DoubleMatrix2D filterBlocks;
   Analysis::Core::DoubleMatrix2D intensity;
   Analysis::Core::RegionIdMatrix2D mask;
   KpCarrierSubtractor carrierSubtractor;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <string>
 
 #if defined(__SSE2__)
@@ -14,14 +13,15 @@
 #include "Analysis/Core/Array.h"
 #include "Analysis/Core/CTimer.h"
 #include "Analysis/Core/DebugChannel.h"
-#include "Analysis/Core/IppiWrapper.h"
 #include "Analysis/Core/RegionFinderConnected.h"
 #include "Analysis/Core/RegionInfo.h"
 #include "Analysis/Core/SampleDispatch.h"
 #include "Analysis/Core/Units.h"
 #include "Core/Board/WiringCheck.h"
 #include "Psi/Kinephase/KpBoard.h"
+#include "Psi/Kinephase/detail/KpFilter.h"
 #include "Psi/Kinephase/detail/KpPhaseKernel.h"
+#include "Psi/Kinephase/detail/KpTrim.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase {
 
@@ -29,7 +29,6 @@ using Analysis::Core::Array;
 using Analysis::Core::DataMatrix2D;
 using Analysis::Core::DispatchSampleType;
 using Analysis::Core::DoubleMatrix2D;
-using Analysis::Core::Fft2D;
 using Analysis::Core::FrameBuffer;
 using Analysis::Core::RegionIdMatrix2D;
 using Analysis::Core::RegionInfo;
@@ -246,8 +245,6 @@ bool KpController::UpdateFilterSize() {
   if (board.filter.GetRows() == board.height && board.filter.GetColumns() == board.width) return true;
   board.filterValid = false;
   QUARN_RETURN_IF_FAILED(board.filter.Resize(board.height, board.width), board.status, board.filter, false);
-  QUARN_RETURN_IF_FAILED(board.filterBlocks.Resize(board.height, board.width), board.status,
-                         board.filterBlocks, false);
   return true;
 }
 
@@ -268,75 +265,13 @@ bool KpController::UpdateFilter() {
   return true;
 }
 
-// The analytic filter: a Gaussian of width r around the lobe at distance r from zero frequency,
-// times a notch of width r / 3 at zero frequency (the bias and its leakage) and one of width r / 6
-// at the second harmonic (the clipping of bright fringes), over the half plane towards the lobe
-// (the conjugate lobe and everything on its side go).
 void KpController::CalculateFilter(int first, int end) {
-  const KpBoard& board = *board_;
-  const int rows = board.height;
-  const int columns = board.width;
-  const double p = board.kernelSelector.GetPixelsPerFringe();
-  const double fx = columns / p;
-  const double fy = rows / p;
-  double cx = 0.0, cy = 0.0;
-  switch (static_cast<int>(board.kernelSelector.GetOrientation())) {
-    case KpQuadrant::Quadrant1:
-      cx = fx, cy = -fy;
-      break;
-    case KpQuadrant::Quadrant2:
-      cx = -fx, cy = -fy;
-      break;
-    case KpQuadrant::Quadrant3:
-      cx = -fx, cy = fy;
-      break;
-    case KpQuadrant::Quadrant4:
-      cx = fx, cy = fy;
-      break;
-    default:
-      break;
-  }
-  const double half = 1.0 / std::sqrt(2.0);
-  const double ux = cx > 0.0 ? half : (cx < 0.0 ? -half : 0.0);
-  const double uy = cy > 0.0 ? half : (cy < 0.0 ? -half : 0.0);
-  const double r = std::sqrt(cx * cx + cy * cy);
-  const double s0 = r / 3.0, s1 = r, s2 = r / 6.0;
-  const double k0 = 0.5 / (s0 * s0), k1 = 0.5 / (s1 * s1), k2 = 0.5 / (s2 * s2);
-  for (int i = first; i < end; ++i) {
-    const double v = i < rows / 2 ? i : i - rows;
-    double* out = board_->filter.Row(i);
-    for (int j = 0; j < columns; ++j) {
-      const double u = j < columns / 2 ? j : j - columns;
-      if (u * ux + v * uy <= 0.0) {
-        out[j] = 0.0;
-        continue;
-      }
-      const double d0 = u * u + v * v;
-      const double d1 = (u - cx) * (u - cx) + (v - cy) * (v - cy);
-      const double d2 = (u - 2.0 * cx) * (u - 2.0 * cx) + (v - 2.0 * cy) * (v - 2.0 * cy);
-      out[j] = (1.0 - std::exp(-d0 * k0)) * std::exp(-d1 * k1) * (1.0 - std::exp(-d2 * k2));
-    }
-    const int width = Fft2D::ColumnBlockWidth();
-    for (int c0 = 0; c0 < columns; c0 += width) {
-      const int w = std::min(width, columns - c0);
-      std::copy(out + c0, out + c0 + w,
-                board_->filterBlocks.Data() + static_cast<std::int64_t>(c0) * rows +
-                    static_cast<std::int64_t>(i) * w);
-    }
-  }
+  detail::CalculateFilterRows(board_->kernelSelector, board_->height, board_->width, board_->filter, first,
+                              end);
 }
 
 void KpController::ApplyFilter(int first, int end) {
-  KpBoard& board = *board_;
-  const int columns = board.width;
-  for (int i = first; i < end; ++i) {
-    double* z = reinterpret_cast<double*>(board.fft.GetRow(i));
-    const double* f = board.filter.Row(i);
-    for (int j = 0; j < columns; ++j) {
-      z[2 * j] *= f[j];
-      z[2 * j + 1] *= f[j];
-    }
-  }
+  detail::FilterSpectrumRows(board_->filter, board_->fft, first, end);
 }
 
 bool KpController::Process() {
@@ -369,15 +304,15 @@ bool KpController::Process() {
 }
 
 void KpController::Process(DoubleMatrix2D& phase) {
-  DoubleMatrix2D modulation;
-  Process(phase, modulation);
+  // The modulation decides which pixels keep a phase but is not kept: no map of it is made.
+  Guarded([&](KpBoard&) { ProcessBody(phase, nullptr); });
 }
 
 void KpController::Process(DoubleMatrix2D& phase, DoubleMatrix2D& modulation) {
-  Guarded([&](KpBoard&) { ProcessBody(phase, modulation); });
+  Guarded([&](KpBoard&) { ProcessBody(phase, &modulation); });
 }
 
-void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D& modulation) {
+void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D* modulation) {
   KpBoard& board = *board_;
   board.phaseScale = 1.0;
   board.phaseScale = phase.GetUnitManager().GetSlopeToBaseUnit(Analysis::Core::Units::kRadians);
@@ -388,7 +323,7 @@ void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D& modulation
   }
   ExtractJob job;
   job.phase = &phase;
-  job.modulation = &modulation;
+  job.modulation = modulation;
   job.threshold = board.modulationThreshold / 100.0 * 0.5 * board.intensityRange;
   job.scale = board.dataSign * board.phaseScale;
   job.row = detail::SelectPhaseRow(board.useFastPath);
@@ -403,7 +338,7 @@ void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D& modulation
     const int rows = board.fft.GetRows();
     const int columns = board.fft.GetColumns();
     QUARN_RETURN_IF_FAILED(phase.Resize(rows, columns), board.status, phase);
-    QUARN_RETURN_IF_FAILED(modulation.Resize(rows, columns), board.status, modulation);
+    if (modulation) QUARN_RETURN_IF_FAILED(modulation->Resize(rows, columns), board.status, *modulation);
     timer.Done("pipeline to the carrier removal");
     Rows(&KpController::ExtractPhaseAndModulation, &job, rows);
     timer.Done("phase and modulation");
@@ -431,7 +366,9 @@ bool KpController::ProcessFused(DoubleMatrix2D& phase, ExtractJob& job) {
   const int rows = board.fft.GetRows();
   const int columns = board.fft.GetColumns();
   QUARN_RETURN_IF_FAILED(phase.Resize(rows, columns), board.status, phase, false);
-  QUARN_RETURN_IF_FAILED(job.modulation->Resize(rows, columns), board.status, *job.modulation, false);
+  if (job.modulation) {
+    QUARN_RETURN_IF_FAILED(job.modulation->Resize(rows, columns), board.status, *job.modulation, false);
+  }
   QUARN_RETURN_IF_FAILED(board.trimRegions.Resize(phase.GetMatrixWindow()), board.status, board.trimRegions,
                          false);
   job.noData = &board.trimRegions;
@@ -460,16 +397,8 @@ bool KpController::ProcessFused(DoubleMatrix2D& phase, ExtractJob& job) {
 
 void KpController::FilterBlock(void* controller, int firstColumn, int columnCount,
                                std::complex<double>* spectrum, std::ptrdiff_t stride) {
-  const DoubleMatrix2D& blocks = static_cast<KpController*>(controller)->board_->filterBlocks;
-  const int rows = blocks.GetRows();
-  const double* f = blocks.Data() + static_cast<std::int64_t>(firstColumn) * rows;
-  for (int i = 0; i < rows; ++i, f += columnCount) {
-    double* z = reinterpret_cast<double*>(spectrum + i * stride);
-    for (int j = 0; j < columnCount; ++j) {
-      z[2 * j] *= f[j];
-      z[2 * j + 1] *= f[j];
-    }
-  }
+  const DoubleMatrix2D& filter = static_cast<KpController*>(controller)->board_->filter;
+  detail::FilterSpectrumBlock(filter, firstColumn, columnCount, spectrum, stride);
 }
 
 void KpController::FinishRow(void* data, int r, std::complex<double>* signal) {
@@ -481,7 +410,7 @@ void KpController::FinishRow(void* data, int r, std::complex<double>* signal) {
   row.scale = job.scale;
   row.noData = DoubleMatrix2D::NoData();
   row.phase = job.phase->Row(r);
-  row.modulation = job.modulation->Row(r);
+  row.modulation = job.modulation ? job.modulation->Row(r) : nullptr;
   if (job.carrier) row.rotators = reinterpret_cast<const double*>(job.carrier->RowRotators(r));
   row.noDataIds = job.noData->Row(r);
   row.invalidId = RegionIdMatrix2D::NoData();
@@ -499,7 +428,7 @@ void KpController::ExtractPhaseAndModulation(void* data, int /*thread*/, int fir
   for (int r = first; r < end; ++r) {
     row.z = reinterpret_cast<double*>(board_->fft.GetRow(r));
     row.phase = job.phase->Row(r);
-    row.modulation = job.modulation->Row(r);
+    row.modulation = job.modulation ? job.modulation->Row(r) : nullptr;
     job.row(row);
   }
 }
@@ -525,16 +454,8 @@ bool KpController::Trim(DoubleMatrix2D& phase, const RegionIdMatrix2D* mask) {
   timer.Done("trim: no-data regions found");
   // The rows of the kept areas' bounding boxes; rows away from all of them need no dilation.
   const int rows = phase.GetRows();
-  trimRows_.assign(static_cast<std::size_t>(rows), 0);
-  for (const RegionInfo& region : regions) {
-    if (region.pixelCount < board.minRegionSizeToTrim) {
-      board.trimRegions.DeleteRegion(region);
-      continue;
-    }
-    const int top = std::max(region.window.GetStartRow() - board.trimRegions.GetStartRow(), 0);
-    const int bottom = std::min(region.window.GetEndRow() - board.trimRegions.GetStartRow(), rows);
-    std::fill(trimRows_.begin() + top, trimRows_.begin() + std::max(top, bottom), 1);
-  }
+  trimRows_.resize(static_cast<std::size_t>(rows));
+  detail::KeepLargeAreas(board.trimRegions, regions, board.minRegionSizeToTrim, trimRows_);
   timer.Done("trim: small regions deleted");
   QUARN_RETURN_IF_FAILED(board.trimWork.Resize(phase.GetMatrixWindow()), board.status, board.trimWork, false);
   QUARN_RETURN_IF_FAILED(board.trimGrown.Resize(phase.GetMatrixWindow()), board.status, board.trimGrown,
@@ -550,85 +471,16 @@ bool KpController::Trim(DoubleMatrix2D& phase, const RegionIdMatrix2D* mask) {
 }
 
 void KpController::MarkTrimRows(int first, int end) {
-  const int columns = board_->trimRegions.GetColumns();
-  for (int r = first; r < end; ++r) {
-    std::uint8_t* work = board_->trimWork.Row(r);
-    if (!trimRows_[static_cast<std::size_t>(r)]) {
-      std::fill_n(work, columns, 0);
-      continue;
-    }
-    const int* ids = board_->trimRegions.Row(r);
-    for (int c = 0; c < columns; ++c)
-      work[c] = RegionIdMatrix2D::IsValid(ids[c]) ? 1 : 0;
-  }
+  detail::MarkTrimRows(board_->trimRegions, trimRows_, board_->trimWork, first, end);
 }
-
-namespace {
-// Both leave most of a row alone: eight pixels are tested together, and only a group with a pixel
-// to clear is written.
-void ClearWhereSet(const std::uint8_t* flags, double* values, int columns) {
-  const double noData = DoubleMatrix2D::NoData();
-  int c = 0;
-  for (; c + 8 <= columns; c += 8) {
-    std::uint64_t any;
-    std::memcpy(&any, flags + c, sizeof any);
-    if (any == 0) continue;
-    for (int k = c; k < c + 8; ++k) {
-      if (flags[k] != 0) values[k] = noData;
-    }
-  }
-  for (; c < columns; ++c) {
-    if (flags[c] != 0) values[c] = noData;
-  }
-}
-
-void ClearOutside(const int* ids, double* values, int columns) {
-  const double noData = DoubleMatrix2D::NoData();
-  int c = 0;
-  for (; c + 8 <= columns; c += 8) {
-    bool out = false;
-    for (int k = c; k < c + 8; ++k)
-      out |= !RegionIdMatrix2D::IsValid(ids[k]);
-    if (!out) continue;
-    for (int k = c; k < c + 8; ++k) {
-      if (!RegionIdMatrix2D::IsValid(ids[k])) values[k] = noData;
-    }
-  }
-  for (; c < columns; ++c) {
-    if (!RegionIdMatrix2D::IsValid(ids[c])) values[c] = noData;
-  }
-}
-}  // namespace
 
 void KpController::ApplyTrimRows(void* data, int /*thread*/, int first, int end) {
   const TrimJob& job = *static_cast<const TrimJob*>(data);
-  DoubleMatrix2D& phase = *job.phase;
-  const int rows = phase.GetRows();
-  const int columns = phase.GetColumns();
-  const auto kept = [&](int r) { return r >= 0 && r < rows && trimRows_[static_cast<std::size_t>(r)]; };
-  for (int r = first; r < end; ++r) {
-    double* values = phase.Row(r);
-    if (kept(r - 1) || kept(r) || kept(r + 1)) {
-      Analysis::Core::IppiWrapper::Dilate3x3Rows(board_->trimWork, board_->trimGrown, r, r + 1);
-      ClearWhereSet(board_->trimGrown.Row(r), values, columns);
-    }
-    if (job.mask && r < job.mask->GetRows())
-      ClearOutside(job.mask->Row(r), values, std::min(columns, job.mask->GetColumns()));
-  }
+  detail::ApplyTrimRows(trimRows_, board_->trimWork, board_->trimGrown, job.mask, *job.phase, first, end);
 }
 
 void KpController::ApplyMask(DoubleMatrix2D& phase) {
-  const RegionIdMatrix2D& mask = board_->mask;
-  const int rows = std::min(phase.GetRows(), mask.GetRows());
-  const int columns = std::min(phase.GetColumns(), mask.GetColumns());
-  const double noData = DoubleMatrix2D::NoData();
-  for (int r = 0; r < rows; ++r) {
-    const int* in = mask.Row(r);
-    double* out = phase.Row(r);
-    for (int c = 0; c < columns; ++c) {
-      if (!RegionIdMatrix2D::IsValid(in[c])) out[c] = noData;
-    }
-  }
+  detail::ApplyMask(board_->mask, phase);
 }
 
 void KpController::ProcessRealImag(DoubleMatrix2D& real, DoubleMatrix2D& imaginary) {

@@ -80,7 +80,8 @@ class QUARN_PP_EXPORT KpController : public BoardController<KpBoard> {
   bool UpdateFilterSize();
   bool UpdateFilter();
   void ApplyMask(Analysis::Core::DoubleMatrix2D& phase);
-  void ProcessBody(Analysis::Core::DoubleMatrix2D& phase, Analysis::Core::DoubleMatrix2D& modulation);
+  // `modulation` null: the phase only (the modulation is formed per pixel for the threshold).
+  void ProcessBody(Analysis::Core::DoubleMatrix2D& phase, Analysis::Core::DoubleMatrix2D* modulation);
 
   void CalculateFilter(int first, int end);
   void ApplyFilter(int first, int end);

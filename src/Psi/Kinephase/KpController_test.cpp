@@ -13,7 +13,7 @@
 #include "Analysis/Core/Fft2D.h"
 #include "Psi/Kinephase/KpBoard.h"
 #include "Psi/Kinephase/KpCarrierSubtractor.h"
-#include "Testing/SyntheticCarrier.h"
+#include "Synthetic/SyntheticCarrier.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase {
 namespace {

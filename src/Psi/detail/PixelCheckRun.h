@@ -6,27 +6,15 @@
 #include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/RegionIdMatrix2D.h"
 #include "Analysis/Core/Status.h"
-#include "Analysis/Core/Threading/CpuCounter.h"
 #include "Analysis/Core/Threading/ThreadDispatcher.h"
+#include "Psi/detail/PixelCheckCalculator.h"
 #include "Psi/detail/PixelWalk.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi::detail {
 
-// What `CorvaneCalculator` and `GainCorrectionCalculator` share: the thread count, the guarded run
-// and the run itself, which differ only in how the algorithm is set up and called per pixel.
-
-// The thread count of a calculator: n <= 0 gives 1, otherwise n but at most one per processor. The
-// dispatcher is rebuilt with that many threads, so that a run, which resets its workers to the
-// number of threads, uses exactly this many; its number of workers is then what the calculator's
-// `GetNumberOfThreads` reports.
-template <typename Owner>
-void SetCalculatorThreads(Analysis::Core::Threading::ThreadDispatcher<Owner>& dispatcher, Owner* owner,
-                          int n) {
-  const int processors = Analysis::Core::Threading::CpuCounter::Instance().GetNumberOfProcessors();
-  const int threads = n <= 0 ? 1 : std::min(n, std::max(1, processors));
-  dispatcher = Analysis::Core::Threading::ThreadDispatcher<Owner>(owner, dispatcher.GetPool(), threads,
-                                                                  dispatcher.GetThreadPriority());
-}
+// What `CorvaneCalculator` and `GainCorrectionCalculator` share beyond their base
+// `PixelCheckCalculator`: the guarded run, the run itself and the per-range visit, which differ
+// only in how the algorithm is set up and called per pixel.
 
 // Runs `body` so that nothing escapes a calculator's public call: a worker's failure, thrown as a
 // `Status` by the dispatcher, becomes the calculator's status as it is, anything else code 6
@@ -97,6 +85,48 @@ bool RunPixelCheck(Analysis::Core::Status& status, const PixelCheckSettings& set
   algorithm.PostProcess();
   CopyIfFailed(status, algorithm.GetStatus());
   return true;
+}
+
+template <typename Derived, typename Algorithm>
+template <typename Prepare>
+bool PixelCheckCalculator<Derived, Algorithm>::Run(Analysis::Core::FrameBuffer& frames,
+                                                   Analysis::Core::RegionIdMatrix2D* regions,
+                                                   void (Derived::*work)(void*, int, int, int),
+                                                   Prepare&& prepare) {
+  bool postProcessed = false;
+  RunGuarded(status_, Derived::kSource, [&] {
+    if (!algorithm_) {
+      status_ =
+          Analysis::Core::Status(0, Analysis::Core::StatusCode::kCallFailed, __LINE__, Derived::kSource, "");
+      return;
+    }
+    frameBuffer_ = &frames;
+    regionMask_ = regions;
+    postProcessed = RunPixelCheck(status_, {Derived::kSource, scanPeriod_, allowMultipleThreads_},
+                                  dispatcher_, work, *algorithm_, frames, regions, prepare);
+  });
+  return postProcessed;
+}
+
+// The work of one range: each pixel of [first, end) that `walk` selects, with its samples, handed to
+// `visit(algorithm, pixel, samples)`. The algorithm is passed as the first of the built-in `Finals`
+// it is (final classes, so that the per-pixel call binds statically), decided once per range, and
+// as its base class otherwise.
+template <typename... Finals, typename Algorithm, typename Visit>
+void VisitPixels(Algorithm& algorithm, const PixelWalk& walk, Analysis::Core::FrameBuffer& frames, int thread,
+                 int first, int end, Visit&& visit) {
+  const auto process = [&](auto& typed) {
+    walk.ForEachSamples(frames, thread, first, end,
+                        [&](int p, const auto* samples) { visit(typed, p, samples); });
+  };
+  const bool builtIn = ([&] {
+    if (auto* typed = dynamic_cast<Finals*>(&algorithm)) {
+      process(*typed);
+      return true;
+    }
+    return false;
+  }() || ...);
+  if (!builtIn) process(algorithm);
 }
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi::detail

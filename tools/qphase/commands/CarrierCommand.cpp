@@ -43,6 +43,49 @@ struct CarrierOptions {
   int threads = -1;
 };
 
+// Runs the pipeline on the frame into the phase (and, when given, the modulation) and returns the
+// seconds it took; a run without a valid pixel or with a failure is thrown. The algorithm lives
+// only here, so that its board (frame copy, filter, transform, trim maps) is gone before the maps
+// are written, and the tool's frame goes as soon as the board has its copy. Without a modulation
+// output no modulation map is made at all.
+double RunPipeline(const CarrierOptions& options, Core::FrameBuffer& frames, Core::DoubleMatrix2D& phase,
+                   Core::DoubleMatrix2D* modulation) {
+  Kinephase::KinephaseAlgorithm kinephase;
+  kinephase.SelectKernel(Kinephase::KpKernelSelector(options.pixelsPerFringe, options.quadrant));
+  kinephase.SetModulationThreshold(options.threshold);
+  kinephase.SetMinRegionSizeToTrim(options.minRegion);
+  kinephase.SetSubtractCarrier(!options.keepCarrier);
+  if (options.threads == 0) {
+    kinephase.SetAllowMultiThreads(false);
+  } else if (options.threads > 0) {
+    kinephase.SetNumberOfThreads(options.threads);
+  }
+
+  // One frame, one transform size: FFTW's measuring planner would spend far longer choosing the
+  // plans (about 0.7 s at 2048 x 2048) than the whole pipeline takes with the estimated ones.
+  Core::Fft2D::SetPlanningEffort(Core::Fft2D::PlanningEffort::kEstimate);
+  const auto start = std::chrono::steady_clock::now();
+  kinephase.SetIntensity(frames, 0);
+  frames.Release();
+  if (modulation) {
+    kinephase.Process(phase, *modulation);
+  } else {
+    kinephase.Process(phase);
+  }
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const Core::Status& status = kinephase.GetStatus();
+  if (status.GetCode() == StatusCode::kNoValidResult) {
+    char counts[32];
+    std::snprintf(counts, sizeof counts, "%.4g", kinephase.GetModulationThresholdInCounts());
+    throw NoResultError("no valid pixel in " + options.frame + ": no pixel is modulated by " + counts +
+                        " counts or more with the carrier of quadrant " + std::to_string(options.quadrant) +
+                        " at " + std::to_string(options.pixelsPerFringe) +
+                        " pixels per fringe; nothing written");
+  }
+  if (status.IsError()) throw UsageError(options.frame + ": " + status.GetPrintString());
+  return seconds;
+}
+
 int RunCarrier(const CarrierOptions& options) {
   // Outputs are named before any work, so a clash between them is refused at once.
   OutputFiles outputs;
@@ -60,35 +103,9 @@ int RunCarrier(const CarrierOptions& options) {
   }
   if (options.maxValue > 0) frames.SetMaxValue(options.maxValue);
 
-  Kinephase::KinephaseAlgorithm kinephase;
-  kinephase.SelectKernel(Kinephase::KpKernelSelector(options.pixelsPerFringe, options.quadrant));
-  kinephase.SetModulationThreshold(options.threshold);
-  kinephase.SetMinRegionSizeToTrim(options.minRegion);
-  kinephase.SetSubtractCarrier(!options.keepCarrier);
-  if (options.threads == 0) {
-    kinephase.SetAllowMultiThreads(false);
-  } else if (options.threads > 0) {
-    kinephase.SetNumberOfThreads(options.threads);
-  }
-
-  // One frame, one transform size: FFTW's measuring planner would spend far longer choosing the
-  // plans (about 0.7 s at 2048 x 2048) than the whole pipeline takes with the estimated ones.
-  Core::Fft2D::SetPlanningEffort(Core::Fft2D::PlanningEffort::kEstimate);
   Core::DoubleMatrix2D phase, modulation;
-  const auto start = std::chrono::steady_clock::now();
-  kinephase.SetIntensity(frames, 0);
-  kinephase.Process(phase, modulation);
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  const Core::Status& status = kinephase.GetStatus();
-  if (status.GetCode() == StatusCode::kNoValidResult) {
-    char counts[32];
-    std::snprintf(counts, sizeof counts, "%.4g", kinephase.GetModulationThresholdInCounts());
-    throw NoResultError("no valid pixel in " + options.frame + ": no pixel is modulated by " + counts +
-                        " counts or more with the carrier of quadrant " + std::to_string(options.quadrant) +
-                        " at " + std::to_string(options.pixelsPerFringe) +
-                        " pixels per fringe; nothing written");
-  }
-  if (status.IsError()) throw UsageError(options.frame + ": " + status.GetPrintString());
+  const double seconds =
+      RunPipeline(options, frames, phase, options.modulationOut.empty() ? nullptr : &modulation);
 
   std::int64_t validPixels = 0;
   // The modulation map and the preview are written on a second thread while this one writes the phase.

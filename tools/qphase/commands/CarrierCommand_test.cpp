@@ -15,8 +15,8 @@
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "CliTestFixture.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticCarrier.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticCarrier.h"
 #include "TiffIO.h"
 
 namespace Quarn::Qphase {

@@ -42,7 +42,7 @@ TEST_F(DemoCommandTest, RunsEverySectionAndWritesItsMaps) {
   }
   EXPECT_GE(rows, 5) << result.out;
   EXPECT_NE(result.out.find("PSI ConvertSliding13"), std::string::npos) << result.out;
-  for (const std::string section : {"psi_", "psicheck_", "swli_", "carrier_", "spot_"}) {
+  for (const std::string section : {"psi_", "psicheck_", "swli_", "carrier_", "spot_", "film_"}) {
     for (const std::string extension : {".tif", ".png"}) {
       int count = 0;
       for (const auto& entry : fs::directory_iterator(Path("demo"))) {

@@ -12,7 +12,7 @@
 
 #include "Analysis/Core/FrameBuffer.h"
 #include "CliTestFixture.h"
-#include "Testing/SyntheticPsi.h"
+#include "Synthetic/SyntheticPsi.h"
 #include "TiffIO.h"
 
 namespace Quarn::Qphase {

@@ -26,7 +26,7 @@
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "CliTestFixture.h"
-#include "Testing/SyntheticPsi.h"
+#include "Synthetic/SyntheticPsi.h"
 #include "TiffIO.h"
 
 namespace Quarn::Qphase {

@@ -16,8 +16,8 @@
 #include "Analysis/Core/IntMatrix2D.h"
 #include "CliTestFixture.h"
 #include "SpotOverlay.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticSpot.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticSpot.h"
 #include "TiffIO.h"
 
 namespace Quarn::Qphase {

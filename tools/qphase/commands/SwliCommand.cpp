@@ -27,6 +27,8 @@
 #include "Swli/PhaseAlgorithmCentroid.h"
 #include "Swli/PhaseAlgorithmFda.h"
 #include "Swli/PhaseGenerator.h"
+#include "Swli/ScanSampling.h"
+#include "Swli/SubsampledEvaluation.h"
 #include "TiffIO.h"
 #include "ToolError.h"
 
@@ -48,6 +50,8 @@ struct SwliOptions {
   std::string algorithm = "centroid";
   double scanStepNm = 0.0;
   double minModulation = 15.0;
+  bool minModulationGiven = false;
+  double wavelengthNm = 0.0;
   std::string fringeRemoval = "standard";
   bool reverse = false;
   int maxValue = 0;
@@ -85,16 +89,25 @@ Swli::FringeRemovalMethod MethodFor(const std::string& name) {
 }
 
 // Why no pixel got a height, in the terms of the chosen algorithm.
-std::string NoValidPixelReason(const SwliOptions& options, int maxValue) {
-  std::string reason = "no pixel has fringes modulated by at least " + FormatNumber(options.minModulation) +
+std::string NoValidPixelReason(const SwliOptions& options, int maxValue, double minModulation, int firstBin,
+                               int lastBin) {
+  std::string reason = "no pixel has fringes modulated by at least " + FormatNumber(minModulation) +
                        " % of the saturation level " + std::to_string(maxValue) +
                        " within its 64-frame window, at least 32 frames from either end of the scan";
   if (options.algorithm == "fda") {
-    reason +=
-        ", with its fringe frequency in bins 13 .. 21 of 64 (a scan step of about a tenth to a sixth of the "
-        "centre wavelength, e.g. 60 to 100 nm for 600 nm light)";
+    reason += ", with its fringe frequency in bins " + std::to_string(firstBin) + " .. " +
+              std::to_string(lastBin) + " of 64";
   }
   return reason;
+}
+
+// How the scan's sampling was found, for the summary line.
+std::string SamplingText(const Swli::ScanSampling& sampling, const SwliOptions& options) {
+  if (!sampling.IsKnown()) return "fringe period unknown";
+  char text[96];
+  std::snprintf(text, sizeof text, "%.1f frames per fringe (%s)", sampling.GetFringePeriodFrames(),
+                options.wavelengthNm > 0.0 ? "from --wavelength" : "measured");
+  return text;
 }
 
 int RunSwli(const SwliOptions& options) {
@@ -131,31 +144,54 @@ int RunSwli(const SwliOptions& options) {
   auxiliary.SetAll(0);
   Core::debug_printf("qphase swli: peak frames found: %g ms\n", stage.Restart() / 1000.0);
 
+  // The sampling of the fringes sets the FDA's band (or its subsamples) and the centroid's default
+  // threshold; a scan whose period cannot be measured keeps the algorithms' defaults.
+  Swli::ScanSampling sampling;
+  if (options.wavelengthNm > 0.0) {
+    sampling.SetFromWavelength(options.wavelengthNm, options.scanStepNm);
+  } else {
+    sampling.Measure(frames, peaks);
+  }
+  const double minModulation = options.minModulationGiven
+                                   ? options.minModulation
+                                   : sampling.ScaledMinimumModulation(options.minModulation);
+  const bool fdaRun = options.algorithm == "fda";
+  const int factor = fdaRun ? sampling.SubsampleFactor(info.pages) : 1;
+  Core::debug_printf("qphase swli: sampling: %g ms\n", stage.Restart() / 1000.0);
+
   Swli::PhaseAlgorithmCentroid centroid;
   Swli::PhaseAlgorithmFda fda;
   Swli::PhaseAlgorithm& algorithm = options.algorithm == "fda" ? static_cast<Swli::PhaseAlgorithm&>(fda)
                                                                : static_cast<Swli::PhaseAlgorithm&>(centroid);
-  centroid.SetMinimumModulation(options.minModulation);
+  centroid.SetMinimumModulation(minModulation);
   fda.SetMinimumModulation(options.minModulation);
+  sampling.ApplyTo(fda);
   algorithm.SetScanIncrement(
       Core::UnitNumber(options.scanStepNm, Core::LinearConverter(Core::Units::kNanometers)));
   algorithm.SetRemoveFringes(MethodFor(options.fringeRemoval));
   Core::IntMatrix2D intensity;
   algorithm.SetIntensityMatrix(intensity);
 
-  Swli::PhaseGenerator generator(&algorithm);
-  generator.SetAllowMultiThreads(threads > 1);
-  generator.SetMaxNumThreads(threads);
   Core::DoubleMatrix2D height(info.rows, info.cols);
   height.SetAll(0.0);  // every pixel is evaluated
-  generator.Process(frames, peaks, auxiliary, height);
+  Swli::PhaseGenerator generator(&algorithm);
+  Swli::SubsampledEvaluation subsampled;
+  if (factor > 1) {
+    subsampled.Process(frames, factor, options.scanStepNm, algorithm, sampling, threads, height);
+  } else {
+    generator.SetAllowMultiThreads(threads > 1);
+    generator.SetMaxNumThreads(threads);
+    generator.Process(frames, peaks, auxiliary, height);
+  }
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   Core::debug_printf("qphase swli: evaluated: %g ms\n", stage.Restart() / 1000.0);
 
-  const Core::Status& status = generator.GetStatus();
+  const Core::Status& status = factor > 1 ? subsampled.GetStatus() : generator.GetStatus();
   if (status.GetCode() == StatusCode::kNoValidResult) {
     throw NoResultError("no valid pixel in " + options.scan + ": " +
-                        NoValidPixelReason(options, frames.GetMaxValue()) + "; nothing written");
+                        NoValidPixelReason(options, frames.GetMaxValue(), minModulation,
+                                           fda.GetFirstBandBin(), fda.GetLastBandBin()) +
+                        "; nothing written");
   }
   if (status.IsError()) throw UsageError(options.scan + ": " + status.GetPrintString());
 
@@ -179,9 +215,21 @@ int RunSwli(const SwliOptions& options) {
   const double valid = static_cast<double>(validPixels) / static_cast<double>(height.GetCount());
   std::printf("%s: %d x %d, %d frames of %d bits, algorithm %s: %.1f %% valid", options.scan.c_str(),
               info.cols, info.rows, info.pages, info.bitsPerSample, options.algorithm.c_str(), 100.0 * valid);
-  if (options.algorithm == "fda") {
+  std::printf(", %s", SamplingText(sampling, options).c_str());
+  if (fdaRun) {
+    if (factor > 1) {
+      std::printf(", %d interleaved subsamples of bins %d .. %d", factor, fda.GetFirstBandBin(),
+                  fda.GetLastBandBin());
+    } else {
+      std::printf(", bins %d .. %d", fda.GetFirstBandBin(), fda.GetLastBandBin());
+    }
     std::printf(", equivalent wavelength %.2f nm, average gap %.2f nm", fda.GetWaveLength(),
                 fda.GetAverageGap());
+  } else if (options.minModulationGiven || !sampling.IsKnown()) {
+    std::printf(", minimum modulation %s %%", FormatNumber(minModulation).c_str());
+  } else {
+    std::printf(", minimum modulation %s %% (%s %% scaled to the sampling)",
+                FormatNumber(minModulation).c_str(), FormatNumber(options.minModulation).c_str());
   }
   std::printf(", evaluated in %.1f ms\n", 1e3 * seconds);
   return kExitSuccess;
@@ -191,16 +239,18 @@ std::function<int()> SetupSwli(CLI::App& app) {
   auto options = std::make_shared<SwliOptions>();
   app.footer(
       "Heights are positions along the scan in nanometres: frame k of a forward scan is at k x the scan "
-      "step. Each "
-      "pixel's peak frame is where its fringe energy, the sum of (s[j+1] - s[j-1])^2 over the nine frames "
-      "around it, "
-      "is largest; a 64-frame window is cut around it. The centroid places the surface at the centre of mass "
-      "of the "
-      "fringe envelope (robust, any scan step; its heights count positions from one, one step above the "
-      "FDA's); the "
-      "frequency-domain analysis (fda) fits the phase of the fringe spectrum (nanometre precision; it needs "
-      "a scan "
-      "step of about a tenth to a sixth of the centre wavelength, e.g. 75 nm for 600 nm light).");
+      "step. "
+      "Each pixel's peak frame is where its fringe energy, the sum of (s[j+1] - s[j-1])^2 over the nine "
+      "frames "
+      "around it, is largest; a 64-frame window is cut around it. The fringe period (frames per fringe, half "
+      "the centre wavelength over the step) is measured from the scan, or taken from --wavelength. The "
+      "centroid places the surface at the centre of mass of the fringe envelope (robust, any scan step; its "
+      "heights count positions from one, one step above the FDA's); its default threshold is scaled to the "
+      "fringe period so that a surface keeps its valid pixels at any step. The frequency-domain analysis "
+      "(fda) fits the phase of the fringe spectrum (nanometre precision) in a band of bins chosen from the "
+      "fringe period; a scan of more than 5.6 frames per fringe (a step finer than about a tenth of the "
+      "wavelength) is evaluated as interleaved subsamples of about four frames per fringe whose heights are "
+      "averaged. Steps from about a fortieth to a fifth of the centre wavelength are evaluated.");
   app.add_option("scan", options->scan, "Multi-page TIFF, one 8- or 16-bit grayscale page per scan frame")
       ->required();
   app.add_option("-o,--output", options->heightOut,
@@ -214,11 +264,18 @@ std::function<int()> SetupSwli(CLI::App& app) {
       ->capture_default_str();
   app.add_option("--intensity", options->intensityOut,
                  "Fringe-free intensity map to write (32-bit float TIFF, counts)");
-  app.add_option(
-         "--min-modulation", options->minModulation,
-         "Pixels whose fringes are modulated less than this percentage of the saturation level get no height")
-      ->check(NumberFrom(0.0, 100.0))
-      ->capture_default_str();
+  CLI::Option* minModulation =
+      app.add_option(
+             "--min-modulation", options->minModulation,
+             "Pixels whose fringes are modulated less than this percentage of the saturation level get "
+             "no height (default for the centroid: 15 % at four frames per fringe, scaled to the scan's "
+             "sampling; a value given here is used as it stands)")
+          ->check(NumberFrom(0.0, 100.0))
+          ->capture_default_str();
+  app.add_option("--wavelength", options->wavelengthNm,
+                 "Centre wavelength of the light, nanometres: sets the fringe period (wavelength / 2 / scan "
+                 "step); without it the period is measured from the scan")
+      ->check(kPositiveLength);
   app.add_option(
          "--fringe-removal", options->fringeRemoval,
          "How the intensity is freed of fringes: standard (8 frames weighted 1 1 3 3 3 3 1 1 at the peak), "
@@ -230,7 +287,10 @@ std::function<int()> SetupSwli(CLI::App& app) {
   AddMaxValueOption(app, options->maxValue);
   AddThreadsOption(app, options->threads, "Worker threads (0 or 1: the calling thread only; default: all)");
   app.add_option("--png", options->pngOut, "Colour preview of the heights with a colour bar");
-  return [options] { return RunSwli(*options); };
+  return [options, minModulation] {
+    options->minModulationGiven = minModulation->count() > 0;
+    return RunSwli(*options);
+  };
 }
 
 [[maybe_unused]] const bool registered =

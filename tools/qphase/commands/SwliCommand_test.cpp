@@ -11,8 +11,8 @@
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "CliTestFixture.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticScan.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticScan.h"
 #include "TiffIO.h"
 
 namespace Quarn::Qphase {
@@ -107,18 +107,15 @@ TEST_F(SwliCliTest, CentroidHeightsAgreeAcrossDirectionsAndThreads) {
   }
 }
 
-// Failures: no valid pixel is exit status 1 (and with fringes sampled at 40 nm, outside the FDA's
-// band, the message says what the FDA needs); usage errors are exit status 2 with the problem named
-// in a line (a bad number is quoted as written, not in full precision). A failed run leaves no file.
+// Failures: no valid pixel is exit status 1 (the FDA's message names the band it searched); usage errors are
+// exit status 2 with the problem named in a line (a bad number is quoted as written, not in full precision).
+// A failed run leaves no file.
 TEST_F(SwliCliTest, FailuresExitWithTheirStatusAndAShortMessageAndWriteNothing) {
-  Testing::ScanSettings weak = Settings(), fine = Settings(), shortScan = Settings();
+  Testing::ScanSettings weak = Settings(), shortScan = Settings();
   weak.modulationCounts = 3.0;  // far below 15 % of 255
-  fine.scanStepNm = 40.0;
-  fine.framesScanned = 320;
   shortScan.framesScanned = 64;
   const std::string scan = WriteScan("scan.tif", Settings());
-  const std::string files[] = {WriteScan("weak.tif", weak), WriteScan("fine.tif", fine),
-                               WriteScan("short.tif", shortScan)};
+  const std::string files[] = {WriteScan("weak.tif", weak), WriteScan("short.tif", shortScan)};
   const std::string out = " -o " + Path("h.tif");
   struct Case {
     std::string arguments;
@@ -128,11 +125,12 @@ TEST_F(SwliCliTest, FailuresExitWithTheirStatusAndAShortMessageAndWriteNothing) 
   const Case cases[] = {
       {files[0] + out + " --scan-step 80 --intensity " + Path("i.tif") + " --png " + Path("h.png"), 1,
        "no valid pixel in " + files[0]},
-      {files[1] + out + " --scan-step 40 --algorithm fda", 1, "bins 13 .. 21"},
+      {files[0] + out + " --scan-step 80 --algorithm fda --wavelength 600", 1, "in bins 13 .. 21 of 64"},
       {scan + out + " --scan-step -1", 2, "--scan-step: must be a positive number of nanometres, not -1"},
       {scan + out + " --scan-step 80 --fringe-removal none --intensity " + Path("i.tif"), 2,
        "--intensity needs a fringe-removal method"},
-      {files[2] + out + " --scan-step 80", 2, "short.tif has 64 frames"},
+      {files[1] + out + " --scan-step 80", 2, "short.tif has 64 frames"},
+      {scan + out + " --scan-step 80 --wavelength 0", 2, "--wavelength: must be a positive number"},
       {scan + " -o " + Path("no/such/dir/h.tif") + " --scan-step 80", 2, "no/such/dir"},
   };
   for (const Case& c : cases) {
@@ -141,7 +139,62 @@ TEST_F(SwliCliTest, FailuresExitWithTheirStatusAndAShortMessageAndWriteNothing) 
     EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
     EXPECT_TRUE(c.status != 2 || result.err.size() < 250u) << result.err;
   }
-  EXPECT_TRUE(Leftovers({"scan.tif", "weak.tif", "fine.tif", "short.tif"}).empty());
+  EXPECT_TRUE(Leftovers({"scan.tif", "weak.tif", "short.tif"}).empty());
+}
+
+// One surface scanned at 20 nm (15 frames per fringe of 600 nm light, 640 frames) and at 80 nm over
+// the same range. The FDA measures the period and evaluates the fine scan as four interleaved
+// subsamples: every pixel, the surface to 2.5 nm as at 80 nm (the mean of four subsamples carries
+// half their noise). The centroid's default threshold is scaled to the sampling and said so: the
+// same valid fraction at both steps, where 15 % unscaled, given explicitly, keeps no pixel of the fine
+// scan (its modulation measure is at most 1.8 x the fringe amplitude of 60 counts there, the
+// threshold 76.5).
+TEST_F(SwliCliTest, AFineScanGivesTheSurfaceAndTheValidFractionOfACoarseOne) {
+  Testing::ScanSettings fine = Settings(), coarse = Settings();
+  fine.scanStepNm = 20.0;
+  fine.framesScanned = 640;
+  const std::string fineScan = WriteScan("fine.tif", fine);
+  const std::string coarseScan = WriteScan("coarse.tif", coarse);
+
+  const RunResult fda =
+      Run("swli " + fineScan + " -o " + Path("fda.tif") + " --scan-step 20 --algorithm fda");
+  ASSERT_EQ(fda.status, 0) << fda.err;
+  EXPECT_NE(fda.out.find("algorithm fda: 100.0 % valid, 15.0 frames per fringe (measured), 4 interleaved "
+                         "subsamples of bins 13 .. 21"),
+            std::string::npos)
+      << fda.out;
+  // The subsamples on three threads and with the intensity map: the same heights, bit for bit.
+  const RunResult threaded = Run("swli " + fineScan + " -o " + Path("fda3.tif") +
+                                 " --scan-step 20 --algorithm fda --threads 3 --intensity " + Path("i.tif"));
+  ASSERT_EQ(threaded.status, 0) << threaded.err;
+  Core::DoubleMatrix2D height, height3, intensity;
+  ReadFloatTiff(Path("fda.tif"), height);
+  ReadFloatTiff(Path("fda3.tif"), height3);
+  ReadFloatTiff(Path("i.tif"), intensity);
+  for (int r = 0; r < 20; ++r) {
+    for (int c = 0; c < 28; ++c) {
+      EXPECT_NEAR(height(r, c), Surface(r, c), 2.5) << r << "," << c;
+      EXPECT_EQ(height3(r, c), height(r, c)) << r << "," << c;
+      EXPECT_NEAR(intensity(r, c), 100.0, 8.0) << r << "," << c;
+    }
+  }
+
+  const RunResult fineCentroid = Run("swli " + fineScan + " -o " + Path("fc.tif") + " --scan-step 20");
+  const RunResult coarseCentroid = Run("swli " + coarseScan + " -o " + Path("cc.tif") + " --scan-step 80");
+  ASSERT_EQ(fineCentroid.status, 0) << fineCentroid.err;
+  ASSERT_EQ(coarseCentroid.status, 0) << coarseCentroid.err;
+  EXPECT_NE(fineCentroid.out.find("algorithm centroid: 100.0 % valid, 15.0 frames per fringe (measured), "
+                                  "minimum modulation 2.6"),
+            std::string::npos)
+      << fineCentroid.out;
+  EXPECT_NE(fineCentroid.out.find("(15 % scaled to the sampling)"), std::string::npos) << fineCentroid.out;
+  EXPECT_NE(coarseCentroid.out.find("algorithm centroid: 100.0 % valid"), std::string::npos)
+      << coarseCentroid.out;
+
+  const RunResult given = Run("swli " + fineScan + " -o " + Path("g.tif") +
+                              " --scan-step 20 --min-modulation 15 --wavelength 600");
+  EXPECT_EQ(given.status, 1) << given.out;
+  EXPECT_NE(given.err.find("at least 15 % of the saturation level"), std::string::npos) << given.err;
 }
 
 }  // namespace

@@ -25,8 +25,8 @@
 #include "MapPreview.h"
 #include "Psi/Kinephase/FourQuadrantEvaluator.h"
 #include "Psi/Kinephase/KinephaseAlgorithm.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticCarrier.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticCarrier.h"
 #include "TiffIO.h"
 
 namespace Quarn::Qphase {

@@ -23,8 +23,8 @@
 #include "Psi/Convert7.h"
 #include "Psi/ConvertSliding13.h"
 #include "Psi/ConverterGenerator.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticPsi.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticPsi.h"
 #include "TiffIO.h"
 
 namespace Quarn::Qphase {

@@ -23,8 +23,8 @@
 #include "Psi/GainCorrectionCalculator.h"
 #include "Psi/GainCorrectionPmi.h"
 #include "Psi/GainCorrectionSinPsi.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticPsi.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticPsi.h"
 #include "TiffIO.h"
 
 namespace Quarn::Qphase {

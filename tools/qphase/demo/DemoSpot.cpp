@@ -22,8 +22,8 @@
 #include "Demo.h"
 #include "RgbImage.h"
 #include "SpotOverlay.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticSpot.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticSpot.h"
 #include "TiffIO.h"
 
 namespace Quarn::Qphase {

@@ -16,7 +16,7 @@ void PhaseRowReference(const KpPhaseRow& row) {
   for (int c = 0; c < row.columns; ++c) {
     const double re = row.z[2 * c], im = row.z[2 * c + 1];
     const double m = 2.0 * std::sqrt(re * re + im * im);
-    row.modulation[c] = m;
+    if (row.modulation) row.modulation[c] = m;
     row.phase[c] = row.threshold > m ? row.noData : std::atan2(im, re) * row.scale;
   }
   if (row.noDataIds) {

@@ -8,7 +8,8 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase::detail {
 // one per pixel), each z is rotated in place to (Re z cos - Im z sin, Re z sin + Im z cos), the
 // carrier removal's arithmetic; after it, with `noDataIds`, each pixel's id is 0 where the phase is
 // no data and the invalid region id elsewhere, the trim's marking. Plain data, so that it crosses
-// into the instruction-set-specific translation unit without library headers.
+// into the instruction-set-specific translation unit without library headers. Without a modulation
+// row (null) the modulation is formed for the threshold and not stored.
 struct KpPhaseRow {
   double* z = nullptr;
   int columns = 0;

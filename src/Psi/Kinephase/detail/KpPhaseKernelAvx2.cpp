@@ -11,7 +11,7 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase::detail {
 
 namespace {
 
-template <bool kStream>
+template <bool kStream, bool kModulation>
 void Row(const KpPhaseRow& row) {
   const __m256d two = _mm256_set1_pd(2.0);
   const __m256d threshold = _mm256_set1_pd(row.threshold);
@@ -46,10 +46,10 @@ void Row(const KpPhaseRow& row) {
         _mm256_blendv_pd(_mm256_mul_pd(Sleef_atan2d4_u35avx2(im, re), scale), noData, rejected);
     const __m256d ordered = _mm256_permute4x64_pd(phase, 0xD8);
     if constexpr (kStream) {
-      _mm256_stream_pd(row.modulation + c, _mm256_permute4x64_pd(m, 0xD8));
+      if constexpr (kModulation) _mm256_stream_pd(row.modulation + c, _mm256_permute4x64_pd(m, 0xD8));
       _mm256_stream_pd(row.phase + c, ordered);
     } else {
-      _mm256_storeu_pd(row.modulation + c, _mm256_permute4x64_pd(m, 0xD8));
+      if constexpr (kModulation) _mm256_storeu_pd(row.modulation + c, _mm256_permute4x64_pd(m, 0xD8));
       _mm256_storeu_pd(row.phase + c, ordered);
     }
     if (row.noDataIds) {
@@ -69,7 +69,7 @@ void Row(const KpPhaseRow& row) {
     tail.z = row.z + 2 * c;
     tail.columns = row.columns - c;
     tail.phase = row.phase + c;
-    tail.modulation = row.modulation + c;
+    if (row.modulation) tail.modulation = row.modulation + c;
     if (row.rotators) tail.rotators = row.rotators + 2 * c;
     if (row.noDataIds) tail.noDataIds = row.noDataIds + c;
     PhaseRowReference(tail);
@@ -85,11 +85,13 @@ bool Aligned(const void* p, std::uintptr_t bytes) {
 }  // namespace
 
 void PhaseRowAvx2(const KpPhaseRow& row) {
-  if (row.stream && Aligned(row.phase, 32) && Aligned(row.modulation, 32) &&
-      (!row.noDataIds || Aligned(row.noDataIds, 16))) {
-    Row<true>(row);
+  const bool stream = row.stream && Aligned(row.phase, 32) &&
+                      (!row.modulation || Aligned(row.modulation, 32)) &&
+                      (!row.noDataIds || Aligned(row.noDataIds, 16));
+  if (row.modulation) {
+    stream ? Row<true, true>(row) : Row<false, true>(row);
   } else {
-    Row<false>(row);
+    stream ? Row<true, false>(row) : Row<false, false>(row);
   }
 }
 

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "Analysis/Core/DoubleMatrix2D.h"
+#include "Analysis/Core/FrameBuffer.h"
+#include "Analysis/Core/RegionIdMatrix2D.h"
+#include "Analysis/Core/Status.h"
+#include "SwliMba/Search/LsLibraryList.h"
+#include "SwliMba/Search/LsPerfectMirrorSignal.h"
+#include "SwliMba/Search/LsRegionAssociations.h"
+
+namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search {
+
+// The search modes (`LibrarySearch::SetSearchMode`).
+enum class LsSearchMode : int { Linear = 0, Fast = 1, MagOnly = 2 };
+
+// LsBoard
+//
+// All state of one library search: settings with their defaults, the caller's inputs and output
+// maps (not owned), the libraries, the perfect-mirror signal, the region associations and the
+// status. The controller and the per-thread pixel processors read it; only the facade writes it.
+struct LsBoard {
+  static constexpr const char* kSource = "SwliMba\\Search\\LsBoard";
+
+  bool allowMultiThreads = false;
+  bool useFullCorrelation = false;
+  bool useAggressiveExclusion = true;
+  int scanDirection = 1;
+  double correlationThreshold = 0.0;
+  double modulationThreshold = 5.0;
+  double intervalConsiderationFactor = 2.5;
+
+  Analysis::Core::DoubleMatrix2D* heightMap = nullptr;
+  Analysis::Core::DoubleMatrix2D* thicknessMap = nullptr;
+  Analysis::Core::DoubleMatrix2D* metricMap = nullptr;
+  Analysis::Core::DoubleMatrix2D* confidenceMap = nullptr;
+  Analysis::Core::DoubleMatrix2D* modulationMap = nullptr;
+  Analysis::Core::DoubleMatrix2D* bestLibraryIdMap = nullptr;
+  Analysis::Core::DoubleMatrix2D* bestSignalIdMap = nullptr;
+  Analysis::Core::RegionIdMatrix2D* searchRegions = nullptr;
+  Analysis::Core::FrameBuffer* frameBuffer = nullptr;
+
+  LsLibraryList libraries;
+  LsPerfectMirrorSignal perfectMirrorSignal;
+  LsRegionAssociations regionAssociations;
+  int searchMode = static_cast<int>(LsSearchMode::Fast);
+  int numberOfThreads = -1;  // -1: one per processor
+  Analysis::Core::Status status{__LINE__, kSource};
+};
+
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search

@@ -1,0 +1,472 @@
+#include "SwliMba/Search/LsPixelProcessor.h"
+
+#include <Eigen/Core>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <new>
+#include <numbers>
+
+#include "Analysis/Core/NoData.h"
+
+namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search {
+
+using Analysis::Core::Status;
+namespace StatusCode = Analysis::Core::StatusCode;
+using cd = std::complex<double>;
+
+namespace {
+
+using ComplexMap = Eigen::Map<Eigen::Matrix<cd, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>;
+using ConstComplexMap = Eigen::Map<const Eigen::Matrix<cd, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>;
+using RealMap = Eigen::Map<Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>;
+using ConstRealMap = Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>;
+
+constexpr double kNoData = Analysis::Core::kNoDataDouble;
+constexpr int kFastHalfWidth = LsLibrary::kCoarseStride;  // dense search ± one coarse step
+
+template <typename T>
+bool Size(std::vector<T>& v, std::size_t n, Status& status, const char* message) {
+  try {
+    v.assign(n, T{});
+    return true;
+  } catch (const std::bad_alloc&) {
+    status = Status(0, StatusCode::kCallFailed, __LINE__, LsPixelProcessor::kSource, message);
+    return false;
+  }
+}
+
+// Parabola vertex through (-1, left), (0, centre), (1, right), within half a step.
+double Vertex(double left, double centre, double right) {
+  const double curvature = left - 2.0 * centre + right;
+  if (!(curvature < 0.0)) return 0.0;
+  return std::clamp(0.5 * (left - right) / curvature, -0.5, 0.5);
+}
+
+struct Interval {
+  double score;
+  int signal;
+};
+
+}  // namespace
+
+bool LsPixelProcessor::Init(const LsBoard& board, int firstBin, int lastBin) {
+  board_ = &board;
+  const int bins = board.perfectMirrorSignal.GetNumberOfBins();
+  n_ = 2 * (bins - 1);
+  first_ = firstBin;
+  band_ = lastBin - firstBin + 1;
+  if (!fft_.Resize(n_)) {
+    status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "Call to signal.Init failed");
+    return false;
+  }
+  std::size_t signals = 0, coarse = 0;
+  for (int l = 0; l < board.libraries.Size(); ++l) {
+    signals =
+        std::max<std::size_t>(signals, static_cast<std::size_t>(board.libraries.At(l).GetNumberOfSignals()));
+    coarse = std::max<std::size_t>(
+        coarse, static_cast<std::size_t>(board.libraries.At(l).GetNumberOfCoarseSignals()));
+  }
+  const std::size_t block = kBlock, w = static_cast<std::size_t>(band_);
+  const bool magOnly = board.searchMode == static_cast<int>(LsSearchMode::MagOnly);
+  const bool fast = board.searchMode == static_cast<int>(LsSearchMode::Fast);
+  if (!Size(omega_, w, status_, "Call to fineZ.Resize failed") ||
+      !Size(spectra_, block * w, status_, "Call to spatialDomainCplx.Resize failed") ||
+      !Size(features_, block * (w - 1), status_, "Call to fourierDomainCplx.Resize failed") ||
+      !Size(norms_, block, status_, "Call to estimations.Resize failed") ||
+      !Size(magnitudes_, block * w, status_, "Call to binnedCenteredRepresentation.Resize failed") ||
+      !Size(modulation_, block, status_, "Call to estimated.Resize failed") ||
+      !Size(libraryOf_, block, status_, "Call to intervalsOfInterest1.Resize failed") ||
+      !Size(correlations_, !magOnly && !fast ? block * signals : 0, status_,
+            "Call to correlations.Resize failed") ||
+      !Size(merit_, magOnly ? block * signals : 0, status_, "Call to merit.Resize failed") ||
+      !Size(coarseCorrelations_, fast ? block * coarse : 0, status_, "Call to coarseZ.Resize failed") ||
+      !Size(denseScores_, 2 * kFastHalfWidth + 1, status_, "Call to interpolatedPeaks.Resize failed") ||
+      !Size(scores_, signals, status_, "Call to correlated.Resize failed"))
+    return false;
+  try {
+    candidates_.reserve(64);
+  } catch (const std::bad_alloc&) {
+    status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "Call to candidates.Reserve failed");
+    return false;
+  }
+  for (int k = 0; k < band_; ++k)
+    omega_[static_cast<std::size_t>(k)] = 2.0 * std::numbers::pi * (first_ + k) / n_;
+  scoredLibrary_ = -1;
+  return true;
+}
+
+void LsPixelProcessor::LoadPixel(int thread, int pixel, int slot) {
+  const int frames = board_->frameBuffer->GetFramesStored();
+  const double* trace = board_->frameBuffer->ExtractIndex<double>(thread, pixel);
+  double mean = 0.0;
+  for (int j = 0; j < frames; ++j)
+    mean += trace[j];
+  mean /= frames;
+  double* input = fft_.Input();
+  const bool reversed = board_->scanDirection < 0;
+  for (int j = 0; j < n_; ++j)
+    input[j] = j < frames ? trace[reversed ? frames - 1 - j : j] - mean : 0.0;
+  fft_.Forward();
+  const cd* bins = fft_.Output() + first_;
+  cd* m = spectra_.data() + static_cast<std::size_t>(slot) * band_;
+  double energy = 0.0;
+  for (int k = 0; k < band_; ++k) {
+    m[k] = bins[k];
+    energy += std::norm(bins[k]);
+  }
+  norms_[static_cast<std::size_t>(slot)] = std::sqrt(energy);
+  cd* d = features_.data() + static_cast<std::size_t>(slot) * (band_ - 1);
+  double featureEnergy = 0.0;
+  for (int k = 0; k + 1 < band_; ++k) {
+    d[k] = m[k + 1] * std::conj(m[k]);
+    featureEnergy += std::norm(d[k]);
+  }
+  const double featureScale = featureEnergy > 0.0 ? 1.0 / std::sqrt(featureEnergy) : 0.0;
+  for (int k = 0; k + 1 < band_; ++k)
+    d[k] *= featureScale;
+  double* a = magnitudes_.data() + static_cast<std::size_t>(slot) * band_;
+  const double magnitudeScale = energy > 0.0 ? 1.0 / std::sqrt(energy) : 0.0;
+  for (int k = 0; k < band_; ++k)
+    a[k] = std::abs(m[k]) * magnitudeScale;
+}
+
+void LsPixelProcessor::CandidateScores(int libraryId, int count) {
+  const LsLibrary& library = board_->libraries.At(libraryId);
+  const int k = band_ - 1;
+  switch (static_cast<LsSearchMode>(board_->searchMode)) {
+    case LsSearchMode::MagOnly: {
+      const int s = library.GetNumberOfSignals();
+      RealMap(merit_.data(), count, s).noalias() =
+          ConstRealMap(magnitudes_.data(), count, band_) *
+          ConstRealMap(library.GetMagnitudesData(), s, band_).transpose();
+      break;
+    }
+    case LsSearchMode::Fast: {
+      const int s = library.GetNumberOfCoarseSignals();
+      ComplexMap(coarseCorrelations_.data(), count, s).noalias() =
+          ConstComplexMap(features_.data(), count, k) *
+          ConstComplexMap(library.GetCoarseFeaturesConjData(), s, k).transpose();
+      break;
+    }
+    default: {
+      const int s = library.GetNumberOfSignals();
+      ComplexMap(correlations_.data(), count, s).noalias() =
+          ConstComplexMap(features_.data(), count, k) *
+          ConstComplexMap(library.GetFeaturesConjData(), s, k).transpose();
+      break;
+    }
+  }
+  scoredLibrary_ = libraryId;
+  blockCount_ = count;
+}
+
+void LsPixelProcessor::Candidates(int slot, const LsLibrary& library, std::vector<int>& out,
+                                  double& confidence) {
+  const int signals = library.GetNumberOfSignals();
+  const int stride = library.GetStride();
+  const LsSearchMode mode = static_cast<LsSearchMode>(board_->searchMode);
+  const bool fast = mode == LsSearchMode::Fast;
+  // Scores along the grid searched first: every signal, or the coarse grid of the fast search
+  // (where the neighbour along variable 1 is `stride` entries away as well).
+  const int count = fast ? library.GetNumberOfCoarseSignals() : signals;
+  // The scores once (|.| from the squared magnitude, which is cheaper than std::abs).
+  double* scores = scores_.data();
+  const std::size_t at = static_cast<std::size_t>(slot) * count;
+  if (mode == LsSearchMode::MagOnly) {
+    std::copy(merit_.data() + at, merit_.data() + at + count, scores);
+  } else {
+    const cd* values = (fast ? coarseCorrelations_.data() : correlations_.data()) + at;
+    for (int i = 0; i < count; ++i)
+      scores[i] = std::sqrt(std::norm(values[i]));
+  }
+  auto score = [scores](int i) { return scores[i]; };
+
+  Interval intervals[64];
+  int found = 0;
+  int best = -1;
+  double bestScore = -std::numeric_limits<double>::infinity();
+  for (int i = 0; i < count; ++i) {
+    const double v = score(i);
+    const double left = i - stride >= 0 ? score(i - stride) : -std::numeric_limits<double>::infinity();
+    const double right = i + stride < count ? score(i + stride) : -std::numeric_limits<double>::infinity();
+    if (!(v >= left && v > right)) continue;
+    if (v > bestScore) {
+      bestScore = v;
+      best = found < 64 ? found : 63;
+    }
+    if (found < 64) {
+      intervals[found++] = {v, i};
+    } else if (v > intervals[63].score) {
+      intervals[63] = {v, i};
+    }
+  }
+  out.clear();
+  confidence = 0.0;
+  if (best < 0) return;
+  std::swap(intervals[0], intervals[best]);
+  std::stable_sort(intervals + 1, intervals + found,
+                   [](const Interval& a, const Interval& b) { return a.score > b.score; });
+  const double second = found > 1 ? intervals[1].score : 0.0;
+  confidence = bestScore > 0.0 ? std::clamp((bestScore - second) / bestScore, 0.0, 1.0) : 0.0;
+
+  const int cap = board_->useAggressiveExclusion ? 2 : 6;
+  const double bound = board_->intervalConsiderationFactor * (1.0 - bestScore);
+  for (int c = 0; c < found && static_cast<int>(out.size()) < cap; ++c) {
+    if (c > 0 && !board_->useFullCorrelation && 1.0 - intervals[c].score > bound) break;
+    int signal = fast ? library.GetCoarseSignal(intervals[c].signal) : intervals[c].signal;
+    if (fast) {
+      // Dense search of variable 1 within one coarse step either side, at the same variable 2.
+      const cd* d = features_.data() + static_cast<std::size_t>(slot) * (band_ - 1);
+      double top = -1.0;
+      const int centre = signal;
+      for (int o = -kFastHalfWidth; o <= kFastHalfWidth; ++o) {
+        const int s = centre + o * stride;
+        if (s < 0 || s >= signals) continue;
+        const cd* l = library.GetFeaturesConj(s);
+        cd sum = 0.0;
+        for (int k = 0; k + 1 < band_; ++k)
+          sum += d[k] * l[k];
+        const double v = std::abs(sum);
+        if (v > top) {
+          top = v;
+          signal = s;
+        }
+      }
+    }
+    out.push_back(signal);
+  }
+}
+
+double LsPixelProcessor::StartHeight(int slot, const LsLibrary& library, int signal) const {
+  const cd* m = spectra_.data() + static_cast<std::size_t>(slot) * band_;
+  const cd* l = library.GetBand(signal);
+  // Phase step from one bin to the next of M conj(L): exp(-i 2π h / N).
+  cd sum = 0.0;
+  cd previous = m[0] * std::conj(l[0]);
+  for (int k = 1; k < band_; ++k) {
+    const cd p = m[k] * std::conj(l[k]);
+    sum += p * std::conj(previous);
+    previous = p;
+  }
+  return -std::arg(sum) * n_ / (2.0 * std::numbers::pi);
+}
+
+LsPixelProcessor::Fit LsPixelProcessor::FullFit(int slot, const LsLibrary& library, int signal, double h0,
+                                                bool onFringe) const {
+  const cd* m = spectra_.data() + static_cast<std::size_t>(slot) * band_;
+  const cd* l = library.GetBand(signal);
+  const double norm = norms_[static_cast<std::size_t>(slot)] * library.GetBandNorm(signal);
+  Fit fit;
+  if (!(norm > 0.0)) return fit;
+  cd p[512];
+  const int w = std::min(band_, 512);
+  double weight = 0.0, centroid = 0.0;
+  for (int k = 0; k < w; ++k) {
+    p[k] = m[k] * std::conj(l[k]);
+    const double a = std::abs(p[k]);
+    weight += a;
+    centroid += a * omega_[static_cast<std::size_t>(k)];
+  }
+  if (!(weight > 0.0)) return fit;
+  centroid /= weight;
+  const double step = 2.0 * std::numbers::pi / n_;
+  // C(h) and its first two derivatives in h, by a rotation recurrence over the band.
+  auto evaluate = [&](double h, cd& c0, cd& c1, cd& c2) {
+    cd e = std::polar(1.0, omega_[0] * h);
+    const cd rotation = std::polar(1.0, step * h);
+    c0 = c1 = c2 = 0.0;
+    for (int k = 0; k < w; ++k) {
+      const cd t = p[k] * e;
+      const double om = omega_[static_cast<std::size_t>(k)];
+      c0 += t;
+      c1 += om * t;
+      c2 += om * om * t;
+      e *= rotation;
+    }
+  };
+  cd c0, c1, c2;
+  auto newton = [&](double h, int steps) {
+    for (int it = 0; it < steps; ++it) {
+      evaluate(h, c0, c1, c2);
+      const double slope = -c1.imag(), curvature = -c2.real();
+      if (!(curvature < 0.0)) break;
+      h -= slope / curvature;
+    }
+    evaluate(h, c0, c1, c2);
+    return h;
+  };
+  if (!onFringe) {
+    evaluate(h0, c0, c1, c2);
+    h0 -= std::arg(c0) / centroid;
+  }
+  fit.height = newton(h0, onFringe ? 2 : 3);
+  double bestValue = c0.real();
+  if (!onFringe) {
+    // The neighbouring fringe orders: the one of largest Re C is the least-squares height.
+    const double fringe = 2.0 * std::numbers::pi / centroid;
+    for (int order : {-1, 1}) {
+      evaluate(fit.height + order * fringe, c0, c1, c2);
+      if (c0.real() <= bestValue) continue;
+      const double h = newton(fit.height + order * fringe, 3);
+      if (c0.real() > bestValue) {
+        bestValue = c0.real();
+        fit.height = h;
+      }
+    }
+  }
+  fit.merit = bestValue / norm;
+  return fit;
+}
+
+LsPixelProcessor::Result LsPixelProcessor::Refine(int slot, const LsLibrary& library, int signal) const {
+  const int signals = library.GetNumberOfSignals();
+  const int stride = library.GetStride();
+  Result result;
+  result.signal = signal;
+  double fraction = 0.0;
+  if (board_->searchMode == static_cast<int>(LsSearchMode::MagOnly)) {
+    const double* row = merit_.data() + static_cast<std::size_t>(slot) * signals;
+    result.merit = row[signal];
+    if (signal - stride >= 0 && signal + stride < signals)
+      fraction = Vertex(row[signal - stride], row[signal], row[signal + stride]);
+    result.height = StartHeight(slot, library, signal);
+  } else {
+    Fit centre = FullFit(slot, library, signal, StartHeight(slot, library, signal), false);
+    Fit left, right;
+    bool hasLeft = false, hasRight = false;
+    // Climb along variable 1 to the signal of highest merit (the candidate stage's best and the
+    // fit's best can differ by a step or two).
+    for (int move = 0; move < 8; ++move) {
+      hasLeft = signal - stride >= 0;
+      hasRight = signal + stride < signals;
+      if (hasLeft) left = FullFit(slot, library, signal - stride, centre.height, true);
+      if (hasRight) right = FullFit(slot, library, signal + stride, centre.height, true);
+      if (hasLeft && left.merit > centre.merit && (!hasRight || left.merit >= right.merit)) {
+        signal -= stride;
+        centre = left;
+      } else if (hasRight && right.merit > centre.merit) {
+        signal += stride;
+        centre = right;
+      } else {
+        break;
+      }
+    }
+    result.signal = signal;
+    result.merit = centre.merit;
+    result.height = centre.height;
+    if (hasLeft && hasRight) {
+      fraction = Vertex(left.merit, centre.merit, right.merit);
+      const Fit& toward = fraction > 0.0 ? right : left;
+      result.height = centre.height + std::abs(fraction) * (toward.height - centre.height);
+      // The merit at the vertex of the parabola.
+      const double curvature = left.merit - 2.0 * centre.merit + right.merit;
+      result.merit =
+          centre.merit + 0.5 * (right.merit - left.merit) * fraction + 0.5 * curvature * fraction * fraction;
+    }
+  }
+  result.merit = std::clamp(result.merit, 0.0, 1.0);
+  result.thickness = library.GetA() + library.GetB() * (signal / stride + fraction);
+  return result;
+}
+
+LsPixelProcessor::Result LsPixelProcessor::MatchLibrary(int slot, int libraryId) {
+  const LsLibrary& library = board_->libraries.At(libraryId);
+  double confidence = 0.0;
+  Candidates(slot, library, candidates_, confidence);
+  Result best;
+  best.merit = -1.0;
+  for (int signal : candidates_) {
+    Result r = Refine(slot, library, signal);
+    if (r.merit > best.merit) best = r;
+  }
+  best.confidence = confidence;
+  best.library = libraryId;
+  return best;
+}
+
+void LsPixelProcessor::ProcessRow(int thread, int row, int colFirst, int colEnd, bool modulationOnly) {
+  const LsBoard& board = *board_;
+  const Analysis::Core::FrameBuffer& frames = *board.frameBuffer;
+  const int columns = frames.GetColumns();
+  const int framesStored = frames.GetFramesStored();
+  auto put = [row](Analysis::Core::DoubleMatrix2D* map, int col, double value) {
+    if (map) (*map)(row, col) = value;
+  };
+  int columnOf[kBlock];
+  for (int c0 = colFirst; c0 < colEnd; c0 += kBlock) {
+    const int c1 = std::min(colEnd, c0 + kBlock);
+    int count = 0;
+    for (int col = c0; col < c1; ++col) {
+      const int pixel = row * columns + col;
+      const double* trace = board_->frameBuffer->ExtractIndex<double>(thread, pixel);
+      double mean = 0.0, low = trace[0], high = trace[0];
+      for (int j = 0; j < framesStored; ++j) {
+        mean += trace[j];
+        low = std::min(low, trace[j]);
+        high = std::max(high, trace[j]);
+      }
+      mean /= framesStored;
+      const double modulation = mean > 0.0 ? 100.0 * std::max(high - mean, mean - low) / mean : 0.0;
+      put(board.modulationMap, col, modulation);
+      if (modulationOnly) continue;
+      int libraryId = -1;
+      if (board.searchRegions) {
+        const int id = (*board.searchRegions)(row, col);
+        if (!Analysis::Core::RegionIdMatrix2D::IsValid(id)) {
+          libraryId = -2;
+        } else if (!board.regionAssociations.IsEmpty()) {
+          libraryId = board.regionAssociations.Find(id);
+          if (libraryId < 0)
+            throw Status(0, StatusCode::kNoData, __LINE__, kSource, "Key not found: this should never occur");
+          if (libraryId >= board.libraries.Size())
+            throw Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+                         "Cannot find a library with the given id");
+        }
+      }
+      if (libraryId == -2 || modulation < board.modulationThreshold) {
+        for (auto* map : {board.heightMap, board.thicknessMap, board.metricMap, board.confidenceMap,
+                          board.bestLibraryIdMap, board.bestSignalIdMap})
+          put(map, col, kNoData);
+        continue;
+      }
+      LoadPixel(thread, pixel, count);
+      libraryOf_[static_cast<std::size_t>(count)] = libraryId;
+      columnOf[count++] = col;
+    }
+    if (modulationOnly || count == 0) continue;
+
+    Result results[kBlock];
+    for (int s = 0; s < count; ++s)
+      results[s].merit = -1.0;
+    for (int l = 0; l < board.libraries.Size(); ++l) {
+      if (board.libraries.At(l).GetNumberOfSignals() == 0) continue;
+      bool needed = false;
+      for (int s = 0; s < count && !needed; ++s)
+        needed =
+            libraryOf_[static_cast<std::size_t>(s)] == -1 || libraryOf_[static_cast<std::size_t>(s)] == l;
+      if (!needed) continue;
+      CandidateScores(l, count);
+      for (int s = 0; s < count; ++s) {
+        const int wanted = libraryOf_[static_cast<std::size_t>(s)];
+        if (wanted != -1 && wanted != l) continue;
+        const Result r = MatchLibrary(s, l);
+        if (r.merit > results[s].merit) results[s] = r;
+      }
+    }
+    for (int s = 0; s < count; ++s) {
+      const int col = columnOf[s];
+      const Result& r = results[s];
+      const bool valid = r.signal >= 0 && r.merit >= board.correlationThreshold;
+      put(board.heightMap, col, valid ? r.height : kNoData);
+      put(board.thicknessMap, col, valid ? r.thickness : kNoData);
+      put(board.metricMap, col, valid ? r.merit : kNoData);
+      put(board.confidenceMap, col, valid ? r.confidence : kNoData);
+      put(board.bestLibraryIdMap, col, valid ? r.library : kNoData);
+      put(board.bestSignalIdMap, col, valid ? r.signal : kNoData);
+    }
+  }
+}
+
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search

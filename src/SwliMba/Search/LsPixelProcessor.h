@@ -1,0 +1,116 @@
+#pragma once
+
+#include <complex>
+#include <vector>
+
+#include "Analysis/Core/Fft1DReal.h"
+#include "Analysis/Core/Status.h"
+#include "SwliMba/Search/LsBoard.h"
+
+namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search {
+
+// LsPixelProcessor
+//
+// Matches the scan traces of pixels against the library signals; one processor per worker thread,
+// holding all its working arrays (sized once in `Init`).
+//
+// Signal. A pixel's trace (one sample per frame, reversed for scan direction -1) loses its mean
+// and is transformed with the library's transform length N = 2 (bins - 1) (a shorter trace is
+// padded with zeros, a longer one cut). Only the band of bins that carry signal (see
+// LsPerfectMirrorSignal) is compared. A surface h frames higher than the library's shifts the
+// trace by h frames, which multiplies bin j by exp(-i ω_j h), ω_j = 2π j / N; with a gain G:
+//
+//   M_j = G · L_j · exp(-i ω_j h).
+//
+// Candidate stage (which signals come into question). The products of neighbouring bins
+// D_j = M_{j+1} conj(M_j) lose everything of the shift but a common factor exp(-i 2π h / N), so
+// |<D_M, D_L>| / (|D_M| |D_L|) compares the shape of the two spectra, phase included, whatever the
+// height, and the phase of <D_M, D_L> gives the height to a fraction of a frame. For a block of
+// pixels against a library this is one complex matrix product ("Linear"); "Fast" computes it on a
+// coarse grid of variable 1 (every eighth value) and then densely around the best coarse
+// intervals only; "MagOnly" correlates the normalised spectral magnitudes instead (a real matrix
+// product, blind to the spectral phase).
+//
+// Candidates are the local maxima of that score along variable 1 ("intervals"). The best one is
+// taken (strict greater-than, the first on a tie), and the others are considered further when
+// their shortfall 1 - score is at most the interval consideration factor times the best one's
+// (with full correlation, all of them); aggressive exclusion keeps at most 2, otherwise 6.
+//
+// Fit stage (Linear and Fast). For a candidate signal the least-squares gain and height of the
+// model above maximise Re C(h), C(h) = Σ_j M_j conj(L_j) exp(i ω_j h). Starting from the
+// candidate stage's height, the phase of C at the band's centroid frequency puts h on a fringe,
+// three Newton steps on Re C converge it, and the neighbouring fringe orders are tried too. The
+// merit is Re C(h) / (|M| |L|): the normalised correlation of the measured and the fitted
+// spectrum, 1 for a perfect match, clamped to [0, 1]. The fit climbs along variable 1 to the
+// signal of highest merit, and a parabola through that merit and its two neighbours gives the
+// fractional index of variable 1 (thickness) and, interpolated the same way, the height.
+// MagOnly takes the magnitude score as merit and the height from the phase slope,
+// arg Σ P_{j+1} conj(P_j) with P_j = M_j conj(L_j).
+//
+// Confidence: how far the chosen interval stands out, (s1 - s2) / s1 with s1 and s2 the
+// candidate-stage scores of the best and the next interval (1 when there is no other).
+//
+// Modulation: 100 × the largest deviation of the trace from its mean, divided by the mean (the
+// fringe contrast in percent); pixels below the modulation threshold get no result.
+class LsPixelProcessor {
+ public:
+  static constexpr const char* kSource = "SwliMba\\Search\\LsPixelProcessor";
+  static constexpr int kBlock = 64;  // pixels matched together (one matrix product)
+
+  struct Result {
+    double height = 0.0;     // frames, up along the scan
+    double thickness = 0.0;  // a + b · fractional variable-1 index
+    double merit = 0.0;
+    double confidence = 0.0;
+    int library = -1;
+    int signal = -1;
+  };
+
+  // Sizes the working arrays for the board's libraries (already prepared for the band).
+  bool Init(const LsBoard& board, int firstBin, int lastBin);
+
+  // Processes pixels [colFirst, colEnd) of one row of the frame-buffer window and writes the maps
+  // that are set. `thread` selects the frame buffer's scratch.
+  void ProcessRow(int thread, int row, int colFirst, int colEnd, bool modulationOnly);
+
+  // The result of one pixel's spectrum against one library (exposed for tests).
+  Result MatchLibrary(int pixelInBlock, int libraryId);
+
+  const Analysis::Core::Status& GetStatus() const { return status_; }
+
+ private:
+  struct Fit {
+    double merit = -1.0;
+    double height = 0.0;
+  };
+
+  void LoadPixel(int thread, int pixel, int slot);
+  void CandidateScores(int libraryId, int count);
+  void Candidates(int slot, const LsLibrary& library, std::vector<int>& out, double& confidence);
+  // The least-squares height from h0; `onFringe`: h0 already lies on the right fringe (a
+  // neighbouring signal's height), so neither the fringe nor its neighbours are searched.
+  Fit FullFit(int slot, const LsLibrary& library, int signal, double h0, bool onFringe) const;
+  double StartHeight(int slot, const LsLibrary& library, int signal) const;
+  Result Refine(int slot, const LsLibrary& library, int signal) const;
+
+  const LsBoard* board_ = nullptr;
+  Analysis::Core::Fft1DReal fft_;
+  int n_ = 0, first_ = 0, band_ = 0;
+  std::vector<double> omega_;  // ω_j of the band's bins, rad per frame
+  // Per pixel of the block: band spectrum, norm, features, magnitudes, modulation.
+  std::vector<std::complex<double>> spectra_, features_;
+  std::vector<double> norms_, magnitudes_, modulation_;
+  std::vector<int> libraryOf_;  // -2: not matched; -1: all libraries; else the one library
+  // Candidate-stage scores of the block against one library (complex for the feature products).
+  std::vector<std::complex<double>> correlations_;
+  std::vector<double> merit_;
+  std::vector<std::complex<double>> coarseCorrelations_;
+  std::vector<int> candidates_;
+  std::vector<double> scores_;                     // candidate-stage scores of one pixel
+  std::vector<std::complex<double>> denseScores_;  // fast search, dense values around an interval
+  int scoredLibrary_ = -1;
+  int blockCount_ = 0;
+  Analysis::Core::Status status_{__LINE__, kSource};
+};
+
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search

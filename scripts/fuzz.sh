@@ -12,7 +12,7 @@ mode="${1:-fuzz}"
 scripts/deps.sh --fuzz
 dir=build-fuzz
 harnesses=(tiff_reader_fuzzer converter_generator_fuzzer kinephase_fuzzer align_spot_detector_fuzzer
-           swli_phase_generator_fuzzer)
+           swli_phase_generator_fuzzer film_stack_json_fuzzer)
 CC=clang-14 CXX=clang++-14 cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUARN_FUZZ=ON \
   -DQUARN_BUILD_TESTS=OFF -DQUARN_BUILD_BENCHMARKS=OFF -DQUARN_WARNINGS_AS_ERRORS=OFF >/dev/null
 cmake --build "$dir" -j"$(nproc)" --target "${harnesses[@]}"

@@ -11,9 +11,9 @@
 
 #include "Analysis/Core/Threading/CpuCounter.h"
 #include "Swli/CoherenceDiscriminator.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticScan.h"
 #include "Testing/MemoryBandwidth.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticScan.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 
 #include <gtest/gtest.h>
 
-#include "Testing/ImageEquivalence.h"
 #include "Synthetic/SampleStore.h"
 #include "Synthetic/SeededRandom.h"
 #include "Synthetic/SyntheticScan.h"
+#include "Testing/ImageEquivalence.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 namespace {

@@ -12,9 +12,9 @@
 #include "Analysis/Core/NoData.h"
 #include "Analysis/Core/UnitNumber.h"
 #include "Swli/PhaseGenerator.h"
-#include "Testing/ImageEquivalence.h"
 #include "Synthetic/SeededRandom.h"
 #include "Synthetic/SyntheticScan.h"
+#include "Testing/ImageEquivalence.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 namespace {

@@ -20,8 +20,8 @@
 #include "Swli/PhaseAlgorithmFda.h"
 #include "Swli/PhaseGenerator.h"
 #include "Swli/SubsampledEvaluation.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticScan.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticScan.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 namespace {

@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Testing/SeededRandom.h"
+#include "Synthetic/SeededRandom.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search {
 namespace {

@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "SwliMba/Search/LibrarySearch.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticFilm.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticFilm.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include "SwliMba/LibDef/Library.h"
 #include "SwliMba/LibDef/LibraryJson.h"
 #include "SwliMba/LibGen/LibraryGenerator.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticFilm.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticFilm.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search {
 namespace {

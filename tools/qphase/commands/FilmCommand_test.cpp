@@ -15,7 +15,7 @@
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "CliTestFixture.h"
-#include "Testing/SeededRandom.h"
+#include "Synthetic/SeededRandom.h"
 #include "TiffIO.h"
 #include "commands/FilmLibrary.h"
 

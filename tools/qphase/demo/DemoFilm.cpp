@@ -23,8 +23,8 @@
 #include "SwliMba/LibDef/LibraryJson.h"
 #include "SwliMba/LibGen/LibraryGenerator.h"
 #include "SwliMba/Search/LibrarySearch.h"
-#include "Testing/SeededRandom.h"
-#include "Testing/SyntheticFilm.h"
+#include "Synthetic/SeededRandom.h"
+#include "Synthetic/SyntheticFilm.h"
 #include "TiffIO.h"
 
 namespace Quarn::Qphase {

@@ -1,4 +1,4 @@
-#include "Testing/SyntheticFilm.h"
+#include "Synthetic/SyntheticFilm.h"
 
 #include <algorithm>
 #include <cmath>

@@ -11,6 +11,20 @@ elseif(NOT QUARN_SANITIZE STREQUAL "")
   message(FATAL_ERROR "QUARN_SANITIZE must be empty, 'address' or 'thread', not '${QUARN_SANITIZE}'")
 endif()
 
+# A fuzzing build instruments everything for libFuzzer's coverage and checks it with ASan + UBSan;
+# only the harnesses link libFuzzer's driver (fuzz/CMakeLists.txt).
+if(QUARN_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "QUARN_FUZZ needs clang (libFuzzer), e.g. -DCMAKE_CXX_COMPILER=clang++-14")
+  endif()
+  if(NOT QUARN_SANITIZE STREQUAL "")
+    message(FATAL_ERROR "QUARN_FUZZ brings its own sanitizers; leave QUARN_SANITIZE empty")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
+                      -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
 # Warnings for code we own; third-party headers are pulled in as SYSTEM by their imported targets.
 function(quarn_target_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic)

@@ -31,7 +31,12 @@ int main(int argc, char** argv) {
   } catch (const CLI::CallForVersion& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
-    app.exit(e);  // prints the message and the usage hint
+    // Worded as every other failure: "qphase CMD: error: ...", naming the option and the rule.
+    std::string name;
+    for (int i = 1; i < argc && name.empty(); ++i)
+      if (subcommands.count(argv[i])) name = argv[i];
+    std::fprintf(stderr, "qphase%s%s: error: %s\nRun with --help for more information.\n",
+                 name.empty() ? "" : " ", name.c_str(), e.what());
     return kExitUsage;
   }
   for (const auto& [name, sub] : subcommands) {

@@ -9,6 +9,7 @@
 #include <memory>
 #include <numbers>
 #include <string>
+#include <utility>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/Fft2D.h"
@@ -88,10 +89,11 @@ double RunPipeline(const CarrierOptions& options, Core::FrameBuffer& frames, Cor
 int RunCarrier(const CarrierOptions& options) {
   // Outputs are named before any work, so a clash between them is refused at once.
   OutputFiles outputs;
-  const std::string phasePath = outputs.Stage(options.phaseOut, "-o");
-  const std::string modulationPath =
-      options.modulationOut.empty() ? std::string() : outputs.Stage(options.modulationOut, "--modulation");
-  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut, "--png");
+  outputs.ProtectInput(options.frame);
+  WriteTarget phaseFile = outputs.Stage(options.phaseOut, "-o");
+  WriteTarget modulationFile =
+      options.modulationOut.empty() ? WriteTarget() : outputs.Stage(options.modulationOut, "--modulation");
+  WriteTarget pngFile = options.pngOut.empty() ? WriteTarget() : outputs.Stage(options.pngOut, "--png");
 
   Core::FrameBuffer frames;
   const TiffStackInfo info = ReadTiffStack(options.frame, frames);
@@ -102,21 +104,22 @@ int RunCarrier(const CarrierOptions& options) {
   if (options.maxValue > 0) frames.SetMaxValue(options.maxValue);
 
   Core::DoubleMatrix2D phase, modulation;
-  const double seconds = RunPipeline(options, frames, phase, modulationPath.empty() ? nullptr : &modulation);
+  const double seconds =
+      RunPipeline(options, frames, phase, options.modulationOut.empty() ? nullptr : &modulation);
 
   std::int64_t validPixels = 0;
   // The modulation map and the preview are written on a second thread while this one writes the phase.
   std::future<void> others = std::async(std::launch::async, [&] {
     validPixels = phase.CountValid();
-    if (!modulationPath.empty()) WriteFloatTiff(modulationPath, modulation);
-    if (!pngPath.empty()) {
-      WritePreviewPng(pngPath, phase,
+    if (modulationFile) WriteFloatTiff(std::move(modulationFile), modulation);
+    if (pngFile) {
+      WritePreviewPng(std::move(pngFile), phase,
                       PreviewStyle{"carrier phase", "rad", true, -std::numbers::pi, std::numbers::pi});
     }
   });
   std::exception_ptr failure;
   try {
-    WriteFloatTiff(phasePath, phase);
+    WriteFloatTiff(std::move(phaseFile), phase);
   } catch (...) {
     failure = std::current_exception();
   }
@@ -135,8 +138,7 @@ int RunCarrier(const CarrierOptions& options) {
 std::function<int()> SetupCarrier(CLI::App& app) {
   auto options = std::make_shared<CarrierOptions>();
   app.add_option("frame", options->frame, "One-page TIFF (8- or 16-bit grayscale) of carrier fringes")
-      ->required()
-      ->check(CLI::ExistingFile);
+      ->required();
   app.add_option("-o,--output", options->phaseOut,
                  "Phase map to write: 32-bit float TIFF, radians, NaN = no data")
       ->required();
@@ -145,7 +147,7 @@ std::function<int()> SetupCarrier(CLI::App& app) {
   app.add_option("--quadrant", options->quadrant,
                  "Quadrant of the frequency plane holding the carrier lobe to keep: 1 right-up, 2 left-up, "
                  "3 left-down, 4 right-down")
-      ->check(CLI::IsMember({1, 2, 3, 4}))
+      ->check(WholeNumberFrom(1, 4))
       ->capture_default_str();
   app.add_option("--pixels-per-fringe", options->pixelsPerFringe, "Carrier period in pixels (3 or more)")
       ->check(WholeNumberFrom(3, 1 << 20))

@@ -25,6 +25,13 @@ bool ParseNumber(const std::string& text, double& value) {
   return end == text.c_str() + text.size() && errno == 0 && std::isfinite(value);
 }
 
+// A whole number written as digits with an optional sign ("12", "-2"); "1e2" and "12.0" are not,
+// whatever their value, since the option's value is then converted as an integer.
+bool IsIntegerText(const std::string& text) {
+  const std::size_t digits = !text.empty() && (text[0] == '-' || text[0] == '+') ? 1 : 0;
+  return text.size() > digits && text.find_first_not_of("0123456789", digits) == std::string::npos;
+}
+
 // The refusal of `text`: what was given and what is needed. NaN and infinities are named as such,
 // since NaN passes every check made of comparisons.
 std::string Refusal(const std::string& text, const std::string& needed) {
@@ -33,7 +40,7 @@ std::string Refusal(const std::string& text, const std::string& needed) {
   if (!text.empty() && end == text.c_str() + text.size() && !std::isfinite(value)) {
     return text + " is not a finite number; " + needed + " is needed";
   }
-  return "got " + text + "; " + needed + " is needed";
+  return "got " + (text.empty() ? std::string("an empty value") : text) + "; " + needed + " is needed";
 }
 
 }  // namespace
@@ -43,7 +50,7 @@ CLI::Validator WholeNumberFrom(long lo, long hi) {
   return CLI::Validator(
       [lo, hi, needed](std::string& text) -> std::string {
         double value = 0.0;
-        if (ParseNumber(text, value) && value == std::floor(value) && value >= static_cast<double>(lo) &&
+        if (IsIntegerText(text) && ParseNumber(text, value) && value >= static_cast<double>(lo) &&
             value <= static_cast<double>(hi)) {
           return "";
         }
@@ -92,6 +99,19 @@ CLI::Validator FiniteNumber() {
         return ParseNumber(text, value) ? "" : Refusal(text, "a finite number");
       },
       "NUMBER");
+}
+
+CLI::Validator OneOf(std::vector<std::string> allowed, const std::string& needed) {
+  std::string names;
+  for (const std::string& name : allowed)
+    names += (names.empty() ? "" : ", ") + name;
+  return CLI::Validator(
+      [allowed, needed](std::string& text) -> std::string {
+        for (const std::string& name : allowed)
+          if (text == name) return "";
+        return Refusal(text, needed);
+      },
+      "{" + names + "}");
 }
 
 void AddMaxValueOption(CLI::App& app, int& maxValue) {

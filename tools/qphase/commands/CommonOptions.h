@@ -3,6 +3,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <string>
+#include <vector>
+
 namespace Quarn::Qphase {
 
 // --max-value N: the camera's saturation level in counts, from 1 to 65535, for a camera that clips
@@ -23,5 +26,7 @@ CLI::Validator NumberAbove(double bound);
 CLI::Validator NumberAtLeast(double bound);
 // Any finite number ("nan" and "inf" are refused by name).
 CLI::Validator FiniteNumber();
+// One of the texts in `allowed`, exactly; `needed` says which in the refusal ("1 or -1").
+CLI::Validator OneOf(std::vector<std::string> allowed, const std::string& needed);
 
 }  // namespace Quarn::Qphase

@@ -63,12 +63,21 @@ struct DemoOptions {
 };
 
 int RunDemo(const DemoOptions& options) {
+  // The section is checked before the output folder is made: a misspelt name leaves nothing behind.
+  const std::vector<DemoSection> sections = RegisteredDemoSections();
+  if (!options.only.empty() && std::none_of(sections.begin(), sections.end(),
+                                            [&](const DemoSection& s) { return s.name == options.only; })) {
+    std::string names;
+    for (const DemoSection& section : sections)
+      names += (names.empty() ? "" : ", ") + section.name;
+    throw UsageError("--only: no demo section is called '" + options.only + "'; the sections are " + names);
+  }
   MakeDirectories(options.outDir);
   DemoContext context;
   context.outDir = options.outDir;
   context.size = options.size;
   int ran = 0;
-  for (const DemoSection& section : RegisteredDemoSections()) {
+  for (const DemoSection& section : sections) {
     if (!options.only.empty() && section.name != options.only) continue;
     std::printf("running %s ...\n", section.name.c_str());
     std::fflush(stdout);

@@ -92,15 +92,18 @@ int RunFilm(const FilmOptions& options) {
     throw UsageError(options.stack.empty() ? "--stack or --library is required"
                                            : "--stack and --library exclude each other");
   OutputFiles outputs;
-  const std::string heightPath = outputs.Stage(options.heightOut, "-o");
+  outputs.ProtectInput(options.scan);
+  if (!options.library.empty()) outputs.ProtectInput(options.library, "--library");
+  if (!options.stack.empty()) outputs.ProtectInput(options.stack, "--stack");
+  WriteTarget heightFile = outputs.Stage(options.heightOut, "-o");
   auto stage = [&](const std::string& path, const char* what) {
-    return path.empty() ? std::string() : outputs.Stage(path, what);
+    return path.empty() ? WriteTarget() : outputs.Stage(path, what);
   };
-  const std::string thicknessPath = stage(options.thicknessOut, "--thickness");
-  const std::string variable2Path = stage(options.variable2Out, "--variable2");
-  const std::string meritPath = stage(options.meritOut, "--merit");
-  const std::string pngPath = stage(options.pngOut, "--png");
-  const std::string jsonPath = stage(options.jsonOut, "--json");
+  WriteTarget thicknessFile = stage(options.thicknessOut, "--thickness");
+  WriteTarget variable2File = stage(options.variable2Out, "--variable2");
+  WriteTarget meritFile = stage(options.meritOut, "--merit");
+  WriteTarget pngFile = stage(options.pngOut, "--png");
+  WriteTarget jsonFile = stage(options.jsonOut, "--json");
 
   Core::CTimer timer;
   Core::FrameBuffer frames;
@@ -194,14 +197,15 @@ int RunFilm(const FilmOptions& options) {
                         " % of its mean level, unsaturated, with a merit of at least " +
                         std::to_string(options.correlationThreshold) + "; nothing written");
 
-  WriteFloatTiff(heightPath, height);
-  if (!thicknessPath.empty()) WriteFloatTiff(thicknessPath, thickness);
-  if (!variable2Path.empty()) WriteFloatTiff(variable2Path, variable2);
-  if (!meritPath.empty()) WriteFloatTiff(meritPath, merit);
-  if (!pngPath.empty())
-    WritePreviewPng(pngPath, thickness, PreviewStyle{info.variable1.kind, unit1 > 1.0 ? "nm" : ""});
+  WriteFloatTiff(std::move(heightFile), height);
+  if (thicknessFile) WriteFloatTiff(std::move(thicknessFile), thickness);
+  if (variable2File) WriteFloatTiff(std::move(variable2File), variable2);
+  if (meritFile) WriteFloatTiff(std::move(meritFile), merit);
+  if (pngFile)
+    WritePreviewPng(std::move(pngFile), thickness,
+                    PreviewStyle{info.variable1.kind, unit1 > 1.0 ? "nm" : ""});
   const double fraction = static_cast<double>(valid) / (static_cast<double>(scan.rows) * scan.cols);
-  if (!jsonPath.empty()) {
+  if (jsonFile) {
     nlohmann::json summary = {{"scan", options.scan},
                               {"rows", scan.rows},
                               {"columns", scan.cols},
@@ -213,9 +217,7 @@ int RunFilm(const FilmOptions& options) {
                               {"valid_fraction", fraction},
                               {"mean_variable1", sumThickness / static_cast<double>(valid)},
                               {"search_seconds", seconds}};
-    std::ofstream out(jsonPath);
-    out << summary.dump(2) << "\n";
-    if (!out) throw UsageError(options.jsonOut + ": cannot be written");
+    WriteBytes(std::move(jsonFile), summary.dump(2) + "\n");
   }
   outputs.Commit();
   Core::debug_printf("qphase film: files written: %g ms\n", timer.Restart() / 1000.0);

@@ -29,7 +29,7 @@ struct FilmLibraryOptions {
 
 int RunFilmLibrary(const FilmLibraryOptions& options) {
   OutputFiles outputs;
-  const std::string path = outputs.Stage(options.out, "-o");
+  WriteTarget libraryFile = outputs.Stage(options.out, "-o");
   Core::CTimer stage;
   const auto start = std::chrono::steady_clock::now();
   Core::DoubleMatrix2D matrix;
@@ -37,7 +37,7 @@ int RunFilmLibrary(const FilmLibraryOptions& options) {
   BuildFilmLibrary(options.stack, options.frames, options.scanStepNm, matrix, info);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   Core::debug_printf("qphase film-library: generated: %g ms\n", stage.Restart() / 1000.0);
-  WriteLibraryTiff(path, matrix, info);
+  WriteLibraryTiff(std::move(libraryFile), matrix, info);
   outputs.Commit();
   Core::debug_printf("qphase film-library: written: %g ms\n", stage.Restart() / 1000.0);
   std::printf("%s: %d signals (%s %d values", options.out.c_str(), matrix.GetRows(),

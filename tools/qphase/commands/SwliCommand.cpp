@@ -9,6 +9,7 @@
 #include <future>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "Analysis/Core/CTimer.h"
 #include "Analysis/Core/DebugChannel.h"
@@ -57,14 +58,21 @@ struct SwliOptions {
   int threads = -1;
 };
 
-// A finite length above zero. CLI11's own PositiveNumber names its range with the largest double
-// written out in full, some 300 digits.
+// The longest scan step taken: a millimetre. Far beyond any coherence scan, and small enough that
+// heights (frame number times step) stay finite floats.
+constexpr double kMaxScanStepNm = 1e6;
+
+// A finite length above zero, up to kMaxScanStepNm. CLI11's own PositiveNumber names its range with
+// the largest double written out in full, some 300 digits.
 const CLI::Validator kPositiveLength(
     [](std::string& text) {
       char* end = nullptr;
       const double value = std::strtod(text.c_str(), &end);
       const bool ok = end != text.c_str() && *end == '\0' && value > 0.0 && std::isfinite(value);
-      return ok ? std::string() : "must be a positive number of nanometres, not " + text;
+      if (!ok) return "must be a positive number of nanometres, not " + text;
+      if (value > kMaxScanStepNm)
+        return text + " nm is more than a millimetre; a scan step of at most 1000000 nanometres is needed";
+      return std::string();
     },
     "NM>0");
 
@@ -105,10 +113,11 @@ std::string SamplingText(const Swli::ScanSampling& sampling, const SwliOptions& 
 int RunSwli(const SwliOptions& options) {
   // Outputs are named before any work, so a clash between them is refused at once.
   OutputFiles outputs;
-  const std::string heightPath = outputs.Stage(options.heightOut, "-o");
-  const std::string intensityPath =
-      options.intensityOut.empty() ? std::string() : outputs.Stage(options.intensityOut, "--intensity");
-  const std::string pngPath = options.pngOut.empty() ? std::string() : outputs.Stage(options.pngOut, "--png");
+  outputs.ProtectInput(options.scan);
+  WriteTarget heightFile = outputs.Stage(options.heightOut, "-o");
+  WriteTarget intensityFile =
+      options.intensityOut.empty() ? WriteTarget() : outputs.Stage(options.intensityOut, "--intensity");
+  WriteTarget pngFile = options.pngOut.empty() ? WriteTarget() : outputs.Stage(options.pngOut, "--png");
 
   Core::CTimer stage;
   Core::FrameBuffer frames;
@@ -189,20 +198,12 @@ int RunSwli(const SwliOptions& options) {
   std::int64_t validPixels = 0;
   std::future<void> others = std::async(std::launch::async, [&] {
     validPixels = height.CountValid();
-    if (!intensityPath.empty()) {
-      Core::DoubleMatrix2D counts(info.rows, info.cols);
-      for (std::int64_t i = 0; i < counts.GetCount(); ++i) {
-        const int v = intensity.At(i);
-        counts.At(i) =
-            Core::IntMatrix2D::IsNoData(v) ? Core::DoubleMatrix2D::NoData() : static_cast<double>(v);
-      }
-      WriteFloatTiff(intensityPath, counts);
-    }
-    if (!pngPath.empty()) WritePreviewPng(pngPath, height, PreviewStyle{"height", "nm"});
+    if (intensityFile) WriteFloatTiff(std::move(intensityFile), intensity);
+    if (pngFile) WritePreviewPng(std::move(pngFile), height, PreviewStyle{"height", "nm"});
   });
   std::exception_ptr failure;
   try {
-    WriteFloatTiff(heightPath, height);
+    WriteFloatTiff(std::move(heightFile), height);
   } catch (...) {
     failure = std::current_exception();
   }
@@ -251,8 +252,7 @@ std::function<int()> SetupSwli(CLI::App& app) {
       "wavelength) is evaluated as interleaved subsamples of about four frames per fringe whose heights are "
       "averaged. Steps from about a fortieth to a fifth of the centre wavelength are evaluated.");
   app.add_option("scan", options->scan, "Multi-page TIFF, one 8- or 16-bit grayscale page per scan frame")
-      ->required()
-      ->check(CLI::ExistingFile);
+      ->required();
   app.add_option("-o,--output", options->heightOut,
                  "Height map to write: 32-bit float TIFF, nanometres, NaN = no data")
       ->required();
@@ -260,7 +260,7 @@ std::function<int()> SetupSwli(CLI::App& app) {
       ->required()
       ->check(kPositiveLength);
   app.add_option("--algorithm", options->algorithm, "centroid or fda")
-      ->check(CLI::IsMember({"centroid", "fda"}))
+      ->check(OneOf({"centroid", "fda"}, "centroid or fda"))
       ->capture_default_str();
   app.add_option("--intensity", options->intensityOut,
                  "Fringe-free intensity map to write (32-bit float TIFF, counts)");
@@ -280,7 +280,7 @@ std::function<int()> SetupSwli(CLI::App& app) {
          "--fringe-removal", options->fringeRemoval,
          "How the intensity is freed of fringes: standard (8 frames weighted 1 1 3 3 3 3 1 1 at the peak), "
          "64full (the mean of the 64-frame window) or none (no intensity map)")
-      ->check(CLI::IsMember({"none", "standard", "64full"}))
+      ->check(OneOf({"none", "standard", "64full"}, "none, standard or 64full"))
       ->capture_default_str();
   app.add_flag("--reverse", options->reverse,
                "The scan ran the other way: frame k was taken at (frames - k) x the scan step");

@@ -8,18 +8,16 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "InputFile.h"
 #include "OutputFiles.h"
 #include "ToolError.h"
+#include "detail/TiffFile.h"
 
 namespace Quarn::Qphase {
 
 namespace {
 
 constexpr const char* kFormat = "quarn film library";
-
-struct TiffCloser {
-  void operator()(TIFF* tiff) const { TIFFClose(tiff); }
-};
 
 nlohmann::json VariableJson(const LibraryVariable& v) {
   return {{"kind", v.kind}, {"layer", v.layer}, {"from", v.from}, {"step", v.step}, {"count", v.count}};
@@ -37,8 +35,7 @@ LibraryVariable ReadVariable(const nlohmann::json& j) {
 
 }  // namespace
 
-void WriteLibraryTiff(const std::string& path, const Core::DoubleMatrix2D& matrix,
-                      const LibraryFileInfo& info) {
+void WriteLibraryTiff(WriteTarget target, const Core::DoubleMatrix2D& matrix, const LibraryFileInfo& info) {
   nlohmann::json meta;
   meta["format"] = kFormat;
   meta["samples"] = info.samples;
@@ -55,9 +52,8 @@ void WriteLibraryTiff(const std::string& path, const Core::DoubleMatrix2D& matri
   meta["variable2"] = VariableJson(info.variable2);
   const std::string description = meta.dump();
 
-  const std::string shown = UserPath(path);
-  std::unique_ptr<TIFF, TiffCloser> tiff(TIFFOpen(path.c_str(), "w"));
-  if (!tiff) throw UsageError(shown + ": cannot be written as TIFF");
+  const std::string shown = target.Shown();
+  detail::TiffHandle tiff = detail::OpenTiffForWriting(target);
   TIFF* t = tiff.get();
   TIFFSetField(t, TIFFTAG_IMAGEWIDTH, static_cast<std::uint32_t>(matrix.GetColumns()));
   TIFFSetField(t, TIFFTAG_IMAGELENGTH, static_cast<std::uint32_t>(matrix.GetRows()));
@@ -72,19 +68,15 @@ void WriteLibraryTiff(const std::string& path, const Core::DoubleMatrix2D& matri
   for (int r = 0; r < matrix.GetRows(); ++r) {
     std::copy(matrix.Row(r), matrix.Row(r) + matrix.GetColumns(), row.begin());
     if (TIFFWriteScanline(t, row.data(), static_cast<std::uint32_t>(r), 0) < 0)
-      throw UsageError(shown + ": writing row " + std::to_string(r) + " failed");
+      throw UsageError(shown + ": writing row " + std::to_string(r) + " failed" +
+                       detail::TiffMessageSuffix());
   }
+  if (!TIFFFlush(t)) throw UsageError(shown + ": writing failed (disk full?)");
 }
 
 void ReadLibraryTiff(const std::string& path, Core::DoubleMatrix2D& matrix, LibraryFileInfo& info) {
-  FILE* probe = std::fopen(path.c_str(), "rb");
-  if (!probe) throw UsageError(path + ": " + std::strerror(errno));
-  std::fclose(probe);
-  TIFFSetWarningHandler(nullptr);
-  TIFFErrorHandler previous = TIFFSetErrorHandler(nullptr);
-  std::unique_ptr<TIFF, TiffCloser> tiff(TIFFOpen(path.c_str(), "r"));
-  TIFFSetErrorHandler(previous);
-  if (!tiff) throw UsageError(path + ": not a readable TIFF file");
+  InputFile file(path);
+  detail::TiffHandle tiff = detail::OpenTiffForReading(file);
   TIFF* t = tiff.get();
   std::uint32_t width = 0, height = 0;
   std::uint16_t bits = 0, format = SAMPLEFORMAT_UINT, samplesPerPixel = 1;
@@ -125,7 +117,7 @@ void ReadLibraryTiff(const std::string& path, Core::DoubleMatrix2D& matrix, Libr
                      " library too large");
   for (std::uint32_t r = 0; r < height; ++r) {
     if (TIFFReadScanline(t, matrix.Row(static_cast<int>(r)), r, 0) < 0)
-      throw UsageError(path + ": row " + std::to_string(r) + " cannot be read");
+      throw UsageError(path + ": row " + std::to_string(r) + " cannot be read" + detail::TiffMessageSuffix());
   }
 }
 

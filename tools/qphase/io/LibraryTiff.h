@@ -6,6 +6,8 @@
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 
+#include "OutputFiles.h"
+
 namespace Quarn::Qphase {
 
 namespace Core = ::Quarn::Metrology::Analysis::Core;
@@ -32,8 +34,7 @@ struct LibraryFileInfo {
 
 // Writes the library matrix (rows = signals, columns = 2 × bins) as a one-page 64-bit float
 // grayscale TIFF whose ImageDescription holds the information above as JSON.
-void WriteLibraryTiff(const std::string& path, const Core::DoubleMatrix2D& matrix,
-                      const LibraryFileInfo& info);
+void WriteLibraryTiff(WriteTarget target, const Core::DoubleMatrix2D& matrix, const LibraryFileInfo& info);
 
 // Reads such a file; a usage error (exit 2) names the file and what is wrong with it.
 void ReadLibraryTiff(const std::string& path, Core::DoubleMatrix2D& matrix, LibraryFileInfo& info);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 #include <vector>
 
 #include "Analysis/Core/NoData.h"
@@ -103,6 +104,10 @@ RgbImage RenderPreview(const Core::DataMatrix2D<double>& map, const PreviewStyle
     image.DrawText(labelLeft, barTop + barHeight / 2 + 12, style.unit, kInk);
   }
   return image;
+}
+
+void WritePreviewPng(WriteTarget target, const Core::DataMatrix2D<double>& map, const PreviewStyle& style) {
+  WritePng(std::move(target), RenderPreview(map, style));
 }
 
 void WritePreviewPng(const std::string& path, const Core::DataMatrix2D<double>& map,

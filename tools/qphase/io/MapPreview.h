@@ -29,6 +29,8 @@ inline constexpr Rgb kNoDataColour{150, 150, 150};
 RgbImage RenderPreview(const ::Quarn::Metrology::Analysis::Core::DataMatrix2D<double>& map,
                        const PreviewStyle& style);
 
+void WritePreviewPng(WriteTarget target, const ::Quarn::Metrology::Analysis::Core::DataMatrix2D<double>& map,
+                     const PreviewStyle& style);
 void WritePreviewPng(const std::string& path,
                      const ::Quarn::Metrology::Analysis::Core::DataMatrix2D<double>& map,
                      const PreviewStyle& style);

@@ -1,5 +1,7 @@
 #include "RgbImage.h"
 
+#include <unistd.h>
+
 #include <png.h>
 
 #include <cctype>
@@ -140,9 +142,18 @@ void RgbImage::DrawText(int x, int y, const std::string& text, Rgb colour, int s
 }
 
 void WritePng(const std::string& path, const RgbImage& image) {
-  const std::string shown = UserPath(path);
-  std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "wb"), &std::fclose);
-  if (!file) throw UsageError(shown + ": " + std::strerror(errno));
+  WritePng(WriteTarget::Create(path), image);
+}
+
+void WritePng(WriteTarget target, const RgbImage& image) {
+  const std::string shown = target.Shown();
+  const int fd = target.Release();
+  std::unique_ptr<FILE, int (*)(FILE*)> file(fdopen(fd, "wb"), &std::fclose);
+  if (!file) {
+    const int error = errno;
+    close(fd);
+    throw UsageError(shown + ": " + std::strerror(error));
+  }
   png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
   png_infop info = png ? png_create_info_struct(png) : nullptr;
   if (!png || !info) {

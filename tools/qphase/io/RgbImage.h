@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "OutputFiles.h"
+
 namespace Quarn::Qphase {
 
 struct Rgb {
@@ -45,6 +47,8 @@ class RgbImage {
 };
 
 // Writes an RGB PNG; throws a usage error when the file cannot be written.
+// The target is the file opened once (see OutputFiles::Stage); the path form creates the file.
+void WritePng(WriteTarget target, const RgbImage& image);
 void WritePng(const std::string& path, const RgbImage& image);
 
 }  // namespace Quarn::Qphase

@@ -1,6 +1,7 @@
 // Reading grayscale TIFF files: camera stacks and single images, and float maps.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "Analysis/Core/DataMatrix2D.h"
@@ -18,6 +19,17 @@ struct TiffStackInfo {
   int cols = 0;
   int bitsPerSample = 0;  // 8 or 16
 };
+
+// Every reader opens its file once (see InputFile: only a regular file is read) and checks each
+// page before anything of its size is allocated: its declared pixels must fit in what its strips
+// can hold at the best ratio its compression could reach, and in the frame-size limit below. A
+// warning of libtiff while pixels are decoded (libjpeg's "Corrupt JPEG data", a short strip) means
+// damaged data and fails the read; libtiff's words are part of the message.
+
+// The most pixels one page (frame, image or map) may have: 4096 x 4096 (16,777,216) unless the
+// environment variable QPHASE_MAX_FRAME_PIXELS gives another whole number. Throws a usage error when
+// that variable is set to anything else.
+std::int64_t MaxFramePixels();
 
 // Reads the layout and checks that every page is an 8- or 16-bit unsigned grayscale image of the
 // same size. Throws a usage error (exit 2) naming the file and the problem otherwise.

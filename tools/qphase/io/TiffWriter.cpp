@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Analysis/Core/NoData.h"
@@ -17,9 +18,9 @@ namespace Quarn::Qphase {
 
 namespace {
 
-using detail::OpenTiff;
-using detail::TiffErrorSuffix;
+using detail::OpenTiffForWriting;
 using detail::TiffHandle;
+using detail::TiffMessageSuffix;
 
 // Doubles to floats with no-data as NaN. The conversion is done for every element and the choice
 // made afterwards, which lets the compiler vectorise the loop (converting the no-data value itself
@@ -33,11 +34,19 @@ void ToFloatRow(const double* __restrict in, float* __restrict out, int count) {
   }
 }
 
-}  // namespace
+// An int map's row as floats: the int no-data value becomes NaN.
+void ToFloatRow(const int* __restrict in, float* __restrict out, int count) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  for (int c = 0; c < count; ++c)
+    out[c] = in[c] >= Core::kNoDataInt ? nan : static_cast<float>(in[c]);
+}
 
-void WriteFloatTiff(const std::string& path, const Core::DataMatrix2D<double>& map) {
-  TiffHandle tiff = OpenTiff(path, "w");
-  const std::string shown = UserPath(path);
+// Writes the rows of `map` as a 32-bit float TIFF, converted a strip at a time: no float (or double)
+// copy of the whole map is made.
+template <typename T>
+void WriteFloatRows(WriteTarget target, const Core::DataMatrix2D<T>& map) {
+  const std::string shown = target.Shown();
+  TiffHandle tiff = OpenTiffForWriting(target);
   const int rows = map.GetRows();
   const int cols = map.GetColumns();
   TIFFSetField(tiff.get(), TIFFTAG_IMAGEWIDTH, static_cast<std::uint32_t>(cols));
@@ -54,22 +63,35 @@ void WriteFloatTiff(const std::string& path, const Core::DataMatrix2D<double>& m
   std::vector<float> strip(static_cast<std::size_t>(rowsPerStrip) * static_cast<std::size_t>(cols));
   for (int top = 0, index = 0; top < rows; top += rowsPerStrip, ++index) {
     const int count = std::min(rowsPerStrip, rows - top);
-    for (int r = 0; r < count; ++r) {
-      const double* in = map.Row(top + r);
-      float* out = strip.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(cols);
-      ToFloatRow(in, out, cols);
-    }
+    for (int r = 0; r < count; ++r)
+      ToFloatRow(map.Row(top + r),
+                 strip.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(cols), cols);
     const tmsize_t bytes = static_cast<tmsize_t>(count) * cols * 4;
     if (TIFFWriteEncodedStrip(tiff.get(), static_cast<std::uint32_t>(index), strip.data(), bytes) != bytes) {
-      throw UsageError(shown + ": writing failed" + (TiffErrorSuffix()));
+      throw UsageError(shown + ": writing failed" + TiffMessageSuffix());
     }
   }
   if (!TIFFFlush(tiff.get())) throw UsageError(shown + ": writing failed (disk full?)");
 }
 
+}  // namespace
+
+void WriteFloatTiff(WriteTarget target, const Core::DataMatrix2D<double>& map) {
+  WriteFloatRows(std::move(target), map);
+}
+
+void WriteFloatTiff(WriteTarget target, const Core::DataMatrix2D<int>& map) {
+  WriteFloatRows(std::move(target), map);
+}
+
+void WriteFloatTiff(const std::string& path, const Core::DataMatrix2D<double>& map) {
+  WriteFloatRows(WriteTarget::Create(path), map);
+}
+
 void WriteTiffStack(const std::string& path, const Core::FrameBuffer& frames) {
-  TiffHandle tiff = OpenTiff(path, "w");
-  const std::string shown = UserPath(path);
+  WriteTarget target = WriteTarget::Create(path);
+  const std::string shown = target.Shown();
+  TiffHandle tiff = OpenTiffForWriting(target);
   const int bits = frames.GetElementRes() == Core::FrameBuffer::kRes8Bit ? 8 : 16;
   if (frames.GetElementRes() == Core::FrameBuffer::kRes32Bit)
     throw UsageError(shown + ": 32-bit stacks cannot be written");

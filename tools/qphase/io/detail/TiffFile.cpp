@@ -1,10 +1,11 @@
 #include "TiffFile.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <mutex>
 #include <optional>
 #include <utility>
@@ -16,16 +17,20 @@ namespace Quarn::Qphase::detail {
 
 namespace {
 
-// libtiff reports through global handlers; keep its last error for our messages and drop its
-// warnings (unknown tags and the like are no reason to bother a user).
-
+// libtiff reports through global handlers; its words go to the thread that called it, for the
+// message about that file. A warning is kept as well: while pixels are decoded, it is how libtiff
+// (and libjpeg under it) says that data is corrupt and was patched up.
 void CaptureError(const char* module, const char* format, va_list args) {
   char text[512];
   std::vsnprintf(text, sizeof text, format, args);
   LastTiffError() = module ? std::string(module) + ": " + text : std::string(text);
 }
 
-void IgnoreWarning(const char*, const char*, va_list) {}
+void CaptureWarning(const char* module, const char* format, va_list args) {
+  char text[512];
+  std::vsnprintf(text, sizeof text, format, args);
+  LastTiffWarning() = module ? std::string(module) + ": " + text : std::string(text);
+}
 
 // The handlers are process-wide and the files of one run are written from several threads: they are
 // installed once, before the first file is opened.
@@ -33,17 +38,22 @@ void InstallTiffHandlers() {
   static std::once_flag installed;
   std::call_once(installed, [] {
     TIFFSetErrorHandler(CaptureError);
-    TIFFSetWarningHandler(IgnoreWarning);
+    TIFFSetWarningHandler(CaptureWarning);
   });
 }
 
 // The width and height that a classic TIFF's first directory declares; nullopt when they cannot be
 // read. libtiff refuses a page without pixels while reading its directory, with a message about
 // strips; with this the user learns what is really wrong with the file.
-std::optional<std::pair<std::uint32_t, std::uint32_t>> DeclaredFirstPageSize(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
+std::optional<std::pair<std::uint32_t, std::uint32_t>> DeclaredFirstPageSize(int fd) {
+  off_t at = 0;
+  const auto read = [&](unsigned char* bytes, std::size_t count) {
+    const bool ok = pread(fd, bytes, count, at) == static_cast<ssize_t>(count);
+    at += static_cast<off_t>(count);
+    return ok;
+  };
   unsigned char header[8];
-  if (!in.read(reinterpret_cast<char*>(header), sizeof header)) return std::nullopt;
+  if (!read(header, sizeof header)) return std::nullopt;
   const bool little = header[0] == 'I' && header[1] == 'I';
   if (!little && !(header[0] == 'M' && header[1] == 'M')) return std::nullopt;
   const auto number = [little](const unsigned char* bytes, int count) {
@@ -53,13 +63,13 @@ std::optional<std::pair<std::uint32_t, std::uint32_t>> DeclaredFirstPageSize(con
     return value;
   };
   if (number(header + 2, 2) != 42) return std::nullopt;
-  in.seekg(number(header + 4, 4));
+  at = static_cast<off_t>(number(header + 4, 4));
   unsigned char count[2];
-  if (!in.read(reinterpret_cast<char*>(count), sizeof count)) return std::nullopt;
+  if (!read(count, sizeof count)) return std::nullopt;
   std::optional<std::uint32_t> width, height;
   for (std::uint32_t i = 0, entries = number(count, 2); i < entries; ++i) {
     unsigned char entry[12];  // tag, type, count, value (a short value is stored first)
-    if (!in.read(reinterpret_cast<char*>(entry), sizeof entry)) break;
+    if (!read(entry, sizeof entry)) break;
     const std::uint32_t tag = number(entry, 2), type = number(entry + 2, 2);
     if ((tag != TIFFTAG_IMAGEWIDTH && tag != TIFFTAG_IMAGELENGTH) ||
         (type != TIFF_SHORT && type != TIFF_LONG))
@@ -77,29 +87,47 @@ std::string& LastTiffError() {
   return text;
 }
 
-std::string TiffErrorSuffix() {
-  return LastTiffError().empty() ? "" : " (" + LastTiffError() + ")";
+std::string& LastTiffWarning() {
+  thread_local std::string text;
+  return text;
 }
 
-// Opens a TIFF to read ("r") or write ("w"); messages name the user's path, also when `path` is the
-// temporary file of an output.
-TiffHandle OpenTiff(const std::string& path, const char* mode) {
-  InstallTiffHandlers();
+void ClearTiffMessages() {
   LastTiffError().clear();
-  const bool reading = mode[0] == 'r';
-  const std::string shown = UserPath(path);
-  FILE* probe = std::fopen(path.c_str(), reading ? "rb" : "ab");
-  if (!probe) throw UsageError(shown + ": " + std::strerror(errno));
-  std::fclose(probe);
-  TiffHandle tiff(TIFFOpen(path.c_str(), mode));
+  LastTiffWarning().clear();
+}
+
+std::string TiffMessageSuffix() {
+  const std::string& said = LastTiffError().empty() ? LastTiffWarning() : LastTiffError();
+  return said.empty() ? "" : " (" + said + ")";
+}
+
+TiffHandle OpenTiffForReading(InputFile& file) {
+  InstallTiffHandlers();
+  ClearTiffMessages();
+  TiffHandle tiff(TIFFFdOpen(file.Descriptor(), file.Path().c_str(), "r"));
   if (!tiff) {
-    if (const auto size = reading ? DeclaredFirstPageSize(path) : std::nullopt;
+    // libtiff leaves the descriptor open when it refuses the file: still ours to read and close.
+    if (const auto size = DeclaredFirstPageSize(file.Descriptor());
         size && (size->first == 0 || size->second == 0)) {
-      throw UsageError(shown + ": page 1 has no pixels (declared " + std::to_string(size->first) + " x " +
-                       std::to_string(size->second) + ")");
+      throw UsageError(file.Path() + ": page 1 has no pixels (declared " + std::to_string(size->first) +
+                       " x " + std::to_string(size->second) + ")");
     }
-    throw UsageError(shown + ": " + (reading ? "not a readable TIFF file" : "cannot be written as TIFF") +
-                     (TiffErrorSuffix()));
+    throw UsageError(file.Path() + ": not a readable TIFF file" + TiffMessageSuffix());
+  }
+  file.Release();
+  return tiff;
+}
+
+TiffHandle OpenTiffForWriting(WriteTarget& target) {
+  InstallTiffHandlers();
+  ClearTiffMessages();
+  const std::string shown = target.Shown();
+  const int fd = target.Release();
+  TiffHandle tiff(TIFFFdOpen(fd, shown.c_str(), "w"));
+  if (!tiff) {
+    close(fd);
+    throw UsageError(shown + ": cannot be written as TIFF" + TiffMessageSuffix());
   }
   return tiff;
 }

@@ -6,21 +6,30 @@
 #include <memory>
 #include <string>
 
+#include "InputFile.h"
+#include "OutputFiles.h"
+
 namespace Quarn::Qphase::detail {
 
-// libtiff's last error on this thread ("" when none since the last OpenTiff).
+// libtiff's last error and last warning on this thread since ClearTiffMessages. libtiff reports
+// through process-wide handlers; these keep its words for the message about the file at hand.
 std::string& LastTiffError();
+std::string& LastTiffWarning();
+void ClearTiffMessages();
 
-// " (libtiff's message)" when libtiff said something, else "".
-std::string TiffErrorSuffix();
+// " (libtiff's error, else its warning)" when libtiff said something, else "".
+std::string TiffMessageSuffix();
 
 struct TiffCloser {
   void operator()(TIFF* tiff) const { TIFFClose(tiff); }
 };
 using TiffHandle = std::unique_ptr<TIFF, TiffCloser>;
 
-// Opens a TIFF to read ("r") or write ("w"); messages name the user's path, also when `path` is the
-// temporary file of an output.
-TiffHandle OpenTiff(const std::string& path, const char* mode);
+// A TIFF on the input's open descriptor, which libtiff then owns (the file is not opened again).
+// Throws a usage error naming the file when it is no TIFF libtiff can read.
+TiffHandle OpenTiffForReading(InputFile& file);
+
+// A TIFF written to the target's open descriptor, which libtiff then owns.
+TiffHandle OpenTiffForWriting(WriteTarget& target);
 
 }  // namespace Quarn::Qphase::detail

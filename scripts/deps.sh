@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those that are missing. With --test it adds
 # what the tests need besides (Python with numpy and Pillow for the cross-check against an
-# independent implementation, tifffile for the white-light numpy benchmark); with --fuzz, clang
-# and its runtime libraries (libFuzzer, ASan, UBSan) for the harnesses of fuzz/. Does nothing when
-# everything is present.
+# independent implementation, tifffile for the white-light numpy benchmark; pytest and Dask for the
+# Python package's tests); with --fuzz, clang and its runtime libraries (libFuzzer, ASan, UBSan) for
+# the harnesses of fuzz/. Does nothing when everything is present.
 set -euo pipefail
 
 packages=(cmake g++ make pkgconf libgtest-dev libgmock-dev libbenchmark-dev libfftw3-dev libeigen3-dev
-          libtiff-dev libpng-dev libcli11-dev libsleef-dev nlohmann-json3-dev)
+          libtiff-dev libpng-dev libcli11-dev libsleef-dev nlohmann-json3-dev python3-dev pybind11-dev)
 if [[ "${1:-}" == "--test" ]]; then
-  packages+=(python3 python3-numpy python3-pil python3-tifffile)
+  packages+=(python3 python3-numpy python3-pil python3-tifffile python3-pytest python3-dask python3-distributed)
 fi
 if [[ "${1:-}" == "--fuzz" ]]; then
   packages+=(clang-14 libclang-rt-14-dev)

@@ -2,28 +2,24 @@
 // decide from the astigmatism of a two-quadrant result whether all four are needed.
 #include <CLI/CLI.hpp>
 
+#include <array>
 #include <cstdio>
 #include <memory>
 #include <string>
 #include <utility>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
-#include "Analysis/Core/LinearConverter.h"
-#include "Analysis/Core/UnitNumber.h"
-#include "Analysis/Core/Units.h"
 #include "CommandRegistry.h"
 #include "CommonOptions.h"
+#include "JobFailure.h"
+#include "Jobs/QuadrantsJob.h"
 #include "OutputFiles.h"
-#include "Psi/Kinephase/FourQuadrantEvaluator.h"
 #include "TiffIO.h"
 #include "ToolError.h"
 
 namespace Quarn::Qphase {
 
 namespace {
-
-namespace Kinephase = ::Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase;
-namespace Units = Core::Units;
 
 struct QuadrantsOptions {
   std::string q[5];  // q[1] .. q[4]
@@ -37,23 +33,11 @@ std::string SizeOf(const Core::DoubleMatrix2D& map) {
   return std::to_string(map.GetColumns()) + " x " + std::to_string(map.GetRows());
 }
 
-// The evaluator leaves calibration pixels without data untouched; they are to read as no data.
-Core::DoubleMatrix2D EmptyCalibration(const Core::DoubleMatrix2D& like) {
-  Core::DoubleMatrix2D calibration;
-  if (!calibration.Resize(like.GetMatrixWindow())) {
-    throw ToolError(kExitNoResult, "no memory for a " + SizeOf(like) + " calibration map");
-  }
-  calibration.SetAll(Core::DoubleMatrix2D::NoData());
-  return calibration;
-}
-
 // The astigmatism PV in nanometres as text, or why it could not be measured.
-std::string PvText(Kinephase::FourQuadrantEvaluator& evaluator) {
-  if (evaluator.GetStatus().IsError()) {
-    return "unavailable (" + evaluator.GetStatus().GetMessage() + ")";
-  }
+std::string PvText(bool available, double pvNm, const std::string& reason) {
+  if (!available) return "unavailable (" + reason + ")";
   char text[64];
-  std::snprintf(text, sizeof text, "%.3f nm", evaluator.GetAstigmatismPV().GetValue(Units::kNanometers));
+  std::snprintf(text, sizeof text, "%.3f nm", pvNm);
   return text;
 }
 
@@ -71,73 +55,40 @@ int RunQuadrants(const QuadrantsOptions& options) {
       options.calibrationOut.empty() ? WriteTarget() : outputs.Stage(options.calibrationOut, "--calibration");
 
   Core::DoubleMatrix2D maps[5];
-  for (int k = 1; k <= 4; ++k) {
+  std::array<Core::DoubleMatrix2D*, 5> quadrants{};
+  std::array<std::string, 5> names;
+  for (std::size_t k = 1; k <= 4; ++k) {
     if (options.q[k].empty()) continue;
     ReadFloatTiff(options.q[k], maps[k]);
+    // Sizes are compared as each map is read, so that a mismatch is named before a later file is opened.
     if (k > 1 && (maps[k].GetRows() != maps[1].GetRows() || maps[k].GetColumns() != maps[1].GetColumns())) {
       throw UsageError(options.q[k] + " is " + SizeOf(maps[k]) + ", " + options.q[1] + " is " +
                        SizeOf(maps[1]) + "; the quadrant maps must be of one size");
     }
+    quadrants[k] = &maps[k];
+    names[k] = options.q[k];
   }
-  // The maps carry no units in the file: heights in nanometres, or phase in radians of a given
-  // wavelength (then the astigmatism is converted to surface height).
-  const Core::LinearConverter unit = options.wavelengthNm > 0.0
-                                         ? Core::LinearConverter(Units::kRadians, options.wavelengthNm)
-                                         : Core::LinearConverter(Units::kNanometers);
-  maps[1].GetUnitManager().SetConverter(Core::UnitAxis::kValue, unit);
-  Core::UnitNumber tolerance(options.toleranceNm, Core::LinearConverter(Units::kNanometers));
+  Jobs::QuadrantsOptions settings;
+  settings.toleranceNm = options.toleranceNm;
+  settings.wavelengthNm = options.wavelengthNm;
+  Jobs::QuadrantsJob job;
+  const Jobs::QuadrantsRecord record = job.Run(quadrants, names, settings);
+  // A combined map without a valid pixel is not written; the other failures name their cause.
+  ThrowIfFailed(record, record.combined ? "; nothing written" : "");
 
-  // Q1 and Q3 first, also when all four were measured: their astigmatism decides whether Q2 and Q4
-  // were needed at all.
-  Core::DoubleMatrix2D twoFinal, twoCalibration = EmptyCalibration(maps[1]);
-  Kinephase::FourQuadrantEvaluator two;
-  two.SetAstigmatismTolerance(tolerance);
-  two.SetMeasurementQ1(&maps[1]);
-  two.SetMeasurementQ3(&maps[3]);
-  two.SetFinalPhaseMap(&twoFinal);
-  two.SetCalibrationMap(&twoCalibration);
-  two.EvaluateTwo();
-  const std::string twoPv = PvText(two);
-  const bool required = two.AreRequiredFourQuadrants();  // also when the PV is unavailable
-
-  Core::DoubleMatrix2D fourFinal, fourCalibration;
-  Kinephase::FourQuadrantEvaluator all;
-  if (four) {
-    fourCalibration = EmptyCalibration(maps[1]);
-    all.SetMeasurementQ1(&maps[1]);
-    all.SetMeasurementQ2(&maps[2]);
-    all.SetMeasurementQ3(&maps[3]);
-    all.SetMeasurementQ4(&maps[4]);
-    all.SetFinalPhaseMap(&fourFinal);
-    all.SetCalibrationMap(&fourCalibration);
-    all.EvaluateFour();
-    // The astigmatism left after all four quadrants, for the record.
-    if (all.GetStatus().IsOk() && fourFinal.AnyValid()) all.CalculateAstigmatismPV();
-  }
-  Kinephase::FourQuadrantEvaluator& evaluator = four ? all : two;
-  const Core::DoubleMatrix2D& final = four ? fourFinal : twoFinal;
-  const Core::DoubleMatrix2D& calibration = four ? fourCalibration : twoCalibration;
-  if (final.GetCount() != maps[1].GetCount()) {
-    throw NoResultError("the quadrant maps cannot be combined: " + evaluator.GetStatus().GetPrintString());
-  }
-  const std::int64_t validPixels = final.CountValid();
-  if (validPixels == 0) {
-    throw NoResultError("no pixel has data in every quadrant map (" + options.q[1] + ", " + options.q[3] +
-                        (four ? ", " + options.q[2] + ", " + options.q[4] : std::string()) +
-                        "); nothing written");
-  }
-
-  WriteFloatTiff(std::move(finalFile), final);
-  if (calibrationFile) WriteFloatTiff(std::move(calibrationFile), calibration);
+  WriteFloatTiff(std::move(finalFile), job.GetFinal());
+  if (calibrationFile) WriteFloatTiff(std::move(calibrationFile), job.GetCalibration());
   outputs.Commit();
 
-  const double valid = static_cast<double>(validPixels) / static_cast<double>(final.GetCount());
-  std::printf("%s: %d quadrants, %s, %.1f %% valid\n", options.finalOut.c_str(), four ? 4 : 2,
-              SizeOf(final).c_str(), 100.0 * valid);
-  std::printf("astigmatism PV%s: %s (tolerance %.3f nm)\n", four ? " of Q1 and Q3 alone" : "", twoPv.c_str(),
-              options.toleranceNm);
-  std::printf("four quadrants required: %s\n", required ? "yes" : "no");
-  if (four) std::printf("astigmatism PV of the four-quadrant map: %s\n", PvText(all).c_str());
+  std::printf("%s: %d quadrants, %s, %.1f %% valid\n", options.finalOut.c_str(), record.quadrants,
+              SizeOf(job.GetFinal()).c_str(), 100.0 * record.validFraction);
+  std::printf("astigmatism PV%s: %s (tolerance %.3f nm)\n", four ? " of Q1 and Q3 alone" : "",
+              PvText(record.twoPvAvailable, record.twoPvNm, record.twoPvReason).c_str(), options.toleranceNm);
+  std::printf("four quadrants required: %s\n", record.fourRequired ? "yes" : "no");
+  if (four) {
+    std::printf("astigmatism PV of the four-quadrant map: %s\n",
+                PvText(record.fourPvAvailable, record.fourPvNm, record.fourPvReason).c_str());
+  }
   return kExitSuccess;
 }
 

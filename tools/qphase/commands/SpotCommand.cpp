@@ -2,9 +2,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <limits>
 #include <memory>
@@ -12,10 +10,12 @@
 #include <utility>
 #include <vector>
 
-#include "AlignSpotDetector/AlignSpotDetector.h"
+#include "AlignSpotDetector/AsdSpotPosition.h"
 #include "Analysis/Core/IntMatrix2D.h"
 #include "CommandRegistry.h"
 #include "CommonOptions.h"
+#include "JobFailure.h"
+#include "Jobs/SpotJob.h"
 #include "JsonText.h"
 #include "OutputFiles.h"
 #include "SpotOverlay.h"
@@ -27,7 +27,6 @@ namespace Quarn::Qphase {
 namespace {
 
 namespace Alignment = ::Quarn::Metrology::PhaseProcessing::Core::Alignment;
-using Alignment::AlignSpotDetector;
 using Alignment::AsdSpotPosition;
 
 struct SpotOptions {
@@ -42,60 +41,8 @@ struct SpotOptions {
   std::string pngOut;
 };
 
-// The saturation level when none is given: the detector's 250 counts for 8-bit cameras, and the same
-// fraction of full scale (250 / 255) for deeper ones, e.g. 64250 for 16 bits.
-double DefaultSaturation(int bitsPerSample) {
-  if (bitsPerSample <= 8) return 250.0;
-  return std::floor(250.0 / 255.0 * (std::ldexp(1.0, bitsPerSample) - 1.0));
-}
-
-int Restrictor(const std::string& name) {
-  if (name == "13") return Alignment::AsdRegionRestrictor::Quadrants13;
-  if (name == "24") return Alignment::AsdRegionRestrictor::Quadrants24;
-  return Alignment::AsdRegionRestrictor::Full;
-}
-
-// What a position means for the person at the instrument.
-std::string Explain(const AsdSpotPosition& position, const SpotOptions& options, double saturation) {
-  char text[400];
-  switch (position) {
-    case AsdSpotPosition::Quadrant1:
-      return "one spot, right of and above the reticle centre";
-    case AsdSpotPosition::Quadrant2:
-      return "one spot, left of and above the reticle centre";
-    case AsdSpotPosition::Quadrant3:
-      return "one spot, left of and below the reticle centre";
-    case AsdSpotPosition::Quadrant4:
-      return "one spot, right of and below the reticle centre";
-    case AsdSpotPosition::SpotBehindObscuration:
-      return "one spot, centred within half the obscuration radius of the reticle centre";
-    case AsdSpotPosition::TooManySaturatedPixels:
-      std::snprintf(
-          text, sizeof text,
-          "more than %d pixels of the spot area reach the saturation level %g: the spot is clipped and its "
-          "centre of mass unreliable (reduce the exposure, or set --saturation / --max-saturated)",
-          options.maxSaturated, saturation);
-      return text;
-    case AsdSpotPosition::NoSignificantSpot:
-      return "no spot: nothing inside the square of interest (outside the obscuration) stands out from the "
-             "background enough";
-    case AsdSpotPosition::TooManySignificantSpots:
-      return "several spots of comparable brightness: no single alignment spot";
-    default:
-      return "";
-  }
-}
-
-// The number after `label` in a spot's one-line description ("... Size = 117, ...").
-std::string Field(const std::string& description, const std::string& label) {
-  const std::size_t at = description.find(label + " = ");
-  if (at == std::string::npos) return "?";
-  const std::size_t from = at + label.size() + 3;
-  return description.substr(from, description.find(',', from) - from);
-}
-
-void WriteJson(WriteTarget target, const SpotOptions& options, const TiffStackInfo& info, double saturation,
-               const AsdSpotPosition& position, const AlignSpotDetector& detector) {
+void WriteJson(WriteTarget target, const SpotOptions& options, const TiffStackInfo& info,
+               const Jobs::SpotRecord& record) {
   // Members in the order written (ordered_json): the image, what was asked, what was found.
   nlohmann::ordered_json parameters;
   parameters["reticleCenterX"] = options.center[0];
@@ -103,20 +50,20 @@ void WriteJson(WriteTarget target, const SpotOptions& options, const TiffStackIn
   parameters["interestRegionRadius"] = options.radius;
   parameters["reticleCenterR"] = options.obscuration;
   parameters["regionRestrictor"] = options.restrict;
-  parameters["saturationThreshold"] = saturation;
+  parameters["saturationThreshold"] = record.saturation;
   parameters["maxNumberOfSaturatedPixels"] = options.maxSaturated;
   // The result dictionary as the library keeps it: every value is text.
   nlohmann::ordered_json properties = nlohmann::ordered_json::object();
-  for (const std::string& key : detector.GetPropertyKeys())
-    properties[key] = detector.GetProperty(key);
+  for (const auto& [key, value] : record.properties)
+    properties[key] = value;
   nlohmann::ordered_json json;
   json["image"] = options.image;
   json["rows"] = info.rows;
   json["columns"] = info.cols;
   json["bitsPerSample"] = info.bitsPerSample;
   json["parameters"] = std::move(parameters);
-  json["position"] = position.ToString();
-  json["positionCode"] = static_cast<int>(position);
+  json["position"] = record.position;
+  json["positionCode"] = record.positionCode;
   json["properties"] = std::move(properties);
   WriteBytes(std::move(target), JsonText(json));
 }
@@ -134,69 +81,50 @@ int RunSpot(const SpotOptions& options) {
     std::fprintf(stderr, "qphase spot: note: %s has %d pages; the first is searched\n", options.image.c_str(),
                  info.pages);
   }
-  const double saturation =
-      options.saturation >= 0.0 ? options.saturation : DefaultSaturation(info.bitsPerSample);
-
-  AlignSpotDetector detector;
-  detector.Initialize();
-  detector.SetReticleCenterX(options.center[0]);
-  detector.SetReticleCenterY(options.center[1]);
-  detector.SetInterestRegionRadius(options.radius);
-  detector.SetReticleCenterR(options.obscuration);
-  detector.SetRegionRestrictor(Restrictor(options.restrict));
-  detector.SetSaturationThreshold(saturation);
-  detector.SetMaxNumberOfSaturatedPixels(options.maxSaturated);
-  detector.SetInput(&image);
-  const AsdSpotPosition position = detector.DetectSpotPosition();
-  if (position == AsdSpotPosition::DetectionFailed) {
-    throw NoResultError(
-        "detection in " + options.image + " failed: " + detector.GetStatus().GetPrintString() +
-        (detector.GetStatus().GetCode() == 4
-             ? " (a parameter is undefined: centre, radius and obscuration must be below 1.8e308)"
-             : ""));
-  }
-
-  // The spots of this run (none when it stopped before finding regions).
-  const bool haveSpots =
-      position != AsdSpotPosition::TooManySaturatedPixels && position != AsdSpotPosition::NoSignificantSpot;
-  const int spotCount = haveSpots ? std::atoi(detector.GetProperty("Regions.Size").c_str()) : 0;
+  Jobs::SpotOptions settings;
+  settings.centerX = options.center[0];
+  settings.centerY = options.center[1];
+  settings.radius = options.radius;
+  settings.obscuration = options.obscuration;
+  settings.restrict = options.restrict;
+  settings.saturation = options.saturation;
+  settings.maxSaturated = options.maxSaturated;
+  Jobs::SpotJob job;
+  const Jobs::SpotRecord record = job.Run(image, info.bitsPerSample, settings, options.image);
+  ThrowIfFailed(record, "");
+  const double saturation = record.saturation;
 
   std::printf(
       "%s: %d x %d, %d bits; reticle centre (%g, %g), obscuration radius %g, square of interest +-%g, "
       "saturation %g\n",
       options.image.c_str(), info.cols, info.rows, info.bitsPerSample, options.center[0], options.center[1],
       options.obscuration, options.radius, saturation);
-  std::printf("position: %s (%s)\n", position.ToString(), Explain(position, options, saturation).c_str());
+  std::printf("position: %s (%s)\n", record.position.c_str(), record.explanation.c_str());
   SpotOverlay overlay;
-  for (int i = 0; i < spotCount; ++i) {
-    const std::string key = "Region." + std::to_string(i);
-    const auto get = [&](const std::string& field) { return detector.GetProperty(key + "." + field); };
-    const std::string description = detector.GetProperty(key);
+  for (std::size_t i = 0; i < record.spots.size(); ++i) {
+    const Jobs::SpotFound& spot = record.spots[i];
+    const std::vector<std::string>& t = spot.text;
     std::printf(
-        "spot %d: centre of mass x %s, y %s; sigma x %s, y %s; bounding box x %s..%s, y %s..%s; %s pixels, "
+        "spot %zu: centre of mass x %s, y %s; sigma x %s, y %s; bounding box x %s..%s, y %s..%s; %s pixels, "
         "sum %s counts\n",
-        i, get("CenterOfMassX").c_str(), get("CenterOfMassY").c_str(), get("SigmaX").c_str(),
-        get("SigmaY").c_str(), get("BoundingRect.X0").c_str(), get("BoundingRect.X1").c_str(),
-        get("BoundingRect.Y0").c_str(), get("BoundingRect.Y1").c_str(), Field(description, "Size").c_str(),
-        Field(description, "Sum").c_str());
-    const auto number = [&](const std::string& field) { return std::atof(get(field).c_str()); };
-    overlay.spots.push_back({number("CenterOfMassX"), number("CenterOfMassY"), number("BoundingRect.X0"),
-                             number("BoundingRect.Y0"), number("BoundingRect.X1"),
-                             number("BoundingRect.Y1")});
+        i, t[0].c_str(), t[1].c_str(), t[2].c_str(), t[3].c_str(), t[4].c_str(), t[5].c_str(), t[6].c_str(),
+        t[7].c_str(), t[8].c_str(), t[9].c_str());
+    overlay.spots.push_back({spot.centerOfMassX, spot.centerOfMassY, spot.x0, spot.y0, spot.x1, spot.y1});
   }
 
-  if (jsonFile) WriteJson(std::move(jsonFile), options, info, saturation, position, detector);
+  if (jsonFile) WriteJson(std::move(jsonFile), options, info, record);
   if (pngFile) {
     Metrology::Analysis::Core::IntMatrix2D foreground;
     overlay.reticleX = options.center[0];
     overlay.reticleY = options.center[1];
     overlay.obscurationRadius = options.obscuration;
     overlay.halfWidth = options.radius;
-    if (position == AsdSpotPosition::TooManySaturatedPixels && detector.GetForeground(&foreground)) {
+    if (record.positionCode == AsdSpotPosition::TooManySaturatedPixels &&
+        job.GetDetector().GetForeground(&foreground)) {
       overlay.foreground = &foreground;
       overlay.saturationLevel = static_cast<int>(std::min(saturation, 2147483647.0));
     }
-    overlay.label = position.ToString();
+    overlay.label = record.position;
     WritePng(std::move(pngFile), RenderSpotOverlay(image, overlay));
   }
   outputs.Commit();

@@ -1,0 +1,208 @@
+"""Batches of measurements on Dask.
+
+`run` maps one job over many TIFF files (a list of paths, or a glob) on a `dask.distributed`
+cluster: a `LocalCluster` of two single-threaded workers by default, or the cluster whose scheduler
+address is given (the same call runs unchanged on many machines, provided every worker can import
+`quarn` and read the files). Each file is read with tifffile, the job runs with the options given
+(`threads=0` by default: one thread per job, the workers supply the parallelism), and the result
+maps are written as float32 TIFFs (NaN = no data) with a JSON record beside them:
+
+    <stem>.<map>.tif    e.g. stack.phase.tif, stack.modulation.tif
+    <stem>.<job>.json   the record: status, valid fraction, the job's figures
+
+next to the input or in `out_dir`. As with the qphase tool, a file's outputs appear only when all of
+them are written (staged under temporary names, then renamed); a file without a result (no valid
+pixel, unreadable, unsuitable) leaves nothing behind and overwrites nothing.
+
+The result is one row per input, in input order: a dict with "name", "path", "status" ("ok",
+"no result" or "error"), "message", "valid_fraction", the job's scalar figures and "outputs" (the
+files written). `format_table` prints them; nothing is lost: an input whose task failed in any way
+is a row with its error.
+
+    rows = quarn.batch.run("psi", "line7/*.tif", out_dir="maps", min_modulation=10.0)
+    print(quarn.batch.format_table(rows))
+"""
+
+import glob as _glob
+import json
+import os
+import tempfile
+
+import numpy as np
+
+from . import _quarn
+
+# The maps each job writes (spot has none: its record is the result).
+JOB_MAPS = {
+    "psi": ("phase", "modulation"),
+    "psi_check": ("step_values",),
+    "swli": ("height", "intensity"),
+    "carrier": ("phase", "modulation"),
+    "spot": (),
+}
+
+# mkstemp makes private files; the outputs get the permissions a plain new file would have. The mask
+# is read once, here: reading it means setting it, which other threads would see.
+_UMASK = os.umask(0o022)
+os.umask(_UMASK)
+
+_ARRAYS = ("phase", "modulation", "step_values", "height", "intensity", "final", "calibration")
+
+
+def _inputs(files):
+    if isinstance(files, (str, os.PathLike)):
+        paths = sorted(_glob.glob(os.fspath(files)))
+        if not paths and os.path.exists(files):
+            paths = [os.fspath(files)]
+        return paths
+    return [os.fspath(f) for f in files]
+
+
+def _read(path, job):
+    import tifffile
+
+    data = tifffile.imread(path)
+    if job in ("carrier", "spot"):
+        # One frame: the first page of a multi-page file, as the tool reads it.
+        return data[0] if data.ndim == 3 else data
+    return data[np.newaxis] if data.ndim == 2 else data
+
+
+def _figures(result):
+    """The record's scalar figures (everything but the maps)."""
+    row = {}
+    for key, value in result.items():
+        if key in _ARRAYS:
+            continue
+        if isinstance(value, np.generic):
+            value = value.item()
+        row[key] = value
+    return row
+
+
+def _write_atomically(targets):
+    """Writes {path: writer(tmp_path)} so that either all files appear or none (none overwritten)."""
+    staged = []
+    try:
+        for path, write in targets.items():
+            folder = os.path.dirname(path) or "."
+            fd, tmp = tempfile.mkstemp(prefix="." + os.path.basename(path) + ".", suffix=".partial", dir=folder)
+            os.close(fd)
+            staged.append((tmp, path))
+            write(tmp)
+            os.chmod(tmp, 0o666 & ~_UMASK)
+        for tmp, path in staged:
+            os.replace(tmp, path)
+        staged = []
+    finally:
+        for tmp, _ in staged:
+            if os.path.exists(tmp):
+                os.remove(tmp)
+
+
+def process_file(job, path, out_dir=None, write=True, **options):
+    """Runs `job` on one TIFF file and writes its outputs; returns the row (never raises).
+
+    The serial form of what `run` does on each worker."""
+    name = os.path.basename(path)
+    row = {"name": name, "path": path, "status": "error", "message": "", "valid_fraction": 0.0, "outputs": []}
+    try:
+        if job not in JOB_MAPS:
+            raise ValueError(f"job {job!r} not in {sorted(JOB_MAPS)}")
+        import tifffile
+
+        options.setdefault("threads", 0)
+        data = _read(path, job)
+        result = getattr(_quarn, job)(data, name=name, **options)
+        row.update(_figures(result))
+        if result["status"] != "ok" or not write:
+            return row
+        folder = out_dir if out_dir is not None else (os.path.dirname(path) or ".")
+        os.makedirs(folder, exist_ok=True)
+        stem = os.path.splitext(name)[0]
+        targets = {}
+        for key in JOB_MAPS[job]:
+            if result.get(key) is not None:
+                image = result[key].astype(np.float32)
+                targets[os.path.join(folder, f"{stem}.{key}.tif")] = (
+                    lambda tmp, image=image: tifffile.imwrite(tmp, image, photometric="minisblack"))
+        record = dict(_figures(result), name=name)
+        def write_record(tmp):
+            with open(tmp, "w") as out:
+                out.write(json.dumps(record, indent=1, default=str) + "\n")
+
+        targets[os.path.join(folder, f"{stem}.{job}.json")] = write_record
+        _write_atomically(targets)
+        row["outputs"] = sorted(targets)
+    except Exception as error:  # every failure of one input is that input's row
+        row["status"] = "error"
+        row["message"] = f"{name}: {error}"
+    return row
+
+
+def run(job, files, *, out_dir=None, scheduler=None, client=None, n_workers=2, write=True, **options):
+    """Maps `job` ("psi", "psi_check", "swli", "carrier" or "spot") over TIFF `files` on Dask.
+
+    files: a list of paths or a glob pattern ("line7/*.tif"); every file is one measurement.
+    out_dir: folder for the outputs (created); None writes each beside its input.
+    scheduler: address of a running scheduler ("tcp://host:8786"); None starts a LocalCluster of
+        `n_workers` single-threaded worker processes for this call.
+    client: an existing dask.distributed.Client to use instead.
+    write: False runs the jobs and returns the rows without writing files.
+    options: the job's keyword options (see help(quarn.psi) ...); threads defaults to 0.
+
+    Returns one row (dict) per input, in input order."""
+    from dask.distributed import Client, LocalCluster
+
+    paths = _inputs(files)
+    own_cluster = None
+    own_client = None
+    if client is None:
+        if scheduler is None:
+            own_cluster = LocalCluster(n_workers=n_workers, threads_per_worker=1, processes=True,
+                                       dashboard_address=None)
+            own_client = Client(own_cluster)
+        else:
+            own_client = Client(scheduler)
+        client = own_client
+    try:
+        futures = client.map(process_file, [job] * len(paths), paths, out_dir=out_dir, write=write, pure=False,
+                             **options)
+        rows = []
+        for path, future in zip(paths, futures):
+            try:
+                rows.append(future.result())
+            except Exception as error:  # a worker lost or the task killed: still a row
+                rows.append({"name": os.path.basename(path), "path": path, "status": "error",
+                             "message": f"{os.path.basename(path)}: {error!r}", "valid_fraction": 0.0,
+                             "outputs": []})
+        return rows
+    finally:
+        if own_client is not None:
+            own_client.close()
+        if own_cluster is not None:
+            own_cluster.close()
+
+
+def format_table(rows, columns=None):
+    """The rows as a fixed-width text table (name, status, valid %, then the figures)."""
+    if not rows:
+        return ""
+    skip = {"path", "outputs", "warnings", "message", "properties", "spots", "name", "status", "valid_fraction"}
+    if columns is None:
+        columns = [k for k in rows[0] if k not in skip]
+        for row in rows[1:]:
+            columns += [k for k in row if k not in skip and k not in columns]
+    header = ["name", "status", "valid %"] + list(columns) + ["message"]
+
+    def cell(value):
+        if isinstance(value, float):
+            return f"{value:.6g}"
+        return "" if value is None else str(value)
+
+    table = [header]
+    for row in rows:
+        table.append([row["name"], row["status"], f"{100.0 * row.get('valid_fraction', 0.0):.1f}"] +
+                     [cell(row.get(c)) for c in columns] + [row.get("message", "")])
+    widths = [max(len(r[i]) for r in table) for i in range(len(header))]
+    return "\n".join("  ".join(v.ljust(w) for v, w in zip(r, widths)).rstrip() for r in table)

@@ -1,0 +1,58 @@
+"""quarn.batch on a two-worker LocalCluster: every good stack as in a serial loop, a corrupt one a row
+with its error, nothing lost, nothing partial written."""
+import json
+import os
+
+import numpy as np
+import pytest
+import tifffile
+
+from conftest import psi_stack
+
+import quarn
+
+
+@pytest.fixture()
+def stacks(tmp_path):
+    folder = tmp_path / "line"
+    folder.mkdir()
+    for i, gain in enumerate((0.0, 0.01, 0.02, 0.03, 0.04)):
+        stack, _ = psi_stack(13, rows=32, cols=40, gain_error=gain)
+        tifffile.imwrite(folder / f"s{i}.tif", stack)
+    # Truncated in the middle of its pixel data.
+    data = (folder / "s2.tif").read_bytes()
+    (folder / "s5.tif").write_bytes(data[: len(data) // 3])
+    # No fringes at all: a run without a valid pixel writes nothing.
+    tifffile.imwrite(folder / "s6.tif", np.full((13, 32, 40), 100, np.uint16))
+    return folder
+
+
+def test_batch_on_two_workers_equals_the_serial_loop(stacks, tmp_path):
+    rows = quarn.batch.run("psi", str(stacks / "*.tif"), out_dir=tmp_path / "maps", n_workers=2, max_value=4095)
+    names = [row["name"] for row in rows]
+    assert names == [f"s{i}.tif" for i in range(7)]
+
+    serial = tmp_path / "serial"
+    for row in rows:
+        path = str(stacks / row["name"])
+        expected = quarn.batch.process_file("psi", path, out_dir=serial, max_value=4095)
+        assert row["status"] == expected["status"], row["message"]
+        if row["status"] != "ok":
+            continue
+        assert row["valid_fraction"] == expected["valid_fraction"]
+        stem = row["name"][:-4]
+        for key in ("phase", "modulation"):
+            np.testing.assert_array_equal(tifffile.imread(tmp_path / "maps" / f"{stem}.{key}.tif"),
+                                          tifffile.imread(serial / f"{stem}.{key}.tif"))
+        record = json.loads((tmp_path / "maps" / f"{stem}.psi.json").read_text())
+        assert record["status"] == "ok" and record["algorithm"] == "13"
+
+    by_name = {row["name"]: row for row in rows}
+    assert [by_name[f"s{i}.tif"]["status"] for i in range(5)] == ["ok"] * 5
+    assert by_name["s5.tif"]["status"] == "error" and by_name["s5.tif"]["message"].startswith("s5.tif: ")
+    assert by_name["s6.tif"]["status"] == "no result"
+    assert "no valid pixel in s6.tif" in by_name["s6.tif"]["message"]
+    # Outputs only for the good stacks, and no staged leftovers.
+    written = sorted(os.listdir(tmp_path / "maps"))
+    assert written == sorted(f"s{i}.{k}" for i in range(5) for k in ("phase.tif", "modulation.tif", "psi.json"))
+    assert "s5.tif" in quarn.batch.format_table(rows)

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Analysis/Core/DoubleMatrix2D.h"
+#include "Analysis/Core/FrameBuffer.h"
+#include "Jobs/JobData.h"
+#include "QuarnPhaseProcessingExport.h"
+
+namespace Quarn::Jobs {
+
+// PSI options, with the tool's defaults.
+struct PsiOptions {
+  std::string algorithm;        // "7", "13", "20", "sliding13"; empty: chosen from the frame count
+  double minModulation = 15.0;  // percent of the saturation level
+  bool estimateMagnitude = false;
+  int phaseSign = 1;
+  std::vector<double> frameWeights;  // relative brightness of each frame; empty: all equal
+  int maxValue = 0;                  // saturation level in counts; 0: the sample type's maximum
+  int threads = -1;                  // -1: all processors; 0: the calling thread only
+};
+
+struct PsiRecord : JobRecord {
+  std::string algorithm;  // the algorithm that ran
+  int maxValue = 0;       // the saturation level used
+};
+
+// PsiJob
+//
+// Wrapped phase (radians, -pi .. pi, times the phase sign) and modulation (counts) of every pixel of
+// a phase-shifted frame stack, from the frame-to-phase converter the frame count selects (7, 13 or 20
+// frames; more than 13 and not 20: the sliding 13-frame kernel). Pixels with a saturated sample or a
+// modulation below `minModulation` percent of the saturation level have no data.
+//
+//   PsiJob job;
+//   const PsiRecord record = job.Run(frames, options, "stack.tif", true);
+//   if (record.Ok()) use(job.GetPhase(), job.GetModulation());
+class QUARN_PP_EXPORT PsiJob {
+ public:
+  // The maps stay in the job (library no-data convention) until the next run. The frame buffer's
+  // saturation level is set from `options.maxValue`.
+  PsiRecord Run(Core::FrameBuffer& frames, const PsiOptions& options, const std::string& name,
+                bool wantModulation);
+  const Core::DoubleMatrix2D& GetPhase() const { return phase_; }
+  const Core::DoubleMatrix2D& GetModulation() const { return modulation_; }
+  // The maps moved out of the job, for a host that keeps them without a copy (no data still the
+  // library's; `NoDataToNan` converts in place).
+  Core::DoubleMatrix2D TakePhase() { return std::move(phase_); }
+  Core::DoubleMatrix2D TakeModulation() { return std::move(modulation_); }
+
+ private:
+  Core::DoubleMatrix2D phase_;
+  Core::DoubleMatrix2D modulation_;
+};
+
+// The job on a host array: `stack` is frames x rows x columns of 8- or 16-bit samples, `phase` and
+// (when not empty) `modulation` are filled with NaN for no data.
+QUARN_PP_EXPORT PsiRecord RunPsi(const ArrayView& stack, const PsiOptions& options, const MapView& phase,
+                                 const MapView& modulation = {});
+
+}  // namespace Quarn::Jobs

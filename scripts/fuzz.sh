@@ -12,7 +12,7 @@ mode="${1:-fuzz}"
 scripts/deps.sh --fuzz
 dir=build-fuzz
 harnesses=(tiff_reader_fuzzer converter_generator_fuzzer kinephase_fuzzer align_spot_detector_fuzzer
-           swli_phase_generator_fuzzer)
+           swli_phase_generator_fuzzer film_stack_json_fuzzer)
 CC=clang-14 CXX=clang++-14 cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUARN_FUZZ=ON \
   -DQUARN_BUILD_TESTS=OFF -DQUARN_BUILD_BENCHMARKS=OFF -DQUARN_WARNINGS_AS_ERRORS=OFF >/dev/null
 cmake --build "$dir" -j"$(nproc)" --target "${harnesses[@]}"
@@ -26,7 +26,7 @@ for harness in "${harnesses[@]}"; do
     mkdir -p "$work"
     # -rss_limit_mb: a small file must not make a reader claim gigabytes.
     log="$dir/$harness.fuzz.log"
-    if ! "$binary" -runs="${FUZZ_RUNS:-5000}" -max_len=8192 -rss_limit_mb=1024 -timeout=20 -print_final_stats=1 \
+    if ! "$binary" -runs="${FUZZ_RUNS:-10000}" -max_len=8192 -rss_limit_mb=1024 -timeout=20 -print_final_stats=1 \
         -artifact_prefix="$dir/$harness-" "$work" "$seeds" >"$log" 2>&1; then
       tail -n 60 "$log" >&2
       echo "== $harness failed; the input is in $dir/$harness-*" >&2

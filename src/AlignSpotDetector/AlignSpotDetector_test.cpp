@@ -14,52 +14,10 @@
 
 #include <gtest/gtest.h>
 
+#include "Testing/FailingAllocations.h"
+
 #include "Synthetic/SeededRandom.h"
 #include "Synthetic/SyntheticSpot.h"
-
-// The detector allocates its working lists with the non-throwing operator new; these replacements
-// let a test make the n-th such allocation fail (0: none fails). Every form of new and delete is
-// replaced, so that all of them agree on malloc and free (a sanitizer checks that they pair).
-namespace {
-std::atomic<int> gNothrowAllocationsBeforeFailure{0};
-void* NothrowAllocate(std::size_t bytes) noexcept {
-  const int left = gNothrowAllocationsBeforeFailure.load();
-  if (left > 0 && gNothrowAllocationsBeforeFailure.fetch_sub(1) == 1) return nullptr;
-  return std::malloc(bytes ? bytes : 1);
-}
-void* Allocate(std::size_t bytes) {
-  if (void* p = std::malloc(bytes ? bytes : 1)) return p;
-  throw std::bad_alloc();
-}
-// Out of line, so that the compiler does not pair a `new` with a visible `free` and warn.
-[[gnu::noinline]] void Release(void* p) noexcept {
-  std::free(p);
-}
-}  // namespace
-void* operator new(std::size_t bytes) {
-  return Allocate(bytes);
-}
-void* operator new[](std::size_t bytes) {
-  return Allocate(bytes);
-}
-void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
-  return NothrowAllocate(bytes);
-}
-void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept {
-  return NothrowAllocate(bytes);
-}
-void operator delete(void* p) noexcept {
-  Release(p);
-}
-void operator delete[](void* p) noexcept {
-  Release(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-  Release(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-  Release(p);
-}
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Alignment {
 namespace {
@@ -397,9 +355,9 @@ TEST(StatusTest, AllocationFailureAtInitializeIsCode3AndDetectionIsRefused) {
   const IntMatrix2D image = Frame(128, 128, Camera16({{90, 30, 3, 3, 2000}}, 0.0), nullptr);
   for (int failing = 1; failing <= 3; ++failing) {
     AlignSpotDetector detector;
-    gNothrowAllocationsBeforeFailure = failing;
+    Testing::FailNthNothrowAllocation(failing);
     Wire(detector, image, 64, 64, 6, 60);
-    gNothrowAllocationsBeforeFailure = 0;
+    Testing::FailNthNothrowAllocation(0);
     EXPECT_EQ(detector.GetStatus().GetCode(), StatusCode::kAllocationFailed) << "allocation " << failing;
     EXPECT_EQ(detector.DetectSpotPosition(), AsdSpotPosition::DetectionFailed) << "allocation " << failing;
     EXPECT_TRUE(detector.GetSpots().empty());

@@ -1,6 +1,7 @@
 #include "Swli/PhaseAlgorithmCentroid.h"
 
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 
 #include "Analysis/Core/DebugChannel.h"
@@ -49,8 +50,10 @@ void EnvelopeSumsPlain(const double* d, int q, double& sumOut, double& momentOut
 using Lanes = double __attribute__((vector_size(32)));
 using LaneBits = long long __attribute__((vector_size(32)));
 
-__attribute__((target_clones("avx2", "default"))) void EnvelopeSums(const double* d, int q, double& sumOut,
-                                                                    double& momentOut) {
+// The vector body, inlined into one copy built for AVX2 and one for the baseline, so that the same
+// arithmetic runs at either width (no FMA in either: the sums stay equal to the scalar reference).
+[[gnu::always_inline]] inline void EnvelopeSumsBody(const double* d, int q, double& sumOut,
+                                                    double& momentOut) {
   Lanes partialMean = {0.0, 0.0, 0.0, 0.0};
   int k = 0;
   for (; k + 4 <= q; k += 4) {
@@ -82,6 +85,27 @@ __attribute__((target_clones("avx2", "default"))) void EnvelopeSums(const double
   sumOut = (partialSum[0] + partialSum[1]) + (partialSum[2] + partialSum[3]);
   momentOut = (partialMoment[0] + partialMoment[1]) + (partialMoment[2] + partialMoment[3]);
 }
+
+[[gnu::target("avx2")]] void EnvelopeSumsAvx2(const double* d, int q, double& sumOut, double& momentOut) {
+  EnvelopeSumsBody(d, q, sumOut, momentOut);
+}
+
+void EnvelopeSumsBaseline(const double* d, int q, double& sumOut, double& momentOut) {
+  EnvelopeSumsBody(d, q, sumOut, momentOut);
+}
+
+// Chosen once when the library is loaded (QUARN_SWLI_ISA=sse2 keeps the baseline, as for the peak
+// finder, so that tests reach it on any machine). An explicit pointer rather than the compiler's
+// target_clones: those resolve through an ifunc while the dynamic linker relocates the library,
+// before a sanitizer runtime has started, which crashes ThreadSanitizer builds.
+using EnvelopeSumsFunction = void (*)(const double*, int, double&, double&);
+EnvelopeSumsFunction SelectEnvelopeSums() {
+  const char* cap = std::getenv("QUARN_SWLI_ISA");
+  const bool allowAvx2 = !cap || std::strcmp(cap, "sse2") != 0;
+  __builtin_cpu_init();
+  return allowAvx2 && __builtin_cpu_supports("avx2") ? &EnvelopeSumsAvx2 : &EnvelopeSumsBaseline;
+}
+const EnvelopeSumsFunction EnvelopeSums = SelectEnvelopeSums();
 }  // namespace
 
 PhaseAlgorithmCentroid::PhaseAlgorithmCentroid() : PhaseAlgorithm(__LINE__, kSource) {}

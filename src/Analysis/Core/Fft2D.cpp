@@ -228,6 +228,17 @@ class Fft2D::Impl {
 
   bool FilterRoundTrip(const DataWindow2D<double>& data, const BlockPass& spectrum, const RowPass& result) {
     if (!AcceptSource(data, false, false, false) || !HasSize()) return false;
+    load_ = RowPass{};
+    return RunRoundTrip(spectrum, result);
+  }
+
+  bool FilterRoundTrip(const RowPass& load, const BlockPass& spectrum, const RowPass& result) {
+    if (!HasSize()) return false;
+    load_ = load;
+    return RunRoundTrip(spectrum, result);
+  }
+
+  bool RunRoundTrip(const BlockPass& spectrum, const RowPass& result) {
     spectrum_ = spectrum;
     result_ = result;
     // One row of scratch per worker, on the rows' alignment (the row plans run on it).
@@ -381,7 +392,11 @@ class Fft2D::Impl {
   void LoadAndTransformRows(int thread, int first, int end) {
     fftw_complex* scratch = Scratch(thread);
     for (int r = first; r < end; ++r) {
-      LoadRow(r, scratch);
+      if (load_.run) {
+        load_.run(load_.context, r, reinterpret_cast<std::complex<double>*>(scratch));
+      } else {
+        LoadRow(r, scratch);
+      }
       TransformRow(scratch, false);
       StreamRow(scratch, Row(r));
     }
@@ -433,6 +448,7 @@ class Fft2D::Impl {
   const DataWindow2D<double>* source_ = nullptr;
   Window2D sourceWindow_;
   bool inverse_ = false;
+  RowPass load_;  // no function: rows come from source_
   BlockPass spectrum_;
   RowPass result_;
   AlignedBuffer scratch_;
@@ -474,6 +490,10 @@ int Fft2D::ColumnBlockWidth() {
 bool Fft2D::FilterRoundTrip(const DataWindow2D<double>& data, const BlockPass& spectrum,
                             const RowPass& result) {
   return impl_->FilterRoundTrip(data, spectrum, result);
+}
+
+bool Fft2D::FilterRoundTrip(const RowPass& load, const BlockPass& spectrum, const RowPass& result) {
+  return impl_->FilterRoundTrip(load, spectrum, result);
 }
 
 double Fft2D::MagSquared(int row, int column) const {

@@ -104,6 +104,10 @@ class QUARN_CORE_EXPORT Fft2D {
   // same arithmetic as in the steps one after the other, so the rows `result` gets are bit for bit
   // theirs. Fails as SetData and Transform do, and with code 3 when the scratch rows cannot be had.
   bool FilterRoundTrip(const DataWindow2D<double>& data, const BlockPass& spectrum, const RowPass& result);
+  // The same with the rows loaded by `load` instead of from a matrix: `load.run(context, row,
+  // elements)` writes all GetColumns() elements of the row (zeros where the image has none). A host
+  // that keeps its frame in a smaller form (integer samples) thus needs no copy of it as doubles.
+  bool FilterRoundTrip(const RowPass& load, const BlockPass& spectrum, const RowPass& result);
   // The width of the column blocks the spectrum pass gets (the last block may be narrower), for a
   // caller that lays its data out block by block.
   static int ColumnBlockWidth();

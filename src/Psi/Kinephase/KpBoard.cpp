@@ -25,6 +25,9 @@ KpBoard::KpBoard(const KpBoard& other)
       filter(other.filter),
       intensity(other.intensity),
       mask(other.mask),
+      frameSamples(other.frameSamples),
+      frameResolution(other.frameResolution),
+      frameWindow(other.frameWindow),
       carrierSubtractor(other.carrierSubtractor),
       controller(other.controller),
       kernelSelector(other.kernelSelector),
@@ -53,6 +56,9 @@ KpBoard& KpBoard::operator=(const KpBoard& other) {
   filter = other.filter;
   intensity = other.intensity;
   mask = other.mask;
+  frameSamples = other.frameSamples;
+  frameResolution = other.frameResolution;
+  frameWindow = other.frameWindow;
   carrierSubtractor = other.carrierSubtractor;
   controller = other.controller;
   kernelSelector = other.kernelSelector;

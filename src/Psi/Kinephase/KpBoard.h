@@ -1,12 +1,15 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "Analysis/Core/DataMatrix2D.h"
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/Fft2D.h"
+#include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/RegionIdMatrix2D.h"
 #include "Analysis/Core/Status.h"
+#include "Analysis/Core/Window2D.h"
 #include "Psi/Kinephase/KpCarrierSubtractor.h"
 #include "Psi/Kinephase/KpController.h"
 #include "Psi/Kinephase/KpKernelSelector.h"
@@ -49,8 +52,17 @@ class QUARN_PP_EXPORT KpBoard {
   double phaseScale = 1.0;
   double modulationThreshold = 0.0;
   Analysis::Core::DoubleMatrix2D filter;
+  // The frame as doubles, made only for the steps that need it as a matrix (the pipeline run step
+  // by step, ProcessRealImag); the fused run converts each row of `frameSamples` as the transform
+  // loads it, and a new frame releases it.
   Analysis::Core::DoubleMatrix2D intensity;
+  // Empty unless a mask came with the frame: without one every pixel is in.
   Analysis::Core::RegionIdMatrix2D mask;
+  // The frame as the camera delivered it (a quarter of the doubles' memory at 16 bits): rows of
+  // frameWindow.GetCols() samples of frameResolution, in the camera frame at frameWindow.
+  std::vector<std::uint8_t> frameSamples;
+  Analysis::Core::FrameBuffer::ElementRes frameResolution = Analysis::Core::FrameBuffer::kRes8Bit;
+  Analysis::Core::Window2D frameWindow;
   KpCarrierSubtractor carrierSubtractor;
   KpController controller;
   KpKernelSelector kernelSelector;

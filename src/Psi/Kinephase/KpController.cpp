@@ -79,12 +79,6 @@ struct KpController::TrimJob {
   const RegionIdMatrix2D* mask = nullptr;
 };
 
-// Which frame slot the loading of the intensity reads.
-struct KpController::LoadJob {
-  const FrameBuffer* frames = nullptr;
-  int slot = 0;
-};
-
 KpController::KpController() : dispatcher_(this) {
   requestedWorkers_ = dispatcher_.GetNumberOfWorkers();
 }
@@ -160,15 +154,63 @@ bool KpController::LoadFrame(FrameBuffer& frames, int frame) {
   board.intensityRange = frames.GetMaxValue();
   board.width = frames.GetColumns();
   board.height = frames.GetRows();
+  // The frame is kept as its samples; the doubles and the mask of the previous frame go.
+  board.intensity.Reset();
+  board.mask.Reset();
+  const auto* samples = static_cast<const std::uint8_t*>(frames.GetFrameData(frames.GetSlotOfFrame(frame)));
+  const std::size_t bytes = static_cast<std::size_t>(std::max(board.height, 0)) *
+                            static_cast<std::size_t>(std::max(board.width, 0)) *
+                            static_cast<std::size_t>(frames.GetBytesPerSample());
+  board.frameSamples.assign(samples, samples + bytes);
+  board.frameResolution = frames.GetElementRes();
   const Window2D window = frames.GetAllocatedWindow();
-  QUARN_RETURN_IF_FAILED(board.intensity.Resize(window), board.status, board.intensity, false);
-  board.intensity.ResetWindow();
-  QUARN_RETURN_IF_FAILED(board.mask.Resize(window), board.status, board.mask, false);
-  board.mask.ResetWindow();
-  // The rows' loading also clears the mask: without a mask every pixel is in.
-  LoadJob job{&frames, frames.GetSlotOfFrame(frame)};
-  Rows(&KpController::LoadIntensity, &job, board.height);
+  board.frameWindow = Window2D(window.GetStartRow(), window.GetStartCol(), board.height, board.width);
   return true;
+}
+
+// The frame as a matrix of doubles, for the steps that read it so; made once per frame.
+bool KpController::EnsureIntensity() {
+  KpBoard& board = *board_;
+  if (board.intensity.GetCount() > 0 || board.frameSamples.empty()) return true;
+  QUARN_RETURN_IF_FAILED(board.intensity.Resize(board.frameWindow), board.status, board.intensity, false);
+  board.intensity.ResetWindow();
+  Rows(&KpController::LoadIntensity, board.frameWindow.GetRows());
+  return true;
+}
+
+template <typename Stored>
+static const Stored* FrameRow(const KpBoard& board, int r) {
+  return reinterpret_cast<const Stored*>(board.frameSamples.data()) +
+         static_cast<std::ptrdiff_t>(r) * board.frameWindow.GetCols();
+}
+
+void KpController::LoadIntensity(int first, int end) {
+  const int columns = board_->frameWindow.GetCols();
+  DispatchSampleType(board_->frameResolution, [&]<typename Stored>(SampleTag<Stored>) {
+    for (int r = first; r < end; ++r) {
+      const Stored* in = FrameRow<Stored>(*board_, r);
+      double* out = board_->intensity.Row(r);
+      for (int c = 0; c < columns; ++c)
+        out[c] = static_cast<double>(in[c]);
+    }
+  });
+}
+
+// Row r of the frame as the transform's complex samples (imaginary parts 0), padded with zeros to
+// the transform's size, as Fft2D::SetData loads a matrix of the frame.
+void KpController::LoadTransformRow(void* controller, int r, std::complex<double>* out) {
+  const KpBoard& board = *static_cast<KpController*>(controller)->board_;
+  const int columns = board.fft.GetColumns();
+  const int frameColumns = std::min(board.frameWindow.GetCols(), columns);
+  int c = 0;
+  if (r < board.frameWindow.GetRows()) {
+    DispatchSampleType(board.frameResolution, [&]<typename Stored>(SampleTag<Stored>) {
+      const Stored* in = FrameRow<Stored>(board, r);
+      for (; c < frameColumns; ++c)
+        out[c] = std::complex<double>(static_cast<double>(in[c]), 0.0);
+    });
+  }
+  std::fill(out + c, out + columns, std::complex<double>(0.0, 0.0));
 }
 
 void KpController::SetIntensity(FrameBuffer& frames, int frame) {
@@ -186,42 +228,6 @@ void KpController::SetIntensity(FrameBuffer& frames, int frame, const RegionIdMa
     }
     QUARN_RETURN_IF_FAILED(board.mask.CopyAll(mask), board.status, board.mask);
   });
-}
-
-void KpController::LoadIntensity(void* data, int /*thread*/, int first, int end) {
-  const LoadJob& job = *static_cast<const LoadJob*>(data);
-  const int columns = board_->width;
-  const void* slot = job.frames->GetFrameData(job.slot);
-  // The sample type is decided once for the range. The frame is far larger than the cache and is
-  // read back only by the next transform, so it is streamed past the cache (no fetch of the old
-  // contents); a mask row that is all 0 already, as it is from one frame to the next, is only read.
-  const auto load = [&](const auto* samples) {
-    for (int r = first; r < end; ++r) {
-      const auto* in = samples + static_cast<std::int64_t>(r) * columns;
-      double* out = board_->intensity.Row(r);
-      int c = 0;
-#if defined(__SSE2__)
-      if (reinterpret_cast<std::uintptr_t>(out) % 16 != 0 && columns > 0) {
-        out[0] = static_cast<double>(in[0]);
-        c = 1;
-      }
-      for (; c + 2 <= columns; c += 2)
-        _mm_stream_pd(out + c, _mm_set_pd(static_cast<double>(in[c + 1]), static_cast<double>(in[c])));
-#endif
-      for (; c < columns; ++c)
-        out[c] = static_cast<double>(in[c]);
-      int* mask = board_->mask.Row(r);
-      int set = 0;
-      for (int k = 0; k < columns; ++k)
-        set |= mask[k];
-      if (set != 0) std::fill_n(mask, columns, 0);
-    }
-#if defined(__SSE2__)
-    _mm_sfence();  // streamed stores are weakly ordered: visible before the rows count as loaded
-#endif
-  };
-  DispatchSampleType(*job.frames,
-                     [&]<typename Stored>(SampleTag<Stored>) { load(static_cast<const Stored*>(slot)); });
 }
 
 void KpController::Prepare(const Window2D& window) {
@@ -282,6 +288,7 @@ bool KpController::Process() {
   timer.Done("sizes and filter");
   board.fft.SetAllowMultiThreads(board.allowMultiThreads);
   board.fft.SetNumberOfThreads(requestedWorkers_);
+  if (!EnsureIntensity()) return false;
   QUARN_RETURN_IF_FAILED(board.fft.SetData(board.intensity, false, false, false), board.status, board.fft,
                          false);
   timer.Done("load transform");
@@ -331,7 +338,7 @@ void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D* modulation
   if (board.useFastPath) {
     if (!ProcessFused(phase, job)) return;
     timer.Done("transforms, filter, carrier removal, phase and modulation");
-    if (!Trim(phase, &board.mask)) return;
+    if (!Trim(phase, board.mask.GetCount() > 0 ? &board.mask : nullptr)) return;
     timer.Done("trim and mask");
   } else {
     if (!Process()) return;
@@ -385,9 +392,20 @@ bool KpController::ProcessFused(DoubleMatrix2D& phase, ExtractJob& job) {
   }
   board.fft.SetAllowMultiThreads(board.allowMultiThreads);
   board.fft.SetNumberOfThreads(requestedWorkers_);
-  QUARN_RETURN_IF_FAILED(board.fft.FilterRoundTrip(board.intensity, {&KpController::FilterBlock, this},
-                                                   {&KpController::FinishRow, &job}),
-                         board.status, board.fft, false);
+  const Analysis::Core::Fft2D::BlockPass filterPass{&KpController::FilterBlock, this};
+  const Analysis::Core::Fft2D::RowPass finishPass{&KpController::FinishRow, &job};
+  // The frame's rows are converted as the transform loads them; a frame larger than the transform
+  // goes through the matrix, whose loading reports it.
+  if (!board.frameSamples.empty() && board.frameWindow.GetRows() <= rows &&
+      board.frameWindow.GetCols() <= columns) {
+    const Analysis::Core::Fft2D::RowPass loadPass{&KpController::LoadTransformRow, this};
+    QUARN_RETURN_IF_FAILED(board.fft.FilterRoundTrip(loadPass, filterPass, finishPass), board.status,
+                           board.fft, false);
+  } else {
+    if (!EnsureIntensity()) return false;
+    QUARN_RETURN_IF_FAILED(board.fft.FilterRoundTrip(board.intensity, filterPass, finishPass), board.status,
+                           board.fft, false);
+  }
   if (board.subtractCarrier) board.status = carrierStatus;
   // The window MarkNoDataOf would have given the map.
   board.trimRegions.ResetWindow();

@@ -69,10 +69,10 @@ class QUARN_PP_EXPORT KpController : public BoardController<KpBoard> {
 
  private:
   struct ExtractJob;
-  struct LoadJob;
   struct TrimJob;
 
   bool LoadFrame(Analysis::Core::FrameBuffer& frames, int frame);
+  bool EnsureIntensity();
   bool Process();
   bool ProcessFused(Analysis::Core::DoubleMatrix2D& phase, ExtractJob& job);
   bool Trim(Analysis::Core::DoubleMatrix2D& phase, const Analysis::Core::RegionIdMatrix2D* mask);
@@ -86,7 +86,8 @@ class QUARN_PP_EXPORT KpController : public BoardController<KpBoard> {
   void CalculateFilter(int first, int end);
   void ApplyFilter(int first, int end);
   void ExtractPhaseAndModulation(void* job, int thread, int first, int end);
-  void LoadIntensity(void* job, int thread, int first, int end);
+  void LoadIntensity(int first, int end);
+  static void LoadTransformRow(void* controller, int row, std::complex<double>* elements);
   void MarkTrimRows(int first, int end);
   void ApplyTrimRows(void* job, int thread, int first, int end);
   // The steps the fused run does inside the transform's passes.

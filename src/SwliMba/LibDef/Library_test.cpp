@@ -12,48 +12,7 @@
 
 #include <gtest/gtest.h>
 
-// The library allocates its parts with the non-throwing operator new; these replacements let a
-// test make the n-th such allocation fail (0: none fails). Every form of new and delete is
-// replaced, so that all of them agree on malloc and free.
-namespace {
-std::atomic<int> gNothrowAllocationsBeforeFailure{0};
-void* NothrowAllocate(std::size_t bytes) noexcept {
-  const int left = gNothrowAllocationsBeforeFailure.load();
-  if (left > 0 && gNothrowAllocationsBeforeFailure.fetch_sub(1) == 1) return nullptr;
-  return std::malloc(bytes ? bytes : 1);
-}
-void* Allocate(std::size_t bytes) {
-  if (void* p = std::malloc(bytes ? bytes : 1)) return p;
-  throw std::bad_alloc();
-}
-[[gnu::noinline]] void Release(void* p) noexcept {
-  std::free(p);
-}
-}  // namespace
-void* operator new(std::size_t bytes) {
-  return Allocate(bytes);
-}
-void* operator new[](std::size_t bytes) {
-  return Allocate(bytes);
-}
-void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
-  return NothrowAllocate(bytes);
-}
-void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept {
-  return NothrowAllocate(bytes);
-}
-void operator delete(void* p) noexcept {
-  Release(p);
-}
-void operator delete[](void* p) noexcept {
-  Release(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-  Release(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-  Release(p);
-}
+#include "Testing/FailingAllocations.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::LibDef {
 namespace {
@@ -228,10 +187,10 @@ TEST(LibraryTest, AllocationFailureAtConstructionNamesThePart) {
   std::vector<std::string> partMessages;
   int failing = 1;
   for (; failing < 100; ++failing) {
-    gNothrowAllocationsBeforeFailure = failing;
+    Testing::FailNthNothrowAllocation(failing);
     auto* library = new Library();
-    const bool unaffected = gNothrowAllocationsBeforeFailure.load() > 0;  // fewer allocations than `failing`
-    gNothrowAllocationsBeforeFailure = 0;
+    // More allocations were still to go than the construction made: it was not affected.
+    const bool unaffected = Testing::FailNthNothrowAllocation(0) > 0;
     if (library->GetStatus().IsError()) {
       EXPECT_EQ(library->GetStatus().GetCode(), StatusCode::kAllocationFailed);
       EXPECT_EQ(library->GetStatus().GetFile(), "SwliMba\\LibDef\\Library");

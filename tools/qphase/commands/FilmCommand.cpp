@@ -18,6 +18,7 @@
 #include "Analysis/Core/Threading/CpuCounter.h"
 #include "CommandRegistry.h"
 #include "CommonOptions.h"
+#include "JsonText.h"
 #include "MapPreview.h"
 #include "OutputFiles.h"
 #include "SwliMba/Search/LibraryResampler.h"
@@ -217,7 +218,7 @@ int RunFilm(const FilmOptions& options) {
                               {"valid_fraction", fraction},
                               {"mean_variable1", sumThickness / static_cast<double>(valid)},
                               {"search_seconds", seconds}};
-    WriteBytes(std::move(jsonFile), summary.dump(2) + "\n");
+    WriteBytes(std::move(jsonFile), JsonText(summary));
   }
   outputs.Commit();
   Core::debug_printf("qphase film: files written: %g ms\n", timer.Restart() / 1000.0);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
@@ -103,6 +104,20 @@ TEST_F(FilmCliTest, ThicknessAndHeightOfAKnownFilm) {
       }
     EXPECT_TRUE(fs::exists(Path("s.json")));
   }
+}
+
+// A scan whose file name is not UTF-8 (Latin-1 here) is measured and summarised all the same: the
+// name's invalid byte becomes U+FFFD in the JSON rather than failing the run at its last step.
+TEST_F(FilmCliTest, SummaryOfAScanWithALatin1NameIsWritten) {
+  const std::string scan = MakeScan("caf\xe9.tif", kFrames, kStepNm);
+  const RunResult result = Run("film " + scan + " --stack " + Path("stack.json") + " --scan-step 80 -o " +
+                               Path("h.tif") + " --json " + Path("s.json"));
+  ASSERT_EQ(result.status, 0) << result.err;
+  std::ifstream file(Path("s.json"));
+  const nlohmann::json summary = nlohmann::json::parse(file);
+  const std::string name = summary.at("scan").get<std::string>();
+  EXPECT_TRUE(name.ends_with("caf\xef\xbf\xbd.tif")) << name;
+  EXPECT_EQ(summary.at("valid_fraction").get<double>(), 1.0);
 }
 
 // A library file written once serves scans of its own sampling unchanged and scans of another

@@ -16,7 +16,7 @@
 #include "CommonOptions.h"
 #include "JobFailure.h"
 #include "Jobs/SpotJob.h"
-#include "JsonWriter.h"
+#include "JsonText.h"
 #include "OutputFiles.h"
 #include "SpotOverlay.h"
 #include "TiffIO.h"
@@ -43,30 +43,29 @@ struct SpotOptions {
 
 void WriteJson(WriteTarget target, const SpotOptions& options, const TiffStackInfo& info,
                const Jobs::SpotRecord& record) {
-  JsonWriter json;
-  json.BeginObject();
-  json.Key("image").String(options.image);
-  json.Key("rows").Integer(info.rows);
-  json.Key("columns").Integer(info.cols);
-  json.Key("bitsPerSample").Integer(info.bitsPerSample);
-  json.Key("parameters").BeginObject();
-  json.Key("reticleCenterX").Number(options.center[0]);
-  json.Key("reticleCenterY").Number(options.center[1]);
-  json.Key("interestRegionRadius").Number(options.radius);
-  json.Key("reticleCenterR").Number(options.obscuration);
-  json.Key("regionRestrictor").String(options.restrict);
-  json.Key("saturationThreshold").Number(record.saturation);
-  json.Key("maxNumberOfSaturatedPixels").Integer(options.maxSaturated);
-  json.EndObject();
-  json.Key("position").String(record.position);
-  json.Key("positionCode").Integer(record.positionCode);
+  // Members in the order written (ordered_json): the image, what was asked, what was found.
+  nlohmann::ordered_json parameters;
+  parameters["reticleCenterX"] = options.center[0];
+  parameters["reticleCenterY"] = options.center[1];
+  parameters["interestRegionRadius"] = options.radius;
+  parameters["reticleCenterR"] = options.obscuration;
+  parameters["regionRestrictor"] = options.restrict;
+  parameters["saturationThreshold"] = record.saturation;
+  parameters["maxNumberOfSaturatedPixels"] = options.maxSaturated;
   // The result dictionary as the library keeps it: every value is text.
-  json.Key("properties").BeginObject();
+  nlohmann::ordered_json properties = nlohmann::ordered_json::object();
   for (const auto& [key, value] : record.properties)
-    json.Key(key).String(value);
-  json.EndObject();
-  json.EndObject();
-  WriteBytes(std::move(target), json.Text());
+    properties[key] = value;
+  nlohmann::ordered_json json;
+  json["image"] = options.image;
+  json["rows"] = info.rows;
+  json["columns"] = info.cols;
+  json["bitsPerSample"] = info.bitsPerSample;
+  json["parameters"] = std::move(parameters);
+  json["position"] = record.position;
+  json["positionCode"] = record.positionCode;
+  json["properties"] = std::move(properties);
+  WriteBytes(std::move(target), JsonText(json));
 }
 
 int RunSpot(const SpotOptions& options) {

@@ -83,20 +83,7 @@ CarrierRecord CarrierJob::Run(Core::FrameBuffer& frames, const CarrierOptions& o
 
 CarrierRecord RunCarrier(const ArrayView& frame, const CarrierOptions& options, const MapView& phase,
                          const MapView& modulation) {
-  CarrierRecord record;
-  Core::FrameBuffer frames;
-  if (!MakeFrameBuffer(frame, frames, record)) return record;
-  CarrierJob job;
-  record = job.Run(frames, options, frame.name, !modulation.Empty());
-  if (record.outcome == JobOutcome::kBadInput) return record;
-  if (record.outcome == JobOutcome::kNoResult) {
-    FillNan(phase);
-    FillNan(modulation);
-    return record;
-  }
-  CopyMap(job.GetPhase(), phase, record, "phase") &&
-      CopyMap(job.GetModulation(), modulation, record, "modulation");
-  return record;
+  return RunPhaseAndModulation<CarrierJob>(frame, options, phase, modulation);
 }
 
 }  // namespace Quarn::Jobs

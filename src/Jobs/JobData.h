@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Analysis/Core/DataMatrix2D.h"
@@ -107,5 +108,27 @@ QUARN_PP_EXPORT void NoDataToNan(Core::DataMatrix2D<double>& map);
 QUARN_PP_EXPORT void FillNan(const MapView& out);
 QUARN_PP_EXPORT bool CopyMap(const Core::IntMatrix2D& map, const MapView& out, JobRecord& record,
                              const char* what);
+
+// The host-array form of a job that makes a phase and (when `modulation` is not empty) a modulation
+// map: frames from the view, the job run, its maps copied out. A run without a valid pixel still
+// fills both maps, with NaN.
+template <typename Job, typename Options>
+auto RunPhaseAndModulation(const ArrayView& input, const Options& options, const MapView& phase,
+                           const MapView& modulation) {
+  decltype(Job().Run(std::declval<Core::FrameBuffer&>(), options, input.name, true)) record;
+  Core::FrameBuffer frames;
+  if (!MakeFrameBuffer(input, frames, record)) return record;
+  Job job;
+  record = job.Run(frames, options, input.name, !modulation.Empty());
+  if (record.outcome == JobOutcome::kBadInput) return record;
+  if (record.outcome == JobOutcome::kNoResult) {
+    FillNan(phase);
+    FillNan(modulation);
+    return record;
+  }
+  CopyMap(job.GetPhase(), phase, record, "phase") &&
+      CopyMap(job.GetModulation(), modulation, record, "modulation");
+  return record;
+}
 
 }  // namespace Quarn::Jobs

@@ -126,21 +126,7 @@ PsiRecord PsiJob::Run(Core::FrameBuffer& frames, const PsiOptions& options, cons
 
 PsiRecord RunPsi(const ArrayView& stack, const PsiOptions& options, const MapView& phase,
                  const MapView& modulation) {
-  PsiRecord record;
-  Core::FrameBuffer frames;
-  if (!MakeFrameBuffer(stack, frames, record)) return record;
-  PsiJob job;
-  record = job.Run(frames, options, stack.name, !modulation.Empty());
-  if (record.outcome == JobOutcome::kBadInput) return record;
-  // No valid pixel still gives maps: all NaN.
-  if (record.outcome == JobOutcome::kNoResult) {
-    FillNan(phase);
-    FillNan(modulation);
-    return record;
-  }
-  CopyMap(job.GetPhase(), phase, record, "phase") &&
-      CopyMap(job.GetModulation(), modulation, record, "modulation");
-  return record;
+  return RunPhaseAndModulation<PsiJob>(stack, options, phase, modulation);
 }
 
 }  // namespace Quarn::Jobs

@@ -41,7 +41,7 @@ class QUARN_PP_EXPORT Library {
   Skew& GetSkew() { return *skew_; }
   const Skew& GetSkew() const { return *skew_; }
 
-  // Clears spectra, part model and system model, resets the specifications and the skew. The
+  // Clears spectra, part model and system model, resets the scan sampling and the skew. The
   // source's cut-off and the spectra's valid bins are kept.
   void Clear();
 

@@ -179,7 +179,7 @@ TEST(SpectraTest, ResizeZeroesAndMatrixInterleaves) {
 
 // The parts are made in field order: spectra (which makes its spectrum array and mirror spectrum),
 // part model (its refractive-index library, then its film stack), system model (with the pupil
-// intensity's model list), specifications, skew. Failing each non-throwing allocation in turn, the
+// intensity's model list), scan sampling, skew. Failing each non-throwing allocation in turn, the
 // library's own failures name the parts in that order, each once, and the parts' failures name
 // what they could not make.
 TEST(LibraryTest, AllocationFailureAtConstructionNamesThePart) {

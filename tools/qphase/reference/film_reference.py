@@ -339,7 +339,7 @@ def bench(args):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("mode", choices=["check", "bench"])
-    parser.add_argument("--dump", required=True, help="the film_spectra_dump program")
+    parser.add_argument("--dump", required=True, help="the film_library_dump program")
     parser.add_argument("--workdir", default="film_cross_check")
     args = parser.parse_args()
     return check(args) if args.mode == "check" else bench(args)

@@ -1,4 +1,4 @@
-// film_spectra_dump STACK.json SAMPLES STEP_NM [OVERSAMPLING NODES_PER_INTERVAL]
+// film_library_dump STACK.json SAMPLES STEP_NM [OVERSAMPLING NODES_PER_INTERVAL]
 //
 // Generates the library a film-stack description defines and writes, as JSON on standard output,
 // the integration grid, the valid bins, every configuration's spectrum and the perfect mirror's:
@@ -22,20 +22,20 @@ using namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba;
 int main(int argc, char** argv) {
   if (argc != 4 && argc != 6) {
     std::fprintf(stderr,
-                 "usage: film_spectra_dump STACK.json SAMPLES STEP_NM [OVERSAMPLING NODES_PER_INTERVAL]\n");
+                 "usage: film_library_dump STACK.json SAMPLES STEP_NM [OVERSAMPLING NODES_PER_INTERVAL]\n");
     return 2;
   }
   std::ifstream file(argv[1]);
   std::stringstream text;
   text << file.rdbuf();
   if (!file) {
-    std::fprintf(stderr, "film_spectra_dump: cannot read %s\n", argv[1]);
+    std::fprintf(stderr, "film_library_dump: cannot read %s\n", argv[1]);
     return 2;
   }
   LibDef::Library library;
   LibDef::LibraryJson reader;
   if (!reader.Read(text.str(), library)) {
-    std::fprintf(stderr, "film_spectra_dump: %s: %s\n", argv[1], reader.GetStatus().GetMessage().c_str());
+    std::fprintf(stderr, "film_library_dump: %s: %s\n", argv[1], reader.GetStatus().GetMessage().c_str());
     return 2;
   }
   library.GetSpecifications().SetNumberOfSamples(std::atoi(argv[2]));
@@ -46,7 +46,7 @@ int main(int argc, char** argv) {
     generator.SetAngularNodesPerInterval(std::atoi(argv[5]));
   }
   if (!generator.Generate(library)) {
-    std::fprintf(stderr, "film_spectra_dump: %s\n", generator.GetStatus().GetPrintString().c_str());
+    std::fprintf(stderr, "film_library_dump: %s\n", generator.GetStatus().GetPrintString().c_str());
     return 1;
   }
   const LibGen::LgIntegrationGrid& grid = generator.GetIntegrationGrid();

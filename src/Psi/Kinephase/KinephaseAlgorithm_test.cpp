@@ -191,6 +191,28 @@ TEST_P(RecoveryTest, SmoothPhaseFromCarrierFringesOfEachQuadrant) {
       },
       [&](const Window2D&, int) { return MapsOf(phase, modulation); });
 
+  // The low-memory run computes the filter in the column pass and gives the transform's memory
+  // back as it goes: the same maps to the bit, and the filter it is asked for afterwards is the one
+  // the default run stored.
+  KinephaseAlgorithm lowMemory(reference);
+  lowMemory.SetUseFastPath(true);
+  lowMemory.SetNumberOfThreads(quadrant + 1);
+  lowMemory.SetLowMemory(true);
+  Testing::CheckImageEquivalence(
+      {f.rows, f.cols, {{"phase", 0}, {"modulation", 0}}, {quadrant + 1}, false},
+      [&](const Window2D&) { return MapsOf(phase, modulation); },
+      [&](const Window2D&, int) {
+        DoubleMatrix2D lowPhase, lowModulation;
+        lowMemory.Process(lowPhase, lowModulation);
+        EXPECT_TRUE(lowMemory.GetStatus().IsOk()) << lowMemory.GetStatus().GetPrintString();
+        return MapsOf(lowPhase, lowModulation);
+      });
+  DoubleMatrix2D filter, lowMemoryFilter;
+  kinephase.GetFilter(filter);
+  lowMemory.GetFilter(lowMemoryFilter);
+  ASSERT_EQ(lowMemoryFilter.GetCount(), filter.GetCount());
+  EXPECT_EQ(std::memcmp(lowMemoryFilter.Data(), filter.Data(), sizeof(double) * filter.GetCount()), 0);
+
   const Comparison c = Compare(phase, modulation, scene.phase, kBorder);
   const double noise = PredictedPhaseNoise(kinephase, f.noise, f.amplitude);
   const double bound = 1.2 * std::hypot(noise, kMethodErrorRad);
@@ -243,12 +265,13 @@ TEST(KinephaseAlgorithmTest, ObscuredFrameThreadCountsAndTheReferencePath) {
     for (int c = 0; c < kSide; ++c)
       mask(r, c) = r + c < 40 ? RegionIdMatrix2D::NoData() : 0;
   }
-  const auto run = [&](bool threads, int count, bool fast, DoubleMatrix2D& phase,
-                       DoubleMatrix2D& modulation) {
+  const auto run = [&](bool threads, int count, bool fast, DoubleMatrix2D& phase, DoubleMatrix2D& modulation,
+                       bool lowMemory = false) {
     KinephaseAlgorithm kinephase;
     kinephase.SetAllowMultiThreads(threads);
     kinephase.SetNumberOfThreads(count);
     kinephase.SetUseFastPath(fast);
+    kinephase.SetLowMemory(lowMemory);
     kinephase.SetModulationThreshold(25.0);  // 32 counts: 40 % of the filtered fringe modulation
     kinephase.SetIntensity(frames, 0, mask);
     kinephase.Process(phase, modulation);
@@ -270,10 +293,10 @@ TEST(KinephaseAlgorithmTest, ObscuredFrameThreadCountsAndTheReferencePath) {
 
   const auto fast = [&](const Window2D&, int count) {
     DoubleMatrix2D phase, modulation;
-    run(true, count, true, phase, modulation);
+    run(true, count, true, phase, modulation, count % 2 == 1);
     return MapsOf(phase, modulation);
   };
-  // Every thread count gives the single-threaded bits.
+  // Every thread count gives the single-threaded bits, also with low memory (odd counts).
   Testing::CheckImageEquivalence(
       {kSide, kSide, {{"phase", 0}, {"modulation", 0}}, {1, 2, 3, 7}, false},
       [&](const Window2D&) { return MapsOf(phase1, modulation1); }, fast);

@@ -97,8 +97,9 @@ PsiRecord PsiJob::Run(Core::FrameBuffer& frames, const PsiOptions& options, cons
   for (const double w : options.frameWeights)
     weights.Add(w);
 
-  if (!phase_.Resize(0, 0, frames.GetRows(), frames.GetColumns()) ||
-      (wantModulation && !modulation_.Resize(0, 0, frames.GetRows(), frames.GetColumns()))) {
+  // The converter writes every pixel of the maps: they are not cleared first.
+  const Core::Window2D window(0, 0, frames.GetRows(), frames.GetColumns());
+  if (!phase_.ResizeForOverwrite(window) || (wantModulation && !modulation_.ResizeForOverwrite(window))) {
     Fail(record, JobOutcome::kBadInput, name + ": no memory for the result maps");
     return record;
   }

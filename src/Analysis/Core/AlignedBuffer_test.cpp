@@ -20,9 +20,9 @@ TEST(AlignedBufferTest, DiscardClearsTheWholePagesInsideTheRangeOnly) {
     std::size_t offset, bytes;
   };
   const Range ranges[] = {
-      {0, 3 * page},                     // from the start, whole pages
-      {page / 2, 2 * page},              // ragged at both ends: one whole page inside
-      {5 * page + 1, page - 2},          // inside one page: nothing
+      {0, 3 * page},             // from the start, whole pages
+      {page / 2, 2 * page},      // ragged at both ends: one whole page inside
+      {5 * page + 1, page - 2},  // inside one page: nothing
       {AlignedBuffer::kHugePage - 7 * page, 3 * AlignedBuffer::kHugePage},  // across huge pages
       {AlignedBuffer::kMapThreshold - page, 10 * page},                     // clipped at the end
   };

@@ -255,7 +255,8 @@ FrameBuffer ObscuredFrame(Testing::SeededRandom& random) {
 // beyond 4 pixels from it the phase is as good as in a clear frame, hardly a pixel there lost.
 // Threads share out rows (and the transform's rows and column blocks) with the same arithmetic
 // whoever computes a pixel, so every thread count gives the single-threaded bits; the fast path
-// matches the plain reference, here also through the trim and the mask.
+// matches the plain reference, here also through the trim and the mask, and on either path the
+// phase asked for alone is that of the run with both maps.
 TEST(KinephaseAlgorithmTest, ObscuredFrameThreadCountsAndTheReferencePath) {
   Testing::SeededRandom random(5);
   SCOPED_TRACE(random.Describe());
@@ -276,6 +277,14 @@ TEST(KinephaseAlgorithmTest, ObscuredFrameThreadCountsAndTheReferencePath) {
     kinephase.SetIntensity(frames, 0, mask);
     kinephase.Process(phase, modulation);
     EXPECT_TRUE(kinephase.GetStatus().IsOk()) << kinephase.GetStatus().GetPrintString();
+    // Asked for the phase alone, the pipeline makes no modulation map but still rejects by the
+    // modulation: the phase of the run with both maps, to the bit.
+    DoubleMatrix2D alone;
+    kinephase.Process(alone);
+    EXPECT_TRUE(kinephase.GetStatus().IsOk()) << kinephase.GetStatus().GetPrintString();
+    EXPECT_TRUE(alone.GetCount() == phase.GetCount() &&
+                std::memcmp(alone.Data(), phase.Data(), sizeof(double) * phase.GetCount()) == 0)
+        << "the phase alone, " << count << " threads, " << (fast ? "fast" : "plain") << " path";
     return PredictedPhaseNoise(kinephase, 1.5, 80.0);
   };
   DoubleMatrix2D phase1, modulation1;
@@ -308,30 +317,6 @@ TEST(KinephaseAlgorithmTest, ObscuredFrameThreadCountsAndTheReferencePath) {
         return MapsOf(reference, referenceModulation);
       },
       fast);
-}
-
-// Asked for the phase alone, the pipeline makes no modulation map but still rejects by the
-// modulation: the phase is that of the run with both maps to the bit, on either path, with the
-// trim around the obscuration.
-TEST(KinephaseAlgorithmTest, ThePhaseAloneIsThePhaseOfTheRunWithBothMaps) {
-  Testing::SeededRandom random(6);
-  SCOPED_TRACE(random.Describe());
-  FrameBuffer frames = ObscuredFrame(random);
-  for (const bool fast : {true, false}) {
-    KinephaseAlgorithm kinephase;
-    kinephase.SetUseFastPath(fast);
-    kinephase.SetModulationThreshold(25.0);
-    kinephase.SetIntensity(frames, 0);
-    DoubleMatrix2D phase, modulation, alone;
-    kinephase.Process(phase, modulation);
-    ASSERT_TRUE(kinephase.GetStatus().IsOk()) << kinephase.GetStatus().GetPrintString();
-    kinephase.Process(alone);
-    ASSERT_TRUE(kinephase.GetStatus().IsOk()) << kinephase.GetStatus().GetPrintString();
-    ASSERT_EQ(alone.GetCount(), phase.GetCount());
-    EXPECT_EQ(std::memcmp(alone.Data(), phase.Data(), sizeof(double) * phase.GetCount()), 0)
-        << (fast ? "fast path" : "plain path");
-    EXPECT_LT(alone.CountValid(), alone.GetCount()) << "the obscuration is rejected";
-  }
 }
 
 // The board keeps the frame as its 16-bit samples and converts them when a run needs them, as the
@@ -528,9 +513,13 @@ TEST(KinephaseAlgorithmTest, BadInputsAreReported) {
   EXPECT_EQ(kinephase.GetStatus().GetMessage(), "The mask (16 x 21) does not match the frame (16 x 20)");
 
   kinephase.SelectKernel(KpKernelSelector(0, KpQuadrant::Quadrant1));
-  kinephase.Process(phase);
-  EXPECT_EQ(kinephase.GetStatus().GetCode(), StatusCode::kArgumentOutOfRange);
-  EXPECT_EQ(kinephase.GetStatus().GetMessage(), "The pixels per fringe must be at least 1, not 0");
+  for (const bool lowMemory : {false, true}) {
+    kinephase.GetStatus().ClearError();
+    kinephase.SetLowMemory(lowMemory);
+    kinephase.Process(phase);
+    EXPECT_EQ(kinephase.GetStatus().GetCode(), StatusCode::kArgumentOutOfRange);
+    EXPECT_EQ(kinephase.GetStatus().GetMessage(), "The pixels per fringe must be at least 1, not 0");
+  }
 }
 
 }  // namespace

@@ -57,7 +57,7 @@ bool LsPixelProcessor::Init(const LsBoard& board, int firstBin, int lastBin) {
   n_ = 2 * (bins - 1);
   first_ = firstBin;
   band_ = lastBin - firstBin + 1;
-  if (!fft_.Resize(n_)) {
+  if (!signal_.Init(bins)) {
     status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "Call to signal.Init failed");
     return false;
   }
@@ -97,19 +97,11 @@ bool LsPixelProcessor::Init(const LsBoard& board, int firstBin, int lastBin) {
   return true;
 }
 
-void LsPixelProcessor::LoadPixel(int thread, int pixel, int slot) {
+double LsPixelProcessor::LoadPixel(int thread, int pixel, int slot) {
   const int frames = board_->frameBuffer->GetFramesStored();
   const double* trace = board_->frameBuffer->ExtractIndex<double>(thread, pixel);
-  double mean = 0.0;
-  for (int j = 0; j < frames; ++j)
-    mean += trace[j];
-  mean /= frames;
-  double* input = fft_.Input();
-  const bool reversed = board_->scanDirection < 0;
-  for (int j = 0; j < n_; ++j)
-    input[j] = j < frames ? trace[reversed ? frames - 1 - j : j] - mean : 0.0;
-  fft_.Forward();
-  const cd* bins = fft_.Output() + first_;
+  const double mean = signal_.Load(trace, frames, board_->scanDirection < 0);
+  const cd* bins = signal_.FourierDomainCplx() + first_;
   cd* m = spectra_.data() + static_cast<std::size_t>(slot) * band_;
   double energy = 0.0;
   for (int k = 0; k < band_; ++k) {
@@ -130,6 +122,7 @@ void LsPixelProcessor::LoadPixel(int thread, int pixel, int slot) {
   const double magnitudeScale = energy > 0.0 ? 1.0 / std::sqrt(energy) : 0.0;
   for (int k = 0; k < band_; ++k)
     a[k] = std::abs(m[k]) * magnitudeScale;
+  return mean;
 }
 
 void LsPixelProcessor::CandidateScores(int libraryId, int count) {
@@ -368,6 +361,42 @@ LsPixelProcessor::Result LsPixelProcessor::Refine(int slot, const LsLibrary& lib
   }
   result.merit = std::clamp(result.merit, 0.0, 1.0);
   result.thickness = library.GetA() + library.GetB() * (signal / stride + fraction);
+  return result;
+}
+
+double LsPixelProcessor::LoadSinglePixel(int row, int column) {
+  return LoadPixel(0, row * board_->frameBuffer->GetColumns() + column, 0);
+}
+
+LsSignalProcessor* LsPixelProcessor::GetSignalProcessor() {
+  if (signalProcessor_.GetNumberOfSamples() != n_ && !signalProcessor_.Init(n_)) {
+    status_ = signalProcessor_.GetStatus();
+    return nullptr;
+  }
+  return &signalProcessor_;
+}
+
+void LsPixelProcessor::ScoreAllSignals(int libraryId, double* out) const {
+  const LsLibrary& library = board_->libraries.At(libraryId);
+  const cd* d = features_.data();
+  for (int s = 0; s < library.GetNumberOfSignals(); ++s) {
+    const cd* l = library.GetFeaturesConj(s);
+    cd sum = 0.0;
+    for (int k = 0; k + 1 < band_; ++k)
+      sum += d[k] * l[k];
+    out[s] = std::abs(sum);
+  }
+}
+
+LsPixelProcessor::SignalFit LsPixelProcessor::FitSignal(int libraryId, int signal) const {
+  const LsLibrary& library = board_->libraries.At(libraryId);
+  const Fit fit = FullFit(0, library, signal, StartHeight(0, library, signal), false);
+  SignalFit result;
+  result.merit = fit.merit;
+  result.height = fit.height;
+  // Re C(h) = G |L|² at the least-squares gain, and merit = Re C(h) / (|M| |L|).
+  const double norm = library.GetBandNorm(signal);
+  result.gain = norm > 0.0 ? fit.merit * norms_[0] / norm : 0.0;
   return result;
 }
 

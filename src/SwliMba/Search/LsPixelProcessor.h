@@ -112,7 +112,8 @@ class LsPixelProcessor {
     double height = 0.0;
   };
 
-  double LoadPixel(int thread, int pixel, int slot);  // returns the trace's mean
+  // The trace (frames stored) into slot `slot`; returns its mean.
+  double LoadPixel(const double* trace, int slot);
   void CandidateScores(int libraryId, int count);
   void Candidates(int slot, const LsLibrary& library, std::vector<int>& out, double& confidence);
   // The least-squares height from h0; `onFringe`: h0 already lies on the right fringe (a

@@ -18,13 +18,15 @@ bool LsSignalProcessor::Fail(unsigned code, unsigned line, const char* message) 
 bool LsSignalProcessor::Init(int samples) {
   samples_ = 0;
   if (samples < 2 || samples % 2 != 0) return Fail(StatusCode::kArgumentOutOfRange, __LINE__, "samples < 2");
-  if (!envelope_.ResizeNoCopy(samples)) return Fail(StatusCode::kCallFailed, __LINE__, "Call to envelope.Resize failed");
+  if (!envelope_.ResizeNoCopy(samples))
+    return Fail(StatusCode::kCallFailed, __LINE__, "Call to envelope.Resize failed");
   if (!cumulativeDistributionFunction_.ResizeNoCopy(samples))
     return Fail(StatusCode::kCallFailed, __LINE__, "Call to cumulativeDistributionFunction.Resize failed");
   if (!complexFourierWork_.ResizeNoCopy(samples))
     return Fail(StatusCode::kCallFailed, __LINE__, "Call to complexFourierWork.Resize failed");
   transform_.SetAllowMultiThreads(false);
-  if (!transform_.SetSize(1, samples)) return Fail(StatusCode::kCallFailed, __LINE__, "Call to transform.SetSize failed");
+  if (!transform_.SetSize(1, samples))
+    return Fail(StatusCode::kCallFailed, __LINE__, "Call to transform.SetSize failed");
   std::fill(envelope_.begin(), envelope_.end(), 0.0);
   std::fill(cumulativeDistributionFunction_.begin(), cumulativeDistributionFunction_.end(), 0.0);
   std::fill(complexFourierWork_.begin(), complexFourierWork_.end(), cd());
@@ -67,7 +69,8 @@ bool LsSignalProcessor::FindCarrier(const cd* spectrum, int bins) {
 bool LsSignalProcessor::Inverse() {
   cd* row = transform_.GetRow(0);
   std::copy(complexFourierWork_.begin(), complexFourierWork_.end(), row);
-  if (!transform_.Transform(true)) return Fail(StatusCode::kCallFailed, __LINE__, "Call to transform.Transform failed");
+  if (!transform_.Transform(true))
+    return Fail(StatusCode::kCallFailed, __LINE__, "Call to transform.Transform failed");
   std::copy(row, row + samples_, complexFourierWork_.begin());
   return true;
 }
@@ -134,7 +137,8 @@ bool LsSignalProcessor::Correlate(const cd* m, const cd* l, int first, int last,
     mm += std::norm(m[j]);
     ll += std::norm(l[j]);
   }
-  if (!(mm > 0.0 && ll > 0.0)) return Fail(StatusCode::kCallFailed, __LINE__, "Call to Correlate failed: zero norm");
+  if (!(mm > 0.0 && ll > 0.0))
+    return Fail(StatusCode::kCallFailed, __LINE__, "Call to Correlate failed: zero norm");
   // The inverse transform divides by N; the normalisation puts it back.
   const double scale = n / std::sqrt(mm * ll);
   std::fill(complexFourierWork_.begin(), complexFourierWork_.end(), cd());

@@ -50,7 +50,7 @@ bool LsController::Prepare(bool modulationOnly, int threads) {
       return false;
     }
   }
-  int first = 0, last = 0;
+  int first = 0, last = 0, coreFirst = 0, coreLast = 0;
   if (!modulationOnly) {
     LsSignalProcessor mirror;
     if (!mirror.FindCarrier(board.perfectMirrorSignal.Get().Data(),
@@ -60,9 +60,11 @@ bool LsController::Prepare(bool modulationOnly, int threads) {
     }
     first = mirror.GetFirstBin();
     last = mirror.GetLastBin();
+    coreFirst = mirror.GetFirstCoreBin();
+    coreLast = mirror.GetLastCoreBin();
     for (int l = 0; l < board.libraries.Size(); ++l) {
       LsLibrary& library = board.libraries.At(l);
-      if (library.GetNumberOfSignals() > 0 && !library.Prepare(first, last)) {
+      if (library.GetNumberOfSignals() > 0 && !library.Prepare(first, last, coreFirst, coreLast)) {
         board.status = library.GetStatus();
         return false;
       }

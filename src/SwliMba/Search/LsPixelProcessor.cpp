@@ -152,9 +152,12 @@ void LsPixelProcessor::CandidateScores(int libraryId, int count) {
     }
     case LsSearchMode::Fast: {
       const int s = library.GetNumberOfCoarseSignals();
+      const int core = library.GetCoreWidth();
+      using CoreMap = Eigen::Map<const Eigen::Matrix<cd, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>, 0,
+                                 Eigen::OuterStride<>>;
       ComplexMap(coarseCorrelations_.data(), count, s).noalias() =
-          ConstComplexMap(features_.data(), count, k) *
-          ConstComplexMap(library.GetCoarseFeaturesConjData(), s, k).transpose();
+          CoreMap(features_.data() + library.GetCoreOffset(), count, core, Eigen::OuterStride<>(k)) *
+          ConstComplexMap(library.GetCoarseFeaturesConjData(), s, core).transpose();
       break;
     }
     default: {
@@ -187,8 +190,17 @@ void LsPixelProcessor::Candidates(int slot, const LsLibrary& library, std::vecto
     std::copy(merit_.data() + at, merit_.data() + at + count, scores);
   } else {
     const cd* values = (fast ? coarseCorrelations_.data() : correlations_.data()) + at;
+    // The coarse grid compares the band's core; its scores are normalised by the core's energy.
+    double scale = 1.0;
+    if (fast) {
+      const cd* d = features_.data() + static_cast<std::size_t>(slot) * (band_ - 1) + library.GetCoreOffset();
+      double energy = 0.0;
+      for (int k = 0; k < library.GetCoreWidth(); ++k)
+        energy += std::norm(d[k]);
+      scale = energy > 0.0 ? 1.0 / energy : 0.0;
+    }
     for (int i = 0; i < count; ++i)
-      scores[i] = std::norm(values[i]);
+      scores[i] = std::norm(values[i]) * scale;
   }
   auto score = [scores](int i) { return scores[i]; };
 

@@ -38,11 +38,15 @@ bool LsSignalProcessor::FindCarrier(const cd* spectrum, int bins) {
   double peak = 0.0;
   for (int j = 0; j < bins; ++j)
     peak = std::max(peak, std::abs(spectrum[j]));
-  first_ = last_ = -1;
+  first_ = last_ = coreFirst_ = coreLast_ = -1;
   for (int j = 0; j < bins; ++j) {
     if (peak > 0.0 && std::abs(spectrum[j]) >= kBandFraction * peak) {
       if (first_ < 0) first_ = j;
       last_ = j;
+    }
+    if (peak > 0.0 && std::abs(spectrum[j]) >= kCoreFraction * peak) {
+      if (coreFirst_ < 0) coreFirst_ = j;
+      coreLast_ = j;
     }
   }
   carrier_ = sigmaCarrier_ = 0.0;

@@ -30,6 +30,7 @@ class LsSignalProcessor {
  public:
   static constexpr const char* kSource = "SwliMba\\Search\\LsSignalProcessor";
   static constexpr double kBandFraction = 0.01;
+  static constexpr double kCoreFraction = 0.1;
 
   // Sizes the working arrays and the complex transform for N samples; false with the status set.
   bool Init(int samples);
@@ -40,6 +41,9 @@ class LsSignalProcessor {
   bool FindCarrier(const std::complex<double>* spectrum, int bins);
   int GetFirstBin() const { return first_; }
   int GetLastBin() const { return last_; }
+  // The band's core: the bins of at least 10 % of the largest magnitude (within the band).
+  int GetFirstCoreBin() const { return coreFirst_; }
+  int GetLastCoreBin() const { return coreLast_; }
   double GetCarrier() const { return carrier_; }
   double GetSigmaCarrier() const { return sigmaCarrier_; }
 
@@ -74,7 +78,7 @@ class LsSignalProcessor {
   bool Inverse();  // complexFourierWork → complexFourierWork, scaled by 1/N
 
   int samples_ = 0;
-  int first_ = -1, last_ = -1;
+  int first_ = -1, last_ = -1, coreFirst_ = -1, coreLast_ = -1;
   double carrier_ = 0.0, sigmaCarrier_ = 0.0;
   Analysis::Core::Array<double> envelope_;
   Analysis::Core::Array<double> cumulativeDistributionFunction_;

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <complex>
 #include <cstdint>
+#include <functional>
 #include <numbers>
 #include <ostream>
 #include <string>
@@ -186,6 +187,44 @@ struct Maps {
   }
 };
 
+// A scan of the shared library's film model, synthesised point by point: thickness and height of
+// pixel (r, c) in µm, Gaussian noise of `noise` times each pixel's fringe amplitude (seeded).
+FrameBuffer FilmScan(int rows, int cols, const std::function<double(int, int)>& thicknessUm,
+                     const std::function<double(int, int)>& heightUm, double noise = 0.0,
+                     std::uint64_t seed = 1) {
+  DoubleMatrix2D thickness(rows, cols), height(rows, cols);
+  for (int r = 0; r < rows; ++r)
+    for (int c = 0; c < cols; ++c) {
+      thickness(r, c) = thicknessUm(r, c);
+      height(r, c) = heightUm(r, c);
+    }
+  Testing::FilmScanSettings settings;
+  settings.rows = rows;
+  settings.cols = cols;
+  settings.noiseFraction = noise;
+  Testing::SeededRandom random(seed);
+  FrameBuffer frames;
+  EXPECT_TRUE(Testing::RecordFilmScan(Library().model, settings, thickness, height,
+                                      noise > 0.0 ? &random : nullptr, frames));
+  return frames;
+}
+
+// One search of `frames` against the shared library, every map attached; its status.
+Analysis::Core::Status Search(FrameBuffer& frames, const std::string& mode, Maps& maps, int threads = 1) {
+  LibrarySearch search;
+  search.SetSearchMode(mode);
+  search.SetAllowMultiThreads(threads > 1);
+  search.SetNumberOfThreads(threads);
+  Array<std::complex<double>> mirror = Library().mirror;
+  search.SetPerfectMirrorSignal(mirror);
+  DoubleMatrix2D matrix = Library().matrix;
+  search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
+  search.SetFrameBuffer(frames);
+  maps.Attach(search);
+  search.Execute();
+  return search.GetStatus();
+}
+
 struct ModeCase {
   std::string mode;
   int threads;
@@ -205,47 +244,24 @@ class ShiftedSignalTest : public testing::TestWithParam<ModeCase> {};
 // slope alone, which the quantisation moves by a few 1e-3 frames.
 TEST_P(ShiftedSignalTest, FindsSignalAndShift) {
   const ModeCase& c = GetParam();
-  const FilmLibrary& lib = Library();
   const int rows = 3, cols = 8;
-  DoubleMatrix2D thickness(rows, cols), height(rows, cols);
-  std::vector<int> signal(rows * cols), shift(rows * cols);
-  for (int r = 0; r < rows; ++r)
-    for (int col = 0; col < cols; ++col) {
-      const int i = r * cols + col;
-      signal[i] = (37 * i + 11) % kSignals;
-      shift[i] = (i % 13) - 6;
-      thickness(r, col) = kFromUm + signal[i] * kIncrementUm;
-      height(r, col) = shift[i] * kStepUm;
-    }
-  Testing::FilmScanSettings settings;
-  settings.rows = rows;
-  settings.cols = cols;
-  FrameBuffer frames;
-  ASSERT_TRUE(Testing::RecordFilmScan(lib.model, settings, thickness, height, nullptr, frames));
-
-  LibrarySearch search;
-  search.SetSearchMode(c.mode);
-  search.SetAllowMultiThreads(c.threads > 1);
-  search.SetNumberOfThreads(c.threads);
-  Array<std::complex<double>> mirror = lib.mirror;
-  search.SetPerfectMirrorSignal(mirror);
-  DoubleMatrix2D matrix = lib.matrix;
-  search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
-  search.SetFrameBuffer(frames);
+  auto signal = [cols](int r, int col) { return (37 * (r * cols + col) + 11) % kSignals; };
+  auto shift = [cols](int r, int col) { return ((r * cols + col) % 13) - 6; };
+  FrameBuffer frames = FilmScan(
+      rows, cols, [&](int r, int col) { return kFromUm + signal(r, col) * kIncrementUm; },
+      [&](int r, int col) { return shift(r, col) * kStepUm; });
   Maps maps;
-  maps.Attach(search);
-  search.Execute();
-  ASSERT_TRUE(search.GetStatus().IsOk()) << search.GetStatus().GetPrintString();
+  const Analysis::Core::Status status = Search(frames, c.mode, maps, c.threads);
+  ASSERT_TRUE(status.IsOk()) << status.GetPrintString();
   const double heightTolerance = c.mode == "MagOnly" ? 0.02 : 2e-3;
   for (int r = 0; r < rows; ++r)
     for (int col = 0; col < cols; ++col) {
-      const int i = r * cols + col;
-      SCOPED_TRACE("pixel " + std::to_string(i));
+      SCOPED_TRACE("pixel " + std::to_string(r * cols + col));
       EXPECT_EQ(maps.libraryId(r, col), 0.0);
-      EXPECT_EQ(maps.signalId(r, col), signal[i]);
-      EXPECT_NEAR(maps.height(r, col), shift[i], heightTolerance);
+      EXPECT_EQ(maps.signalId(r, col), signal(r, col));
+      EXPECT_NEAR(maps.height(r, col), shift(r, col), heightTolerance);
       // Within a tenth of a library step.
-      EXPECT_NEAR(maps.thickness(r, col), thickness(r, col), 0.1 * kIncrementUm);
+      EXPECT_NEAR(maps.thickness(r, col), kFromUm + signal(r, col) * kIncrementUm, 0.1 * kIncrementUm);
       EXPECT_GT(maps.metric(r, col), 0.999);
       EXPECT_LE(maps.metric(r, col), 1.0);
       EXPECT_GE(maps.confidence(r, col), 0.0);
@@ -263,37 +279,17 @@ INSTANTIATE_TEST_SUITE_P(Modes, ShiftedSignalTest,
 
 // A noisy film scan: thickness varying across the image, a tilted top surface, noise of 1 % of
 // each pixel's fringe amplitude. Linear and Fast must find the same signals, and the thickness and
-// height errors stay within the accuracy the noise allows (see the comment at the limits).
+// height errors stay within the accuracy the noise allows: the goals of the film analysis at this
+// noise, 0.5 nm thickness and 1 nm height RMS (the point-by-point model here is independent of
+// the generator the accuracy-goal test below uses).
 TEST(LibrarySearchTest, NoisyFilmThicknessAndHeight) {
-  const FilmLibrary& lib = Library();
   const int rows = 8, cols = 24;
-  DoubleMatrix2D thickness(rows, cols), height(rows, cols);
-  for (int r = 0; r < rows; ++r)
-    for (int col = 0; col < cols; ++col) {
-      thickness(r, col) = 0.32 + 0.36 * col / (cols - 1);
-      height(r, col) = 0.02 * col - 0.03 * r;
-    }
-  Testing::FilmScanSettings settings;
-  settings.rows = rows;
-  settings.cols = cols;
-  settings.noiseFraction = 0.01;
-  Testing::SeededRandom random(77);
-  FrameBuffer frames;
-  ASSERT_TRUE(Testing::RecordFilmScan(lib.model, settings, thickness, height, &random, frames));
-
+  auto thickness = [](int, int col) { return 0.32 + 0.36 * col / (cols - 1); };
+  auto height = [](int r, int col) { return 0.02 * col - 0.03 * r; };
+  FrameBuffer frames = FilmScan(rows, cols, thickness, height, 0.01, 77);
   Maps linear, fast;
-  for (const char* mode : {"Linear", "Fast"}) {
-    LibrarySearch search;
-    search.SetSearchMode(mode);
-    Array<std::complex<double>> mirror = lib.mirror;
-    search.SetPerfectMirrorSignal(mirror);
-    DoubleMatrix2D matrix = lib.matrix;
-    search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
-    search.SetFrameBuffer(frames);
-    (std::string(mode) == "Linear" ? linear : fast).Attach(search);
-    search.Execute();
-    ASSERT_TRUE(search.GetStatus().IsOk()) << search.GetStatus().GetPrintString();
-  }
+  ASSERT_TRUE(Search(frames, "Linear", linear).IsOk());
+  ASSERT_TRUE(Search(frames, "Fast", fast).IsOk());
   double thicknessSq = 0.0, heightSq = 0.0;
   int same = 0;
   for (int r = 0; r < rows; ++r)
@@ -308,49 +304,23 @@ TEST(LibrarySearchTest, NoisyFilmThicknessAndHeight) {
   const double thicknessRms = std::sqrt(thicknessSq / n), heightRms = std::sqrt(heightSq / n);
   std::printf("thickness RMS %.3f nm, height RMS %.3f nm, same signal %.1f %%\n", thicknessRms, heightRms,
               100.0 * same / n);
-  // Goals of the film analysis at this noise: 0.5 nm thickness and 1 nm height RMS.
   EXPECT_LT(thicknessRms, 0.5);
   EXPECT_LT(heightRms, 1.0);
   EXPECT_GE(same, 0.99 * n);
 }
 
-// Threads change nothing: each pixel is matched by one worker with the same arithmetic.
+// Threads change nothing: each pixel is matched by one worker with the same arithmetic (rows split
+// unevenly, columns over two blocks).
 TEST(LibrarySearchTest, ThreadedEqualsSingleThreaded) {
-  const FilmLibrary& lib = Library();
-  const int rows = 9, cols = 70;  // rows split unevenly, columns over two blocks
-  DoubleMatrix2D thickness(rows, cols), height(rows, cols);
-  for (int r = 0; r < rows; ++r)
-    for (int col = 0; col < cols; ++col) {
-      thickness(r, col) = 0.31 + 0.38 * col / (cols - 1);
-      height(r, col) = 0.01 * r;
-    }
-  Testing::FilmScanSettings settings;
-  settings.rows = rows;
-  settings.cols = cols;
-  settings.noiseFraction = 0.01;
-  Testing::SeededRandom random(5);
-  FrameBuffer frames;
-  ASSERT_TRUE(Testing::RecordFilmScan(lib.model, settings, thickness, height, &random, frames));
+  FrameBuffer frames = FilmScan(
+      9, 70, [](int, int col) { return 0.31 + 0.38 * col / 69.0; }, [](int r, int) { return 0.01 * r; }, 0.01,
+      5);
   for (const char* mode : {"Linear", "Fast", "MagOnly"}) {
     Maps one;
-    for (int threads : {1, 2, 3, 8}) {
-      LibrarySearch search;
-      search.SetSearchMode(mode);
-      search.SetAllowMultiThreads(threads > 1);
-      search.SetNumberOfThreads(threads);
-      Array<std::complex<double>> mirror = lib.mirror;
-      search.SetPerfectMirrorSignal(mirror);
-      DoubleMatrix2D matrix = lib.matrix;
-      search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
-      search.SetFrameBuffer(frames);
+    ASSERT_TRUE(Search(frames, mode, one).IsOk());
+    for (int threads : {2, 3, 8}) {
       Maps maps;
-      maps.Attach(search);
-      search.Execute();
-      ASSERT_TRUE(search.GetStatus().IsOk());
-      if (threads == 1) {
-        one = maps;
-        continue;
-      }
+      ASSERT_TRUE(Search(frames, mode, maps, threads).IsOk());
       for (std::int64_t i = 0; i < one.height.GetCount(); ++i) {
         ASSERT_EQ(maps.height.At(i), one.height.At(i)) << mode << " " << threads << " pixel " << i;
         ASSERT_EQ(maps.thickness.At(i), one.thickness.At(i));
@@ -364,20 +334,13 @@ TEST(LibrarySearchTest, ThreadedEqualsSingleThreaded) {
 // Region associations: a pixel is matched only against its region's library; pixels outside every
 // region get no result, and a region without an association stops the run.
 TEST(LibrarySearchTest, RegionAssociationsChooseLibraries) {
-  const FilmLibrary& lib = Library();
   const int rows = 2, cols = 4;
-  DoubleMatrix2D thickness(rows, cols), height(rows, cols);
-  thickness.SetAll(0.5);
-  height.SetAll(0.0);
-  Testing::FilmScanSettings settings;
-  settings.rows = rows;
-  settings.cols = cols;
-  FrameBuffer frames;
-  ASSERT_TRUE(Testing::RecordFilmScan(lib.model, settings, thickness, height, nullptr, frames));
+  FrameBuffer frames = FilmScan(
+      rows, cols, [](int, int) { return 0.5; }, [](int, int) { return 0.0; });
   LibrarySearch search;
-  Array<std::complex<double>> mirror = lib.mirror;
+  Array<std::complex<double>> mirror = Library().mirror;
   search.SetPerfectMirrorSignal(mirror);
-  DoubleMatrix2D matrix = lib.matrix;
+  DoubleMatrix2D matrix = Library().matrix;
   search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
   search.AddLibrary(matrix, 10.0, 1.0, 0);  // the same signals, other values
   search.SetFrameBuffer(frames);
@@ -408,25 +371,16 @@ TEST(LibrarySearchTest, RegionAssociationsChooseLibraries) {
 // level (a host with a 12-bit camera) rejects exactly the pixels whose brightest sample reaches it,
 // and leaves the results of the others bit for bit as they were.
 TEST(LibrarySearchTest, SaturatedPixelsGiveNoResult) {
-  const FilmLibrary& lib = Library();
-  const int rows = 2, cols = 6;
-  DoubleMatrix2D thickness(rows, cols), height(rows, cols);
-  for (int r = 0; r < rows; ++r)
-    for (int col = 0; col < cols; ++col) {
-      thickness(r, col) = 0.35 + 0.05 * col;
-      height(r, col) = 0.01 * (r + col);
-    }
-  Testing::FilmScanSettings settings;
-  settings.rows = rows;
-  settings.cols = cols;
-  FrameBuffer frames;
-  ASSERT_TRUE(Testing::RecordFilmScan(lib.model, settings, thickness, height, nullptr, frames));
+  const int pixels = 12;
+  FrameBuffer frames = FilmScan(
+      2, pixels / 2, [](int, int col) { return 0.35 + 0.05 * col; },
+      [](int r, int col) { return 0.01 * (r + col); });
   ASSERT_EQ(frames.GetMaxValue(), 65535);
   // The brightest sample of every pixel; the level is set to the median of those, so some pixels
   // reach it and some do not.
-  std::vector<int> peak(rows * cols, 0);
+  std::vector<int> peak(pixels, 0);
   for (int f = 0; f < frames.GetFramesStored(); ++f)
-    for (int p = 0; p < rows * cols; ++p)
+    for (int p = 0; p < pixels; ++p)
       peak[p] = std::max<int>(peak[p], frames.GetFrame<std::uint16_t>(f)[p]);
   std::vector<int> sorted = peak;
   std::sort(sorted.begin(), sorted.end());
@@ -437,21 +391,12 @@ TEST(LibrarySearchTest, SaturatedPixelsGiveNoResult) {
   for (const char* mode : {"Linear", "Fast", "MagOnly"}) {
     SCOPED_TRACE(mode);
     Maps full, lowered;
-    for (Maps* maps : {&full, &lowered}) {
-      frames.SetMaxValue(maps == &full ? 65535 : level);
-      LibrarySearch search;
-      search.SetSearchMode(mode);
-      Array<std::complex<double>> mirror = lib.mirror;
-      search.SetPerfectMirrorSignal(mirror);
-      DoubleMatrix2D matrix = lib.matrix;
-      search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
-      search.SetFrameBuffer(frames);
-      maps->Attach(search);
-      search.Execute();
-      ASSERT_TRUE(search.GetStatus().IsOk()) << search.GetStatus().GetPrintString();
-    }
+    ASSERT_TRUE(Search(frames, mode, full).IsOk());
+    frames.SetMaxValue(level);
+    ASSERT_TRUE(Search(frames, mode, lowered).IsOk());
+    frames.SetMaxValue(65535);
     int rejected = 0;
-    for (int p = 0; p < rows * cols; ++p) {
+    for (int p = 0; p < pixels; ++p) {
       SCOPED_TRACE("pixel " + std::to_string(p));
       const bool clippedFull = p == 1;
       const bool clippedLowered = clippedFull || peak[p] >= level;
@@ -468,7 +413,7 @@ TEST(LibrarySearchTest, SaturatedPixelsGiveNoResult) {
       }
     }
     EXPECT_GT(rejected, 0);
-    EXPECT_LT(rejected, rows * cols - 1);
+    EXPECT_LT(rejected, pixels - 1);
   }
 }
 
@@ -480,20 +425,13 @@ constexpr int kDiagShift[] = {0, 6, -4, 3};
 constexpr int kDiagPixels = 4;
 
 struct DiagnosticSearch {
-  FrameBuffer frames;
+  FrameBuffer frames = FilmScan(
+      1, kDiagPixels, [](int, int i) { return kFromUm + kDiagSignal[i] * kIncrementUm; },
+      [](int, int i) { return kDiagShift[i] * kStepUm; });
   LibrarySearch search;
   Array<std::complex<double>> mirror = Library().mirror;
   DoubleMatrix2D matrix = Library().matrix;
   explicit DiagnosticSearch(int libraries = 1) {
-    DoubleMatrix2D thickness(1, kDiagPixels), height(1, kDiagPixels);
-    for (int i = 0; i < kDiagPixels; ++i) {
-      thickness(0, i) = kFromUm + kDiagSignal[i] * kIncrementUm;
-      height(0, i) = kDiagShift[i] * kStepUm;
-    }
-    Testing::FilmScanSettings settings;
-    settings.rows = 1;
-    settings.cols = kDiagPixels;
-    Testing::RecordFilmScan(Library().model, settings, thickness, height, nullptr, frames);
     search.SetPerfectMirrorSignal(mirror);
     for (int l = 0; l < libraries; ++l)
       search.AddLibrary(matrix, kFromUm, kIncrementUm, 0);

@@ -166,6 +166,9 @@ TEST(LibrarySearchTest, ExecutePreconditionsInOrder) {
   search.Execute();
   EXPECT_EQ(search.GetStatus().GetMessage(), "SearchRegions.Window does not match FrameBuffer.Window");
   search.SetSearchRegions(nullptr);
+  search.Execute();  // the perfect-mirror spectrum is all zero: no band carries signal
+  EXPECT_EQ(search.GetStatus().GetMessage(), "Determination of sigmaCarrier failed");
+  EXPECT_EQ(search.GetStatus().GetCode(), StatusCode::kCallFailed);
   search.CalculateModulationOnly();
   EXPECT_EQ(search.GetStatus().GetMessage(), "board.modulationMap == 0");
   search.RemoveLibrary(1);

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Analysis/Core/DebugChannel.h"
+#include "Swli/detail/Rounding.h"
 #include "Swli/detail/VectorAtan2.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
@@ -39,18 +40,6 @@ constexpr double kWavenumberGrid = 1048576.0;
 // whole vectors of bins, few enough that a thread's spectra (32 x 33 complex for q = 64) stay in the
 // first-level cache between the transform and the analysis.
 constexpr int kBlockPixels = 32;
-
-// std::round (half away from zero) without the library call, bit for bit the same: below 2^52 the
-// truncation through a 64-bit integer and x - t are exact; larger magnitudes, infinities and NaN are
-// returned as std::round returns them.
-inline double RoundHalfAway(double x) {
-  if (!(std::abs(x) < 4503599627370496.0)) return x;
-  const double t = static_cast<double>(static_cast<std::int64_t>(x));
-  const double fraction = x - t;
-  if (fraction >= 0.5) return t + 1.0;
-  if (fraction <= -0.5) return t - 1.0;
-  return std::copysign(t, x);
-}
 
 struct PhaseFit {
   double intercept = 0.0;
@@ -293,7 +282,7 @@ void PhaseAlgorithmFda::FitBand(ThreadState& state, int pixel, int peakFrame, bo
   const double centre = powerOf(strongest);
   const double above = powerOf(strongest + 1);
   const double k0 = strongest + (below - above) / (2.0 * (above + below - 2.0 * centre));
-  state.wavenumberSum += RoundHalfAway(k0 * kWavenumberGrid) / kWavenumberGrid;
+  state.wavenumberSum += detail::RoundHalfAway(k0 * kWavenumberGrid) / kWavenumberGrid;
   ++state.count;
 
   const PhaseFit fit = WeightedPhaseFit(power, stride, phase, first, lower, upper, signalSize_);
@@ -340,9 +329,9 @@ void PhaseAlgorithmFda::PostProcess() {
       // the loops only settle rounding at the boundary.
       const double difference = phase - coherence;
       if (difference > halfWavelength_) {
-        phase -= wavelength_ * std::ceil((difference - halfWavelength_) / wavelength_);
+        phase -= wavelength_ * detail::Ceil((difference - halfWavelength_) / wavelength_);
       } else if (difference < -halfWavelength_) {
-        phase += wavelength_ * std::ceil((-halfWavelength_ - difference) / wavelength_);
+        phase += wavelength_ * detail::Ceil((-halfWavelength_ - difference) / wavelength_);
       }
       for (int i2 = 0; i2 < 4 && phase - coherence > halfWavelength_; ++i2)
         phase -= wavelength_;

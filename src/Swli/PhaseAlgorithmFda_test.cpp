@@ -1,8 +1,11 @@
 // Frequency-domain analysis on synthetic scans of known surfaces, and the fringe-order analysis.
 #include "Swli/PhaseAlgorithmFda.h"
 
+#include <bit>
 #include <cmath>
+#include <limits>
 #include <numbers>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -10,6 +13,7 @@
 #include "Analysis/Core/NoData.h"
 #include "Analysis/Core/UnitNumber.h"
 #include "Swli/PhaseGenerator.h"
+#include "Swli/detail/Rounding.h"
 #include "Synthetic/SeededRandom.h"
 #include "Synthetic/SyntheticScan.h"
 #include "Testing/ImageEquivalence.h"
@@ -279,6 +283,37 @@ TEST_P(FdaBandTest, ThePixelNeedsBinsAroundItsStrongestOne) {
 INSTANTIATE_TEST_SUITE_P(Bands, FdaBandTest,
                          ::testing::Values(BandCase{12, 14, 0}, BandCase{13, 21, 1}, BandCase{5, 13, 1},
                                            BandCase{20, 40, 20}));
+
+// The per-pixel rounding of the wavenumber grid, the fringe order and the folding by whole
+// wavelengths avoids the libm calls; the results must be libm's to the bit (sign of zero included),
+// at halves, next to halves, at 2^52 and beyond, and for random values of every magnitude.
+TEST(RoundingTest, RoundAndCeilAreTheLibraryFunctionsBitForBit) {
+  std::vector<double> values = {0.0,
+                                -0.0,
+                                0.5,
+                                -0.5,
+                                1.5,
+                                -2.5,
+                                0.49999999999999994,
+                                -0.49999999999999994,
+                                4503599627370495.5,
+                                4503599627370496.0,
+                                -4503599627370497.0,
+                                1e300,
+                                std::numeric_limits<double>::infinity(),
+                                -std::numeric_limits<double>::infinity(),
+                                std::numeric_limits<double>::quiet_NaN(),
+                                1.7976931348623157e308};
+  Testing::SeededRandom random(51);
+  SCOPED_TRACE(random.Describe());
+  for (int i = 0; i < 2000; ++i)
+    values.push_back(random.Uniform(-1.0, 1.0) * std::pow(2.0, random.UniformInt(-4, 60)));
+  const auto bits = [](double x) { return std::bit_cast<std::uint64_t>(x); };
+  for (const double x : values) {
+    EXPECT_EQ(bits(detail::RoundHalfAway(x)), bits(std::round(x))) << x;
+    EXPECT_EQ(bits(detail::Ceil(x)), bits(std::ceil(x))) << x;
+  }
+}
 
 // The fringe-order analysis on maps built by hand: heights H, coherence heights H + e (|e| up to
 // 0.2 lambda, four pixels 0.35 lambda), phase heights H + gap + n lambda for arbitrary whole n; two

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "Analysis/Core/NoData.h"
+#include "Swli/detail/Rounding.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 
@@ -106,7 +107,7 @@ double PhaseAlgorithmHigh2G::FringeOrderAnalysis(const FringeOrderParameters& pa
   for (std::int64_t i = 0; i < count; ++i) {
     if (!both(i)) continue;
     const double offset = phase.At(i) - coherence.At(i) - gap;
-    const double order = std::round(offset / wavelength);
+    const double order = detail::RoundHalfAway(offset / wavelength);
     const double residual = offset - order * wavelength;
     surface.At(i) = std::abs(residual) > limit ? DoubleMatrix2D::NoData() : phase.At(i) - order * wavelength;
   }

@@ -341,7 +341,8 @@ void PhaseAlgorithmFda::PostProcess() {
     coherence_.At(i) = coherence;
     phase_.At(i) = phase;
   }
-  averageGap_ = FringeOrderAnalysis(fringeOrder_, kTwoPi, kPi, coherence_, phase_, *surface_, wavelength_);
+  averageGap_ = FringeOrderAnalysis(fringeOrder_, kTwoPi, kPi, coherence_, phase_, *surface_, wavelength_,
+                                    useFastPath_);
 }
 
 double PhaseAlgorithmFda::GetAverageK0() const {

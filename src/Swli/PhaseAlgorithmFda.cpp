@@ -68,12 +68,14 @@ PhaseFit WeightedPhaseFit(const double* power, int stride, const double* phase, 
 // The vector atan2 of this processor, chosen once.
 const detail::VectorAtan2Function kVectorAtan2 = detail::SelectVectorAtan2();
 
-// The unwrapping step: the phase of a bin within pi of its inner neighbour.
+// The unwrapping step: the phase of a bin within pi of its inner neighbour. Written as selects, not
+// branches (which bin needs a turn is as random as the noise): subtracting and adding 0 leaves the
+// phase as it is (a -0 comes out +0, which the sums of the fit cannot tell apart).
 double Unwrapped(double phase, double inner) {
   const double difference = phase - inner;
-  if (difference > kPi) return phase - kTwoPi;
-  if (difference < -kPi) return phase + kTwoPi;
-  return phase;
+  const double down = difference > kPi ? kTwoPi : 0.0;
+  const double up = difference < -kPi ? kTwoPi : 0.0;
+  return (phase - down) + up;
 }
 
 // Bin k of the transform as the height formulas read it. They are written for the kernel

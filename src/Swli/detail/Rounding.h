@@ -11,19 +11,22 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 // are already whole (or not numbers) and are returned as the library returns them.
 inline constexpr double kWholeFrom = 4503599627370496.0;  // 2^52: every double this large is whole
 
+// The steps are selects, not branches: whether a value rounds up is as random as the data. The
+// result always has the sign of x (std::round(-0.3) is -0), which copysign restores where the
+// truncation gave +0.
 inline double RoundHalfAway(double x) {
   if (!(std::abs(x) < kWholeFrom)) return x;
   const double t = static_cast<double>(static_cast<std::int64_t>(x));
   const double fraction = x - t;
-  if (fraction >= 0.5) return t + 1.0;
-  if (fraction <= -0.5) return t - 1.0;
-  return std::copysign(t, x);
+  const double up = fraction >= 0.5 ? 1.0 : 0.0;
+  const double down = fraction <= -0.5 ? 1.0 : 0.0;
+  return std::copysign((t + up) - down, x);
 }
 
 inline double Ceil(double x) {
   if (!(std::abs(x) < kWholeFrom)) return x;
   const double t = static_cast<double>(static_cast<std::int64_t>(x));
-  return t < x ? t + 1.0 : std::copysign(t, x);
+  return std::copysign(t + (t < x ? 1.0 : 0.0), x);
 }
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail

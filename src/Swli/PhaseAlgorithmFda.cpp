@@ -190,11 +190,18 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
   const int first = firstBin_;
   const int last = lastBin_;
   double re[kPaddedBandBins], im[kPaddedBandBins], power[kMaxBandBins];
+  int strongest = -1;
+  double strongestPower = 0.0;
   for (int k = first; k <= last; ++k) {
     const int b = k - first;
     BandBin(bins[k], k, re[b], im[b]);
     const double p = re[b] * re[b] + im[b] * im[b];
     power[b] = p > powerThreshold_ ? p : 0.0;
+    // The strongest bin; the first of equal powers wins.
+    if (power[b] > strongestPower) {
+      strongestPower = power[b];
+      strongest = k;
+    }
   }
   // Without a block (the host drives pixels outside a pass), the fast path still takes the bins'
   // phases at once with the vector atan2; the plain path one bin at a time as it unwraps.
@@ -207,9 +214,10 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
       im[b] = 0.0;
     }
     kVectorAtan2(im, re, wrapped, padded);
-    FitBand(state, pixel, peakFrame, IsDebuging(thread), power, 1, [&](int b) { return wrapped[b]; });
+    FitBand(state, pixel, peakFrame, IsDebuging(thread), power, 1, strongest, strongestPower,
+            [&](int b) { return wrapped[b]; });
   } else {
-    FitBand(state, pixel, peakFrame, IsDebuging(thread), power, 1,
+    FitBand(state, pixel, peakFrame, IsDebuging(thread), power, 1, strongest, strongestPower,
             [&](int b) { return std::atan2(im[b], re[b]); });
   }
   return RemoveFringes(thread, pixel, peakFrame);
@@ -235,34 +243,45 @@ void PhaseAlgorithmFda::AnalyseBlock(int thread) {
       const double p = re[i] * re[i] + im[i] * im[i];
       power[i] = p > powerThreshold_ ? p : 0.0;
     }
-    // Lanes of a partial block: any defined angle will do.
+    // Lanes of a partial block: no power, and any defined angle will do.
     for (int i = count; i < kBlockPixels; ++i) {
       re[i] = 1.0;
       im[i] = 0.0;
+      power[i] = 0.0;
     }
   }
   kVectorAtan2(block.im.data(), block.re.data(), block.wrapped.data(), bandBins * kBlockPixels);
+  // Every pixel's strongest bin at once, bin after bin across the block (selects, no branches): the
+  // first of equal powers wins, as in the plain path's search.
+  double top[kBlockPixels];
+  int at[kBlockPixels];
+  for (int i = 0; i < kBlockPixels; ++i) {
+    top[i] = 0.0;
+    at[i] = -1;
+  }
+  for (int b = 0; b < bandBins; ++b) {
+    const double* power = block.power.data() + static_cast<std::ptrdiff_t>(b) * kBlockPixels;
+    for (int i = 0; i < kBlockPixels; ++i) {
+      const bool stronger = power[i] > top[i];
+      top[i] = stronger ? power[i] : top[i];
+      at[i] = stronger ? first + b : at[i];
+    }
+  }
   for (int i = 0; i < count; ++i) {
     const double* wrapped = block.wrapped.data() + i;
     FitBand(state, block.pixels[i], block.peaks[i], block.traced[i], block.power.data() + i, kBlockPixels,
+            at[i], top[i],
             [wrapped](int b) { return wrapped[static_cast<std::ptrdiff_t>(b) * kBlockPixels]; });
   }
 }
 
 template <typename Angle>
 void PhaseAlgorithmFda::FitBand(ThreadState& state, int pixel, int peakFrame, bool traced,
-                                const double* power, int stride, const Angle& angle) {
+                                const double* power, int stride, int strongest, double strongestPower,
+                                const Angle& angle) {
   const int first = firstBin_;
   const int last = lastBin_;
   const auto powerOf = [&](int k) { return power[static_cast<std::ptrdiff_t>(k - first) * stride]; };
-  int strongest = -1;
-  double strongestPower = 0.0;
-  for (int k = first; k <= last; ++k) {
-    if (powerOf(k) > strongestPower) {
-      strongestPower = powerOf(k);
-      strongest = k;
-    }
-  }
   if (strongest < 0 || strongestPower < powerThreshold_) return;
 
   // Unwrap outwards from the strongest bin while the bins hold fringe power.

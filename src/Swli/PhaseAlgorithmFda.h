@@ -103,12 +103,12 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
 
  private:
   struct SpectrumBlock;
-  // Unwraps the band of one pixel outwards from its strongest bin, fits the phase line and stores the
-  // pixel's fit record and coherence height. `power` holds the band's powers (0 for empty bins) at
-  // stride `stride`, `angle(b)` the wrapped phase of band bin b.
+  // Unwraps the band of one pixel outwards from its strongest bin (-1: none), fits the phase line and
+  // stores the pixel's fit record and coherence height. `power` holds the band's powers (0 for empty
+  // bins) at stride `stride`, `angle(b)` the wrapped phase of band bin b.
   template <typename Angle>
   void FitBand(ThreadState& state, int pixel, int peakFrame, bool traced, const double* power, int stride,
-               const Angle& angle);
+               int strongest, double strongestPower, const Angle& angle);
   // The fast path's analysis of the pixels waiting in a thread's block; empties the block.
   void AnalyseBlock(int thread);
 

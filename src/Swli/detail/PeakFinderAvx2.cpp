@@ -1,5 +1,5 @@
-// The vectorised peak-frame finder compiled for AVX2; see PeakFinderBody.inc for the generic body,
-// which runs the 16-bit scans and the last few pixels of a chunk here too.
+// The vectorised peak-frame finder compiled for AVX2: kernels written for 8- and 16-bit scans; the
+// generic body of PeakFinderBody.inc runs the last few pixels of a chunk that fill no vector.
 #include <immintrin.h>
 
 #include <algorithm>
@@ -176,6 +176,138 @@ void BytesRange(const PeakFinderParams& p, std::int64_t first, std::int64_t end)
   }
 }
 
+// 16-bit scans, eight pixels per step in doubles. Energies of nine 16-bit differences reach
+// 9 x 65535^2 < 2^36, beyond 32 bits; doubles hold every integer below 2^53 exactly, so their sums
+// are as exact as the generic body's 64-bit integers, and unlike 64-bit integers they have a
+// maximum instruction. The differences are scaled by 16 before they are squared, which makes every
+// energy 256 E (still below 2^44) and leaves 8 low bits for the same frame code as above, in
+// blocks of 256 frames; the ring keeps the scaled squares.
+constexpr int kWordCodeBits = 8;
+constexpr int kWordBlock = 1 << kWordCodeBits;
+constexpr int kWordLanes = 8;
+// Pixels per chunk: the chunk's ring of doubles (18 KB) stays in L1.
+constexpr int kWordsChunk = 256;
+
+template <bool kReversed>
+void WordsChunk(const PeakFinderParams& p, std::int64_t start, int n) {
+  alignas(32) double ring[kWindow][kWordsChunk];
+  alignas(32) double energy[kWordsChunk];
+  alignas(32) double key[kWordsChunk];
+  alignas(32) std::int64_t bestEnergy[kWordsChunk];
+  alignas(32) std::int32_t peak[kWordsChunk];
+  for (auto& slot : ring)
+    std::fill(slot, slot + n, 0.0);
+  std::fill(energy, energy + n, 0.0);
+  std::fill(bestEnergy, bestEnergy + n, std::int64_t{0});
+  std::fill(peak, peak + n, 0);
+  const int count = p.frames;
+  const auto plane = [&](int f) { return static_cast<const std::uint16_t*>(p.planes[f]) + start; };
+  // Difference j = s[j+1] - s[j-1] of eight pixels, scaled and squared into its ring slot, and
+  // the energy change into the pixels' energies (four per half).
+  const auto step = [&](const std::uint16_t* before, const std::uint16_t* after, double* slot, int i,
+                        __m256d& lo, __m256d& hi) {
+    const __m256i a = _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(after + i)));
+    const __m256i b = _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(before + i)));
+    const __m256i d = _mm256_slli_epi32(_mm256_sub_epi32(a, b), 4);
+    const __m256d dl = _mm256_cvtepi32_pd(_mm256_castsi256_si128(d));
+    const __m256d dh = _mm256_cvtepi32_pd(_mm256_extracti128_si256(d, 1));
+    const __m256d vl = _mm256_mul_pd(dl, dl), vh = _mm256_mul_pd(dh, dh);
+    lo = _mm256_sub_pd(_mm256_add_pd(lo, vl), _mm256_load_pd(slot + i));
+    hi = _mm256_sub_pd(_mm256_add_pd(hi, vh), _mm256_load_pd(slot + i + 4));
+    _mm256_store_pd(slot + i, vl);
+    _mm256_store_pd(slot + i + 4, vh);
+  };
+
+  int j = 1;
+  for (; j < kWindow && j + 1 < count; ++j) {
+    double* slot = ring[j % kWindow];
+    for (int i = 0; i < n; i += kWordLanes) {
+      __m256d lo = _mm256_load_pd(energy + i), hi = _mm256_load_pd(energy + i + 4);
+      step(plane(j - 1), plane(j + 1), slot, i, lo, hi);
+      _mm256_store_pd(energy + i, lo);
+      _mm256_store_pd(energy + i + 4, hi);
+    }
+  }
+  while (j + 1 < count) {
+    const int blockEnd = std::min(count - 1, j + kWordBlock);
+    const int firstPeak = j - kHalfWindow;
+    std::fill(key, key + n, 0.0);
+    const auto code = [&](int difference) {
+      const int c = difference - kHalfWindow - firstPeak;
+      return _mm256_set1_pd(kReversed ? c : kWordBlock - 1 - c);
+    };
+    constexpr int kUnroll = 4;
+    for (; j + kUnroll <= blockEnd; j += kUnroll) {
+      const std::uint16_t* s[kUnroll + 2];
+      for (int u = 0; u < kUnroll + 2; ++u)
+        s[u] = plane(j - 1 + u);
+      const std::uint16_t* ahead[kUnroll];
+      for (int u = 0; u < kUnroll; ++u)
+        ahead[u] = plane(std::min(j + kUnroll + 1 + u, count - 1));
+      double* slot[kUnroll];
+      __m256d c[kUnroll];
+      for (int u = 0; u < kUnroll; ++u) {
+        slot[u] = ring[(j + u) % kWindow];
+        c[u] = code(j + u);
+      }
+      for (int i = 0; i < n; i += kWordLanes) {
+        if (i % 32 == 0) {
+          for (const std::uint16_t* f : ahead)
+            _mm_prefetch(reinterpret_cast<const char*>(f + i), _MM_HINT_T0);
+        }
+        __m256d lo = _mm256_load_pd(energy + i), hi = _mm256_load_pd(energy + i + 4);
+        __m256d keyLo = _mm256_load_pd(key + i), keyHi = _mm256_load_pd(key + i + 4);
+        for (int u = 0; u < kUnroll; ++u) {
+          step(s[u], s[u + 2], slot[u], i, lo, hi);
+          keyLo = _mm256_max_pd(keyLo, _mm256_add_pd(lo, c[u]));
+          keyHi = _mm256_max_pd(keyHi, _mm256_add_pd(hi, c[u]));
+        }
+        _mm256_store_pd(energy + i, lo);
+        _mm256_store_pd(energy + i + 4, hi);
+        _mm256_store_pd(key + i, keyLo);
+        _mm256_store_pd(key + i + 4, keyHi);
+      }
+    }
+    for (; j < blockEnd; ++j) {
+      double* slot = ring[j % kWindow];
+      const __m256d c = code(j);
+      for (int i = 0; i < n; i += kWordLanes) {
+        __m256d lo = _mm256_load_pd(energy + i), hi = _mm256_load_pd(energy + i + 4);
+        step(plane(j - 1), plane(j + 1), slot, i, lo, hi);
+        _mm256_store_pd(energy + i, lo);
+        _mm256_store_pd(energy + i + 4, hi);
+        _mm256_store_pd(key + i, _mm256_max_pd(_mm256_load_pd(key + i), _mm256_add_pd(lo, c)));
+        _mm256_store_pd(key + i + 4, _mm256_max_pd(_mm256_load_pd(key + i + 4), _mm256_add_pd(hi, c)));
+      }
+    }
+    for (int i = 0; i < n; ++i) {
+      const auto whole = static_cast<std::int64_t>(key[i]);
+      const std::int64_t e = whole >> kWordCodeBits;
+      const int c = static_cast<int>(whole & (kWordBlock - 1));
+      const std::int32_t k = firstPeak + (kReversed ? c : kWordBlock - 1 - c);
+      const bool better = kReversed ? (e >= bestEnergy[i]) & (e > 0) : e > bestEnergy[i];
+      bestEnergy[i] = better ? e : bestEnergy[i];
+      peak[i] = better ? k : peak[i];
+    }
+  }
+  std::copy(peak, peak + n, p.peaks + start);
+}
+
+void WordsRange(const PeakFinderParams& p, std::int64_t first, std::int64_t end) {
+  for (std::int64_t start = first; start < end; start += kWordsChunk) {
+    const int n = static_cast<int>(std::min<std::int64_t>(end - start, kWordsChunk));
+    const int whole = n / kWordLanes * kWordLanes;
+    if (whole > 0) {
+      if (p.reversed) {
+        WordsChunk<true>(p, start, whole);
+      } else {
+        WordsChunk<false>(p, start, whole);
+      }
+    }
+    if (whole < n) Range<std::uint16_t, std::int64_t, std::int64_t>(p, start + whole, start + n);
+  }
+}
+
 }  // namespace
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
@@ -184,7 +316,7 @@ void FindPeaksAvx2(const PeakFinderParams& params, std::int64_t first, std::int6
   if (params.sampleBytes == 1) {
     BytesRange(params, first, end);
   } else {
-    FindPeaksBody(params, first, end);
+    WordsRange(params, first, end);
   }
 }
 

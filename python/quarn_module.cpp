@@ -88,6 +88,12 @@ ArrayView View(const py::array& array, const std::string& name, bool stack, bool
         (stack ? "; a stack is 3-D: (frames, rows, columns)" : "; an image is 2-D: (rows, columns)"));
   }
   const py::dtype dtype = array.dtype();
+  // A byte-swapped array (a big-endian file mapped as it lies) would be read as other numbers.
+  if (!dtype.attr("isnative").cast<bool>()) {
+    throw py::type_error(
+        name + " holds samples in " + py::str(static_cast<const py::handle&>(dtype)).cast<std::string>() +
+        ", not this machine's byte order; convert it first (a.astype(a.dtype.newbyteorder('=')))");
+  }
   ArrayView view;
   if (dtype.kind() == 'u' && dtype.itemsize() == 1) {
     view.type = SampleType::kUInt8;

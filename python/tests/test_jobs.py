@@ -66,6 +66,8 @@ def test_strided_and_reversed_inputs_equal_the_contiguous_one():
         (lambda s: quarn.psi(s.astype(np.float32)), TypeError,
          "the stack holds signed or floating-point samples (float32); unsigned integers are needed (uint8 or uint16)"),
         (lambda s: quarn.psi(s.astype(np.uint32)), TypeError, "the stack has 32-bit samples; 8 or 16 are needed"),
+        (lambda s: quarn.psi(s.astype(">u2")), TypeError, "the stack holds samples in >u2, not this machine's byte "
+         "order; convert it first (a.astype(a.dtype.newbyteorder('=')))"),
         (lambda s: quarn.swli(s, scan_step_nm=float("inf")), ValueError,
          "scan_step_nm: must be a positive number of nanometres, not inf"),
         (lambda s: quarn.psi_check(s, frame_count=20), ValueError,

@@ -41,7 +41,11 @@ JOB_MAPS = {
     "swli": ("height", "intensity"),
     "carrier": ("phase", "modulation"),
     "spot": (),
+    "quadrants": ("final", "calibration"),
 }
+
+# A quadrants measurement in one file: its pages are the quadrant maps in this order.
+QUADRANT_PAGES = {2: ("q1", "q3"), 4: ("q1", "q2", "q3", "q4")}
 
 # mkstemp makes private files; the outputs get the permissions a plain new file would have. The mask
 # is read once, here: reading it means setting it, which other threads would see.
@@ -57,7 +61,29 @@ def _inputs(files):
         if not paths and os.path.exists(files):
             paths = [os.fspath(files)]
         return paths
-    return [os.fspath(f) for f in files]
+    return [dict(f) if isinstance(f, dict) else os.fspath(f) for f in files]
+
+
+def _name(item):
+    """A measurement's name: its file's, or for quadrant maps in separate files, Q1's."""
+    return os.path.basename(os.fspath(item["q1"] if isinstance(item, dict) and "q1" in item else item))
+
+
+def _read_quadrants(item):
+    """The quadrant maps of one measurement as keyword arguments of quarn.quadrants."""
+    import tifffile
+
+    if isinstance(item, dict):
+        unknown = sorted(set(item) - {"q1", "q2", "q3", "q4"})
+        if unknown:
+            raise ValueError(f"{unknown[0]!r} is not a quadrant; the maps are named q1, q2, q3, q4")
+        return {key: tifffile.imread(os.fspath(path)) for key, path in item.items()}
+    data = tifffile.imread(item)
+    pages = data.shape[0] if data.ndim == 3 else 1
+    if pages not in QUADRANT_PAGES:
+        raise ValueError(f"{_name(item)} has {pages} page{'s' if pages != 1 else ''}; a quadrants measurement "
+                         "is 2 maps (Q1, Q3) or 4 (Q1, Q2, Q3, Q4), one per page")
+    return dict(zip(QUADRANT_PAGES[pages], data))
 
 
 def _read(path, job):
@@ -117,25 +143,33 @@ def _write_atomically(targets):
 def process_file(job, path, out_dir=None, write=True, **options):
     """Runs `job` on one TIFF file and writes its outputs; returns the row (never raises).
 
-    The serial form of what `run` does on each worker."""
-    name = os.path.basename(path)
+    The serial form of what `run` does on each worker. For "quadrants", `path` is a TIFF whose
+    pages are the maps (Q1, Q3 or Q1, Q2, Q3, Q4) or a dict of one file per map {"q1": ..., "q3": ...}."""
+    name = _name(path)
     row = {"name": name, "path": path, "status": "error", "message": "", "valid_fraction": 0.0, "outputs": []}
     try:
         if job not in JOB_MAPS:
             raise ValueError(f"job {job!r} not in {sorted(JOB_MAPS)}")
         import tifffile
 
-        options.setdefault("threads", 0)
         start = time.perf_counter()
-        data = _read(path, job)
-        row["read_seconds"] = time.perf_counter() - start
-        result = getattr(_quarn, job)(data, name=name, **options)
-        del data  # a mapped file is let go before the outputs are written
+        if job == "quadrants":  # float maps, read whole; the job has no threads to set
+            maps = _read_quadrants(path)
+            row["read_seconds"] = time.perf_counter() - start
+            result = _quarn.quadrants(**maps, **options)
+            del maps
+        else:
+            options.setdefault("threads", 0)
+            data = _read(path, job)
+            row["read_seconds"] = time.perf_counter() - start
+            result = getattr(_quarn, job)(data, name=name, **options)
+            del data  # a mapped file is let go before the outputs are written
         row.update(_figures(result))
         if result["status"] != "ok" or not write:
             return row
         start = time.perf_counter()
-        folder = out_dir if out_dir is not None else (os.path.dirname(path) or ".")
+        first = path["q1"] if isinstance(path, dict) else path
+        folder = out_dir if out_dir is not None else (os.path.dirname(os.fspath(first)) or ".")
         os.makedirs(folder, exist_ok=True)
         stem = os.path.splitext(name)[0]
         targets = {}
@@ -189,15 +223,18 @@ def local_cluster(n_workers=2, **kwargs):
 
 
 def run(job, files, *, out_dir=None, scheduler=None, client=None, n_workers=2, write=True, **options):
-    """Maps `job` ("psi", "psi_check", "swli", "carrier" or "spot") over TIFF `files` on Dask.
+    """Maps `job` ("psi", "psi_check", "swli", "carrier", "spot" or "quadrants") over TIFF `files` on Dask.
 
-    files: a list of paths or a glob pattern ("line7/*.tif"); every file is one measurement.
+    files: a list of paths or a glob pattern ("line7/*.tif"); every file is one measurement. For
+        "quadrants" a file holds the maps as pages (Q1, Q3 or Q1, Q2, Q3, Q4), or a list item is a
+        dict of one file per map ({"q1": "a_q1.tif", "q3": "a_q3.tif"}; named and written after Q1).
     out_dir: folder for the outputs (created); None writes each beside its input.
     scheduler: address of a running scheduler ("tcp://host:8786"); None starts a LocalCluster of
         `n_workers` single-threaded worker processes for this call.
     client: an existing dask.distributed.Client to use instead.
     write: False runs the jobs and returns the rows without writing files.
-    options: the job's keyword options (see help(quarn.psi) ...); threads defaults to 0.
+    options: the job's keyword options (see help(quarn.psi) ...); threads defaults to 0 (quadrants
+        has none: it runs on the worker's thread).
 
     Returns one row (dict) per input, in input order."""
     from dask.distributed import Client
@@ -220,8 +257,8 @@ def run(job, files, *, out_dir=None, scheduler=None, client=None, n_workers=2, w
             try:
                 rows.append(future.result())
             except Exception as error:  # a worker lost or the task killed: still a row
-                rows.append({"name": os.path.basename(path), "path": path, "status": "error",
-                             "message": f"{os.path.basename(path)}: {error!r}", "valid_fraction": 0.0,
+                rows.append({"name": _name(path), "path": path, "status": "error",
+                             "message": f"{_name(path)}: {error!r}", "valid_fraction": 0.0,
                              "outputs": []})
         return rows
     finally:

@@ -29,7 +29,10 @@ namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search {
 // of its scan). Signals equal to a library signal shifted by a whole number of frames give that
 // library, that signal and that shift. Merit is a normalised correlation in [0, 1]; modulation is
 // the fringe contrast in percent of the pixel's mean level. No-data pixels hold the largest finite
-// double. How the three search modes work is described in LsPixelProcessor.
+// double. A pixel with a sample at the frame buffer's saturation level (`GetMaxValue`; the host
+// sets it with `FrameBuffer::SetMaxValue` before `Execute`, e.g. 4095 for a 12-bit camera in 16-bit
+// frames) is clipped and gets no-data in every map, modulation included. How the three search modes work is
+// described in LsPixelProcessor.
 //
 //   LibrarySearch search;
 //   search.SetPerfectMirrorSignal(mirror);

@@ -1,9 +1,12 @@
 #include "SwliMba/Search/LibrarySearch.h"
 
+#include <algorithm>
 #include <cmath>
 #include <complex>
+#include <cstdint>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -396,6 +399,75 @@ TEST(LibrarySearchTest, RegionAssociationsChooseLibraries) {
   search.Execute();
   EXPECT_EQ(search.GetStatus().GetCode(), StatusCode::kNoData);
   EXPECT_EQ(search.GetStatus().GetMessage(), "Key not found: this should never occur");
+}
+
+// Saturation: a pixel whose trace reaches the frame buffer's saturation level has clipped fringes
+// and gets no-data in every map, whichever mode and however bright the others are; lowering the
+// level (a host with a 12-bit camera) rejects exactly the pixels whose brightest sample reaches it,
+// and leaves the results of the others bit for bit as they were.
+TEST(LibrarySearchTest, SaturatedPixelsGiveNoResult) {
+  const FilmLibrary& lib = Library();
+  const int rows = 2, cols = 6;
+  DoubleMatrix2D thickness(rows, cols), height(rows, cols);
+  for (int r = 0; r < rows; ++r)
+    for (int col = 0; col < cols; ++col) {
+      thickness(r, col) = 0.35 + 0.05 * col;
+      height(r, col) = 0.01 * (r + col);
+    }
+  Testing::FilmScanSettings settings;
+  settings.rows = rows;
+  settings.cols = cols;
+  FrameBuffer frames;
+  ASSERT_TRUE(Testing::RecordFilmScan(lib.model, settings, thickness, height, nullptr, frames));
+  ASSERT_EQ(frames.GetMaxValue(), 65535);
+  // The brightest sample of every pixel; the level is set to the median of those, so some pixels
+  // reach it and some do not.
+  std::vector<int> peak(rows * cols, 0);
+  for (int f = 0; f < frames.GetFramesStored(); ++f)
+    for (int p = 0; p < rows * cols; ++p)
+      peak[p] = std::max<int>(peak[p], frames.GetFrame<std::uint16_t>(f)[p]);
+  std::vector<int> sorted = peak;
+  std::sort(sorted.begin(), sorted.end());
+  const int level = sorted[sorted.size() / 2];
+  // One pixel clipped at the full 16-bit level on a single frame.
+  frames.GetFrame<std::uint16_t>(kFrames / 2)[1] = 65535;
+
+  for (const char* mode : {"Linear", "Fast", "MagOnly"}) {
+    SCOPED_TRACE(mode);
+    Maps full, lowered;
+    for (Maps* maps : {&full, &lowered}) {
+      frames.SetMaxValue(maps == &full ? 65535 : level);
+      LibrarySearch search;
+      search.SetSearchMode(mode);
+      Array<std::complex<double>> mirror = lib.mirror;
+      search.SetPerfectMirrorSignal(mirror);
+      DoubleMatrix2D matrix = lib.matrix;
+      search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
+      search.SetFrameBuffer(frames);
+      maps->Attach(search);
+      search.Execute();
+      ASSERT_TRUE(search.GetStatus().IsOk()) << search.GetStatus().GetPrintString();
+    }
+    int rejected = 0;
+    for (int p = 0; p < rows * cols; ++p) {
+      SCOPED_TRACE("pixel " + std::to_string(p));
+      const bool clippedFull = p == 1;
+      const bool clippedLowered = clippedFull || peak[p] >= level;
+      rejected += clippedLowered && !clippedFull;
+      for (const auto& [maps, clipped] :
+           {std::pair{&full, clippedFull}, std::pair{&lowered, clippedLowered}}) {
+        for (const DoubleMatrix2D* map : {&maps->height, &maps->thickness, &maps->metric, &maps->confidence,
+                                          &maps->modulation, &maps->libraryId, &maps->signalId})
+          EXPECT_EQ(map->At(p) == kNoData, clipped);
+      }
+      if (!clippedLowered) {
+        EXPECT_EQ(lowered.height.At(p), full.height.At(p));
+        EXPECT_EQ(lowered.thickness.At(p), full.thickness.At(p));
+      }
+    }
+    EXPECT_GT(rejected, 0);
+    EXPECT_LT(rejected, rows * cols - 1);
+  }
 }
 
 // The generator's spectra of SiO2 on Si for a thickness range, 128 frames of 80 nm, NA 0.2.

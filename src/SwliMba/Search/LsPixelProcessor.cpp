@@ -391,6 +391,7 @@ void LsPixelProcessor::ProcessRow(int thread, int row, int colFirst, int colEnd,
   const Analysis::Core::FrameBuffer& frames = *board.frameBuffer;
   const int columns = frames.GetColumns();
   const int framesStored = frames.GetFramesStored();
+  const double saturation = frames.GetMaxValue();
   auto put = [row](Analysis::Core::DoubleMatrix2D* map, int col, double value) {
     if (map) (*map)(row, col) = value;
   };
@@ -408,6 +409,14 @@ void LsPixelProcessor::ProcessRow(int thread, int row, int colFirst, int colEnd,
         high = std::max(high, trace[j]);
       }
       mean /= framesStored;
+      // A sample at the camera's saturation level means the fringes were clipped: the trace no
+      // longer has the shape of any modelled signal, and its contrast is not the fringes' either.
+      if (high >= saturation) {
+        for (auto* map : {board.heightMap, board.thicknessMap, board.metricMap, board.confidenceMap,
+                          board.modulationMap, board.bestLibraryIdMap, board.bestSignalIdMap})
+          put(map, col, kNoData);
+        continue;
+      }
       const double modulation = mean > 0.0 ? 100.0 * std::max(high - mean, mean - low) / mean : 0.0;
       put(board.modulationMap, col, modulation);
       if (modulationOnly) continue;

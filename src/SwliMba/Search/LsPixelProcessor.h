@@ -52,6 +52,10 @@ namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search {
 //
 // Modulation: 100 × the largest deviation of the trace from its mean, divided by the mean (the
 // fringe contrast in percent); pixels below the modulation threshold get no result.
+//
+// Saturation: a pixel with any sample at or above the frame buffer's saturation level
+// (`FrameBuffer::GetMaxValue`, which the host lowers for a camera of fewer bits than the sample
+// width, e.g. 4095 for 12 bits) gets no-data in every map, the modulation map included.
 class LsPixelProcessor {
  public:
   static constexpr const char* kSource = "SwliMba\\Search\\LsPixelProcessor";

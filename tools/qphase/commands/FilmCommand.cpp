@@ -161,8 +161,6 @@ int RunFilm(const FilmOptions& options) {
   if (search.GetStatus().IsError())
     throw UsageError(options.scan + ": " + search.GetStatus().GetPrintString());
 
-  // Saturated pixels carry clipped fringes that no model matches.
-  const int maxValue = frames.GetMaxValue();
   const double forwardOffset = options.reverse ? 1.0 : 0.0;
   Core::DoubleMatrix2D variable2(scan.rows, scan.cols);
   const double noData = Core::DoubleMatrix2D::NoData();
@@ -171,12 +169,9 @@ int RunFilm(const FilmOptions& options) {
   double sumThickness = 0.0;
   for (int r = 0; r < scan.rows; ++r) {
     for (int c = 0; c < scan.cols; ++c) {
-      const int pixel = r * scan.cols + c;
-      bool saturated = false;
-      for (int f = 0; f < scan.pages && !saturated; ++f)
-        saturated = (scan.bitsPerSample == 8 ? frames.GetFrame<std::uint8_t>(f)[pixel]
-                                             : frames.GetFrame<std::uint16_t>(f)[pixel]) >= maxValue;
-      if (saturated || Core::DoubleMatrix2D::IsNoData(height(r, c))) {
+      // The search gives no result for pixels below the modulation or merit threshold and for
+      // saturated ones (a sample at the frame buffer's maximum value, --max-value).
+      if (Core::DoubleMatrix2D::IsNoData(height(r, c))) {
         height(r, c) = thickness(r, c) = merit(r, c) = variable2(r, c) = noData;
         continue;
       }

@@ -3,13 +3,17 @@
 // known surface of a synthetic measurement back within the algorithm's own accuracy.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <complex>
 #include <cstring>
+#include <mutex>
 #include <numbers>
 #include <vector>
 
 #include "AlignSpotDetector/AlignSpotDetector.h"
 #include "Jobs/CarrierJob.h"
+#include "Jobs/FilmJob.h"
 #include "Jobs/PsiCheckJob.h"
 #include "Jobs/PsiJob.h"
 #include "Jobs/QuadrantsJob.h"
@@ -548,6 +552,109 @@ TEST(SpotJobTest, PositionAndSpotEqualTheDetectors) {
   EXPECT_NEAR(record.spots[0].centerOfMassX, 100.0, 0.1);
   EXPECT_NEAR(record.spots[0].centerOfMassY, 40.0, 0.1);
   EXPECT_EQ(record.properties.size(), detector.GetPropertyKeys().size());
+}
+
+// SiO2 on Si, thickness varied 0.3 .. 0.8 µm in 2 nm steps (251 library signals).
+constexpr const char* kFilmStack = R"({"materials": {"SiO2": {"model": "Complex-Cauchy/um",
+ "parameters": [1.4485, 0.00354, 0, 0, 0, 0]}}, "ambient": "Air",
+ "layers": [{"material": "SiO2", "thickness_um": 1.0}], "substrate": "Si", "zero_height_layer": 0,
+ "source": [{"amplitude": 1.0, "centre_rad_per_um": 10.47, "width_rad_per_um": 1.2}], "source_cutoff": 0.02,
+ "numerical_aperture": 0.2, "polarization": "CircularlyPolarized",
+ "vary": [{"layer": 0, "kind": "Thickness", "from_um": 0.3, "to_um": 0.8, "step_um": 0.002}]})";
+
+// A film scan made of the library's own signals, each delayed by a fraction of a frame: the search
+// must give back each pixel's signal (its thickness) and delay (its height), reject the one pixel
+// that reaches the saturation level in every map, report every row once to the progress callback,
+// and give the same maps on one thread and on three.
+TEST(FilmJobTest, KnownFilmBackSaturatedPixelRejectedRowsCountedThreadCountIrrelevant) {
+  constexpr int kFrames = 64, kRowsF = 5, kColsF = 7;
+  constexpr double kStepNm = 80.0;
+  DoubleMatrix2D library;
+  FilmLibraryInfo info;
+  JobRecord generated;
+  ASSERT_TRUE(GenerateFilmLibrary(kFilmStack, "stack", kFrames, kStepNm, library, info, generated))
+      << generated.message;
+  const auto signal = [](int r, int c) { return 31 * c + 7 * r; };
+  const auto delay = [](int r, int c) { return 0.25 * r - 0.2 * c + 0.4; };
+  const int bins = kFrames / 2 + 1;
+  std::vector<std::uint16_t> scan(static_cast<std::size_t>(kFrames) * kRowsF * kColsF);
+  for (int r = 0; r < kRowsF; ++r)
+    for (int c = 0; c < kColsF; ++c)
+      for (int j = 0; j < kFrames; ++j) {
+        double v = 0.0;
+        for (int m = 1; m < bins - 1; ++m) {
+          const std::complex<double> x(library(signal(r, c), 2 * m), library(signal(r, c), 2 * m + 1));
+          v += 2.0 * (x * std::polar(1.0, 2.0 * std::numbers::pi * m * (j - delay(r, c)) / kFrames)).real();
+        }
+        scan[(static_cast<std::size_t>(j) * kRowsF + r) * kColsF + c] =
+            static_cast<std::uint16_t>(std::lround(20000.0 + 20000.0 * v / kFrames));
+      }
+  // Pixel (2, 3) clips at the level set below.
+  scan[(static_cast<std::size_t>(kFrames / 2) * kRowsF + 2) * kColsF + 3] = 61000;
+
+  std::vector<double> first[4];
+  for (int threads : {1, 3}) {
+    SCOPED_TRACE("threads " + std::to_string(threads));
+    std::vector<double> maps[4];
+    std::vector<int> counts;
+    std::mutex lock;
+    FilmOptions options;
+    options.scanStepNm = kStepNm;
+    options.search = "linear";
+    options.maxValue = 61000;
+    options.threads = threads;
+    options.progress = [&](int done, int rows) {
+      const std::lock_guard<std::mutex> hold(lock);
+      EXPECT_EQ(rows, kRowsF);
+      counts.push_back(done);
+    };
+    const FilmRecord record = RunFilm(
+        ArrayView::Contiguous(scan.data(), SampleType::kUInt16, kFrames, kRowsF, kColsF, "scan"), kFilmStack,
+        "stack", options, ViewOf(maps[0], kRowsF, kColsF), ViewOf(maps[1], kRowsF, kColsF),
+        ViewOf(maps[2], kRowsF, kColsF), ViewOf(maps[3], kRowsF, kColsF));
+    ASSERT_TRUE(record.Ok()) << record.message;
+    EXPECT_EQ(record.signals, 251);
+    EXPECT_EQ(record.maxValue, 61000);
+    EXPECT_DOUBLE_EQ(record.validFraction, 1.0 - 1.0 / (kRowsF * kColsF));
+    std::sort(counts.begin(), counts.end());
+    EXPECT_EQ(counts, (std::vector<int>{1, 2, 3, 4, 5}));
+    for (int r = 0; r < kRowsF; ++r)
+      for (int c = 0; c < kColsF; ++c) {
+        const std::size_t i = static_cast<std::size_t>(r) * kColsF + c;
+        if (r == 2 && c == 3) {
+          for (const auto& map : maps)
+            EXPECT_TRUE(std::isnan(map[i]));
+          continue;
+        }
+        // Noise-free but for 16-bit rounding: the library step's interpolation leaves a few
+        // hundredths of a nanometre in thickness, height within a small fraction of the 80 nm step.
+        EXPECT_NEAR(maps[1][i], 300.0 + 2.0 * signal(r, c), 0.1) << r << "," << c;
+        EXPECT_NEAR(maps[0][i], (kFrames / 2 + delay(r, c)) * kStepNm, 0.3) << r << "," << c;
+        EXPECT_TRUE(std::isnan(maps[2][i]));  // one-dimensional library
+        EXPECT_GT(maps[3][i], 0.999);
+      }
+    if (threads == 1) {
+      std::copy(std::begin(maps), std::end(maps), std::begin(first));
+    } else {
+      for (int k = 0; k < 4; ++k)
+        for (std::size_t i = 0; i < first[k].size(); ++i)
+          EXPECT_TRUE(first[k][i] == maps[k][i] || (std::isnan(first[k][i]) && std::isnan(maps[k][i])));
+    }
+  }
+
+  // A library made for another sampling is refused until resampled.
+  FrameBuffer frames;
+  JobRecord made;
+  ASSERT_TRUE(MakeFrameBuffer(
+      ArrayView::Contiguous(scan.data(), SampleType::kUInt16, kFrames, kRowsF, kColsF, "scan"), frames,
+      made));
+  FilmOptions options;
+  options.scanStepNm = 40.0;
+  FilmJob job;
+  const FilmRecord refused = job.Run(frames, library, info, options, "scan");
+  EXPECT_EQ(refused.outcome, JobOutcome::kBadInput);
+  EXPECT_EQ(refused.message,
+            "the library is for 64 frames of 80 nm; scan needs 64 of 40 nm (resample it first)");
 }
 
 }  // namespace

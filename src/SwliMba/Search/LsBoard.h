@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/RegionIdMatrix2D.h"
@@ -38,6 +40,7 @@ struct LsBoard {
   Analysis::Core::DoubleMatrix2D* bestSignalIdMap = nullptr;
   Analysis::Core::RegionIdMatrix2D* searchRegions = nullptr;
   Analysis::Core::FrameBuffer* frameBuffer = nullptr;
+  std::function<void(int row)> rowDone;  // progress: called by the worker that finished a row
 
   LsLibraryList libraries;
   LsPerfectMirrorSignal perfectMirrorSignal;

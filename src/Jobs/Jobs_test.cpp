@@ -174,8 +174,9 @@ TEST(FrameBufferViewTest, PackedHostFramesAreAdoptedNotCopied) {
     EXPECT_EQ(frames.GetFrameData(k), static_cast<void*>(host.data() + k * 20));
 }
 
-// Refusals in the tool's words, each naming the input or the option.
-TEST(PsiJobTest, BadInputIsRefusedInTheToolsWords) {
+// Refusals in the tool's words, each naming the input or the option, and a stack without fringes:
+// no result (not bad input), its reason named, its map all NaN.
+TEST(PsiJobTest, BadInputAndNoResultInTheToolsWords) {
   std::vector<std::uint8_t> host(12 * 4 * 4, 100);
   std::vector<double> floats(7 * 4 * 4, 100.0);
   const ArrayView twelve = ArrayView::Contiguous(host.data(), SampleType::kUInt8, 12, 4, 4, "s.tif");
@@ -184,6 +185,7 @@ TEST(PsiJobTest, BadInputIsRefusedInTheToolsWords) {
     ArrayView stack;
     PsiOptions options;
     std::string message;
+    JobOutcome outcome = JobOutcome::kBadInput;
   };
   PsiOptions nanModulation, badThreads, weights, thirteen;
   nanModulation.minModulation = std::nan("");
@@ -202,27 +204,21 @@ TEST(PsiJobTest, BadInputIsRefusedInTheToolsWords) {
       {ArrayView::Contiguous(floats.data(), SampleType::kDouble, 7, 4, 4, "f"),
        {},
        "f: samples are floating point; camera frames are 8- or 16-bit unsigned integers"},
+      {seven,
+       {},
+       "no valid pixel in s.tif: every pixel is saturated (a sample reaches 255) or modulated less than 15 % "
+       "of it",
+       JobOutcome::kNoResult},
   };
   for (const Row& row : rows) {
     std::vector<double> phase;
     const PsiRecord record = RunPsi(row.stack, row.options, ViewOf(phase, 4, 4));
-    EXPECT_EQ(record.outcome, JobOutcome::kBadInput);
+    EXPECT_EQ(record.outcome, row.outcome);
     EXPECT_EQ(record.message, row.message);
+    if (row.outcome == JobOutcome::kNoResult) {
+      EXPECT_TRUE(std::all_of(phase.begin(), phase.end(), [](double v) { return std::isnan(v); }));
+    }
   }
-}
-
-TEST(PsiJobTest, NoValidPixelIsNoResultWithNanMaps) {
-  std::vector<std::uint8_t> flat(7 * 4 * 4, 100);  // no fringes: no modulation anywhere
-  std::vector<double> phase;
-  const PsiRecord record = RunPsi(ArrayView::Contiguous(flat.data(), SampleType::kUInt8, 7, 4, 4, "flat.tif"),
-                                  {}, ViewOf(phase, 4, 4));
-  EXPECT_EQ(record.outcome, JobOutcome::kNoResult);
-  EXPECT_EQ(record.message,
-            "no valid pixel in flat.tif: every pixel is saturated (a sample reaches 255) or modulated less "
-            "than 15 % "
-            "of it");
-  for (const double v : phase)
-    EXPECT_TRUE(std::isnan(v));
 }
 
 TEST(PsiCheckJobTest, StepMapAndGainEqualTheCalculatorsAndReadTheShifterError) {

@@ -42,6 +42,7 @@ JOB_MAPS = {
     "carrier": ("phase", "modulation"),
     "spot": (),
     "quadrants": ("final", "calibration"),
+    "film": ("height", "thickness", "variable2", "merit"),
 }
 
 # A quadrants measurement in one file: its pages are the quadrant maps in this order.
@@ -52,7 +53,8 @@ QUADRANT_PAGES = {2: ("q1", "q3"), 4: ("q1", "q2", "q3", "q4")}
 _UMASK = os.umask(0o022)
 os.umask(_UMASK)
 
-_ARRAYS = ("phase", "modulation", "step_values", "height", "intensity", "final", "calibration")
+_ARRAYS = ("phase", "modulation", "step_values", "height", "intensity", "final", "calibration", "thickness",
+           "variable2", "merit")
 
 
 def _inputs(files):
@@ -223,7 +225,8 @@ def local_cluster(n_workers=2, **kwargs):
 
 
 def run(job, files, *, out_dir=None, scheduler=None, client=None, n_workers=2, write=True, **options):
-    """Maps `job` ("psi", "psi_check", "swli", "carrier", "spot" or "quadrants") over TIFF `files` on Dask.
+    """Maps `job` ("psi", "psi_check", "swli", "carrier", "spot", "quadrants" or "film") over TIFF `files`
+    on Dask.
 
     files: a list of paths or a glob pattern ("line7/*.tif"); every file is one measurement. For
         "quadrants" a file holds the maps as pages (Q1, Q3 or Q1, Q2, Q3, Q4), or a list item is a
@@ -234,7 +237,8 @@ def run(job, files, *, out_dir=None, scheduler=None, client=None, n_workers=2, w
     client: an existing dask.distributed.Client to use instead.
     write: False runs the jobs and returns the rows without writing files.
     options: the job's keyword options (see help(quarn.psi) ...); threads defaults to 0 (quadrants
-        has none: it runs on the worker's thread).
+        has none: it runs on the worker's thread). For "film", stack (the STACK.json path or text,
+        read by each task) and scan_step_nm are required.
 
     Returns one row (dict) per input, in input order."""
     from dask.distributed import Client

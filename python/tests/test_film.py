@@ -9,6 +9,7 @@ import pytest
 import tifffile
 
 import quarn
+import quarn.batch
 
 FRAMES, STEP_NM, ROWS, COLS = 64, 80.0, 4, 6
 
@@ -73,6 +74,12 @@ def test_known_film_back_and_equal_to_the_tool(film, qphase):
            "--merit", out["merit"])
     for key, path in out.items():
         np.testing.assert_array_equal(tifffile.imread(path), ours[key].astype(np.float32), err_msg=key)
+    # A batch task writes the same four maps.
+    row = quarn.batch.process_file("film", str(folder / "scan.tif"), out_dir=folder / "batch",
+                                   stack=folder / "stack.json", scan_step_nm=STEP_NM, search="linear")
+    assert row["status"] == "ok" and row["signals"] == 251, row["message"]
+    for key, path in out.items():
+        np.testing.assert_array_equal(tifffile.imread(folder / "batch" / f"scan.{key}.tif"), tifffile.imread(path))
 
 
 def test_bad_film_stack_is_refused_in_the_tools_words(film):

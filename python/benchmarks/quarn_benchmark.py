@@ -98,6 +98,7 @@ def throughput(files, size, repeats):
                 rows = list(executor.map(_process, paths, [os.path.join(folder, f"pool{run}")] * files))
                 pool.append(time.perf_counter() - start)
                 assert all(r["status"] == "ok" for r in rows)
+                stages["pool"] = _stages(rows)
                 start = time.perf_counter()
                 rows = quarn.batch.run("psi", paths, out_dir=os.path.join(folder, f"dask{run}"), client=client,
                                        threads=0)

@@ -206,6 +206,10 @@ CLUSTER_CONFIG = {
     "distributed.admin.system-monitor.interval": "2s",
     "distributed.admin.system-monitor.disk": False,
     "distributed.worker.memory.monitor-interval": "1s",
+    # Every task is handed to a worker at once (work stealing evens out the load) instead of one
+    # more than the worker has threads: a worker then starts its next file without waiting for a
+    # round trip to the scheduler, which on a busy machine costs as much as a small file's job.
+    "distributed.scheduler.worker-saturation": float("inf"),
 }
 
 
@@ -241,7 +245,7 @@ def run(job, files, *, out_dir=None, scheduler=None, client=None, n_workers=2, w
         read by each task) and scan_step_nm are required.
 
     Returns one row (dict) per input, in input order."""
-    from dask.distributed import Client
+    from dask.distributed import Client, wait
 
     paths = _inputs(files)
     own_cluster = None
@@ -256,11 +260,19 @@ def run(job, files, *, out_dir=None, scheduler=None, client=None, n_workers=2, w
     try:
         futures = client.map(process_file, [job] * len(paths), paths, out_dir=out_dir, write=write, pure=False,
                              **options)
+        # The rows come back in one exchange with the scheduler rather than one per file; a task
+        # that failed outside process_file (a worker lost, the task killed) is a row with its error.
+        wait(futures)
+        finished = [f for f in futures if f.status == "finished"]
+        try:
+            results = dict(zip((f.key for f in finished), client.gather(finished)))
+        except Exception:  # a result lost since: asked for one by one below
+            results = {}
         rows = []
         for path, future in zip(paths, futures):
             try:
-                rows.append(future.result())
-            except Exception as error:  # a worker lost or the task killed: still a row
+                rows.append(results[future.key] if future.key in results else future.result())
+            except Exception as error:
                 rows.append({"name": _name(path), "path": path, "status": "error",
                              "message": f"{_name(path)}: {error!r}", "valid_fraction": 0.0,
                              "outputs": []})

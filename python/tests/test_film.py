@@ -1,5 +1,5 @@
 """quarn.film on a synthetic film scan: the known thickness and height back, the tool's maps to the
-bit, a bad film stack refused in the tool's words."""
+bit, a bad film stack refused in the tool's words (no valid pixel: with the other jobs in test_jobs)."""
 import json
 import os
 import subprocess
@@ -105,9 +105,3 @@ def test_bad_film_stack_is_refused_in_the_tools_words(film):
     with pytest.raises(ValueError, match="the scan has 7 frames; a film scan needs at least 8"):
         quarn.film(scan[:7], stack=STACK, scan_step_nm=STEP_NM)
 
-
-def test_no_valid_pixel_is_a_record(film):
-    _, scan = film
-    result = quarn.film(np.full_like(scan, 20000), stack=STACK, scan_step_nm=STEP_NM)
-    assert result["status"] == "no result" and result["message"].startswith("no valid pixel in the scan: ")
-    assert all(np.all(np.isnan(result[key])) for key in ("height", "thickness", "variable2", "merit"))

@@ -22,6 +22,7 @@ import tempfile
 import time
 
 import numpy as np
+import psutil
 import tifffile
 
 import quarn
@@ -84,25 +85,35 @@ def throughput(files, size, repeats):
             paths.append(path)
         serial, pool, batch = [], [], []
         stages = {}
+        cpu = {"serial": [], "pool": [], "dask": []}  # processor seconds of every process involved
         with quarn.batch.local_cluster(2) as cluster, Client(cluster) as client, \
                 ProcessPoolExecutor(2) as executor:
             client.run(lambda: __import__("quarn")._quarn)  # the workers import the package once
             list(executor.map(_process, paths[:2], [os.path.join(folder, "warm")] * 2))
+            me = psutil.Process()
+            everyone = [me] + me.children(recursive=True)  # workers, nannies, pool processes
+
+            def used():
+                return sum(sum(p.cpu_times()[:2]) for p in everyone)
+
             for run in range(repeats):
-                start = time.perf_counter()
+                start, before = time.perf_counter(), used()
                 rows = [_process(p, os.path.join(folder, f"serial{run}")) for p in paths]
                 serial.append(time.perf_counter() - start)
+                cpu["serial"].append(used() - before)
                 assert all(r["status"] == "ok" for r in rows)
                 stages["serial"] = _stages(rows)
-                start = time.perf_counter()
+                start, before = time.perf_counter(), used()
                 rows = list(executor.map(_process, paths, [os.path.join(folder, f"pool{run}")] * files))
                 pool.append(time.perf_counter() - start)
+                cpu["pool"].append(used() - before)
                 assert all(r["status"] == "ok" for r in rows)
                 stages["pool"] = _stages(rows)
-                start = time.perf_counter()
+                start, before = time.perf_counter(), used()
                 rows = quarn.batch.run("psi", paths, out_dir=os.path.join(folder, f"dask{run}"), client=client,
                                        threads=0)
                 batch.append(time.perf_counter() - start)
+                cpu["dask"].append(used() - before)
                 assert all(r["status"] == "ok" for r in rows), rows
                 stages["dask"] = _stages(rows)
     ratio = statistics.median(serial) / statistics.median(batch)
@@ -116,6 +127,15 @@ def throughput(files, size, repeats):
               f"write {1e3 * s['write_seconds']:.1f} ms")
     print(f"  speed-up               {ratio:.2f} x (goal >= 1.6 x on 2 cores; {os.cpu_count()} processors here);"
           f" two plain processes {ceiling:.2f} x, Dask reaches {100 * ratio / ceiling:.0f} % of that")
+    # Processor time per file does not depend on what else runs on the machine (where other sessions
+    # hold the cores, all of this run's processes share one session's part of them): with the cost
+    # of a file in the serial loop against Dask's (workers, scheduler and client together), two idle
+    # cores could make Dask at most 2 x serial / Dask times faster.
+    per_file = {k: statistics.median(v) / files for k, v in cpu.items()}
+    print(f"  processor time per file: serial {1e3 * per_file['serial']:.1f} ms, 2 plain processes "
+          f"{1e3 * per_file['pool']:.1f} ms, Dask {1e3 * per_file['dask']:.1f} ms (all processes): on two idle "
+          f"cores at most {2 * per_file['serial'] / per_file['dask']:.2f} x; load average now "
+          f"{os.getloadavg()[0]:.1f}")
     return ratio
 
 

@@ -195,6 +195,28 @@ def process_file(job, path, out_dir=None, write=True, **options):
     return row
 
 
+def _process_files(job, paths, **kwargs):
+    return [process_file(job, path, **kwargs) for path in paths]
+
+
+# Input bytes a task gathers from small files (see `run`'s files_per_task).
+_TASK_BYTES = 64 << 20
+
+
+def _files_per_task(paths, threads):
+    sizes = []
+    for item in paths[:32]:  # a sample is enough for a line of similar stacks
+        try:
+            sizes.append(os.path.getsize(item["q1"] if isinstance(item, dict) else item))
+        except (OSError, KeyError):
+            pass  # not readable from here (a remote cluster's paths): one file per task
+    if not sizes:
+        return 1
+    by_size = _TASK_BYTES // max(sorted(sizes)[len(sizes) // 2], 1)
+    by_balance = -(-len(paths) // (2 * threads))
+    return int(max(1, min(by_size, by_balance)))
+
+
 # Dask's housekeeping, tuned for workers whose every task is one long library call. Its defaults
 # suit interactive clusters of many small tasks and cost a two-core machine a seventh of a core while
 # the cluster merely waits: a statistical profiler that samples each worker's stack every 10 ms (and
@@ -210,6 +232,13 @@ CLUSTER_CONFIG = {
     # more than the worker has threads: a worker then starts its next file without waiting for a
     # round trip to the scheduler, which on a busy machine costs as much as a small file's job.
     "distributed.scheduler.worker-saturation": float("inf"),
+    # Dask starts its workers with MALLOC_TRIM_THRESHOLD_=65536, which hands freed memory back to the
+    # system at once and (being set) stops glibc from raising its mmap threshold: every map of a
+    # job then comes fresh from the kernel, a page fault per 4 KB. At 512 x 512 that is 1500 faults
+    # and 6 ms of processor time per file, as much as the job. These workers keep no data between
+    # tasks (a task returns a small row), so nothing is gained by trimming; the thread limits of the
+    # numerical libraries stay as Dask sets them.
+    "distributed.nanny.pre-spawn-environ": {"OMP_NUM_THREADS": 1, "MKL_NUM_THREADS": 1, "OPENBLAS_NUM_THREADS": 1},
 }
 
 
@@ -228,7 +257,8 @@ def local_cluster(n_workers=2, **kwargs):
         return LocalCluster(**options)
 
 
-def run(job, files, *, out_dir=None, scheduler=None, client=None, n_workers=2, write=True, **options):
+def run(job, files, *, out_dir=None, scheduler=None, client=None, n_workers=2, write=True,
+        files_per_task=None, **options):
     """Maps `job` ("psi", "psi_check", "swli", "carrier", "spot", "quadrants" or "film") over TIFF `files`
     on Dask.
 
@@ -240,6 +270,10 @@ def run(job, files, *, out_dir=None, scheduler=None, client=None, n_workers=2, w
         `n_workers` single-threaded worker processes for this call.
     client: an existing dask.distributed.Client to use instead.
     write: False runs the jobs and returns the rows without writing files.
+    files_per_task: files one Dask task processes one after the other. None chooses: Dask costs a
+        worker a few milliseconds per task (more on a busy machine), as much as the whole job on a
+        small stack, so small files are grouped until a task holds about 64 MB of input, keeping at
+        least two tasks per worker thread. A worker lost takes its task's files with it (error rows).
     options: the job's keyword options (see help(quarn.psi) ...); threads defaults to 0 (quadrants
         has none: it runs on the worker's thread). For "film", stack (the STACK.json path or text,
         read by each task) and scan_step_nm are required.
@@ -258,10 +292,14 @@ def run(job, files, *, out_dir=None, scheduler=None, client=None, n_workers=2, w
             own_client = Client(scheduler)
         client = own_client
     try:
-        futures = client.map(process_file, [job] * len(paths), paths, out_dir=out_dir, write=write, pure=False,
-                             **options)
-        # The rows come back in one exchange with the scheduler rather than one per file; a task
-        # that failed outside process_file (a worker lost, the task killed) is a row with its error.
+        if files_per_task is None:
+            files_per_task = _files_per_task(paths, sum(client.nthreads().values()) or 1)
+        chunks = [paths[i:i + files_per_task] for i in range(0, len(paths), files_per_task)]
+        futures = client.map(_process_files, [job] * len(chunks), chunks, out_dir=out_dir, write=write,
+                             pure=False, **options)
+        # The rows come back in one exchange with the scheduler rather than one per task; a task
+        # that failed outside process_file (a worker lost, the task killed) is a row with its error
+        # for each of its files.
         wait(futures)
         finished = [f for f in futures if f.status == "finished"]
         try:
@@ -269,13 +307,13 @@ def run(job, files, *, out_dir=None, scheduler=None, client=None, n_workers=2, w
         except Exception:  # a result lost since: asked for one by one below
             results = {}
         rows = []
-        for path, future in zip(paths, futures):
+        for chunk, future in zip(chunks, futures):
             try:
-                rows.append(results[future.key] if future.key in results else future.result())
+                rows += results[future.key] if future.key in results else future.result()
             except Exception as error:
-                rows.append({"name": _name(path), "path": path, "status": "error",
-                             "message": f"{_name(path)}: {error!r}", "valid_fraction": 0.0,
-                             "outputs": []})
+                rows += [{"name": _name(path), "path": path, "status": "error",
+                          "message": f"{_name(path)}: {error!r}", "valid_fraction": 0.0, "outputs": []}
+                         for path in chunk]
         return rows
     finally:
         if own_client is not None:

@@ -7,6 +7,7 @@
 #include "Analysis/Core/Array.h"
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
+#include "Analysis/Core/Point3DArray.h"
 #include "Analysis/Core/RegionIdMatrix2D.h"
 #include "Analysis/Core/Status.h"
 #include "QuarnPhaseProcessingExport.h"
@@ -105,14 +106,73 @@ class QUARN_PP_EXPORT LibrarySearch {
   void CalculateModulationOnly();
   void ProcessSinglePixel(int row, int column);
 
-  // The spectrum of one library signal (diagnostics).
-  void GetLibrarySignal(int ilib, int isignal, Analysis::Core::Array<std::complex<double>>& out);
+  // Diagnostics
+  //
+  // Each runs one step of the search for one library signal or one pixel (row and column within
+  // the frame-buffer window) and leaves its results in the board's scratch arrays, 4 real and 4
+  // complex ones, read with GetDoubleArray / GetComplexArray (index 0 … 3). B is the library's bin
+  // count, N = 2B - 2 its samples, S its number of signals, ω_j = 2πj/N rad per frame; heights
+  // and shifts are in frames, positive up as in the height map. A pixel step prepares the search
+  // as Execute does and fails as it does.
+  //
+  // GetLibrarySignal: complex 0 = the signal's B bins.
+  void GetLibrarySignal(int ilib, int isignal);
+  // GetShiftedLibrarySignal: the signal of a surface `shift` frames higher. Complex 0 = its bins
+  // L_j exp(-i ω_j shift); double 0 = the N-sample trace they transform back to (the library
+  // signal's trace moved `shift` frames along the scan, circularly).
+  void GetShiftedLibrarySignal(int ilib, int isignal, double shift);
+  // GetLibraryBinTrace: complex 0 = bin `ibin` of every signal (S values); double 0 = the value of
+  // variable 1 at each signal, a + b · (signal / values of variable 2).
+  void GetLibraryBinTrace(int ilib, int ibin);
+  // SignalComparison (row, column): the candidate stage against the first library. Complex 0 =
+  // the pixel's spectrum (B bins); double 0 = the shift-invariant score of every signal, in [0, 1].
+  void SignalComparison(int row, int column);
+  // SignalComparison (row, column, ilib, isignal): the fit stage against one signal. Double 0 =
+  // {merit, height, gain}; complex 0 = the pixel's spectrum; complex 1 = the fitted signal
+  // gain · L_j exp(-i ω_j height) in the band of the perfect-mirror signal, 0 outside it.
+  void SignalComparison(int row, int column, int ilib, int isignal);
+  // CalculateMeritX: the fit against every signal of library `ilib` (the merit along variable 1
+  // whose peak the search interpolates). Double 0 = merit, double 1 = height, double 2 = value of
+  // variable 1, one per signal.
+  void CalculateMeritX(int row, int column, int ilib);
+  // SpatialCorrelation: the pixel against signal `isignal` of the first library along the scan.
+  // Complex 0 = the analytic cross-correlation over the band at the circular shifts k = i - N/2
+  // (see LsSignalProcessor::Correlate), double 0 = its real part, the correlation coefficient of
+  // the two band-passed traces; complex 1 = the library signal's bins.
+  void SpatialCorrelation(int row, int column, int isignal);
+  // PeakVersusSignal: the spatial correlation's peak against every signal of library `ilib` (-1:
+  // all libraries, one run of indices, each library's block after the signals of those before
+  // it). Per signal: complex 0 = the complex correlation at the peak of its real part, double 0 =
+  // the peak position minus N/2 (the whole-frame shift), double 1 = the phase there, wrapped into
+  // -π … π by φ - 2π floor((φ + π) / 2π).
+  void PeakVersusSignal(int row, int column, int ilib);
+  // RoundTripTransform: complex 0 (set with SetComplexArray, B >= 2 bins) through the search's own
+  // transform pair: double 0 = the N real samples it transforms back to, complex 1 = their
+  // forward transform again (equal to complex 0 where bins 0 and N/2 are real).
+  void RoundTripTransform();
+  // Dummy: the pixel's trace as points, one per frame in the signal's order (reversed for scan
+  // direction -1): x = frame, y = sample, z = the fringe envelope there (the trace band-passed to
+  // the library's band). Double 0 = envelope, double 1 = its cumulative distribution (N each);
+  // complex 0 = the analytic signal.
+  void Dummy(int row, int column, Analysis::Core::Point3DArray& points);
+
+  void GetDoubleArray(int index, Analysis::Core::Array<double>& out);
+  void GetComplexArray(int index, Analysis::Core::Array<std::complex<double>>& out);
+  void SetComplexArray(int index, const Analysis::Core::Array<std::complex<double>>& in);
 
   const Analysis::Core::Status& GetStatus() const { return board_.status; }
 
  private:
   void Fail(unsigned code, unsigned line, const std::string& message);
   bool Admissible(const Analysis::Core::DoubleMatrix2D& matrix);
+  // Argument checks of the diagnostics; false with the status set.
+  bool CheckLibrary(int ilib);
+  bool CheckFirstLibrary();
+  bool CheckSignal(int ilib, int isignal);
+  bool CheckScratch(int index);
+  // Sizes scratch arrays (zeroed); false with `failure` recorded (code 6) when one cannot be had.
+  bool SizeDoubles(int index, int n, const char* failure = "Call to doubleArrays.Resize failed");
+  bool SizeComplexes(int index, int n, const char* failure = "Call to complexArrays.Resize failed");
   void Add(Analysis::Core::DoubleMatrix2D& matrix, double a, double b, double c, bool replace);
 
   LsBoard board_;

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <complex>
 #include <cstdint>
+#include <functional>
+#include <numbers>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -12,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "Analysis/Core/NoData.h"
+#include "Analysis/Core/Point3DArray.h"
 #include "SwliMba/LibDef/Library.h"
 #include "SwliMba/LibDef/LibraryJson.h"
 #include "SwliMba/LibGen/LibraryGenerator.h"
@@ -163,6 +166,9 @@ TEST(LibrarySearchTest, ExecutePreconditionsInOrder) {
   search.Execute();
   EXPECT_EQ(search.GetStatus().GetMessage(), "SearchRegions.Window does not match FrameBuffer.Window");
   search.SetSearchRegions(nullptr);
+  search.Execute();  // the perfect-mirror spectrum is all zero: no band carries signal
+  EXPECT_EQ(search.GetStatus().GetMessage(), "Determination of sigmaCarrier failed");
+  EXPECT_EQ(search.GetStatus().GetCode(), StatusCode::kCallFailed);
   search.CalculateModulationOnly();
   EXPECT_EQ(search.GetStatus().GetMessage(), "board.modulationMap == 0");
   search.RemoveLibrary(1);
@@ -184,6 +190,44 @@ struct Maps {
   }
 };
 
+// A scan of the shared library's film model, synthesised point by point: thickness and height of
+// pixel (r, c) in µm, Gaussian noise of `noise` times each pixel's fringe amplitude (seeded).
+FrameBuffer FilmScan(int rows, int cols, const std::function<double(int, int)>& thicknessUm,
+                     const std::function<double(int, int)>& heightUm, double noise = 0.0,
+                     std::uint64_t seed = 1) {
+  DoubleMatrix2D thickness(rows, cols), height(rows, cols);
+  for (int r = 0; r < rows; ++r)
+    for (int c = 0; c < cols; ++c) {
+      thickness(r, c) = thicknessUm(r, c);
+      height(r, c) = heightUm(r, c);
+    }
+  Testing::FilmScanSettings settings;
+  settings.rows = rows;
+  settings.cols = cols;
+  settings.noiseFraction = noise;
+  Testing::SeededRandom random(seed);
+  FrameBuffer frames;
+  EXPECT_TRUE(Testing::RecordFilmScan(Library().model, settings, thickness, height,
+                                      noise > 0.0 ? &random : nullptr, frames));
+  return frames;
+}
+
+// One search of `frames` against the shared library, every map attached; its status.
+Analysis::Core::Status Search(FrameBuffer& frames, const std::string& mode, Maps& maps, int threads = 1) {
+  LibrarySearch search;
+  search.SetSearchMode(mode);
+  search.SetAllowMultiThreads(threads > 1);
+  search.SetNumberOfThreads(threads);
+  Array<std::complex<double>> mirror = Library().mirror;
+  search.SetPerfectMirrorSignal(mirror);
+  DoubleMatrix2D matrix = Library().matrix;
+  search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
+  search.SetFrameBuffer(frames);
+  maps.Attach(search);
+  search.Execute();
+  return search.GetStatus();
+}
+
 struct ModeCase {
   std::string mode;
   int threads;
@@ -203,47 +247,24 @@ class ShiftedSignalTest : public testing::TestWithParam<ModeCase> {};
 // slope alone, which the quantisation moves by a few 1e-3 frames.
 TEST_P(ShiftedSignalTest, FindsSignalAndShift) {
   const ModeCase& c = GetParam();
-  const FilmLibrary& lib = Library();
   const int rows = 3, cols = 8;
-  DoubleMatrix2D thickness(rows, cols), height(rows, cols);
-  std::vector<int> signal(rows * cols), shift(rows * cols);
-  for (int r = 0; r < rows; ++r)
-    for (int col = 0; col < cols; ++col) {
-      const int i = r * cols + col;
-      signal[i] = (37 * i + 11) % kSignals;
-      shift[i] = (i % 13) - 6;
-      thickness(r, col) = kFromUm + signal[i] * kIncrementUm;
-      height(r, col) = shift[i] * kStepUm;
-    }
-  Testing::FilmScanSettings settings;
-  settings.rows = rows;
-  settings.cols = cols;
-  FrameBuffer frames;
-  ASSERT_TRUE(Testing::RecordFilmScan(lib.model, settings, thickness, height, nullptr, frames));
-
-  LibrarySearch search;
-  search.SetSearchMode(c.mode);
-  search.SetAllowMultiThreads(c.threads > 1);
-  search.SetNumberOfThreads(c.threads);
-  Array<std::complex<double>> mirror = lib.mirror;
-  search.SetPerfectMirrorSignal(mirror);
-  DoubleMatrix2D matrix = lib.matrix;
-  search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
-  search.SetFrameBuffer(frames);
+  auto signal = [cols](int r, int col) { return (37 * (r * cols + col) + 11) % kSignals; };
+  auto shift = [cols](int r, int col) { return ((r * cols + col) % 13) - 6; };
+  FrameBuffer frames = FilmScan(
+      rows, cols, [&](int r, int col) { return kFromUm + signal(r, col) * kIncrementUm; },
+      [&](int r, int col) { return shift(r, col) * kStepUm; });
   Maps maps;
-  maps.Attach(search);
-  search.Execute();
-  ASSERT_TRUE(search.GetStatus().IsOk()) << search.GetStatus().GetPrintString();
+  const Analysis::Core::Status status = Search(frames, c.mode, maps, c.threads);
+  ASSERT_TRUE(status.IsOk()) << status.GetPrintString();
   const double heightTolerance = c.mode == "MagOnly" ? 0.02 : 2e-3;
   for (int r = 0; r < rows; ++r)
     for (int col = 0; col < cols; ++col) {
-      const int i = r * cols + col;
-      SCOPED_TRACE("pixel " + std::to_string(i));
+      SCOPED_TRACE("pixel " + std::to_string(r * cols + col));
       EXPECT_EQ(maps.libraryId(r, col), 0.0);
-      EXPECT_EQ(maps.signalId(r, col), signal[i]);
-      EXPECT_NEAR(maps.height(r, col), shift[i], heightTolerance);
+      EXPECT_EQ(maps.signalId(r, col), signal(r, col));
+      EXPECT_NEAR(maps.height(r, col), shift(r, col), heightTolerance);
       // Within a tenth of a library step.
-      EXPECT_NEAR(maps.thickness(r, col), thickness(r, col), 0.1 * kIncrementUm);
+      EXPECT_NEAR(maps.thickness(r, col), kFromUm + signal(r, col) * kIncrementUm, 0.1 * kIncrementUm);
       EXPECT_GT(maps.metric(r, col), 0.999);
       EXPECT_LE(maps.metric(r, col), 1.0);
       EXPECT_GE(maps.confidence(r, col), 0.0);
@@ -261,37 +282,17 @@ INSTANTIATE_TEST_SUITE_P(Modes, ShiftedSignalTest,
 
 // A noisy film scan: thickness varying across the image, a tilted top surface, noise of 1 % of
 // each pixel's fringe amplitude. Linear and Fast must find the same signals, and the thickness and
-// height errors stay within the accuracy the noise allows (see the comment at the limits).
+// height errors stay within the accuracy the noise allows: the goals of the film analysis at this
+// noise, 0.5 nm thickness and 1 nm height RMS (the point-by-point model here is independent of
+// the generator the accuracy-goal test below uses).
 TEST(LibrarySearchTest, NoisyFilmThicknessAndHeight) {
-  const FilmLibrary& lib = Library();
   const int rows = 8, cols = 24;
-  DoubleMatrix2D thickness(rows, cols), height(rows, cols);
-  for (int r = 0; r < rows; ++r)
-    for (int col = 0; col < cols; ++col) {
-      thickness(r, col) = 0.32 + 0.36 * col / (cols - 1);
-      height(r, col) = 0.02 * col - 0.03 * r;
-    }
-  Testing::FilmScanSettings settings;
-  settings.rows = rows;
-  settings.cols = cols;
-  settings.noiseFraction = 0.01;
-  Testing::SeededRandom random(77);
-  FrameBuffer frames;
-  ASSERT_TRUE(Testing::RecordFilmScan(lib.model, settings, thickness, height, &random, frames));
-
+  auto thickness = [](int, int col) { return 0.32 + 0.36 * col / (cols - 1); };
+  auto height = [](int r, int col) { return 0.02 * col - 0.03 * r; };
+  FrameBuffer frames = FilmScan(rows, cols, thickness, height, 0.01, 77);
   Maps linear, fast;
-  for (const char* mode : {"Linear", "Fast"}) {
-    LibrarySearch search;
-    search.SetSearchMode(mode);
-    Array<std::complex<double>> mirror = lib.mirror;
-    search.SetPerfectMirrorSignal(mirror);
-    DoubleMatrix2D matrix = lib.matrix;
-    search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
-    search.SetFrameBuffer(frames);
-    (std::string(mode) == "Linear" ? linear : fast).Attach(search);
-    search.Execute();
-    ASSERT_TRUE(search.GetStatus().IsOk()) << search.GetStatus().GetPrintString();
-  }
+  ASSERT_TRUE(Search(frames, "Linear", linear).IsOk());
+  ASSERT_TRUE(Search(frames, "Fast", fast).IsOk());
   double thicknessSq = 0.0, heightSq = 0.0;
   int same = 0;
   for (int r = 0; r < rows; ++r)
@@ -306,49 +307,23 @@ TEST(LibrarySearchTest, NoisyFilmThicknessAndHeight) {
   const double thicknessRms = std::sqrt(thicknessSq / n), heightRms = std::sqrt(heightSq / n);
   std::printf("thickness RMS %.3f nm, height RMS %.3f nm, same signal %.1f %%\n", thicknessRms, heightRms,
               100.0 * same / n);
-  // Goals of the film analysis at this noise: 0.5 nm thickness and 1 nm height RMS.
   EXPECT_LT(thicknessRms, 0.5);
   EXPECT_LT(heightRms, 1.0);
   EXPECT_GE(same, 0.99 * n);
 }
 
-// Threads change nothing: each pixel is matched by one worker with the same arithmetic.
+// Threads change nothing: each pixel is matched by one worker with the same arithmetic (rows split
+// unevenly, columns over two blocks).
 TEST(LibrarySearchTest, ThreadedEqualsSingleThreaded) {
-  const FilmLibrary& lib = Library();
-  const int rows = 9, cols = 70;  // rows split unevenly, columns over two blocks
-  DoubleMatrix2D thickness(rows, cols), height(rows, cols);
-  for (int r = 0; r < rows; ++r)
-    for (int col = 0; col < cols; ++col) {
-      thickness(r, col) = 0.31 + 0.38 * col / (cols - 1);
-      height(r, col) = 0.01 * r;
-    }
-  Testing::FilmScanSettings settings;
-  settings.rows = rows;
-  settings.cols = cols;
-  settings.noiseFraction = 0.01;
-  Testing::SeededRandom random(5);
-  FrameBuffer frames;
-  ASSERT_TRUE(Testing::RecordFilmScan(lib.model, settings, thickness, height, &random, frames));
+  FrameBuffer frames = FilmScan(
+      9, 70, [](int, int col) { return 0.31 + 0.38 * col / 69.0; }, [](int r, int) { return 0.01 * r; }, 0.01,
+      5);
   for (const char* mode : {"Linear", "Fast", "MagOnly"}) {
     Maps one;
-    for (int threads : {1, 2, 3, 8}) {
-      LibrarySearch search;
-      search.SetSearchMode(mode);
-      search.SetAllowMultiThreads(threads > 1);
-      search.SetNumberOfThreads(threads);
-      Array<std::complex<double>> mirror = lib.mirror;
-      search.SetPerfectMirrorSignal(mirror);
-      DoubleMatrix2D matrix = lib.matrix;
-      search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
-      search.SetFrameBuffer(frames);
+    ASSERT_TRUE(Search(frames, mode, one).IsOk());
+    for (int threads : {2, 3, 8}) {
       Maps maps;
-      maps.Attach(search);
-      search.Execute();
-      ASSERT_TRUE(search.GetStatus().IsOk());
-      if (threads == 1) {
-        one = maps;
-        continue;
-      }
+      ASSERT_TRUE(Search(frames, mode, maps, threads).IsOk());
       for (std::int64_t i = 0; i < one.height.GetCount(); ++i) {
         ASSERT_EQ(maps.height.At(i), one.height.At(i)) << mode << " " << threads << " pixel " << i;
         ASSERT_EQ(maps.thickness.At(i), one.thickness.At(i));
@@ -362,20 +337,13 @@ TEST(LibrarySearchTest, ThreadedEqualsSingleThreaded) {
 // Region associations: a pixel is matched only against its region's library; pixels outside every
 // region get no result, and a region without an association stops the run.
 TEST(LibrarySearchTest, RegionAssociationsChooseLibraries) {
-  const FilmLibrary& lib = Library();
   const int rows = 2, cols = 4;
-  DoubleMatrix2D thickness(rows, cols), height(rows, cols);
-  thickness.SetAll(0.5);
-  height.SetAll(0.0);
-  Testing::FilmScanSettings settings;
-  settings.rows = rows;
-  settings.cols = cols;
-  FrameBuffer frames;
-  ASSERT_TRUE(Testing::RecordFilmScan(lib.model, settings, thickness, height, nullptr, frames));
+  FrameBuffer frames = FilmScan(
+      rows, cols, [](int, int) { return 0.5; }, [](int, int) { return 0.0; });
   LibrarySearch search;
-  Array<std::complex<double>> mirror = lib.mirror;
+  Array<std::complex<double>> mirror = Library().mirror;
   search.SetPerfectMirrorSignal(mirror);
-  DoubleMatrix2D matrix = lib.matrix;
+  DoubleMatrix2D matrix = Library().matrix;
   search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
   search.AddLibrary(matrix, 10.0, 1.0, 0);  // the same signals, other values
   search.SetFrameBuffer(frames);
@@ -406,25 +374,16 @@ TEST(LibrarySearchTest, RegionAssociationsChooseLibraries) {
 // level (a host with a 12-bit camera) rejects exactly the pixels whose brightest sample reaches it,
 // and leaves the results of the others bit for bit as they were.
 TEST(LibrarySearchTest, SaturatedPixelsGiveNoResult) {
-  const FilmLibrary& lib = Library();
-  const int rows = 2, cols = 6;
-  DoubleMatrix2D thickness(rows, cols), height(rows, cols);
-  for (int r = 0; r < rows; ++r)
-    for (int col = 0; col < cols; ++col) {
-      thickness(r, col) = 0.35 + 0.05 * col;
-      height(r, col) = 0.01 * (r + col);
-    }
-  Testing::FilmScanSettings settings;
-  settings.rows = rows;
-  settings.cols = cols;
-  FrameBuffer frames;
-  ASSERT_TRUE(Testing::RecordFilmScan(lib.model, settings, thickness, height, nullptr, frames));
+  const int pixels = 12;
+  FrameBuffer frames = FilmScan(
+      2, pixels / 2, [](int, int col) { return 0.35 + 0.05 * col; },
+      [](int r, int col) { return 0.01 * (r + col); });
   ASSERT_EQ(frames.GetMaxValue(), 65535);
   // The brightest sample of every pixel; the level is set to the median of those, so some pixels
   // reach it and some do not.
-  std::vector<int> peak(rows * cols, 0);
+  std::vector<int> peak(pixels, 0);
   for (int f = 0; f < frames.GetFramesStored(); ++f)
-    for (int p = 0; p < rows * cols; ++p)
+    for (int p = 0; p < pixels; ++p)
       peak[p] = std::max<int>(peak[p], frames.GetFrame<std::uint16_t>(f)[p]);
   std::vector<int> sorted = peak;
   std::sort(sorted.begin(), sorted.end());
@@ -435,21 +394,12 @@ TEST(LibrarySearchTest, SaturatedPixelsGiveNoResult) {
   for (const char* mode : {"Linear", "Fast", "MagOnly"}) {
     SCOPED_TRACE(mode);
     Maps full, lowered;
-    for (Maps* maps : {&full, &lowered}) {
-      frames.SetMaxValue(maps == &full ? 65535 : level);
-      LibrarySearch search;
-      search.SetSearchMode(mode);
-      Array<std::complex<double>> mirror = lib.mirror;
-      search.SetPerfectMirrorSignal(mirror);
-      DoubleMatrix2D matrix = lib.matrix;
-      search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
-      search.SetFrameBuffer(frames);
-      maps->Attach(search);
-      search.Execute();
-      ASSERT_TRUE(search.GetStatus().IsOk()) << search.GetStatus().GetPrintString();
-    }
+    ASSERT_TRUE(Search(frames, mode, full).IsOk());
+    frames.SetMaxValue(level);
+    ASSERT_TRUE(Search(frames, mode, lowered).IsOk());
+    frames.SetMaxValue(65535);
     int rejected = 0;
-    for (int p = 0; p < rows * cols; ++p) {
+    for (int p = 0; p < pixels; ++p) {
       SCOPED_TRACE("pixel " + std::to_string(p));
       const bool clippedFull = p == 1;
       const bool clippedLowered = clippedFull || peak[p] >= level;
@@ -466,8 +416,289 @@ TEST(LibrarySearchTest, SaturatedPixelsGiveNoResult) {
       }
     }
     EXPECT_GT(rejected, 0);
-    EXPECT_LT(rejected, rows * cols - 1);
+    EXPECT_LT(rejected, pixels - 1);
   }
+}
+
+// A search over the shared library with a small scan in which pixel i is signal kDiagSignal[i]
+// moved up by kDiagShift[i] whole frames (quantised to 16 bits, thousands of counts of fringe, so
+// the spectra agree with the library's to about 1e-4), for the diagnostic entry points.
+constexpr int kDiagSignal[] = {50, 50, 140, 10};
+constexpr int kDiagShift[] = {0, 6, -4, 3};
+constexpr int kDiagPixels = 4;
+
+struct DiagnosticSearch {
+  FrameBuffer frames = FilmScan(
+      1, kDiagPixels, [](int, int i) { return kFromUm + kDiagSignal[i] * kIncrementUm; },
+      [](int, int i) { return kDiagShift[i] * kStepUm; });
+  LibrarySearch search;
+  Array<std::complex<double>> mirror = Library().mirror;
+  DoubleMatrix2D matrix = Library().matrix;
+  explicit DiagnosticSearch(int libraries = 1) {
+    search.SetPerfectMirrorSignal(mirror);
+    for (int l = 0; l < libraries; ++l)
+      search.AddLibrary(matrix, kFromUm, kIncrementUm, 0);
+    search.SetFrameBuffer(frames);
+  }
+  std::vector<double> Doubles(int index) {
+    Array<double> a;
+    search.GetDoubleArray(index, a);
+    return {a.begin(), a.end()};
+  }
+  std::vector<std::complex<double>> Complexes(int index) {
+    Array<std::complex<double>> a;
+    search.GetComplexArray(index, a);
+    return {a.begin(), a.end()};
+  }
+};
+
+int ArgMax(const std::vector<double>& v) {
+  return static_cast<int>(std::max_element(v.begin(), v.end()) - v.begin());
+}
+
+struct DiagnosticCheck {
+  const char* name;
+  void (*call)(LibrarySearch&);
+  unsigned code;
+  const char* message;
+};
+
+[[maybe_unused]] void PrintTo(const DiagnosticCheck& c, std::ostream* os) {
+  *os << c.name;
+}
+
+class DiagnosticArgumentTest : public testing::TestWithParam<DiagnosticCheck> {};
+
+// Every diagnostic refuses a bad library, signal, bin, pixel or scratch index with its own code and
+// message (the library has 201 signals of 65 bins, the scan is 1 x 4 pixels).
+TEST_P(DiagnosticArgumentTest, RefusesWithCodeAndMessage) {
+  const DiagnosticCheck& c = GetParam();
+  DiagnosticSearch d;
+  ASSERT_TRUE(d.search.GetStatus().IsOk());
+  c.call(d.search);
+  EXPECT_EQ(d.search.GetStatus().GetCode(), c.code);
+  EXPECT_EQ(d.search.GetStatus().GetMessage(), c.message);
+}
+
+constexpr unsigned kArg = StatusCode::kArgumentOutOfRange, kOut = StatusCode::kOutsideWindow;
+INSTANTIATE_TEST_SUITE_P(
+    Cases, DiagnosticArgumentTest,
+    testing::Values(
+        DiagnosticCheck{"SignalLibrary", [](LibrarySearch& s) { s.GetLibrarySignal(1, 0); }, kArg,
+                        "Argument ilib is out of range"},
+        DiagnosticCheck{"SignalNegative", [](LibrarySearch& s) { s.GetLibrarySignal(0, -1); }, kArg,
+                        "isignal < 0"},
+        DiagnosticCheck{"ShiftedPastEnd",
+                        [](LibrarySearch& s) { s.GetShiftedLibrarySignal(0, kSignals, 1.0); }, kArg,
+                        "isignal > NumberOfLibrarySignals"},
+        DiagnosticCheck{"BinNegative", [](LibrarySearch& s) { s.GetLibraryBinTrace(0, -1); }, kArg,
+                        "ibin < 0"},
+        DiagnosticCheck{"BinPastEnd", [](LibrarySearch& s) { s.GetLibraryBinTrace(0, kFrames / 2 + 1); },
+                        kArg, "ibin > NumberOfLibraryBins"},
+        DiagnosticCheck{"BinTraceLibrary", [](LibrarySearch& s) { s.GetLibraryBinTrace(-1, 0); }, kArg,
+                        "Argument ilib is out of range"},
+        DiagnosticCheck{"ComparisonRow", [](LibrarySearch& s) { s.SignalComparison(1, 0); }, kOut,
+                        "pixel position lies outside the framebuffer window"},
+        DiagnosticCheck{"FitColumn", [](LibrarySearch& s) { s.SignalComparison(0, kDiagPixels, 0, 0); }, kOut,
+                        "pixel position lies outside the framebuffer window"},
+        DiagnosticCheck{"FitSignal", [](LibrarySearch& s) { s.SignalComparison(0, 0, 0, kSignals); }, kArg,
+                        "isignal > NumberOfLibrarySignals"},
+        DiagnosticCheck{"MeritLibrary", [](LibrarySearch& s) { s.CalculateMeritX(0, 0, 1); }, kArg,
+                        "Argument ilib is out of range"},
+        DiagnosticCheck{"CorrelationSignal", [](LibrarySearch& s) { s.SpatialCorrelation(0, 0, -1); }, kArg,
+                        "isignal < 0"},
+        DiagnosticCheck{"PeakLibrary", [](LibrarySearch& s) { s.PeakVersusSignal(0, 0, -2); }, kArg,
+                        "Argument ilib is out of range"},
+        DiagnosticCheck{"DummyPixel",
+                        [](LibrarySearch& s) {
+                          Analysis::Core::Point3DArray points;
+                          s.Dummy(0, -1, points);
+                        },
+                        kOut, "pixel position lies outside the framebuffer window"},
+        DiagnosticCheck{"RoundTripEmpty", [](LibrarySearch& s) { s.RoundTripTransform(); }, kArg,
+                        "complexArrays[0] holds fewer than 2 bins"},
+        DiagnosticCheck{"ScratchNegative",
+                        [](LibrarySearch& s) {
+                          Array<double> a;
+                          s.GetDoubleArray(-1, a);
+                        },
+                        kOut, "index < 0"},
+        DiagnosticCheck{"ScratchPastEnd",
+                        [](LibrarySearch& s) {
+                          Array<std::complex<double>> a;
+                          s.SetComplexArray(LsBoard::kScratchArrays, a);
+                        },
+                        kOut, "index >= NumberOfScratchArrays"},
+        DiagnosticCheck{"NoLibraryComparison",
+                        [](LibrarySearch& s) {
+                          s.ClearLibraries();
+                          s.SignalComparison(0, 0);
+                        },
+                        kArg, "Unable to get first library in the library list"},
+        DiagnosticCheck{"NoLibraryCorrelation",
+                        [](LibrarySearch& s) {
+                          s.ClearLibraries();
+                          s.SpatialCorrelation(0, 0, 0);
+                        },
+                        kArg, "Unable to get first library in the library list"}),
+    [](const testing::TestParamInfo<DiagnosticCheck>& info) { return std::string(info.param.name); });
+
+TEST(LibrarySearchTest, DiagnosticWithoutFrameBuffer) {
+  LibrarySearch search;
+  search.CalculateMeritX(0, 0, 0);
+  EXPECT_EQ(search.GetStatus().GetCode(), StatusCode::kCallFailed);
+  EXPECT_EQ(search.GetStatus().GetMessage(), "frameBuffer has not been set");
+}
+
+// Library-side diagnostics, checked against the shift theorem rather than the formula: the trace
+// of a signal shifted by k whole frames is the unshifted trace moved k samples (circularly), to
+// rounding (1e-12 of the trace's largest value); a bin trace across the signals is the library's
+// column; the scratch arrays keep what a later step did not overwrite.
+TEST(LibrarySearchTest, LibraryDiagnosticsFollowTheShiftTheorem) {
+  DiagnosticSearch d;
+  const int n = kFrames, signal = 77;
+  d.search.GetShiftedLibrarySignal(0, signal, 0.0);
+  const std::vector<double> base = d.Doubles(0);
+  ASSERT_EQ(static_cast<int>(base.size()), n);
+  const double peak = std::abs(base[static_cast<std::size_t>(ArgMax(base))]);
+  d.search.GetLibrarySignal(0, signal);
+  const std::vector<std::complex<double>> bins = d.Complexes(0);
+  ASSERT_EQ(static_cast<int>(bins.size()), n / 2 + 1);
+  for (int shift : {-7, 3, 20}) {
+    SCOPED_TRACE(shift);
+    d.search.GetShiftedLibrarySignal(0, signal, shift);
+    ASSERT_TRUE(d.search.GetStatus().IsOk()) << d.search.GetStatus().GetPrintString();
+    const std::vector<double> moved = d.Doubles(0);
+    for (int j = 0; j < n; ++j)
+      ASSERT_NEAR(moved[static_cast<std::size_t>(j)],
+                  base[static_cast<std::size_t>(((j - shift) % n + n) % n)], 1e-12 * peak)
+          << j;
+  }
+  for (int bin : {0, 9, n / 2}) {
+    d.search.GetLibraryBinTrace(0, bin);
+    const std::vector<std::complex<double>> trace = d.Complexes(0);
+    const std::vector<double> values = d.Doubles(0);
+    ASSERT_EQ(static_cast<int>(trace.size()), kSignals);
+    for (int s : {0, signal, kSignals - 1}) {
+      d.search.GetLibrarySignal(0, s);
+      EXPECT_EQ(trace[static_cast<std::size_t>(s)], d.Complexes(0)[static_cast<std::size_t>(bin)]);
+      EXPECT_DOUBLE_EQ(values[static_cast<std::size_t>(s)], kFromUm + s * kIncrementUm);
+    }
+  }
+  EXPECT_EQ(d.Complexes(0), [&] {
+    d.search.GetLibrarySignal(0, kSignals - 1);
+    return d.Complexes(0);
+  }());
+}
+
+// The search's transform pair: a seeded random half spectrum (bins 0 and N/2 real, as a real
+// trace's are) comes back from inverse and forward transform to 1e-12 of its largest bin, and
+// bin 3 alone, -i N/2, is the sine of three periods (the convention of the library's spectra).
+TEST(LibrarySearchTest, RoundTripTransformReturnsItsInput) {
+  LibrarySearch search;
+  Testing::SeededRandom random(31);
+  for (int bins : {2, 9, 65}) {
+    SCOPED_TRACE("bins " + std::to_string(bins) + ", " + random.Describe());
+    Array<std::complex<double>> in;
+    in.Resize(bins);
+    for (int j = 0; j < bins; ++j)
+      in[j] = {random.Normal(1.0), j == 0 || j == bins - 1 ? 0.0 : random.Normal(1.0)};
+    search.SetComplexArray(0, in);
+    search.RoundTripTransform();
+    ASSERT_TRUE(search.GetStatus().IsOk()) << search.GetStatus().GetPrintString();
+    Array<std::complex<double>> out;
+    search.GetComplexArray(1, out);
+    ASSERT_EQ(out.Size(), bins);
+    for (int j = 0; j < bins; ++j)
+      EXPECT_LT(std::abs(out[j] - in[j]), 1e-12 * 4.0) << j;
+  }
+  const int n = 16;
+  Array<std::complex<double>> sine;
+  sine.Resize(n / 2 + 1);
+  std::fill(sine.begin(), sine.end(), std::complex<double>());
+  sine[3] = {0.0, -n / 2.0};
+  search.SetComplexArray(0, sine);
+  search.RoundTripTransform();
+  Array<double> samples;
+  search.GetDoubleArray(0, samples);
+  ASSERT_EQ(samples.Size(), n);
+  for (int i = 0; i < n; ++i)
+    EXPECT_NEAR(samples[i], std::sin(2.0 * std::numbers::pi * 3 * i / n), 1e-14) << i;
+}
+
+// Pixel diagnostics on scans that are library signals moved by whole frames: every step finds the
+// signal and the shift it was built from. The candidate score and the fit merit of the right
+// signal are 1 to the quantisation (1e-3 allowed), the fitted height within 2e-3 frames (as the
+// search's own test), the fitted signal equals the pixel's spectrum in the band to 1 %, and the
+// correlation peaks at the shift with a fringe phase of 0 (0.01 rad). Two copies of the library
+// give two equal blocks of peaks in one run of indices.
+TEST(LibrarySearchTest, PixelDiagnosticsFindSignalAndShift) {
+  DiagnosticSearch d(2);
+  const int n = kFrames;
+  std::vector<int> envelopePeak(kDiagPixels);
+  for (int i = 0; i < kDiagPixels; ++i) {
+    SCOPED_TRACE("pixel " + std::to_string(i));
+    const int s = kDiagSignal[i], k = kDiagShift[i];
+    d.search.SignalComparison(0, i);
+    ASSERT_TRUE(d.search.GetStatus().IsOk()) << d.search.GetStatus().GetPrintString();
+    const std::vector<double> scores = d.Doubles(0);
+    ASSERT_EQ(static_cast<int>(scores.size()), kSignals);
+    EXPECT_NEAR(ArgMax(scores), s, 2);
+    EXPECT_GT(scores[static_cast<std::size_t>(s)], 0.999);
+
+    d.search.SignalComparison(0, i, 1, s);
+    const std::vector<double> fit = d.Doubles(0);
+    EXPECT_GT(fit[0], 0.999);
+    EXPECT_NEAR(fit[1], k, 2e-3);
+    const std::vector<std::complex<double>> pixel = d.Complexes(0), model = d.Complexes(1);
+    double residual = 0.0, energy = 0.0;
+    for (std::size_t j = 0; j < model.size(); ++j) {
+      if (model[j] == std::complex<double>()) continue;
+      residual += std::norm(pixel[j] - model[j]);
+      energy += std::norm(pixel[j]);
+    }
+    EXPECT_LT(std::sqrt(residual / energy), 0.01);
+
+    d.search.CalculateMeritX(0, i, 0);
+    const std::vector<double> merit = d.Doubles(0), heights = d.Doubles(1), values = d.Doubles(2);
+    EXPECT_EQ(ArgMax(merit), s);
+    EXPECT_NEAR(heights[static_cast<std::size_t>(s)], k, 2e-3);
+    EXPECT_DOUBLE_EQ(values[static_cast<std::size_t>(s)], kFromUm + s * kIncrementUm);
+
+    d.search.SpatialCorrelation(0, i, s);
+    const std::vector<double> correlation = d.Doubles(0);
+    ASSERT_EQ(static_cast<int>(correlation.size()), n);
+    EXPECT_EQ(ArgMax(correlation) - n / 2, k);
+    EXPECT_GT(correlation[static_cast<std::size_t>(k + n / 2)], 0.999);
+
+    d.search.PeakVersusSignal(0, i, -1);
+    const std::vector<double> positions = d.Doubles(0), phases = d.Doubles(1);
+    ASSERT_EQ(static_cast<int>(positions.size()), 2 * kSignals);
+    for (int block : {0, kSignals}) {
+      EXPECT_EQ(positions[static_cast<std::size_t>(block + s)], k);
+      EXPECT_NEAR(phases[static_cast<std::size_t>(block + s)], 0.0, 0.01);
+    }
+    for (std::size_t j = 0; j < static_cast<std::size_t>(kSignals); ++j) {
+      EXPECT_GE(phases[j], -std::numbers::pi);
+      EXPECT_LT(phases[j], std::numbers::pi);
+    }
+
+    Analysis::Core::Point3DArray points;
+    d.search.Dummy(0, i, points);
+    ASSERT_TRUE(d.search.GetStatus().IsOk());
+    ASSERT_EQ(points.Size(), kFrames);
+    double top = -1.0;
+    for (int f = 0; f < kFrames; ++f) {
+      EXPECT_EQ(points[f].x, f);
+      EXPECT_NEAR(points[f].y, d.frames.GetFrame<std::uint16_t>(f)[i], 1e-9);
+      if (points[f].z > top) {
+        top = points[f].z;
+        envelopePeak[static_cast<std::size_t>(i)] = f;
+      }
+    }
+  }
+  // The same signal moved 6 frames up: its envelope peaks 6 frames later.
+  EXPECT_EQ(envelopePeak[1] - envelopePeak[0], kDiagShift[1] - kDiagShift[0]);
 }
 
 // The generator's spectra of SiO2 on Si for a thickness range, 128 frames of 80 nm, NA 0.2.

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <complex>
 #include <functional>
 
+#include "Analysis/Core/Array.h"
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/RegionIdMatrix2D.h"
@@ -18,8 +20,9 @@ enum class LsSearchMode : int { Linear = 0, Fast = 1, MagOnly = 2 };
 // LsBoard
 //
 // All state of one library search: settings with their defaults, the caller's inputs and output
-// maps (not owned), the libraries, the perfect-mirror signal, the region associations and the
-// status. The controller and the per-thread pixel processors read it; only the facade writes it.
+// maps (not owned), the libraries, the perfect-mirror signal, the region associations, the
+// scratch arrays the diagnostic entry points leave their results in, and the status. The controller and the
+// per-thread pixel processors read it; only the facade writes it.
 struct LsBoard {
   static constexpr const char* kSource = "SwliMba\\Search\\LsBoard";
 
@@ -47,6 +50,9 @@ struct LsBoard {
   LsRegionAssociations regionAssociations;
   int searchMode = static_cast<int>(LsSearchMode::Fast);
   int numberOfThreads = -1;  // -1: one per processor
+  static constexpr int kScratchArrays = 4;
+  Analysis::Core::Array<double> doubleArrays[kScratchArrays];
+  Analysis::Core::Array<std::complex<double>> complexArrays[kScratchArrays];
   Analysis::Core::Status status{__LINE__, kSource};
 };
 

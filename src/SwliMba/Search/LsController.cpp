@@ -50,15 +50,21 @@ bool LsController::Prepare(bool modulationOnly, int threads) {
       return false;
     }
   }
-  int first = 0, last = 0;
+  int first = 0, last = 0, coreFirst = 0, coreLast = 0;
   if (!modulationOnly) {
-    if (!board.perfectMirrorSignal.FindBand(first, last)) {
-      Fail(StatusCode::kCallFailed, __LINE__, "Determination of sigmaCarrier failed");
+    LsSignalProcessor mirror;
+    if (!mirror.FindCarrier(board.perfectMirrorSignal.Get().Data(),
+                            board.perfectMirrorSignal.GetNumberOfBins())) {
+      board.status = mirror.GetStatus();
       return false;
     }
+    first = mirror.GetFirstBin();
+    last = mirror.GetLastBin();
+    coreFirst = mirror.GetFirstCoreBin();
+    coreLast = mirror.GetLastCoreBin();
     for (int l = 0; l < board.libraries.Size(); ++l) {
       LsLibrary& library = board.libraries.At(l);
-      if (library.GetNumberOfSignals() > 0 && !library.Prepare(first, last)) {
+      if (library.GetNumberOfSignals() > 0 && !library.Prepare(first, last, coreFirst, coreLast)) {
         board.status = library.GetStatus();
         return false;
       }
@@ -114,13 +120,28 @@ void LsController::Execute(bool modulationOnly) {
   }
 }
 
-void LsController::ProcessSinglePixel(int row, int column) {
-  if (!board_) return;
-  if (!board_->frameBuffer) return Fail(StatusCode::kCallFailed, __LINE__, "frameBuffer has not been set");
+bool LsController::CheckPixel(int row, int column) {
+  if (!board_) return false;
+  if (!board_->frameBuffer) {
+    Fail(StatusCode::kCallFailed, __LINE__, "frameBuffer has not been set");
+    return false;
+  }
   if (row < 0 || column < 0 || row >= board_->frameBuffer->GetRows() ||
-      column >= board_->frameBuffer->GetColumns())
-    return Fail(StatusCode::kOutsideWindow, __LINE__, "pixel position lies outside the framebuffer window");
-  if (!Prepare(false, 1)) return;
+      column >= board_->frameBuffer->GetColumns()) {
+    Fail(StatusCode::kOutsideWindow, __LINE__, "pixel position lies outside the framebuffer window");
+    return false;
+  }
+  return true;
+}
+
+LsPixelProcessor* LsController::PreparePixel(int row, int column) {
+  if (!Prepare(false, 1)) return nullptr;
+  processors_[0]->LoadSinglePixel(row, column);
+  return processors_[0].get();
+}
+
+void LsController::ProcessSinglePixel(int row, int column) {
+  if (!CheckPixel(row, column) || !Prepare(false, 1)) return;
   try {
     processors_[0]->ProcessRow(0, row, column, column + 1, false);
   } catch (const Status& failure) {

@@ -7,6 +7,7 @@
 #include "Core/Board/BoardController.h"
 #include "SwliMba/Search/LsBoard.h"
 #include "SwliMba/Search/LsPixelProcessor.h"
+#include "SwliMba/Search/LsSignalProcessor.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search {
 
@@ -28,6 +29,13 @@ class LsController : public BoardController<LsBoard> {
   void Execute(bool modulationOnly);
   // One pixel (row and column within the frame-buffer window), on the calling thread.
   void ProcessSinglePixel(int row, int column);
+
+  // For the diagnostics: false with the status set when there is no frame buffer or the pixel
+  // lies outside its window.
+  bool CheckPixel(int row, int column);
+  // Prepares a one-thread search and loads the pixel (already checked) into the processor's slot
+  // 0; null with the status set when the search cannot be prepared.
+  LsPixelProcessor* PreparePixel(int row, int column);
 
  private:
   bool Prepare(bool modulationOnly, int threads);

@@ -25,8 +25,10 @@ bool LsLibrary::Set(const Analysis::Core::DoubleMatrix2D& matrix, double a, doub
   return true;
 }
 
-bool LsLibrary::Prepare(int first, int last) {
+bool LsLibrary::Prepare(int first, int last, int coreFirst, int coreLast) {
   band_ = last - first + 1;
+  coreOffset_ = coreFirst - first;
+  coreWidth_ = coreLast - coreFirst;
   const std::size_t n = static_cast<std::size_t>(signals_);
   const std::size_t w = static_cast<std::size_t>(band_);
   try {
@@ -74,15 +76,22 @@ bool LsLibrary::Prepare(int first, int last) {
         coarseSignals_.push_back(i1 * stride + i2);
       if (i1 + kCoarseStride >= values1 && i1 != values1 - 1) i1 = values1 - 1 - kCoarseStride;
     }
-    coarseFeatures_.resize(coarseSignals_.size() * (w - 1));
+    coarseFeatures_.resize(coarseSignals_.size() * static_cast<std::size_t>(coreWidth_));
   } catch (const std::bad_alloc&) {
     status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Allocation of signal failed");
     band_ = 0;
     return false;
   }
-  for (std::size_t i = 0; i < coarseSignals_.size(); ++i)
-    std::copy(GetFeaturesConj(coarseSignals_[i]), GetFeaturesConj(coarseSignals_[i]) + (w - 1),
-              coarseFeatures_.begin() + static_cast<std::ptrdiff_t>(i * (w - 1)));
+  const std::size_t core = static_cast<std::size_t>(coreWidth_);
+  for (std::size_t i = 0; i < coarseSignals_.size(); ++i) {
+    const std::complex<double>* from = GetFeaturesConj(coarseSignals_[i]) + coreOffset_;
+    double energy = 0.0;
+    for (std::size_t k = 0; k < core; ++k)
+      energy += std::norm(from[k]);
+    const double scale = energy > 0.0 ? 1.0 / std::sqrt(energy) : 0.0;
+    for (std::size_t k = 0; k < core; ++k)
+      coarseFeatures_[i * core + k] = from[k] * scale;
+  }
   return true;
 }
 

@@ -46,7 +46,8 @@ class QUARN_PP_EXPORT LsLibrary {
 
   // Builds the band rows and features for bins [first, last]; false with the status set when the
   // memory cannot be had.
-  bool Prepare(int first, int last);
+  // [coreFirst, coreLast] (within the band) are the bins the coarse grid compares.
+  bool Prepare(int first, int last, int coreFirst, int coreLast);
 
   int GetBandWidth() const { return band_; }
   // Band of signal s (band_ values), its norm, its candidate features (band_ - 1 values, unit
@@ -65,11 +66,17 @@ class QUARN_PP_EXPORT LsLibrary {
   const double* GetMagnitudesData() const { return magnitudes_.data(); }
 
   // The coarse grid of the fast search: every kCoarseStride-th value of variable 1 (and the last
-  // one), all values of variable 2, with their features gathered into contiguous rows.
+  // one), all values of variable 2, with their features gathered into contiguous rows. The grid
+  // only has to find the interval the signal lies in, and compares the features of the band's
+  // core (GetCoreOffset, GetCoreWidth: the features between bins of at least 10 % of the
+  // perfect mirror's peak), renormalised to unit norm there; the dense search around the
+  // interval compares the whole band.
   static constexpr int kCoarseStride = 8;
   int GetNumberOfCoarseSignals() const { return static_cast<int>(coarseSignals_.size()); }
   int GetCoarseSignal(int i) const { return coarseSignals_[static_cast<std::size_t>(i)]; }
   const std::complex<double>* GetCoarseFeaturesConjData() const { return coarseFeatures_.data(); }
+  int GetCoreOffset() const { return coreOffset_; }
+  int GetCoreWidth() const { return coreWidth_; }
 
   const Analysis::Core::Status& GetStatus() const { return status_; }
 
@@ -79,6 +86,7 @@ class QUARN_PP_EXPORT LsLibrary {
   int bins_ = 0;
   double a_ = 0.0, b_ = 1.0, c_ = 0.0;
   int band_ = 0;
+  int coreOffset_ = 0, coreWidth_ = 0;
   std::vector<std::complex<double>> bandRows_;
   std::vector<double> bandNorms_;
   std::vector<std::complex<double>> features_;

@@ -3,9 +3,10 @@
 #include <complex>
 #include <vector>
 
-#include "Analysis/Core/Fft1DReal.h"
 #include "Analysis/Core/Status.h"
 #include "SwliMba/Search/LsBoard.h"
+#include "SwliMba/Search/LsSignal.h"
+#include "SwliMba/Search/LsSignalProcessor.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search {
 
@@ -16,9 +17,9 @@ namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search {
 //
 // Signal. A pixel's trace (one sample per frame, reversed for scan direction -1) loses its mean
 // and is transformed with the library's transform length N = 2 (bins - 1) (a shorter trace is
-// padded with zeros, a longer one cut). Only the band of bins that carry signal (see
-// LsPerfectMirrorSignal) is compared. A surface h frames higher than the library's shifts the
-// trace by h frames, which multiplies bin j by exp(-i ω_j h), ω_j = 2π j / N; with a gain G:
+// padded with zeros, a longer one cut) in the processor's LsSignal. Only the band of bins that carry signal
+// (see LsPerfectMirrorSignal) is compared. A surface h frames higher than the library's shifts the trace by h
+// frames, which multiplies bin j by exp(-i ω_j h), ω_j = 2π j / N; with a gain G:
 //
 //   M_j = G · L_j · exp(-i ω_j h).
 //
@@ -80,6 +81,29 @@ class LsPixelProcessor {
   // The result of one pixel's spectrum against one library (exposed for tests).
   Result MatchLibrary(int pixelInBlock, int libraryId);
 
+  // Diagnostics, on slot 0 with the frame buffer's thread-0 scratch.
+  // Loads pixel (row, column) of the window (checked by the caller) into slot 0 and its signal;
+  // returns the trace's mean.
+  double LoadSinglePixel(int row, int column);
+  const LsSignal& GetSignal() const { return signal_; }
+  LsSignal& GetSignal() { return signal_; }
+  // The signal processor, sized on first use (a search never needs it); null with the status set
+  // when it cannot be.
+  LsSignalProcessor* GetSignalProcessor();
+  int GetFirstBin() const { return first_; }
+  int GetLastBin() const { return first_ + band_ - 1; }
+  // The candidate-stage score of slot 0 against every signal of a library, whatever the mode: the
+  // normalised correlation of the neighbouring-bin products (shift-invariant), in [0, 1].
+  void ScoreAllSignals(int libraryId, double* out) const;
+  // The fit of slot 0 to one signal, from the candidate stage's start height as in the search:
+  // merit, height (frames) and the least-squares gain G of M = G L exp(-i ω h).
+  struct SignalFit {
+    double merit = -1.0;
+    double height = 0.0;
+    double gain = 0.0;
+  };
+  SignalFit FitSignal(int libraryId, int signal) const;
+
   const Analysis::Core::Status& GetStatus() const { return status_; }
 
  private:
@@ -88,7 +112,8 @@ class LsPixelProcessor {
     double height = 0.0;
   };
 
-  void LoadPixel(int thread, int pixel, int slot);
+  // The trace (frames stored) into slot `slot`; returns its mean.
+  double LoadPixel(const double* trace, int slot);
   void CandidateScores(int libraryId, int count);
   void Candidates(int slot, const LsLibrary& library, std::vector<int>& out, double& confidence);
   // The least-squares height from h0; `onFringe`: h0 already lies on the right fringe (a
@@ -98,7 +123,8 @@ class LsPixelProcessor {
   Result Refine(int slot, const LsLibrary& library, int signal) const;
 
   const LsBoard* board_ = nullptr;
-  Analysis::Core::Fft1DReal fft_;
+  LsSignal signal_;
+  LsSignalProcessor signalProcessor_;
   int n_ = 0, first_ = 0, band_ = 0;
   std::vector<double> omega_;  // ω_j of the band's bins, rad per frame
   // Per pixel of the block: band spectrum, norm, features, magnitudes, modulation.

@@ -106,6 +106,17 @@ TEST_F(FilmCliTest, ThicknessAndHeightOfAKnownFilm) {
   }
 }
 
+// --max-value reaches the search: a saturation level below every pixel's brightest sample (the
+// fringes swing thousands of counts about 20000) leaves no valid pixel, exit 1, nothing written.
+TEST_F(FilmCliTest, MaxValueRejectsSaturatedPixels) {
+  const std::string scan = MakeScan("scan.tif", kFrames, kStepNm);
+  const RunResult result = Run("film " + scan + " --stack " + Path("stack.json") +
+                               " --scan-step 80 --max-value 20001 -o " + Path("h.tif"));
+  EXPECT_EQ(result.status, 1) << result.err;
+  EXPECT_NE(result.err.find("unsaturated"), std::string::npos) << result.err;
+  EXPECT_FALSE(fs::exists(Path("h.tif")));
+}
+
 // A scan whose file name is not UTF-8 (Latin-1 here) is measured and summarised all the same: the
 // name's invalid byte becomes U+FFFD in the JSON rather than failing the run at its last step.
 TEST_F(FilmCliTest, SummaryOfAScanWithALatin1NameIsWritten) {

@@ -35,6 +35,8 @@
 #include "Swli/PhaseGenerator.h"
 #include "Swli/ScanSampling.h"
 #include "Swli/SubsampledEvaluation.h"
+#include "SwliMba/LibDef/Library.h"
+#include "SwliMba/LibDef/LibraryJson.h"
 #include "Synthetic/SeededRandom.h"
 #include "Synthetic/SyntheticCarrier.h"
 #include "Synthetic/SyntheticPsi.h"
@@ -638,12 +640,28 @@ TEST(FilmJobTest, KnownFilmBackSaturatedPixelRejectedRowsCountedThreadCountIrrel
     }
   }
 
-  // A library made for another sampling is refused until resampled.
+  // A library definition the host built itself gives what its STACK.json text gives.
   FrameBuffer frames;
   JobRecord made;
   ASSERT_TRUE(MakeFrameBuffer(
       ArrayView::Contiguous(scan.data(), SampleType::kUInt16, kFrames, kRowsF, kColsF, "scan"), frames,
       made));
+  LibDef::Library definition;
+  LibDef::LibraryJson reader;
+  ASSERT_TRUE(reader.Read(kFilmStack, definition));
+  FilmOptions linear;
+  linear.scanStepNm = kStepNm;
+  linear.search = "linear";
+  linear.maxValue = 61000;
+  FilmJob fromDefinition;
+  ASSERT_TRUE(fromDefinition.Run(frames, definition, "stack", linear, "scan").Ok());
+  for (std::int64_t i = 0; i < fromDefinition.GetThickness().GetCount(); ++i) {
+    const double v = fromDefinition.GetThickness().At(i);
+    const double expected = first[1][static_cast<std::size_t>(i)];
+    EXPECT_TRUE(Core::IsNoDataValue(v) ? std::isnan(expected) : v == expected) << i;
+  }
+
+  // A library made for another sampling is refused until resampled.
   FilmOptions options;
   options.scanStepNm = 40.0;
   FilmJob job;

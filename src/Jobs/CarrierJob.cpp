@@ -44,6 +44,9 @@ CarrierRecord CarrierJob::Run(Core::FrameBuffer& frames, const CarrierOptions& o
   kinephase.SetModulationThreshold(options.threshold);
   kinephase.SetMinRegionSizeToTrim(options.minRegion);
   kinephase.SetSubtractCarrier(!options.keepCarrier);
+  // One frame whose maps are kept: the filter is computed in the transform's column pass rather than
+  // stored, and the transform's memory is given back while the maps fill up.
+  kinephase.SetLowMemory(true);
   if (options.threads == 0) {
     kinephase.SetAllowMultiThreads(false);
   } else if (options.threads > 0) {

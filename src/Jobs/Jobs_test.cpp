@@ -223,6 +223,57 @@ TEST(PsiJobTest, BadInputAndNoResultInTheToolsWords) {
   }
 }
 
+// The run a band of rows at a time (what qphase psi streams to its files) hands on, band by band and
+// in order, the rows of the whole run's maps to the bit, also where a band has no valid pixel (no
+// fringes above row 10: the first two bands of four rows), with the same record, on one thread and
+// on three; a stack without a valid pixel at all is the whole run's failure, in its words.
+TEST(PsiJobTest, BandsAreTheWholeRunsRowsAndABandWithoutDataIsNoFailure) {
+  FrameBuffer frames;
+  ASSERT_TRUE(frames.Allocate(Core::Window2D(3, 5, kRows, kCols), 13, FrameBuffer::kRes8Bit));
+  Testing::FillPsiStack(frames, Testing::ShiftsFor13(), [](int r, int c) {
+    Testing::PixelFringe fringe = Tilt(r, c);
+    if (r < 10) fringe.amplitude = 0.0;
+    return fringe;
+  });
+  for (const int threads : {0, 3}) {
+    PsiOptions options;
+    options.threads = threads;
+    PsiJob whole, banded;
+    const PsiRecord expected = whole.Run(frames, options, "stack", true);
+    ASSERT_TRUE(expected.Ok()) << expected.message;
+    int nextRow = 0;
+    const PsiRecord record = banded.RunInBands(
+        frames, options, "stack", true, 4,
+        [&](int first, const DoubleMatrix2D& phase, const DoubleMatrix2D* modulation) {
+          ASSERT_EQ(first, nextRow);
+          ASSERT_TRUE(modulation && phase.GetRows() == std::min(4, kRows - first) &&
+                      phase.GetColumns() == kCols);
+          const std::size_t bytes = sizeof(double) * static_cast<std::size_t>(phase.GetCount());
+          EXPECT_EQ(std::memcmp(phase.Data(), whole.GetPhase().Row(first), bytes), 0)
+              << "rows from " << first;
+          EXPECT_EQ(std::memcmp(modulation->Data(), whole.GetModulation().Row(first), bytes), 0)
+              << "rows from " << first;
+          nextRow += phase.GetRows();
+        });
+    EXPECT_EQ(nextRow, kRows);
+    EXPECT_TRUE(record.Ok()) << record.message;
+    EXPECT_EQ(record.algorithm, expected.algorithm);
+    EXPECT_EQ(record.validFraction, expected.validFraction);
+    EXPECT_LT(record.validFraction, 0.6) << threads << " threads: rows 0-9 have no data";
+  }
+  FrameBuffer flat;
+  ASSERT_TRUE(flat.Allocate(Core::Window2D(0, 0, 4, 4), 7, FrameBuffer::kRes8Bit));
+  Testing::FillPsiStack(flat, Testing::ShiftsFor7(), [](int, int) {
+    return Testing::PixelFringe{100.0, 0.0, 0.0};
+  });
+  PsiJob job;
+  const PsiRecord expected = job.Run(flat, {}, "flat.tif", false);
+  const PsiRecord record = job.RunInBands(flat, {}, "flat.tif", false, 3,
+                                          [](int, const DoubleMatrix2D&, const DoubleMatrix2D*) {});
+  EXPECT_EQ(record.outcome, JobOutcome::kNoResult);
+  EXPECT_EQ(record.message, expected.message);
+}
+
 TEST(PsiCheckJobTest, StepMapAndGainEqualTheCalculatorsAndReadTheShifterError) {
   // The shifter moves 5 % too far: the step is 94.5 degrees.
   FrameBuffer frames;

@@ -1,8 +1,12 @@
 #include "Jobs/PsiJob.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "Analysis/Core/Array.h"
 #include "Psi/Convert13.h"
@@ -57,63 +61,86 @@ bool CheckOptions(const PsiOptions& options, PsiRecord& record) {
   return CheckCommonOptions(record, options.maxValue, options.threads);
 }
 
+// The converters and the generator of a run, set up from the options for the chosen algorithm.
+struct Conversion {
+  Psi::Convert7 seven;
+  Psi::Convert13 thirteen;
+  Psi::Convert20 twenty;
+  Psi::ConvertSliding13 sliding;
+  Psi::ConverterGenerator generator;
+  Core::Array<double> weights;
+
+  Conversion(const PsiOptions& options, const std::string& algorithm) {
+    Psi::Converter* converter = algorithm == "7"    ? static_cast<Psi::Converter*>(&seven)
+                                : algorithm == "13" ? static_cast<Psi::Converter*>(&thirteen)
+                                : algorithm == "20" ? static_cast<Psi::Converter*>(&twenty)
+                                                    : static_cast<Psi::Converter*>(&sliding);
+    generator.SetAlgorithm(converter);
+    generator.SetMinimumModulation(options.minModulation);
+    generator.SetEstimateMagnitude(options.estimateMagnitude);
+    generator.SetPhaseSign(options.phaseSign);
+    if (options.threads == 0) {
+      generator.SetAllowMultiThreads(false);
+    } else if (options.threads > 0) {
+      generator.SetNumberOfThreads(options.threads);
+    }
+    for (const double w : options.frameWeights)
+      weights.Add(w);
+  }
+
+  // Converts every pixel of `frames` into the maps (sized to them); the seconds it took.
+  double Process(Core::FrameBuffer& frames, Core::DoubleMatrix2D& phase, Core::DoubleMatrix2D* modulation) {
+    const auto start = std::chrono::steady_clock::now();
+    generator.Process(frames, phase, modulation, weights.Size() > 0 ? &weights : nullptr);
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  }
+};
+
+// The checks of a run before any conversion: options, algorithm, frame weights; sets the frame
+// buffer's saturation level. False with the record filled when the run cannot go ahead.
+bool Prepare(Core::FrameBuffer& frames, const PsiOptions& options, const std::string& name,
+             PsiRecord& record) {
+  if (!CheckOptions(options, record)) return false;
+  const int count = frames.GetNumberOfFrames();
+  record.algorithm = ChooseAlgorithm(options.algorithm, count, name, record);
+  if (!record.Ok()) return false;
+  if (options.maxValue > 0) frames.SetMaxValue(options.maxValue);
+  record.maxValue = frames.GetMaxValue();
+  if (!options.frameWeights.empty() && static_cast<int>(options.frameWeights.size()) != count) {
+    return Fail(record, JobOutcome::kBadInput,
+                "--frame-weights gives " + std::to_string(options.frameWeights.size()) + " weights, " + name +
+                    " has " + std::to_string(count) + " frames");
+  }
+  return true;
+}
+
+bool FailNoValidPixel(PsiRecord& record, const std::string& name, const Core::FrameBuffer& frames,
+                      const PsiOptions& options) {
+  return Fail(record, JobOutcome::kNoResult,
+              "no valid pixel in " + name + ": every pixel is saturated (a sample reaches " +
+                  std::to_string(frames.GetMaxValue()) + ") or modulated less than " +
+                  FormatNumber(options.minModulation) + " % of it");
+}
+
 }  // namespace
 
 PsiRecord PsiJob::Run(Core::FrameBuffer& frames, const PsiOptions& options, const std::string& name,
                       bool wantModulation) {
   PsiRecord record;
-  if (!CheckOptions(options, record)) return record;
-  const int count = frames.GetNumberOfFrames();
-  record.algorithm = ChooseAlgorithm(options.algorithm, count, name, record);
-  if (!record.Ok()) return record;
-  if (options.maxValue > 0) frames.SetMaxValue(options.maxValue);
-  record.maxValue = frames.GetMaxValue();
-  if (!options.frameWeights.empty() && static_cast<int>(options.frameWeights.size()) != count) {
-    Fail(record, JobOutcome::kBadInput,
-         "--frame-weights gives " + std::to_string(options.frameWeights.size()) + " weights, " + name +
-             " has " + std::to_string(count) + " frames");
-    return record;
-  }
-
-  Psi::Convert7 seven;
-  Psi::Convert13 thirteen;
-  Psi::Convert20 twenty;
-  Psi::ConvertSliding13 sliding;
-  Psi::Converter* converter = record.algorithm == "7"    ? static_cast<Psi::Converter*>(&seven)
-                              : record.algorithm == "13" ? static_cast<Psi::Converter*>(&thirteen)
-                              : record.algorithm == "20" ? static_cast<Psi::Converter*>(&twenty)
-                                                         : static_cast<Psi::Converter*>(&sliding);
-  Psi::ConverterGenerator generator;
-  generator.SetAlgorithm(converter);
-  generator.SetMinimumModulation(options.minModulation);
-  generator.SetEstimateMagnitude(options.estimateMagnitude);
-  generator.SetPhaseSign(options.phaseSign);
-  if (options.threads == 0) {
-    generator.SetAllowMultiThreads(false);
-  } else if (options.threads > 0) {
-    generator.SetNumberOfThreads(options.threads);
-  }
-  Core::Array<double> weights;
-  for (const double w : options.frameWeights)
-    weights.Add(w);
-
-  if (!phase_.Resize(0, 0, frames.GetRows(), frames.GetColumns()) ||
-      (wantModulation && !modulation_.Resize(0, 0, frames.GetRows(), frames.GetColumns()))) {
+  if (!Prepare(frames, options, name, record)) return record;
+  Conversion conversion(options, record.algorithm);
+  // The converter writes every pixel of the maps: they are not cleared first.
+  const Core::Window2D window(0, 0, frames.GetRows(), frames.GetColumns());
+  if (!phase_.ResizeForOverwrite(window) || (wantModulation && !modulation_.ResizeForOverwrite(window))) {
     Fail(record, JobOutcome::kBadInput, name + ": no memory for the result maps");
     return record;
   }
   if (!wantModulation) modulation_.Reset();
-  const auto start = std::chrono::steady_clock::now();
-  generator.Process(frames, phase_, wantModulation ? &modulation_ : nullptr,
-                    options.frameWeights.empty() ? nullptr : &weights);
-  record.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  record.seconds = conversion.Process(frames, phase_, wantModulation ? &modulation_ : nullptr);
 
-  const Core::Status& status = generator.GetStatus();
+  const Core::Status& status = conversion.generator.GetStatus();
   if (status.GetCode() == Core::StatusCode::kNoValidResult) {
-    Fail(record, JobOutcome::kNoResult,
-         "no valid pixel in " + name + ": every pixel is saturated (a sample reaches " +
-             std::to_string(frames.GetMaxValue()) + ") or modulated less than " +
-             FormatNumber(options.minModulation) + " % of it");
+    FailNoValidPixel(record, name, frames, options);
     return record;
   }
   if (status.IsError()) {
@@ -121,6 +148,60 @@ PsiRecord PsiJob::Run(Core::FrameBuffer& frames, const PsiOptions& options, cons
     return record;
   }
   record.validFraction = static_cast<double>(phase_.CountValid()) / static_cast<double>(phase_.GetCount());
+  return record;
+}
+
+PsiRecord PsiJob::RunInBands(Core::FrameBuffer& frames, const PsiOptions& options, const std::string& name,
+                             bool wantModulation, int bandRows, const BandSink& band) {
+  PsiRecord record;
+  if (!Prepare(frames, options, name, record)) return record;
+  Conversion conversion(options, record.algorithm);
+  phase_.Reset();
+  modulation_.Reset();
+  const Core::Window2D window = frames.GetAllocatedWindow();
+  const int rows = window.GetRows(), cols = window.GetCols();
+  bandRows = std::clamp(bandRows, 1, std::max(rows, 1));
+  const std::size_t rowBytes =
+      static_cast<std::size_t>(cols) * static_cast<std::size_t>(frames.GetBytesPerSample());
+  // The frames of a band are borrowed in place from the whole stack, which outlives them.
+  const std::shared_ptr<void> borrowed(&frames, [](void*) {});
+  Core::DoubleMatrix2D phase, modulation;
+  std::int64_t valid = 0;
+  for (int first = 0; first < rows; first += bandRows) {
+    const int count = std::min(bandRows, rows - first);
+    std::vector<std::byte*> slots;
+    for (int k = 0; k < frames.GetFramesStored(); ++k)
+      slots.push_back(static_cast<std::byte*>(frames.GetFrameData(k)) +
+                      static_cast<std::size_t>(first) * rowBytes);
+    Core::FrameBuffer part;
+    const Core::Window2D bandWindow(window.GetStartRow() + first, window.GetStartCol(), count, cols);
+    if (!part.AdoptFrames(bandWindow, frames.GetNumberOfFrames(), frames.GetElementRes(), std::move(slots),
+                          borrowed, frames.GetScanDirection())) {
+      Fail(record, JobOutcome::kBadInput, name + ": " + part.GetStatus().GetPrintString());
+      return record;
+    }
+    part.SetMaxValue(frames.GetMaxValue());
+    if (!phase.ResizeForOverwrite(bandWindow) ||
+        (wantModulation && !modulation.ResizeForOverwrite(bandWindow))) {
+      Fail(record, JobOutcome::kBadInput, name + ": no memory for the result maps");
+      return record;
+    }
+    // A band without a valid pixel is no failure of the run: the status of each band stands alone.
+    conversion.generator.GetStatus().ClearError();
+    record.seconds += conversion.Process(part, phase, wantModulation ? &modulation : nullptr);
+    const Core::Status& status = conversion.generator.GetStatus();
+    if (status.IsError() && status.GetCode() != Core::StatusCode::kNoValidResult) {
+      Fail(record, JobOutcome::kBadInput, name + ": " + status.GetPrintString());
+      return record;
+    }
+    valid += phase.CountValid();
+    band(first, phase, wantModulation ? &modulation : nullptr);
+  }
+  if (valid == 0) {
+    FailNoValidPixel(record, name, frames, options);
+    return record;
+  }
+  record.validFraction = static_cast<double>(valid) / (static_cast<double>(rows) * static_cast<double>(cols));
   return record;
 }
 

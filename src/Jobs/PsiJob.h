@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -43,6 +44,16 @@ class QUARN_PP_EXPORT PsiJob {
   // saturation level is set from `options.maxValue`.
   PsiRecord Run(Core::FrameBuffer& frames, const PsiOptions& options, const std::string& name,
                 bool wantModulation);
+  // The same run a band of rows at a time, for a host that streams the maps out (a file writer) and
+  // so never holds them whole: `band` gets, in order from the top, each band's first row and its
+  // phase and modulation (null unless wanted), `bandRows` rows each (the last may have fewer), valid
+  // during the call. The maps are bit for bit those of Run, and so is the record; the job keeps no
+  // maps. A band without a valid pixel is handed on like any other; an exception thrown by `band`
+  // ends the run and passes through.
+  using BandSink = std::function<void(int firstRow, const Core::DoubleMatrix2D& phase,
+                                      const Core::DoubleMatrix2D* modulation)>;
+  PsiRecord RunInBands(Core::FrameBuffer& frames, const PsiOptions& options, const std::string& name,
+                       bool wantModulation, int bandRows, const BandSink& band);
   const Core::DoubleMatrix2D& GetPhase() const { return phase_; }
   const Core::DoubleMatrix2D& GetModulation() const { return modulation_; }
   // The maps moved out of the job, for a host that keeps them without a copy (no data still the

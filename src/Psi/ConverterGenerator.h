@@ -48,9 +48,11 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Psi {
 // by default); maps are identical for every thread count.
 //
 // Fast path: for the built-in converters (and frame weights) a block of pixels is processed at
-// once from the frame planes with vector instructions and a vector atan2 (SLEEF, 1 ulp). N, D, the
-// validity and the modulation are bit-identical to the per-pixel path; the phase agrees with the
-// scalar atan2 to within 2 ulp. `SetUseFastPath(false)` runs the plain per-pixel reference.
+// once from the frame planes with vector instructions and a vector atan2 (SLEEF's 3.5-ulp kernel,
+// twice as fast as its 1-ulp one; 3.5 ulp of a phase is some 1e-15 rad, far below the noise of any
+// measured phase and below the float32 resolution of a written map). N, D, the validity and the
+// modulation are bit-identical to the per-pixel path; the phase agrees with the scalar atan2 (1 ulp
+// from exact) to within 4 ulp. `SetUseFastPath(false)` runs the plain per-pixel reference.
 //
 //   FrameBuffer frames;   // 13 phase-shifted frames
 //   DoubleMatrix2D phase(rows, cols), modulation(rows, cols);

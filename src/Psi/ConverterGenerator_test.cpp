@@ -232,8 +232,9 @@ TEST(ConverterGeneratorTest, RunFailuresAreStatusRecords) {
 }
 
 // Random samples (saturated ones included) exercise every branch: the block path must reproduce the
-// per-pixel path exactly in validity, N, D and modulation, and the phase to within 2 ulp of the
-// scalar atan2; every thread count, sub-window and a one-row stack must give the same maps.
+// per-pixel path exactly in validity, N, D and modulation, and the phase to within 4 ulp of the
+// scalar atan2 (SLEEF's 3.5-ulp kernel against libm's 1-ulp one); every thread count, sub-window and a
+// one-row stack must give the same maps.
 struct PathCase {
   std::string kernel;  // "7", "13", "20", "sliding", "weights"
   FrameBuffer::ElementRes resolution;
@@ -298,11 +299,11 @@ TEST_P(GeneratorPathTest, BlockPathAndEveryThreadCountMatchThePerPixelReference)
   Testing::EquivalenceSettings plain{rows, cols, {{"phase", 0}, {"modulation", 0}}, {0, 1, 2, 3, 8}};
   Testing::CheckImageEquivalence(plain, reference,
                                  [&](const Window2D& w, int threads) { return run(w, false, threads); });
-  Testing::EquivalenceSettings block{rows, cols, {{"phase", 2}, {"modulation", 0}}, {0, 1, 2, 3, 8}};
+  Testing::EquivalenceSettings block{rows, cols, {{"phase", 4}, {"modulation", 0}}, {0, 1, 2, 3, 8}};
   Testing::CheckImageEquivalence(block, reference,
                                  [&](const Window2D& w, int threads) { return run(w, true, threads); });
   // Within the block path a pixel's phase may not depend on where a thread's range or a block ends:
-  // the vector atan2 and libm's may differ by an ulp, so every pixel must go through the same one.
+  // the vector atan2 and libm's may differ by a few ulp, so every pixel must go through the same one.
   const auto blockReference = [&](const Window2D& w) { return run(w, true, 0); };
   Testing::EquivalenceSettings blockThreads{rows, cols, {{"phase", 0}, {"modulation", 0}}, {1, 2, 3, 8}};
   Testing::CheckImageEquivalence(blockThreads, blockReference,

@@ -2,10 +2,13 @@
 
 #include <cmath>
 #include <complex>
+#include <cstdint>
+#include <new>
 #include <numbers>
 #include <string>
 
 #include "Analysis/Core/DebugChannel.h"
+#include "Swli/detail/Rounding.h"
 #include "Swli/detail/VectorAtan2.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
@@ -33,19 +36,24 @@ constexpr int kPaddedBandBins = 68;
 // among threads. The rounding (1e-6 bin) is far below any pixel's own uncertainty.
 constexpr double kWavenumberGrid = 1048576.0;
 
+// Pixels whose band is analysed together on the fast path: enough to fill the vector atan2 with
+// whole vectors of bins, few enough that a thread's spectra (32 x 33 complex for q = 64) stay in the
+// first-level cache between the transform and the analysis.
+constexpr int kBlockPixels = 32;
+
 struct PhaseFit {
   double intercept = 0.0;
   double slope = 0.0;
 };
 
-// Power-weighted least-squares line through phase[k] over bins lower .. upper (arrays indexed from
-// the band's first bin).
-PhaseFit WeightedPhaseFit(const double* power, const double* phase, int firstBin, int lower, int upper,
-                          int size) {
+// Power-weighted least-squares line through phase[k] over bins lower .. upper; the powers lie at
+// stride `stride` from the band's first bin, the phases contiguously.
+PhaseFit WeightedPhaseFit(const double* power, int stride, const double* phase, int firstBin, int lower,
+                          int upper, int size) {
   if (upper + 1 >= size / 2) return {};
   double sw = 0.0, sk = 0.0, skk = 0.0, sy = 0.0, sky = 0.0;
   for (int k = lower; k <= upper; ++k) {
-    const double w = power[k - firstBin];
+    const double w = power[(k - firstBin) * stride];
     const double y = phase[k - firstBin];
     sw += w;
     sk += w * k;
@@ -60,12 +68,27 @@ PhaseFit WeightedPhaseFit(const double* power, const double* phase, int firstBin
 // The vector atan2 of this processor, chosen once.
 const detail::VectorAtan2Function kVectorAtan2 = detail::SelectVectorAtan2();
 
-// The unwrapping step: the phase of a bin within pi of its inner neighbour.
+// The unwrapping step: the phase of a bin within pi of its inner neighbour. Written as selects, not
+// branches (which bin needs a turn is as random as the noise): subtracting and adding 0 leaves the
+// phase as it is (a -0 comes out +0, which the sums of the fit cannot tell apart).
 double Unwrapped(double phase, double inner) {
   const double difference = phase - inner;
-  if (difference > kPi) return phase - kTwoPi;
-  if (difference < -kPi) return phase + kTwoPi;
-  return phase;
+  const double down = difference > kPi ? kTwoPi : 0.0;
+  const double up = difference < -kPi ? kTwoPi : 0.0;
+  return (phase - down) + up;
+}
+
+// Bin k of the transform as the height formulas read it. They are written for the kernel
+// exp(+2 pi i j k / q); the transform uses exp(-2 pi i j k / q), whose bins of a real signal are the
+// complex conjugates. (-1)^k then moves the phase origin from sample 0 to the window centre q/2, the
+// peak frame. Negations only, so both paths see the same bits.
+inline void BandBin(const std::complex<double>& bin, int k, double& re, double& im) {
+  re = bin.real();
+  im = -bin.imag();
+  if (k & 1) {
+    re = -re;
+    im = -im;
+  }
 }
 }  // namespace
 
@@ -96,6 +119,46 @@ void PhaseAlgorithmFda::Initialize(int pass, int numberFrames, int qSize, const 
   fitRecords_->SetAll(DataWindow2D<AdcPoint>::NoData());
 }
 
+// One thread's block of pixels waiting for the band analysis: their spectra (pixel after pixel, as
+// the transform writes them) and, bin after bin across the block's pixels, the band's parts, powers
+// and phases, whose rows are whole vectors for the atan2.
+struct PhaseAlgorithmFda::SpectrumBlock {
+  std::vector<std::complex<double>> spectra;
+  std::vector<double> re, im, power, wrapped;
+  int pixels[kBlockPixels] = {};
+  int peaks[kBlockPixels] = {};
+  bool traced[kBlockPixels] = {};
+  int count = 0;
+};
+
+void PhaseAlgorithmFda::InitializeThread(int numberThreads) {
+  PhaseAlgorithmHigh2G::InitializeThread(numberThreads);
+  blocks_.clear();
+  const int bandBins = lastBin_ - firstBin_ + 1;
+  if (status_.IsError() || !useFastPath_ || bandBins < 1 || bandBins > kMaxBandBins) return;
+  try {
+    for (int t = 0; t < numberThreads; ++t) {
+      auto block = std::make_unique<SpectrumBlock>();
+      block->spectra.resize(static_cast<std::size_t>(kBlockPixels) *
+                            static_cast<std::size_t>(signalSize_ / 2 + 1));
+      const std::size_t band = static_cast<std::size_t>(bandBins) * kBlockPixels;
+      block->re.resize(band);
+      block->im.resize(band);
+      block->power.resize(band);
+      block->wrapped.resize(band);
+      blocks_.push_back(std::move(block));
+    }
+  } catch (const std::bad_alloc&) {
+    blocks_.clear();
+    status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Allocation of spectra failed");
+  }
+}
+
+void PhaseAlgorithmFda::FinalizeThread() {
+  blocks_.clear();
+  PhaseAlgorithmHigh2G::FinalizeThread();
+}
+
 int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
   const int q = signalSize_;
   const int h = halfSignalSize_;
@@ -109,85 +172,155 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
   if (!whole && (peakFrame < h || peakFrame >= numberFrames_ - h))
     return RemoveFringes(thread, pixel, peakFrame);
 
+  if (useFastPath_ && thread < static_cast<int>(blocks_.size())) {
+    SpectrumBlock& block = *blocks_[static_cast<std::size_t>(thread)];
+    const int n = block.count;
+    state.transform.Forward(d, block.spectra.data() + static_cast<std::ptrdiff_t>(n) * (q / 2 + 1));
+    block.pixels[n] = pixel;
+    block.peaks[n] = peakFrame;
+    block.traced[n] = IsDebuging(thread);
+    if (++block.count == kBlockPixels) AnalyseBlock(thread);
+    return RemoveFringes(thread, pixel, peakFrame);
+  }
+
   for (int k = 0; k < q; ++k)
     input[k] = d[k];
   state.transform.Forward();
   const std::complex<double>* bins = state.transform.Output();
-
   const int first = firstBin_;
   const int last = lastBin_;
-  double re[kPaddedBandBins], im[kPaddedBandBins], power[kMaxBandBins], phase[kMaxBandBins];
+  double re[kPaddedBandBins], im[kPaddedBandBins], power[kMaxBandBins];
   int strongest = -1;
   double strongestPower = 0.0;
   for (int k = first; k <= last; ++k) {
     const int b = k - first;
-    // The height formulas are written for the kernel exp(+2 pi i j k / q); the transform uses
-    // exp(-2 pi i j k / q), whose bins of a real signal are the complex conjugates.
-    re[b] = bins[k].real();
-    im[b] = -bins[k].imag();
-    // (-1)^k moves the phase origin from sample 0 to the window centre q/2, the peak frame.
-    if (k & 1) {
-      re[b] = -re[b];
-      im[b] = -im[b];
-    }
+    BandBin(bins[k], k, re[b], im[b]);
     const double p = re[b] * re[b] + im[b] * im[b];
     power[b] = p > powerThreshold_ ? p : 0.0;
+    // The strongest bin; the first of equal powers wins.
     if (power[b] > strongestPower) {
       strongestPower = power[b];
       strongest = k;
     }
   }
-  if (strongest < 0 || strongestPower < powerThreshold_) return RemoveFringes(thread, pixel, peakFrame);
-
-  // The phases of the bins with fringe power: the fast path takes them all at once with SLEEF's
-  // vector atan2 (within 3.5 ulp of the true angle), the plain path one bin at a time as it unwraps.
-  double wrapped[kPaddedBandBins];
+  // Without a block (the host drives pixels outside a pass), the fast path still takes the bins'
+  // phases at once with the vector atan2; the plain path one bin at a time as it unwraps.
   if (useFastPath_) {
-    const int bins = last - first + 1;
-    const int padded = (bins + 3) / 4 * 4;
-    for (int b = bins; b < padded; ++b) {
+    double wrapped[kPaddedBandBins];
+    const int bandBins = last - first + 1;
+    const int padded = (bandBins + 3) / 4 * 4;
+    for (int b = bandBins; b < padded; ++b) {
       re[b] = 1.0;
       im[b] = 0.0;
     }
     kVectorAtan2(im, re, wrapped, padded);
+    FitBand(state, pixel, peakFrame, IsDebuging(thread), power, 1, strongest, strongestPower,
+            [&](int b) { return wrapped[b]; });
+  } else {
+    FitBand(state, pixel, peakFrame, IsDebuging(thread), power, 1, strongest, strongestPower,
+            [&](int b) { return std::atan2(im[b], re[b]); });
   }
-  const auto angle = [&](int b) { return useFastPath_ ? wrapped[b] : std::atan2(im[b], re[b]); };
+  return RemoveFringes(thread, pixel, peakFrame);
+}
+
+void PhaseAlgorithmFda::AnalyseBlock(int thread) {
+  SpectrumBlock& block = *blocks_[static_cast<std::size_t>(thread)];
+  ThreadState& state = threadStates_[static_cast<std::size_t>(thread)];
+  const int count = block.count;
+  block.count = 0;
+  if (count == 0) return;
+  const int bins = signalSize_ / 2 + 1;
+  const int first = firstBin_;
+  const int bandBins = lastBin_ - first + 1;
+  for (int b = 0; b < bandBins; ++b) {
+    const int k = first + b;
+    double* re = block.re.data() + static_cast<std::ptrdiff_t>(b) * kBlockPixels;
+    double* im = block.im.data() + static_cast<std::ptrdiff_t>(b) * kBlockPixels;
+    double* power = block.power.data() + static_cast<std::ptrdiff_t>(b) * kBlockPixels;
+    const std::complex<double>* bin = block.spectra.data() + k;
+    for (int i = 0; i < count; ++i) {
+      BandBin(bin[static_cast<std::ptrdiff_t>(i) * bins], k, re[i], im[i]);
+      const double p = re[i] * re[i] + im[i] * im[i];
+      power[i] = p > powerThreshold_ ? p : 0.0;
+    }
+    // Lanes of a partial block: no power, and any defined angle will do.
+    for (int i = count; i < kBlockPixels; ++i) {
+      re[i] = 1.0;
+      im[i] = 0.0;
+      power[i] = 0.0;
+    }
+  }
+  kVectorAtan2(block.im.data(), block.re.data(), block.wrapped.data(), bandBins * kBlockPixels);
+  // Every pixel's strongest bin at once, bin after bin across the block (selects, no branches): the
+  // first of equal powers wins, as in the plain path's search.
+  double top[kBlockPixels];
+  int at[kBlockPixels];
+  for (int i = 0; i < kBlockPixels; ++i) {
+    top[i] = 0.0;
+    at[i] = -1;
+  }
+  for (int b = 0; b < bandBins; ++b) {
+    const double* power = block.power.data() + static_cast<std::ptrdiff_t>(b) * kBlockPixels;
+    for (int i = 0; i < kBlockPixels; ++i) {
+      const bool stronger = power[i] > top[i];
+      top[i] = stronger ? power[i] : top[i];
+      at[i] = stronger ? first + b : at[i];
+    }
+  }
+  for (int i = 0; i < count; ++i) {
+    const double* wrapped = block.wrapped.data() + i;
+    FitBand(state, block.pixels[i], block.peaks[i], block.traced[i], block.power.data() + i, kBlockPixels,
+            at[i], top[i],
+            [wrapped](int b) { return wrapped[static_cast<std::ptrdiff_t>(b) * kBlockPixels]; });
+  }
+}
+
+template <typename Angle>
+void PhaseAlgorithmFda::FitBand(ThreadState& state, int pixel, int peakFrame, bool traced,
+                                const double* power, int stride, int strongest, double strongestPower,
+                                const Angle& angle) {
+  const int first = firstBin_;
+  const int last = lastBin_;
+  const auto powerOf = [&](int k) { return power[static_cast<std::ptrdiff_t>(k - first) * stride]; };
+  if (strongest < 0 || strongestPower < powerThreshold_) return;
+
   // Unwrap outwards from the strongest bin while the bins hold fringe power.
+  double phase[kMaxBandBins];
   phase[strongest - first] = angle(strongest - first);
   int lower = strongest, upper = strongest;
-  for (int k = strongest - 1; k >= first && power[k - first] > 0.0; --k) {
+  for (int k = strongest - 1; k >= first && powerOf(k) > 0.0; --k) {
     phase[k - first] = Unwrapped(angle(k - first), phase[k + 1 - first]);
     lower = k;
   }
-  for (int k = strongest + 1; k <= last && power[k - first] > 0.0; ++k) {
+  for (int k = strongest + 1; k <= last && powerOf(k) > 0.0; ++k) {
     phase[k - first] = Unwrapped(angle(k - first), phase[k - 1 - first]);
     upper = k;
   }
   const int reached = upper - lower + 1;
-  if (reached <= 2 || lower == strongest || upper == strongest)
-    return RemoveFringes(thread, pixel, peakFrame);
+  if (reached <= 2 || lower == strongest || upper == strongest) return;
 
-  const double below = power[strongest - 1 - first];
-  const double centre = power[strongest - first];
-  const double above = power[strongest + 1 - first];
+  const double below = powerOf(strongest - 1);
+  const double centre = powerOf(strongest);
+  const double above = powerOf(strongest + 1);
   const double k0 = strongest + (below - above) / (2.0 * (above + below - 2.0 * centre));
-  state.wavenumberSum += std::round(k0 * kWavenumberGrid) / kWavenumberGrid;
+  state.wavenumberSum += detail::RoundHalfAway(k0 * kWavenumberGrid) / kWavenumberGrid;
   ++state.count;
 
-  const PhaseFit fit = WeightedPhaseFit(power, phase, first, lower, upper, q);
+  const PhaseFit fit = WeightedPhaseFit(power, stride, phase, first, lower, upper, signalSize_);
   fitRecords_->At(pixel) = AdcPoint{fit.intercept, fit.slope, static_cast<double>(peakFrame)};
-  coherence_.At(pixel) = (whole ? h : peakFrame) * scanIncrementValue_;
-  if (IsDebuging(thread)) {
+  coherence_.At(pixel) = (numberFrames_ == signalSize_ ? halfSignalSize_ : peakFrame) * scanIncrementValue_;
+  if (traced) {
     Analysis::Core::debug_printf(
         "FDA pixel %d: peak %d, bins %d..%d, strongest %d, k0 %g, intercept %g rad, slope %g rad/bin\n",
         pixel, peakFrame, lower, upper, strongest, k0, fit.intercept, fit.slope);
   }
-  return RemoveFringes(thread, pixel, peakFrame);
 }
 
 void PhaseAlgorithmFda::PostProcess() {
   // A failure of an earlier step (a transform that could not be planned) is the one to report.
   if (status_.IsError()) return;
+  for (std::size_t t = 0; t < blocks_.size(); ++t)
+    AnalyseBlock(static_cast<int>(t));
   validCount_ = 0;
   meanPeakBin_ = 0.0;
   for (const ThreadState& state : threadStates_) {
@@ -217,9 +350,9 @@ void PhaseAlgorithmFda::PostProcess() {
       // the loops only settle rounding at the boundary.
       const double difference = phase - coherence;
       if (difference > halfWavelength_) {
-        phase -= wavelength_ * std::ceil((difference - halfWavelength_) / wavelength_);
+        phase -= wavelength_ * detail::Ceil((difference - halfWavelength_) / wavelength_);
       } else if (difference < -halfWavelength_) {
-        phase += wavelength_ * std::ceil((-halfWavelength_ - difference) / wavelength_);
+        phase += wavelength_ * detail::Ceil((-halfWavelength_ - difference) / wavelength_);
       }
       for (int i2 = 0; i2 < 4 && phase - coherence > halfWavelength_; ++i2)
         phase -= wavelength_;
@@ -229,7 +362,8 @@ void PhaseAlgorithmFda::PostProcess() {
     coherence_.At(i) = coherence;
     phase_.At(i) = phase;
   }
-  averageGap_ = FringeOrderAnalysis(fringeOrder_, kTwoPi, kPi, coherence_, phase_, *surface_, wavelength_);
+  averageGap_ = FringeOrderAnalysis(fringeOrder_, kTwoPi, kPi, coherence_, phase_, *surface_, wavelength_,
+                                    useFastPath_);
 }
 
 double PhaseAlgorithmFda::GetAverageK0() const {

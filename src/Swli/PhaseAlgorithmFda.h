@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "Analysis/Core/DataWindow2D.h"
 #include "Analysis/Core/NoData.h"
@@ -61,7 +62,11 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
 
   using PhaseAlgorithm::Initialize;
   void Initialize(int pass, int numberFrames, int qSize, const Analysis::Core::Window2D& window) override;
+  // Besides the base's per-thread state, each thread's block of spectra on the fast path.
+  void InitializeThread(int numberThreads) override;
+  void FinalizeThread() override;
   int ProcessPixel(int thread, int pixel, int peakFrame, int auxiliary) override;
+  // Analyses the pixels still waiting in the threads' blocks first (fast path), then joins the field.
   void PostProcess() override;
   // K0 / signal size: the mean fringe frequency in cycles per sample (0.0 before any pixel).
   double GetAverageK0() const override;
@@ -79,9 +84,14 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
     lastBin_ = lastBin;
   }
 
-  // The bins' phases by SLEEF's vector atan2 (true, the default; within 3.5 ulp of libm's, so heights
-  // agree with the plain path to a few ulp) or by libm's scalar atan2 one bin at a time (false, the
-  // reference).
+  // Fast path (true, the default): each pixel's signal is transformed where the generator loaded it,
+  // straight into the thread's block of spectra, and the band of a block of pixels is analysed at
+  // once: bin powers across the block, the phases of every band bin of every pixel in one call of
+  // SLEEF's vector atan2 (within 3.5 ulp of libm's, so heights agree with the plain path to a few
+  // ulp), then each pixel's unwrapping and fit. A pixel's fit is thus written when its block is
+  // full, or in PostProcess for the last pixels of each thread. Plain path (false, the reference):
+  // one pixel at a time, its signal copied into the transform's input, libm's scalar atan2 on the
+  // bins it unwraps. The transforms are the same plan on the same samples, bit for bit.
   bool GetUseFastPath() const { return useFastPath_; }
   void SetUseFastPath(bool use) { useFastPath_ = use; }
 
@@ -92,6 +102,16 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
   }
 
  private:
+  struct SpectrumBlock;
+  // Unwraps the band of one pixel outwards from its strongest bin (-1: none), fits the phase line and
+  // stores the pixel's fit record and coherence height. `power` holds the band's powers (0 for empty
+  // bins) at stride `stride`, `angle(b)` the wrapped phase of band bin b.
+  template <typename Angle>
+  void FitBand(ThreadState& state, int pixel, int peakFrame, bool traced, const double* power, int stride,
+               int strongest, double strongestPower, const Angle& angle);
+  // The fast path's analysis of the pixels waiting in a thread's block; empties the block.
+  void AnalyseBlock(int thread);
+
   FrequencyScan frequencyScan_;
   int firstBin_ = 13;
   int lastBin_ = 21;
@@ -101,6 +121,7 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
   std::unique_ptr<Analysis::Core::DataWindow2D<Analysis::Core::AdcPoint>> fitRecords_;
   double wavelength_ = 0.0;
   double halfWavelength_ = 0.0;
+  std::vector<std::unique_ptr<SpectrumBlock>> blocks_;  // per thread, fast path only
 };
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli

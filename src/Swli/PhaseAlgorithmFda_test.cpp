@@ -1,8 +1,11 @@
 // Frequency-domain analysis on synthetic scans of known surfaces, and the fringe-order analysis.
 #include "Swli/PhaseAlgorithmFda.h"
 
+#include <bit>
 #include <cmath>
+#include <limits>
 #include <numbers>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -10,8 +13,10 @@
 #include "Analysis/Core/NoData.h"
 #include "Analysis/Core/UnitNumber.h"
 #include "Swli/PhaseGenerator.h"
+#include "Swli/detail/Rounding.h"
 #include "Synthetic/SeededRandom.h"
 #include "Synthetic/SyntheticScan.h"
+#include "Testing/ImageEquivalence.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 namespace {
@@ -19,6 +24,7 @@ namespace {
 using Analysis::Core::DoubleMatrix2D;
 using Analysis::Core::LinearConverter;
 using Analysis::Core::UnitNumber;
+using Analysis::Core::Window2D;
 namespace Units = Analysis::Core::Units;
 using Testing::SphereWithStepNm;
 
@@ -124,32 +130,86 @@ INSTANTIATE_TEST_SUITE_P(Noise, FdaAccuracyTest,
                                            AccuracyCase{1.5, 0.0, 0.7, 2.5},
                                            AccuracyCase{1.5, 3.08, 0.7, 2.5}));
 
-// The vector atan2 (SLEEF, within 3.5 ulp) against the plain path's scalar atan2, on a
-// noisy scan with a reflection phase near pi (phases near the branch cut, where an ulp could flip an
-// unwrapping decision) and forward and reversed: the same pixels succeed, and their fit lines and
-// heights agree to what a few ulp of each bin's phase can move them (the fit is a weighted mean of
-// phases of order pi, so 1e-12 rad is some 2000 ulp; heights follow at 48 nm per rad).
-TEST(PhaseAlgorithmFdaTest, TheVectorAtan2AgreesWithTheScalarPathToAFewUlp) {
+// The fast path (transforms straight into blocks of 32 spectra, the band of a block analysed at once
+// with SLEEF's vector atan2) against the plain per-pixel path (copied input, libm's atan2), with the
+// house's equivalence check over thread counts; the run is not pixel-local (K0 and the gap are field
+// means), so only whole images. The scan is noisy, has a reflection phase near pi (phases near the
+// branch cut, where an ulp could flip an unwrapping decision), is forward and reversed, has a pixel
+// count that leaves partial blocks on every thread and a few masked pixels inside blocks.
+//
+// Tolerances: the transforms are bit for bit the same, the bins' phases within 3.5 ulp of libm's
+// (some 1.5e-15 rad near pi, 5e-15 rad once unwrapped past 2 pi). The fit extrapolates the phase
+// line from the strongest bins, about 17, to bin 0 over a power-weighted spread of a bin or two,
+// which multiplies that by some twenty: intercepts and slopes move by a few 1e-13 rad, so 1e-12 rad
+// absolute on the fit records (their ulp mean nothing for values near 0). Heights of some 8 um (ulp
+// 1.8e-12 nm) take the slope times c = q step / 2 pi = 815 nm and the intercept times 48 nm: a few
+// 1e-11 nm, some 25 ulp; 64 ulp allow twice that. The fast path against itself on any number of
+// threads: bit for bit.
+TEST(PhaseAlgorithmFdaTest, TheBlockPathWithTheVectorAtan2AgreesWithThePlainPath) {
   for (const int direction : {1, -1}) {
+    SCOPED_TRACE("direction " + std::to_string(direction));
     Testing::ScanSettings s = Settings(2.0, 3.1);
+    s.rows = 9;
+    s.cols = 37;
     s.scanDirection = direction;
-    PhaseAlgorithmFda fast, plain;
-    plain.SetUseFastPath(false);
-    const DoubleMatrix2D a = Measure(s, SphereWithStepNm, 29, fast);
-    const DoubleMatrix2D b = Measure(s, SphereWithStepNm, 29, plain);
-    ASSERT_NE(fast.GetFitRecords(), nullptr);
-    ASSERT_NE(plain.GetFitRecords(), nullptr);
-    int valid = 0;
-    for (std::int64_t i = 0; i < a.GetCount(); ++i) {
-      ASSERT_EQ(DoubleMatrix2D::IsDataValid(a.At(i)), DoubleMatrix2D::IsDataValid(b.At(i))) << "pixel " << i;
-      if (!DoubleMatrix2D::IsDataValid(a.At(i))) continue;
-      ++valid;
-      EXPECT_NEAR(a.At(i), b.At(i), 1e-9) << "pixel " << i;
-      EXPECT_NEAR(fast.GetFitRecords()->At(i).x, plain.GetFitRecords()->At(i).x, 1e-12) << "pixel " << i;
-      EXPECT_NEAR(fast.GetFitRecords()->At(i).y, plain.GetFitRecords()->At(i).y, 1e-12) << "pixel " << i;
+    Testing::DiscriminatedScan scan;
+    ASSERT_TRUE(Testing::MakeDiscriminatedScan(scan, s, SphereWithStepNm, 29));
+    double gaps[2] = {0.0, 0.0};
+    const auto run = [&](int threads, bool fast) {
+      PhaseAlgorithmFda fda;
+      fda.SetUseFastPath(fast);
+      fda.SetScanIncrement(UnitNumber(s.scanStepNm, LinearConverter(Units::kNanometers)));
+      PhaseGenerator generator(&fda);
+      generator.SetAllowMultiThreads(threads > 1);
+      generator.SetMaxNumThreads(std::max(threads, 1));
+      DoubleMatrix2D surface(s.rows, s.cols);
+      surface.SetAll(0.0);
+      for (const int masked : {5, 40, 41, 200})
+        surface.At(masked) = DoubleMatrix2D::NoData();
+      const Analysis::Core::Status status =
+          generator.Process(scan.frames, scan.peaks, scan.auxiliary, surface);
+      EXPECT_TRUE(status.IsOk()) << status.GetPrintString();
+      Testing::ImageMaps maps(4);
+      for (std::int64_t i = 0; i < surface.GetCount(); ++i) {
+        const Analysis::Core::AdcPoint fit = fda.GetFitRecords()->At(i);
+        maps[0].push_back(surface.At(i));
+        maps[1].push_back(fda.GetCoherenceHeight().At(i));
+        maps[2].push_back(fit.x);
+        maps[3].push_back(fit.y);
+      }
+      EXPECT_EQ(surface.CountValid(), s.rows * s.cols - 4);
+      gaps[fast] = fda.GetAverageGap();
+      return maps;
+    };
+    Testing::ImageMaps plain = run(1, false);
+    const Testing::ImageMaps fast = run(1, true);
+    // The field's gap from SLEEF's sines and cosines (each within 1 ulp of libm's): the sums over N
+    // pixels move by N ulp of 1 while they are of order N, so the gap's angle by about an ulp, 1e-14
+    // nm; 1e-12 nm allows for it.
+    EXPECT_NEAR(gaps[1], gaps[0], 1e-12);
+    for (const int map : {2, 3}) {
+      for (std::size_t i = 0; i < plain[2].size(); ++i) {
+        if (!DoubleMatrix2D::IsDataValid(plain[map][i])) {
+          ASSERT_TRUE(!DoubleMatrix2D::IsDataValid(fast[map][i])) << "pixel " << i;
+          continue;
+        }
+        ASSERT_NEAR(fast[map][i], plain[map][i], 1e-12) << "pixel " << i << " map " << map;
+      }
     }
-    EXPECT_EQ(valid, 24 * 32);
-    EXPECT_NEAR(fast.GetWaveLength(), plain.GetWaveLength(), 1e-12 * plain.GetWaveLength());
+    const Testing::EquivalenceSettings heights{
+        s.rows, s.cols, {{"height", 64}, {"coherence", 64}}, {1, 2, 3, 8}, false};
+    const auto firstTwo = [](Testing::ImageMaps maps) {
+      maps.resize(2);
+      return maps;
+    };
+    plain.resize(2);
+    Testing::CheckImageEquivalence(
+        heights, [&](const Window2D&) { return plain; },
+        [&](const Window2D&, int threads) { return firstTwo(run(threads, true)); });
+    Testing::CheckImageEquivalence(
+        {s.rows, s.cols, {{"height", 0}, {"coherence", 0}, {"intercept", 0}, {"slope", 0}}, {2, 3, 8}, false},
+        [&](const Window2D&) { return fast; },
+        [&](const Window2D&, int threads) { return run(threads, true); });
   }
 }
 
@@ -230,12 +290,44 @@ INSTANTIATE_TEST_SUITE_P(Bands, FdaBandTest,
                          ::testing::Values(BandCase{12, 14, 0}, BandCase{13, 21, 1}, BandCase{5, 13, 1},
                                            BandCase{20, 40, 20}));
 
+// The per-pixel rounding of the wavenumber grid, the fringe order and the folding by whole
+// wavelengths avoids the libm calls; the results must be libm's to the bit (sign of zero included),
+// at halves, next to halves, at 2^52 and beyond, and for random values of every magnitude.
+TEST(RoundingTest, RoundAndCeilAreTheLibraryFunctionsBitForBit) {
+  std::vector<double> values = {0.0,
+                                -0.0,
+                                0.5,
+                                -0.5,
+                                1.5,
+                                -2.5,
+                                0.49999999999999994,
+                                -0.49999999999999994,
+                                4503599627370495.5,
+                                4503599627370496.0,
+                                -4503599627370497.0,
+                                1e300,
+                                std::numeric_limits<double>::infinity(),
+                                -std::numeric_limits<double>::infinity(),
+                                std::numeric_limits<double>::quiet_NaN(),
+                                1.7976931348623157e308};
+  Testing::SeededRandom random(51);
+  SCOPED_TRACE(random.Describe());
+  for (int i = 0; i < 2000; ++i)
+    values.push_back(random.Uniform(-1.0, 1.0) * std::pow(2.0, random.UniformInt(-4, 60)));
+  const auto bits = [](double x) { return std::bit_cast<std::uint64_t>(x); };
+  for (const double x : values) {
+    EXPECT_EQ(bits(detail::RoundHalfAway(x)), bits(std::round(x))) << x;
+    EXPECT_EQ(bits(detail::Ceil(x)), bits(std::ceil(x))) << x;
+  }
+}
+
 // The fringe-order analysis on maps built by hand: heights H, coherence heights H + e (|e| up to
 // 0.2 lambda, four pixels 0.35 lambda), phase heights H + gap + n lambda for arbitrary whole n; two
 // pixels have no coherence height. The coherence errors are symmetric, so their circular mean leaves
 // the gap within a few nanometres; every pixel's order is then right (|e| < lambda/2 less that),
 // gaps near half a fringe included. With a residual bound of a quarter fringe the pixels whose
-// coherence height is 0.35 lambda off are dropped.
+// coherence height is 0.35 lambda off are dropped. The same with the gap's sines and cosines from
+// the vector kernels.
 TEST(FringeOrderAnalysisTest, PutsEveryPhaseHeightOnTheOrderOfTheFieldsGap) {
   constexpr double kLambda = 300.0;
   Testing::SeededRandom random(40);
@@ -252,13 +344,14 @@ TEST(FringeOrderAnalysisTest, PutsEveryPhaseHeightOnTheOrderOfTheFieldsGap) {
       }
     }
     coherence(7, 7) = coherence(8, 8) = DoubleMatrix2D::NoData();
-    for (const double maximumResidual : {0.5, 0.25}) {
+    for (const auto& [maximumResidual, fastPath] :
+         {std::pair{0.5, false}, std::pair{0.25, false}, std::pair{0.5, true}, std::pair{0.25, true}}) {
       FringeOrderParameters parameters;
       parameters.maximumResidualFraction = maximumResidual;
       DoubleMatrix2D surface(20, 20);
       surface.SetAll(DoubleMatrix2D::NoData());
-      const double measured = PhaseAlgorithmHigh2G::FringeOrderAnalysis(parameters, kTwoPi, std::numbers::pi,
-                                                                        coherence, phase, surface, kLambda);
+      const double measured = PhaseAlgorithmHigh2G::FringeOrderAnalysis(
+          parameters, kTwoPi, std::numbers::pi, coherence, phase, surface, kLambda, fastPath);
       EXPECT_NEAR(measured, gap, 8.0) << "gap " << gap;
       EXPECT_EQ(surface.CountValid(), 400 - 2 - (maximumResidual < 0.5 ? 4 : 0)) << "gap " << gap;
       for (std::int64_t i = 0; i < surface.GetCount(); ++i) {

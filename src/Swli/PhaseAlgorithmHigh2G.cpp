@@ -4,6 +4,8 @@
 #include <cmath>
 
 #include "Analysis/Core/NoData.h"
+#include "Swli/detail/Rounding.h"
+#include "Swli/detail/VectorSinCos.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 
@@ -12,7 +14,9 @@ using Analysis::Core::Window2D;
 
 namespace {
 constexpr const char* kSource = "Swli\\PhaseAlgorithmHigh2G";
-}
+// The vector sine and cosine of this processor, chosen once.
+const detail::VectorSinCosFunction kVectorSinCos = detail::SelectVectorSinCos();
+}  // namespace
 
 PhaseAlgorithmHigh2G::PhaseAlgorithmHigh2G(unsigned line, const char* source)
     : PhaseAlgorithm(line, source) {}
@@ -69,7 +73,7 @@ double PhaseAlgorithmHigh2G::GetAverageGap() const {
 double PhaseAlgorithmHigh2G::FringeOrderAnalysis(const FringeOrderParameters& parameters, double twoPi,
                                                  double pi, const DoubleMatrix2D& coherence,
                                                  const DoubleMatrix2D& phase, DoubleMatrix2D& surface,
-                                                 double wavelength) {
+                                                 double wavelength, bool fastPath) {
   const std::int64_t count = std::min({coherence.GetCount(), phase.GetCount(), surface.GetCount()});
   const auto both = [&](std::int64_t i) {
     return DoubleMatrix2D::IsDataValid(coherence.At(i)) && DoubleMatrix2D::IsDataValid(phase.At(i));
@@ -88,12 +92,38 @@ double PhaseAlgorithmHigh2G::FringeOrderAnalysis(const FringeOrderParameters& pa
   if (parameters.removeAverageGap) {
     double sumSin = 0.0, sumCos = 0.0;
     std::int64_t pixels = 0;
-    for (std::int64_t i = 0; i < count; ++i) {
-      if (!both(i)) continue;
-      const double angle = twoPi * (phase.At(i) - coherence.At(i)) / wavelength;
-      sumSin += std::sin(angle);
-      sumCos += std::cos(angle);
-      ++pixels;
+    const auto angleAt = [&](std::int64_t i) { return twoPi * (phase.At(i) - coherence.At(i)) / wavelength; };
+    if (fastPath) {
+      // The angles of a run of pixels at once, then their sines and cosines summed in pixel order.
+      constexpr int kRun = 256;
+      double angles[kRun], sines[kRun], cosines[kRun];
+      int filled = 0;
+      const auto sumRun = [&] {
+        const int padded = (filled + 3) / 4 * 4;
+        for (int k = filled; k < padded; ++k)
+          angles[k] = 0.0;
+        kVectorSinCos(angles, sines, cosines, padded);
+        for (int k = 0; k < filled; ++k) {
+          sumSin += sines[k];
+          sumCos += cosines[k];
+        }
+        filled = 0;
+      };
+      for (std::int64_t i = 0; i < count; ++i) {
+        if (!both(i)) continue;
+        angles[filled++] = angleAt(i);
+        ++pixels;
+        if (filled == kRun) sumRun();
+      }
+      sumRun();
+    } else {
+      for (std::int64_t i = 0; i < count; ++i) {
+        if (!both(i)) continue;
+        const double angle = angleAt(i);
+        sumSin += std::sin(angle);
+        sumCos += std::cos(angle);
+        ++pixels;
+      }
     }
     if (pixels >= std::max(parameters.minimumPixelsForGap, 1) && (sumSin != 0.0 || sumCos != 0.0)) {
       double angle = std::atan2(sumSin, sumCos);
@@ -106,7 +136,7 @@ double PhaseAlgorithmHigh2G::FringeOrderAnalysis(const FringeOrderParameters& pa
   for (std::int64_t i = 0; i < count; ++i) {
     if (!both(i)) continue;
     const double offset = phase.At(i) - coherence.At(i) - gap;
-    const double order = std::round(offset / wavelength);
+    const double order = detail::RoundHalfAway(offset / wavelength);
     const double residual = offset - order * wavelength;
     surface.At(i) = std::abs(residual) > limit ? DoubleMatrix2D::NoData() : phase.At(i) - order * wavelength;
   }

@@ -336,13 +336,15 @@ void PhaseGenerator::PixelLoop(const Loader& load, int thread, int begin, int en
     return;
   }
 
-  // Fast path: the frames of a block of pixels are first copied into a compact block, frame by
-  // frame. Frame planes of power-of-two size (512 x 512 bytes) lie a multiple of the cache's way
-  // size apart, so the samples of one pixel all compete for one cache set; in the block they are a
-  // block width apart and fill different sets. The copy reads every frame once, in whole lines.
+  // Fast path: the frames of a block of pixels are first copied into a compact block, transposed so
+  // that each pixel's samples are one contiguous run. Frame planes of power-of-two size (512 x 512
+  // bytes) lie a multiple of the cache's way size apart, so read straight from the frames the samples
+  // of one pixel all compete for one cache set; the copy reads every frame once, in whole lines, and
+  // a pixel's run then converts to doubles a vector at a time.
   const int stored = frames_->GetFramesStored();
+  const int rowLength = detail::BlockRowLength(stored);
   std::vector<Stored> block(static_cast<std::size_t>(detail::kBlockPixels) *
-                            static_cast<std::size_t>(stored));
+                            static_cast<std::size_t>(rowLength));
   // The slots the pixels of a block read: only those are copied (a window of 64 of 256 frames).
   const auto slotsOf = [&](int first, int width, int& lo, int& hi) {
     lo = stored;
@@ -364,7 +366,7 @@ void PhaseGenerator::PixelLoop(const Loader& load, int thread, int begin, int en
   while (index < end) {
     const int blockStart = static_cast<int>(index);
     const int width = widthAt(index);
-    detail::CopyBlock<Stored>(slots, lo, hi, blockStart, width, block.data());
+    detail::CopyBlock<Stored>(slots, lo, hi, blockStart, width, rowLength, block.data());
     const std::int64_t next = firstProcessedFrom(std::int64_t{blockStart} + width);
     int nextLo = 0, nextHi = 0;
     if (next < end) {
@@ -373,7 +375,7 @@ void PhaseGenerator::PixelLoop(const Loader& load, int thread, int begin, int en
     }
     for (; index < blockStart + width; index += step) {
       const int pixel = static_cast<int>(index);
-      visit(pixel, detail::BlockSamples<Stored>{block.data(), pixel - blockStart});
+      visit(pixel, detail::BlockSamples<Stored>{block.data(), pixel - blockStart, rowLength});
     }
     lo = nextLo;
     hi = nextHi;

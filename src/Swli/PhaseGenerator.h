@@ -83,9 +83,10 @@ class QUARN_PP_EXPORT PhaseGenerator {
   // Threads in use: min(n, the processor count) for n > 0, else 1.
   void SetMaxNumThreads(int n) { dispatcher_.SetNumberOfWorkers(n); }
   int GetMaxNumThreads() const { return dispatcher_.GetNumberOfWorkers(); }
-  // Fast path (default): the frames of each block of 64 pixels are copied into a compact block before
-  // the signals are loaded, which keeps a pixel's samples from competing for one cache set. Off: each
-  // sample is read straight from its frame (the reference). Both load the same samples.
+  // Fast path (default): the frames of each block of 64 pixels are copied, transposed, into a compact
+  // block before the signals are loaded, which keeps a pixel's samples from competing for one cache
+  // set and makes each signal one contiguous run. Off: each sample is read straight from its frame
+  // (the reference). Both load the same samples.
   void SetUseFastPath(bool use) { useFastPath_ = use; }
   bool GetUseFastPath() const { return useFastPath_; }
 

@@ -442,30 +442,36 @@ TEST(PhaseGeneratorTest, UnknownPeaksAreEstimatedFromTheSteepestRise) {
 // The fast path (frames copied block by block) copies only the frames a block of pixels reads; it
 // must hand every pixel the same samples and peak as the reference (samples read one by one), for
 // peaks of every kind in one block (unknown, negative, near either end, beyond the scan, far outside
-// it), for partial blocks (a width that is not a multiple of the block), a stride and threads.
+// it), for partial blocks (a width that is not a multiple of the block), a stride and threads; with
+// 8-bit samples (copied by transposed tiles of 16 x 16, converted 16 at a time) and 16-bit ones.
 TEST(PhaseGeneratorTest, TheFastPathLoadsTheSameSignalsAsTheReference) {
-  constexpr int kScanned = 200;
-  Testing::ScanSettings s = Settings(7, 75, kScanned);
-  s.resolution = FrameBuffer::kRes16Bit;
-  s.biasCounts = 1600.0;
-  s.modulationCounts = 900.0;
-  DiscriminatedScan scan;
-  ASSERT_TRUE(Testing::MakeDiscriminatedScan(
-      scan, s, [](int r, int col) { return (0.15 + 0.7 * (r * 75 + col) / 525.0) * kScanned * kStepNm; },
-      11));
-  const int specials[] = {
-      0, -3, 1, 31, 32, kScanned - 33, kScanned - 32, kScanned - 1, kScanned + 7, kNoDataInt, INT_MIN + 1};
-  for (int i = 0; i < 11; ++i)
-    scan.peaks(0, 3 * i) = specials[i];
-  Probe probes[2];
-  for (const bool fast : {false, true}) {
-    probes[fast].skip = 3;
-    Evaluate(probes[fast], scan, 3, nullptr, fast);
-  }
-  ASSERT_FALSE(probes[0].signals[0].empty());
-  for (std::size_t p = 0; p < probes[0].signals.size(); ++p) {
-    ASSERT_EQ(probes[1].signals[p], probes[0].signals[p]) << "pixel " << p;
-    ASSERT_EQ(probes[1].peaksSeen[p], probes[0].peaksSeen[p]) << "pixel " << p;
+  for (const auto resolution : {FrameBuffer::kRes8Bit, FrameBuffer::kRes16Bit}) {
+    SCOPED_TRACE(resolution == FrameBuffer::kRes8Bit ? "8-bit" : "16-bit");
+    constexpr int kScanned = 200;
+    Testing::ScanSettings s = Settings(7, 75, kScanned);
+    s.resolution = resolution;
+    if (resolution == FrameBuffer::kRes16Bit) {
+      s.biasCounts = 1600.0;
+      s.modulationCounts = 900.0;
+    }
+    DiscriminatedScan scan;
+    ASSERT_TRUE(Testing::MakeDiscriminatedScan(
+        scan, s, [](int r, int col) { return (0.15 + 0.7 * (r * 75 + col) / 525.0) * kScanned * kStepNm; },
+        11));
+    const int specials[] = {
+        0, -3, 1, 31, 32, kScanned - 33, kScanned - 32, kScanned - 1, kScanned + 7, kNoDataInt, INT_MIN + 1};
+    for (int i = 0; i < 11; ++i)
+      scan.peaks(0, 3 * i) = specials[i];
+    Probe probes[2];
+    for (const bool fast : {false, true}) {
+      probes[fast].skip = 3;
+      Evaluate(probes[fast], scan, 3, nullptr, fast);
+    }
+    ASSERT_FALSE(probes[0].signals[0].empty());
+    for (std::size_t p = 0; p < probes[0].signals.size(); ++p) {
+      ASSERT_EQ(probes[1].signals[p], probes[0].signals[p]) << "pixel " << p;
+      ASSERT_EQ(probes[1].peaksSeen[p], probes[0].peaksSeen[p]) << "pixel " << p;
+    }
   }
 }
 

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <sys/mman.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -19,7 +21,12 @@ namespace Quarn::Metrology::Analysis::Core {
 //
 // Large buffers (camera stacks, full-frame maps) are mapped straight from the kernel on a 2 MiB
 // boundary and marked for transparent huge pages: the kernel hands them out already zero, so
-// nothing is cleared twice, and a 50 MB stack costs tens of page faults instead of thousands.
+// nothing is cleared twice, and a 50 MB stack costs tens of page faults instead of thousands. Such
+// memory is taken from the kernel page by page as it is first written, and `Discard` gives pages
+// back before the buffer goes, so a buffer read once from front to back need not stay resident.
+//
+// `AllocateUninitialized` skips the clearing of a small (heap) buffer, for storage whose every
+// byte is written before it is read (a result map filled row by row).
 class AlignedBuffer {
  public:
   static constexpr std::size_t kAlignment = 64;
@@ -41,16 +48,23 @@ class AlignedBuffer {
   ~AlignedBuffer() { Release(); }
 
   // Replaces the contents by `bytes` zero bytes; false when the allocation failed.
-  bool Allocate(std::size_t bytes) {
-    Release();
-    if (bytes == 0) return true;
-    const std::size_t rounded = RoundUp(bytes);
-    if (rounded >= kMapThreshold) return Map(rounded, bytes);
-    data_ = static_cast<std::byte*>(std::aligned_alloc(kAlignment, rounded));
-    if (!data_) return false;
-    std::memset(data_, 0, rounded);
-    size_ = bytes;
-    return true;
+  bool Allocate(std::size_t bytes) { return AllocateBytes(bytes, true); }
+
+  // Replaces the contents by `bytes` bytes of unspecified value (zero when they come from the
+  // kernel); false when the allocation failed.
+  bool AllocateUninitialized(std::size_t bytes) { return AllocateBytes(bytes, false); }
+
+  // Gives the whole pages inside [offset, offset + bytes) of a mapped buffer back to the kernel: they
+  // stop counting towards the process's memory and read as zero when next touched. A heap buffer
+  // keeps its pages (and contents). The range is clipped to the buffer.
+  void Discard(std::size_t offset, std::size_t bytes) {
+    if (!mapping_ || offset >= size_) return;
+    const std::size_t end = std::min(size_, offset + std::min(bytes, size_ - offset));
+    const auto base = reinterpret_cast<std::uintptr_t>(data_);
+    const std::size_t page = PageSize();
+    const std::uintptr_t first = (base + offset + page - 1) / page * page;
+    const std::uintptr_t last = (base + end) / page * page;
+    if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
   }
 
   void Release() {
@@ -89,6 +103,23 @@ class AlignedBuffer {
     data_ = reinterpret_cast<std::byte*>(aligned);
     size_ = bytes;
     return true;
+  }
+
+  bool AllocateBytes(std::size_t bytes, bool zero) {
+    Release();
+    if (bytes == 0) return true;
+    const std::size_t rounded = RoundUp(bytes);
+    if (rounded >= kMapThreshold) return Map(rounded, bytes);
+    data_ = static_cast<std::byte*>(std::aligned_alloc(kAlignment, rounded));
+    if (!data_) return false;
+    if (zero) std::memset(data_, 0, rounded);
+    size_ = bytes;
+    return true;
+  }
+
+  static std::size_t PageSize() {
+    static const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    return page;
   }
 
   void Swap(AlignedBuffer& other) noexcept {

@@ -111,6 +111,26 @@ class DataMatrix2D {
     return Resize(w.GetStartRow(), w.GetStartCol(), w.GetRows(), w.GetCols());
   }
   bool Resize(int startRow, int startCol, int rows, int cols) {
+    return ResizeStorage(startRow, startCol, rows, cols, true);
+  }
+
+  // Resize for a caller that writes every element next (a result map): storage that has to grow is
+  // not cleared first, so the map costs one pass over its memory instead of two.
+  bool ResizeForOverwrite(int rows, int cols) {
+    return ResizeStorage(startRow_, startCol_, rows, cols, false);
+  }
+  bool ResizeForOverwrite(const Window2D& w) {
+    return ResizeStorage(w.GetStartRow(), w.GetStartCol(), w.GetRows(), w.GetCols(), false);
+  }
+
+  // Resizes (keeping the origin) only when the shape differs.
+  bool ResizeIfNeeded(int rows, int cols) {
+    if (rows == rows_ && cols == cols_) return true;
+    return Resize(startRow_, startCol_, rows, cols);
+  }
+
+ private:
+  bool ResizeStorage(int startRow, int startCol, int rows, int cols, bool zeroNewStorage) {
     if (rows < 0 || cols < 0) {
       status_ = Status(0, StatusCode::kNegativeDimension, __LINE__, kSource, "");
       return false;
@@ -131,7 +151,8 @@ class DataMatrix2D {
       section_->WriteLayout(SharedMatrixLayout{startRow, startCol, rows, cols});
     } else if (count > capacity_) {
       AlignedBuffer fresh;
-      if (!fresh.Allocate(static_cast<std::size_t>(count) * sizeof(T))) {
+      const std::size_t bytes = static_cast<std::size_t>(count) * sizeof(T);
+      if (!(zeroNewStorage ? fresh.Allocate(bytes) : fresh.AllocateUninitialized(bytes))) {
         status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "");
         return false;
       }
@@ -147,12 +168,7 @@ class DataMatrix2D {
     return true;
   }
 
-  // Resizes (keeping the origin) only when the shape differs.
-  bool ResizeIfNeeded(int rows, int cols) {
-    if (rows == rows_ && cols == cols_) return true;
-    return Resize(startRow_, startCol_, rows, cols);
-  }
-
+ public:
   // Releases heap storage (a shared section stays attached) and leaves an empty matrix at origin 0.
   void Reset() {
     if (!section_) {

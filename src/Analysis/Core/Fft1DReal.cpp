@@ -2,6 +2,8 @@
 
 #include <fftw3.h>
 
+#include <cstdint>
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -123,6 +125,24 @@ const std::complex<double>* Fft1DReal::Output() const {
 
 void Fft1DReal::Forward() {
   if (impl_ && impl_->plan) fftw_execute(impl_->plan);
+}
+
+void Fft1DReal::Forward(const double* input, std::complex<double>* output) {
+  if (!impl_ || !impl_->plan || !input || !output) return;
+  // The plan's vector code assumes the alignment of the arrays it was made for (fftw_malloc's); other
+  // arrays with the same alignment modulo 16 bytes are executed in place, any others go through the
+  // instance's own arrays, which gives the same sums.
+  const auto misaligned = [](const void* p) { return reinterpret_cast<std::uintptr_t>(p) % 16 != 0; };
+  if (misaligned(input) || misaligned(output)) {
+    std::memcpy(impl_->input, input, sizeof(double) * static_cast<std::size_t>(impl_->size));
+    fftw_execute(impl_->plan);
+    std::memcpy(static_cast<void*>(output), impl_->output,
+                sizeof(fftw_complex) * static_cast<std::size_t>(impl_->size / 2 + 1));
+    return;
+  }
+  // FFTW's new-array execute. An out-of-place real-to-complex plan preserves its input (FFTW's
+  // default for that kind), so the const input is honoured.
+  fftw_execute_dft_r2c(impl_->plan, const_cast<double*>(input), reinterpret_cast<fftw_complex*>(output));
 }
 
 }  // namespace Quarn::Metrology::Analysis::Core

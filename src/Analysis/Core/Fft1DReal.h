@@ -59,6 +59,11 @@ class QUARN_CORE_EXPORT Fft1DReal {
 
   // Transforms Input() into Output(). Does nothing on an empty instance.
   void Forward();
+  // Transforms n samples at `input` into n/2 + 1 bins at `output` with the same plan, reading the
+  // samples where they lie (no copy when both arrays are 16-byte aligned, as heap arrays of doubles
+  // are): the bins are bit for bit those that Forward() gives for the same samples. Neither Input()
+  // nor Output() is touched then. Does nothing on an empty instance.
+  void Forward(const double* input, std::complex<double>* output);
 
   Status& GetStatus() { return status_; }
   const Status& GetStatus() const { return status_; }

@@ -150,6 +150,7 @@ class Fft2D::Impl {
         stride_(other.stride_),
         plans_(other.plans_),
         allowMultiThreads_(other.allowMultiThreads_),
+        releaseData_(other.releaseData_),
         requestedWorkers_(other.requestedWorkers_),
         dispatcher_(other.dispatcher_),
         status_(other.status_) {
@@ -194,7 +195,9 @@ class Fft2D::Impl {
                              std::to_string(columns));
         return false;
       }
-      fresh.Zero();  // the measuring planner has scribbled over the buffer
+      // The measuring planner has scribbled over the buffer; the estimating one leaves it alone, and
+      // a fresh buffer is zero already.
+      if (flags == FFTW_MEASURE) fresh.Zero();
     }
     data_ = std::move(fresh);
     plans_ = std::move(plans);
@@ -266,6 +269,7 @@ class Fft2D::Impl {
   AlignedBuffer data_;
   std::shared_ptr<const PlanSet> plans_;
   bool allowMultiThreads_ = true;
+  bool releaseData_ = false;
   int requestedWorkers_ = 1;
   Threading::ThreadDispatcher<Impl> dispatcher_;
   Status status_{__LINE__, kSource};
@@ -418,14 +422,26 @@ class Fft2D::Impl {
   }
 
   // The row is inverted in the worker's scratch row, so the data is only read: nothing of it is
-  // written back to memory.
+  // written back to memory. With releaseData_, the rows the worker has read are given back to the
+  // kernel a huge page at a time while the caller's result maps fill up, so that the two do not
+  // both reach their full size; pages shared with a neighbouring worker's rows stay.
   void InverseRows(int thread, int first, int end) {
     fftw_complex* scratch = Scratch(thread);
+    const std::size_t rowBytes = static_cast<std::size_t>(stride_) * sizeof(fftw_complex);
+    std::size_t released = static_cast<std::size_t>(first) * rowBytes;
     for (int r = first; r < end; ++r) {
       std::memcpy(static_cast<void*>(scratch), Row(r),
                   sizeof(fftw_complex) * static_cast<std::size_t>(columns_));
       TransformRow(scratch, true);
       if (result_.run) result_.run(result_.context, r, reinterpret_cast<std::complex<double>*>(scratch));
+      if (!releaseData_) continue;
+      const std::size_t read = static_cast<std::size_t>(r + 1) * rowBytes;
+      const bool last = r + 1 == end;
+      const std::size_t until = last ? read : read / AlignedBuffer::kHugePage * AlignedBuffer::kHugePage;
+      if (until > released && (last || until - released >= AlignedBuffer::kHugePage)) {
+        data_.Discard(released, until - released);
+        released = until;
+      }
     }
   }
 
@@ -527,6 +543,13 @@ bool Fft2D::GetRealPart(DataMatrix2D<double>& real) const {
 }
 bool Fft2D::GetImaginaryPart(DataMatrix2D<double>& imaginary) const {
   return CopyPart<1>(*this, imaginary);
+}
+
+bool Fft2D::GetRoundTripReleasesData() const {
+  return impl_->releaseData_;
+}
+void Fft2D::SetRoundTripReleasesData(bool release) {
+  impl_->releaseData_ = release;
 }
 
 bool Fft2D::GetAllowMultiThreads() const {

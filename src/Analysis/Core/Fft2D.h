@@ -108,6 +108,12 @@ class QUARN_CORE_EXPORT Fft2D {
   // elements)` writes all GetColumns() elements of the row (zeros where the image has none). A host
   // that keeps its frame in a smaller form (integer samples) thus needs no copy of it as doubles.
   bool FilterRoundTrip(const RowPass& load, const BlockPass& spectrum, const RowPass& result);
+  // Whether FilterRoundTrip gives the data's memory back to the system as its last pass reads it
+  // (default false). A host that transforms one image and keeps large results of it lowers its peak
+  // memory so; one that transforms frame after frame keeps the memory and saves faulting it in again.
+  // After such a round trip the data is unspecified (zero where given back).
+  bool GetRoundTripReleasesData() const;
+  void SetRoundTripReleasesData(bool release);
   // The width of the column blocks the spectrum pass gets (the last block may be narrower), for a
   // caller that lays its data out block by block.
   static int ColumnBlockWidth();

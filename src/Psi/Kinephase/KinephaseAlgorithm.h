@@ -79,6 +79,9 @@ class QUARN_PP_EXPORT KinephaseAlgorithm {
   const KpKernelSelector& GetKernelSelector() const { return board_.kernelSelector; }
   bool GetUseFastPath() const { return board_.useFastPath; }
   void SetUseFastPath(bool use) { board_.useFastPath = use; }
+  // Lower peak memory for one frame at a time: see KpBoard::lowMemory.
+  bool GetLowMemory() const { return board_.lowMemory; }
+  void SetLowMemory(bool low) { board_.lowMemory = low; }
   // Whether the filter matches the current size and kernel (false until the first build).
   bool GetFilterValid() const { return board_.filterValid; }
 

@@ -5,7 +5,9 @@
 //                 threads when more than one thread is asked for;
 //   Fft2DAlone    the library's transform, forward then inverse, exactly as the pipeline runs it.
 // The pipeline's counters give its time as a ratio of both.
-// Argument: threads (0 = the calling thread only).
+// Arguments: threads (0 = the calling thread only); for the pipeline also low_memory (1: the
+// filter computed in the column pass and the transform's memory given back on every frame, as one
+// frame at a time in the tool runs it).
 #include <benchmark/benchmark.h>
 #include <fftw3.h>
 
@@ -132,6 +134,7 @@ void BM_KinephasePipeline(benchmark::State& state) {
   kinephase.SetAllowMultiThreads(threads > 0);
   kinephase.SetNumberOfThreads(threads);
   kinephase.SetModulationThreshold(10.0);
+  kinephase.SetLowMemory(state.range(1) != 0);
   DoubleMatrix2D phase, modulation;
   kinephase.SetIntensity(frame, 0);
   kinephase.Process(phase, modulation);  // plans, filter, maps and the pool warmed up
@@ -166,9 +169,8 @@ void BM_KinephasePipeline(benchmark::State& state) {
 const int kAllThreads =
     Quarn::Metrology::Analysis::Core::Threading::CpuCounter::Instance().GetNumberOfProcessors();
 BENCHMARK(BM_KinephasePipeline)
-    ->ArgName("threads")
-    ->Arg(0)
-    ->Arg(kAllThreads)
+    ->ArgNames({"threads", "low_memory"})
+    ->ArgsProduct({{0, kAllThreads}, {0, 1}})
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime();
 BENCHMARK(BM_Fft2DAlone)

@@ -36,7 +36,8 @@ KpBoard::KpBoard(const KpBoard& other)
       trimWork(other.trimWork),
       trimGrown(other.trimGrown),
       status(other.status),
-      useFastPath(other.useFastPath) {
+      useFastPath(other.useFastPath),
+      lowMemory(other.lowMemory) {
   Wire();
 }
 
@@ -68,6 +69,7 @@ KpBoard& KpBoard::operator=(const KpBoard& other) {
   trimGrown = other.trimGrown;
   status = other.status;
   useFastPath = other.useFastPath;
+  lowMemory = other.lowMemory;
   Wire();
   return *this;
 }

@@ -78,6 +78,12 @@ class QUARN_PP_EXPORT KpBoard {
   // phase four pixels at a time with a vector atan2 (within a few ulp of libm's; everything else
   // bit for bit the same); false runs the steps one after the other with libm's atan2.
   bool useFastPath = true;
+  // For a host that processes one frame and keeps its maps: the fast path computes the filter inside
+  // the column pass instead of storing it (the stored one is dropped; GetFilter builds it on
+  // demand), and the transform gives its memory back as the last pass reads it, while the phase and
+  // modulation maps fill up. Results are the same to the bit; each frame then pays for the filter's
+  // exponentials and for faulting the transform's memory in again.
+  bool lowMemory = false;
 
  private:
   void Wire();

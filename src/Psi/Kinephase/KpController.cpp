@@ -254,15 +254,19 @@ bool KpController::UpdateFilterSize() {
   return true;
 }
 
+bool KpController::CheckKernel() {
+  KpBoard& board = *board_;
+  if (board.kernelSelector.GetPixelsPerFringe() >= 1) return true;
+  board.status = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
+                        "The pixels per fringe must be at least 1, not " +
+                            std::to_string(board.kernelSelector.GetPixelsPerFringe()));
+  return false;
+}
+
 bool KpController::UpdateFilter() {
   KpBoard& board = *board_;
   if (board.filterValid) return true;
-  if (board.kernelSelector.GetPixelsPerFringe() < 1) {
-    board.status = Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
-                          "The pixels per fringe must be at least 1, not " +
-                              std::to_string(board.kernelSelector.GetPixelsPerFringe()));
-    return false;
-  }
+  if (!CheckKernel()) return false;
   board.filter.SetAll(0.0);
   Rows(&KpController::CalculateFilter, board.height);
   // An earlier failure still in the status leaves the filter marked stale, so the next run builds
@@ -369,15 +373,26 @@ void KpController::ProcessBody(DoubleMatrix2D& phase, DoubleMatrix2D* modulation
 bool KpController::ProcessFused(DoubleMatrix2D& phase, ExtractJob& job) {
   KpBoard& board = *board_;
   if (!IsWired()) return false;
-  if (!UpdateFftSize() || !UpdateFilterSize() || !UpdateFilter()) return false;
+  if (board.lowMemory) {
+    if (!UpdateFftSize() || !CheckKernel()) return false;
+    // The filter is made block by block in the column pass; a stored one would only hold memory.
+    board.filter.Reset();
+    board.filterValid = false;
+    filterKernel_ = std::make_unique<detail::KpFilterKernel>(board.kernelSelector, board.fft.GetRows(),
+                                                             board.fft.GetColumns());
+  } else if (!UpdateFftSize() || !UpdateFilterSize() || !UpdateFilter()) {
+    return false;
+  }
   const int rows = board.fft.GetRows();
   const int columns = board.fft.GetColumns();
-  QUARN_RETURN_IF_FAILED(phase.Resize(rows, columns), board.status, phase, false);
+  // Every element of the maps is written by the row pass: no clearing first.
+  QUARN_RETURN_IF_FAILED(phase.ResizeForOverwrite(rows, columns), board.status, phase, false);
   if (job.modulation) {
-    QUARN_RETURN_IF_FAILED(job.modulation->Resize(rows, columns), board.status, *job.modulation, false);
+    QUARN_RETURN_IF_FAILED(job.modulation->ResizeForOverwrite(rows, columns), board.status, *job.modulation,
+                           false);
   }
-  QUARN_RETURN_IF_FAILED(board.trimRegions.Resize(phase.GetMatrixWindow()), board.status, board.trimRegions,
-                         false);
+  QUARN_RETURN_IF_FAILED(board.trimRegions.ResizeForOverwrite(phase.GetMatrixWindow()), board.status,
+                         board.trimRegions, false);
   job.noData = &board.trimRegions;
   Status carrierStatus;
   if (board.subtractCarrier) {
@@ -392,7 +407,9 @@ bool KpController::ProcessFused(DoubleMatrix2D& phase, ExtractJob& job) {
   }
   board.fft.SetAllowMultiThreads(board.allowMultiThreads);
   board.fft.SetNumberOfThreads(requestedWorkers_);
-  const Analysis::Core::Fft2D::BlockPass filterPass{&KpController::FilterBlock, this};
+  board.fft.SetRoundTripReleasesData(board.lowMemory);
+  const Analysis::Core::Fft2D::BlockPass filterPass{
+      board.lowMemory ? &KpController::FilterBlockAsItGoes : &KpController::FilterBlock, this};
   const Analysis::Core::Fft2D::RowPass finishPass{&KpController::FinishRow, &job};
   // The frame's rows are converted as the transform loads them; a frame larger than the transform
   // goes through the matrix, whose loading reports it.
@@ -417,6 +434,13 @@ void KpController::FilterBlock(void* controller, int firstColumn, int columnCoun
                                std::complex<double>* spectrum, std::ptrdiff_t stride) {
   const DoubleMatrix2D& filter = static_cast<KpController*>(controller)->board_->filter;
   detail::FilterSpectrumBlock(filter, firstColumn, columnCount, spectrum, stride);
+}
+
+void KpController::FilterBlockAsItGoes(void* controller, int firstColumn, int columnCount,
+                                       std::complex<double>* spectrum, std::ptrdiff_t stride) {
+  const KpController& self = *static_cast<KpController*>(controller);
+  detail::FilterSpectrumBlock(*self.filterKernel_, self.board_->fft.GetRows(), firstColumn, columnCount,
+                              spectrum, stride);
 }
 
 void KpController::FinishRow(void* data, int r, std::complex<double>* signal) {
@@ -510,8 +534,14 @@ void KpController::ProcessRealImag(DoubleMatrix2D& real, DoubleMatrix2D& imagina
 }
 
 void KpController::GetFilter(DoubleMatrix2D& filter) {
-  Guarded(
-      [&](KpBoard& board) { QUARN_RETURN_IF_FAILED(filter.CopyAll(board.filter), board.status, filter); });
+  Guarded([&](KpBoard& board) {
+    // A run that computed the filter as it went stored none: it is built for the asker.
+    if (!board.filterValid && board.width > 0 && board.height > 0 &&
+        !(UpdateFilterSize() && UpdateFilter())) {
+      return;
+    }
+    QUARN_RETURN_IF_FAILED(filter.CopyAll(board.filter), board.status, filter);
+  });
 }
 
 void KpController::GetTrimRegions(RegionIdMatrix2D& regions) {

@@ -3,6 +3,7 @@
 #include <complex>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
@@ -16,6 +17,9 @@
 namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase {
 
 class KpBoard;
+namespace detail {
+class KpFilterKernel;
+}
 
 // KpController
 //
@@ -79,6 +83,8 @@ class QUARN_PP_EXPORT KpController : public BoardController<KpBoard> {
   bool UpdateFftSize();
   bool UpdateFilterSize();
   bool UpdateFilter();
+  // False (status set) for a kernel of less than one pixel per fringe.
+  bool CheckKernel();
   void ApplyMask(Analysis::Core::DoubleMatrix2D& phase);
   // `modulation` null: the phase only (the modulation is formed per pixel for the threshold).
   void ProcessBody(Analysis::Core::DoubleMatrix2D& phase, Analysis::Core::DoubleMatrix2D* modulation);
@@ -93,6 +99,8 @@ class QUARN_PP_EXPORT KpController : public BoardController<KpBoard> {
   // The steps the fused run does inside the transform's passes.
   static void FilterBlock(void* controller, int firstColumn, int columnCount, std::complex<double>* spectrum,
                           std::ptrdiff_t stride);
+  static void FilterBlockAsItGoes(void* controller, int firstColumn, int columnCount,
+                                  std::complex<double>* spectrum, std::ptrdiff_t stride);
   static void FinishRow(void* job, int row, std::complex<double>* signal);
 
   // Runs a row function over [0, rows) on the workers or, when multithreading is off, in one call.
@@ -106,6 +114,8 @@ class QUARN_PP_EXPORT KpController : public BoardController<KpBoard> {
   int requestedWorkers_ = 1;
   // Per row of the trim: 1 where a kept no-data area's bounding box reaches. Scratch of one run.
   std::vector<std::uint8_t> trimRows_;
+  // The filter of the current low-memory run, evaluated in its column pass.
+  std::unique_ptr<detail::KpFilterKernel> filterKernel_;
 };
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Psi::Kinephase

@@ -8,13 +8,13 @@
 
 namespace {
 
-// atan2 of `count` pairs, 4 at a time with SLEEF's 1-ulp kernel. The tail goes through the same
+// atan2 of `count` pairs, 4 at a time with SLEEF's 3.5-ulp kernel. The tail goes through the same
 // kernel on a padded copy, so that a pixel's phase never depends on where a block or a thread's
 // range happens to end (libm's atan2 may differ from SLEEF's by an ulp).
 void VectorAtan2(const double* y, const double* x, double* out, int count) {
   int i = 0;
   for (; i + 4 <= count; i += 4)
-    _mm256_storeu_pd(out + i, Sleef_atan2d4_u10avx2(_mm256_loadu_pd(y + i), _mm256_loadu_pd(x + i)));
+    _mm256_storeu_pd(out + i, Sleef_atan2d4_u35avx2(_mm256_loadu_pd(y + i), _mm256_loadu_pd(x + i)));
   if (i < count) {
     alignas(64) double yTail[4] = {}, xTail[4], outTail[4];
     for (int lane = 0; lane < 4; ++lane)
@@ -23,7 +23,7 @@ void VectorAtan2(const double* y, const double* x, double* out, int count) {
       yTail[lane] = y[i + lane];
       xTail[lane] = x[i + lane];
     }
-    _mm256_storeu_pd(outTail, Sleef_atan2d4_u10avx2(_mm256_loadu_pd(yTail), _mm256_loadu_pd(xTail)));
+    _mm256_storeu_pd(outTail, Sleef_atan2d4_u35avx2(_mm256_loadu_pd(yTail), _mm256_loadu_pd(xTail)));
     for (int lane = 0; i + lane < count; ++lane)
       out[i + lane] = outTail[lane];
   }

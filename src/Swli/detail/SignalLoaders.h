@@ -6,9 +6,14 @@
 #include <cstdint>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 
-// The stored samples of one pixel: s(k) is the pixel's sample in slot k, converted to double.
+// The stored samples of one pixel: s(k) is the pixel's sample in slot k, converted to double;
+// s.Load(first, count, out) writes s(first) .. s(first + count - 1) to out.
 template <typename Stored>
 struct PixelSamples {
   const void* const* slots;
@@ -16,20 +21,85 @@ struct PixelSamples {
   double operator()(int slot) const {
     return static_cast<double>(static_cast<const Stored*>(slots[slot])[pixel]);
   }
+  void Load(int first, int count, double* out) const {
+    for (int k = 0; k < count; ++k)
+      out[k] = (*this)(first + k);
+  }
 };
 
-// The fast path's copy of a block of pixels: kBlockPixels samples of each stored frame, frame after
-// frame (the samples of pixel i of the block at i, kBlockPixels + i, 2 kBlockPixels + i, ...).
+// The fast path's copy of a block of pixels, pixel-major: the samples of pixel i of the block lie
+// at row i, slot after slot (sample of slot k at i x rowLength + k), so that a pixel's signal is one
+// contiguous run that converts to doubles a vector at a time.
 inline constexpr int kBlockPixels = 64;
 
-// Copies slots [lo, hi) of pixels firstPixel .. firstPixel + width - 1 into rows lo .. hi - 1 of the
-// block (other rows are left as they are).
+// The row length of a block: the stored slots rounded up to whole vectors of 16.
+inline int BlockRowLength(int stored) {
+  return (stored + 15) / 16 * 16;
+}
+
+#if defined(__SSE2__)
+// Transposes 16 slots x 16 pixels of 8-bit samples: rows slot .. slot + 15 of the frames, pixels
+// firstPixel .. firstPixel + 15, into 16 block rows of 16 samples at `to` (row stride rowLength).
+// Four rounds of the same perfect shuffle (interleaving row pairs at 8, 16, 32 and 64 bits) leave
+// the column with bit-reversed index j in vector j.
+inline void TransposeTile8(const void* const* slots, int slot, int firstPixel, std::uint8_t* to,
+                           int rowLength) {
+  __m128i v[16];
+  for (int i = 0; i < 16; ++i)
+    v[i] = _mm_loadu_si128(
+        reinterpret_cast<const __m128i*>(static_cast<const std::uint8_t*>(slots[slot + i]) + firstPixel));
+  const auto round = [&v](auto interleaveLow, auto interleaveHigh) {
+    __m128i t[16];
+    for (int i = 0; i < 8; ++i) {
+      t[i] = interleaveLow(v[2 * i], v[2 * i + 1]);
+      t[i + 8] = interleaveHigh(v[2 * i], v[2 * i + 1]);
+    }
+    for (int i = 0; i < 16; ++i)
+      v[i] = t[i];
+  };
+  round([](__m128i a, __m128i b) { return _mm_unpacklo_epi8(a, b); },
+        [](__m128i a, __m128i b) { return _mm_unpackhi_epi8(a, b); });
+  round([](__m128i a, __m128i b) { return _mm_unpacklo_epi16(a, b); },
+        [](__m128i a, __m128i b) { return _mm_unpackhi_epi16(a, b); });
+  round([](__m128i a, __m128i b) { return _mm_unpacklo_epi32(a, b); },
+        [](__m128i a, __m128i b) { return _mm_unpackhi_epi32(a, b); });
+  round([](__m128i a, __m128i b) { return _mm_unpacklo_epi64(a, b); },
+        [](__m128i a, __m128i b) { return _mm_unpackhi_epi64(a, b); });
+  constexpr int kBitReversed[16] = {0, 8, 4, 12, 2, 10, 6, 14, 1, 9, 5, 13, 3, 11, 7, 15};
+  for (int j = 0; j < 16; ++j)
+    _mm_storeu_si128(
+        reinterpret_cast<__m128i*>(to + static_cast<std::ptrdiff_t>(kBitReversed[j]) * rowLength), v[j]);
+}
+#endif
+
+// Copies slots [lo, hi) of pixels firstPixel .. firstPixel + width - 1 into the block (other slots
+// of the rows are left as they are): 8-bit samples by tiles of 16 x 16, the rest one by one.
 template <typename Stored>
-void CopyBlock(const void* const* slots, int lo, int hi, int firstPixel, int width, Stored* block) {
-  for (int slot = lo; slot < hi; ++slot) {
-    std::memcpy(block + static_cast<std::ptrdiff_t>(slot) * kBlockPixels,
-                static_cast<const Stored*>(slots[slot]) + firstPixel,
-                static_cast<std::size_t>(width) * sizeof(Stored));
+void CopyBlock(const void* const* slots, int lo, int hi, int firstPixel, int width, int rowLength,
+               Stored* block) {
+  int slot = lo;
+#if defined(__SSE2__)
+  if constexpr (sizeof(Stored) == 1) {
+    for (; slot + 16 <= hi; slot += 16) {
+      int i = 0;
+      for (; i + 16 <= width; i += 16) {
+        TransposeTile8(
+            slots, slot, firstPixel + i,
+            reinterpret_cast<std::uint8_t*>(block) + static_cast<std::ptrdiff_t>(i) * rowLength + slot,
+            rowLength);
+      }
+      for (int k = slot; k < slot + 16; ++k) {
+        const Stored* row = static_cast<const Stored*>(slots[k]) + firstPixel;
+        for (int j = i; j < width; ++j)
+          block[static_cast<std::ptrdiff_t>(j) * rowLength + k] = row[j];
+      }
+    }
+  }
+#endif
+  for (; slot < hi; ++slot) {
+    const Stored* row = static_cast<const Stored*>(slots[slot]) + firstPixel;
+    for (int j = 0; j < width; ++j)
+      block[static_cast<std::ptrdiff_t>(j) * rowLength + slot] = row[j];
   }
 }
 
@@ -49,8 +119,34 @@ template <typename Stored>
 struct BlockSamples {
   const Stored* block;
   int offset;  // the pixel's place in the block
+  int rowLength;
   double operator()(int slot) const {
-    return static_cast<double>(block[static_cast<std::ptrdiff_t>(slot) * kBlockPixels + offset]);
+    return static_cast<double>(block[static_cast<std::ptrdiff_t>(offset) * rowLength + slot]);
+  }
+  // A contiguous run: 8-bit samples widened and converted 16 at a time (the conversion of an integer
+  // to double is exact, so the values are those of the one-by-one loop).
+  void Load(int first, int count, double* out) const {
+    const Stored* from = block + static_cast<std::ptrdiff_t>(offset) * rowLength + first;
+    int k = 0;
+#if defined(__SSE2__)
+    if constexpr (sizeof(Stored) == 1) {
+      const __m128i zero = _mm_setzero_si128();
+      for (; k + 16 <= count; k += 16) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + k));
+        const __m128i words[2] = {_mm_unpacklo_epi8(bytes, zero), _mm_unpackhi_epi8(bytes, zero)};
+        for (int w = 0; w < 2; ++w) {
+          const __m128i ints[2] = {_mm_unpacklo_epi16(words[w], zero), _mm_unpackhi_epi16(words[w], zero)};
+          for (int n = 0; n < 2; ++n) {
+            double* to = out + k + 8 * w + 4 * n;
+            _mm_storeu_pd(to, _mm_cvtepi32_pd(ints[n]));
+            _mm_storeu_pd(to + 2, _mm_cvtepi32_pd(_mm_shuffle_epi32(ints[n], 0xEE)));
+          }
+        }
+      }
+    }
+#endif
+    for (; k < count; ++k)
+      out[k] = static_cast<double>(from[k]);
   }
 };
 
@@ -104,8 +200,7 @@ struct ForwardWhole {
   }
   template <typename Samples>
   int operator()(const Samples& s, double* out, int peak) const {
-    for (int k = 0; k < g.stored; ++k)
-      out[k] = s(k);
+    s.Load(0, g.stored, out);
     return peak;
   }
 };
@@ -136,17 +231,12 @@ struct ForwardWindowed {
     const int h = g.q / 2;
     peak = EstimatePeak(s, g.stored, peak);
     if (h <= peak && peak < g.scanned - h) {
-      const int first = peak - h;
-      for (int k = 0; k < g.q; ++k)
-        out[k] = s(first + k);
+      s.Load(peak - h, g.q, out);
     } else if (peak < h) {
-      for (int k = 0; k < g.q; ++k)
-        out[k] = s(k);
+      s.Load(0, g.q, out);
       if (peak > 0) peak = h;
     } else {
-      const int first = g.stored - g.q;
-      for (int k = 0; k < g.q; ++k)
-        out[k] = s(first + k);
+      s.Load(g.stored - g.q, g.q, out);
       if (peak > 0) peak = g.stored - h - 1;
     }
     return peak;

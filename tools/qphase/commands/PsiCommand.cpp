@@ -64,28 +64,49 @@ int RunPsi(const PsiOptions& options) {
   settings.maxValue = options.maxValue;
   settings.threads = options.threads;
   Jobs::PsiJob job;
-  const Jobs::PsiRecord record = job.Run(frames, settings, options.stack, !options.modulationOut.empty());
-  Core::debug_printf("qphase psi: converted: %g ms\n", stage.Restart() / 1000.0);
-  ThrowIfFailed(record);
-  const Core::DoubleMatrix2D& phase = job.GetPhase();
+  Jobs::PsiRecord record;
+  if (!pngFile) {
+    // Without a preview no map is needed whole: the stack is converted a strip of rows at a time and
+    // each strip written as it comes, so that no map of doubles is ever made (a 2048 x 2048 pair
+    // would be 64 MB of fresh memory for the system to clear) and the strips are written from the
+    // cache.
+    FloatTiffWriter phaseWriter(std::move(phaseFile), frames.GetRows(), frames.GetColumns());
+    std::unique_ptr<FloatTiffWriter> modulationWriter;
+    if (modulationFile)
+      modulationWriter =
+          std::make_unique<FloatTiffWriter>(std::move(modulationFile), frames.GetRows(), frames.GetColumns());
+    record = job.RunInBands(
+        frames, settings, options.stack, modulationWriter != nullptr, phaseWriter.RowsPerStrip(),
+        [&](int, const Core::DoubleMatrix2D& phase, const Core::DoubleMatrix2D* modulation) {
+          phaseWriter.Append(phase);
+          if (modulation) modulationWriter->Append(*modulation);
+        });
+    Core::debug_printf("qphase psi: converted and written: %g ms\n", stage.Restart() / 1000.0);
+    ThrowIfFailed(record);
+    phaseWriter.Finish();
+    if (modulationWriter) modulationWriter->Finish();
+  } else {
+    record = job.Run(frames, settings, options.stack, !options.modulationOut.empty());
+    Core::debug_printf("qphase psi: converted: %g ms\n", stage.Restart() / 1000.0);
+    ThrowIfFailed(record);
+    const Core::DoubleMatrix2D& phase = job.GetPhase();
 
-  // The files are independent: the modulation map and the preview are written on a second thread
-  // while this one writes the phase.
-  std::future<void> others = std::async(std::launch::async, [&] {
-    if (modulationFile) WriteFloatTiff(std::move(modulationFile), job.GetModulation());
-    if (pngFile) {
+    // The files are independent: the modulation map and the preview are written on a second thread
+    // while this one writes the phase.
+    std::future<void> others = std::async(std::launch::async, [&] {
+      if (modulationFile) WriteFloatTiff(std::move(modulationFile), job.GetModulation());
       const double bound = std::numbers::pi;
       WritePreviewPng(std::move(pngFile), phase, PreviewStyle{"phase", "rad", true, -bound, bound});
+    });
+    std::exception_ptr failure;
+    try {
+      WriteFloatTiff(std::move(phaseFile), phase);
+    } catch (...) {
+      failure = std::current_exception();
     }
-  });
-  std::exception_ptr failure;
-  try {
-    WriteFloatTiff(std::move(phaseFile), phase);
-  } catch (...) {
-    failure = std::current_exception();
+    others.get();  // rethrows a failure of the second thread
+    if (failure) std::rethrow_exception(failure);
   }
-  others.get();  // rethrows a failure of the second thread
-  if (failure) std::rethrow_exception(failure);
   Core::debug_printf("qphase psi: files written: %g ms\n", stage.Restart() / 1000.0);
   outputs.Commit();
   Core::debug_printf("qphase psi: files in place: %g ms\n", stage.Restart() / 1000.0);

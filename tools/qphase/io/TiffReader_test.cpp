@@ -3,7 +3,10 @@
 #include <tiffio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -106,6 +109,41 @@ TEST(TiffIOTest, WritersReportAFullDisk) {
   if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
   ExpectUsageError([] { WriteFloatTiff("/dev/full", Core::DoubleMatrix2D(8, 8)); }, "/dev/full: ");
   ExpectUsageError([] { WritePng("/dev/full", RgbImage(16, 16)); }, "/dev/full: writing the PNG failed");
+}
+
+// A map written in bands of 7 rows, which straddle the strips of 65 rows a 4000-column map gets, is
+// the file WriteFloatTiff writes, byte for byte (no data as NaN included); a band of another width,
+// too many rows or a Finish before the last row are refused, naming the file.
+TEST(TiffIOTest, AMapWrittenInBandsIsTheFileOfTheWholeMap) {
+  const int rows = 150, cols = 4000;
+  Core::DoubleMatrix2D map(rows, cols);
+  for (int r = 0; r < rows; ++r) {
+    for (int c = 0; c < cols; ++c)
+      map(r, c) = (r * 7 + c) % 13 == 0 ? Core::DoubleMatrix2D::NoData() : 0.001 * r - 0.0003 * c;
+  }
+  const std::string whole = TempPath("whole.tif"), banded = TempPath("banded.tif");
+  WriteFloatTiff(whole, map);
+  FloatTiffWriter writer(WriteTarget::Create(banded), rows, cols);
+  EXPECT_EQ(writer.RowsPerStrip(), 65);
+  Core::DoubleMatrix2D band;
+  for (int first = 0; first < rows; first += 7) {
+    const int count = std::min(7, rows - first);
+    band.Resize(count, cols);
+    std::copy(map.Row(first), map.Row(first) + static_cast<std::ptrdiff_t>(count) * cols, band.Data());
+    writer.Append(band);
+  }
+  writer.Finish();
+  const auto bytes = [](const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  EXPECT_EQ(bytes(banded), bytes(whole));
+  ExpectUsageError([&] { writer.Append(band); }, "does not continue the 150 x 4000 map");
+  FloatTiffWriter narrow(WriteTarget::Create(banded), rows, cols);
+  ExpectUsageError([&] { narrow.Append(Core::DoubleMatrix2D(2, cols - 1)); }, "a band of 2 x 3999");
+  ExpectUsageError([&] { narrow.Finish(); }, "0 of 150 rows were written");
+  std::remove(whole.c_str());
+  std::remove(banded.c_str());
 }
 
 // A map over 1024 pixels wide is shown one sample per block. Wrapped phase alternating between

@@ -12,13 +12,16 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <fstream>
 #include <limits>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Jobs/CarrierJob.h"
+#include "Jobs/FilmJob.h"
 #include "Jobs/PsiCheckJob.h"
 #include "Jobs/PsiJob.h"
 #include "Jobs/QuadrantsJob.h"
@@ -88,6 +91,12 @@ ArrayView View(const py::array& array, const std::string& name, bool stack, bool
         (stack ? "; a stack is 3-D: (frames, rows, columns)" : "; an image is 2-D: (rows, columns)"));
   }
   const py::dtype dtype = array.dtype();
+  // A byte-swapped array (a big-endian file mapped as it lies) would be read as other numbers.
+  if (!dtype.attr("isnative").cast<bool>()) {
+    throw py::type_error(
+        name + " holds samples in " + py::str(static_cast<const py::handle&>(dtype)).cast<std::string>() +
+        ", not this machine's byte order; convert it first (a.astype(a.dtype.newbyteorder('=')))");
+  }
   ArrayView view;
   if (dtype.kind() == 'u' && dtype.itemsize() == 1) {
     view.type = SampleType::kUInt8;
@@ -382,6 +391,69 @@ py::dict Quadrants(const py::array& q1, const py::array& q3, std::optional<py::a
   return result;
 }
 
+// The film-stack description: JSON text, a dict (as JSON) or the path of a STACK.json file; its
+// text and how messages name it (the path, as the tool does, or "the film stack").
+std::pair<std::string, std::string> StackText(const py::object& stack) {
+  if (py::isinstance<py::dict>(stack)) {
+    return {py::module_::import("json").attr("dumps")(stack).cast<std::string>(), "the film stack"};
+  }
+  if (!py::isinstance<py::str>(stack) && !py::hasattr(stack, "__fspath__")) {
+    throw py::type_error("stack must be STACK.json text, its path or a dict");
+  }
+  const std::string text = py::str(py::module_::import("os").attr("fspath")(stack)).cast<std::string>();
+  const std::size_t first = text.find_first_not_of(" \t\r\n");
+  if (py::isinstance<py::str>(stack) && first != std::string::npos && text[first] == '{') {
+    return {text, "the film stack"};
+  }
+  std::ifstream in(text, std::ios::binary);
+  if (!in) throw py::value_error(text + ": cannot be read");
+  std::ostringstream content;
+  content << in.rdbuf();
+  return {content.str(), text};
+}
+
+py::dict Film(const py::array& scan, const py::object& stack, double scanStepNm, const std::string& search,
+              double minModulation, double correlationThreshold, bool reverse, std::optional<int> maxValue,
+              std::optional<int> threads, std::optional<std::string> name) {
+  const ArrayView view = View(scan, name.value_or("the scan"), true);
+  const auto [stackJson, stackName] = StackText(stack);
+  FilmOptions options;
+  options.scanStepNm = scanStepNm;
+  options.search = search;
+  options.minModulation = minModulation;
+  options.correlationThreshold = correlationThreshold;
+  options.reverse = reverse;
+  options.maxValue = GivenMaxValue(maxValue);
+  options.threads = Threads(threads);
+  FilmRecord record;
+  Core::DoubleMatrix2D height, thickness, variable2, merit;
+  {
+    py::gil_scoped_release release;
+    Core::FrameBuffer frames;
+    if (MakeFrameBuffer(view, frames, record)) {
+      FilmJob job;
+      record = job.Run(frames, stackJson, stackName, options, view.name);
+      height = Taken(record.Ok(), job.TakeHeight());
+      thickness = Taken(record.Ok(), job.TakeThickness());
+      variable2 = Taken(record.Ok(), job.TakeVariable2());
+      merit = Taken(record.Ok(), job.TakeMerit());
+    }
+  }
+  py::dict result = Common(record);
+  result["height"] = Adopt(std::move(height), view);
+  result["thickness"] = Adopt(std::move(thickness), view);
+  result["variable2"] = Adopt(std::move(variable2), view);
+  result["merit"] = Adopt(std::move(merit), view);
+  result["frames"] = record.frames;
+  result["signals"] = record.signals;
+  result["variable1"] = record.variable1Kind;
+  result["variable1_unit"] = record.variable1InNm ? "nm" : "";
+  result["mean_variable1"] = Optional(record.Ok(), record.meanVariable1);
+  result["variable2_kind"] = record.variable2Kind;
+  result["max_value"] = record.maxValue;
+  return result;
+}
+
 py::dict Spot(const py::array& image, std::pair<double, double> center, double radius, double obscuration,
               const std::string& restrict, std::optional<double> saturation, int maxSaturated,
               std::optional<std::string> name) {
@@ -582,6 +654,40 @@ Returns a dict: "final" (float64 map, (Q1 + Q3) / 2 or the mean of four, NaN = n
 Q1 + Q3 result; None with "astigmatism_pv_reason" when it cannot be fitted),
 "four_quadrants_required", "four_quadrant_pv_nm" (four maps), "valid_fraction", "status",
 "message".
+)");
+
+  m.def("film", &Film, "scan"_a, py::kw_only(), "stack"_a, "scan_step_nm"_a, "search"_a = "fast",
+        "min_modulation"_a = 5.0, "correlation_threshold"_a = 0.0, "reverse"_a = false,
+        "max_value"_a = py::none(), "threads"_a = py::none(), "name"_a = py::none(),
+        R"(Film thickness and height from a white-light scan of a transparent film.
+
+Each pixel's scan is matched against the model library of the film stack (generated for this
+scan's sampling: a library of the next multiple of 4 frames of scan_step_nm).
+
+scan: uint8 or uint16 array (frames, rows, columns), at least 8 frames, frame k taken at scan
+    position k x scan_step_nm (reverse=True: at (frames - k) x scan_step_nm).
+stack: the film-stack description (the STACK.json of `qphase film`): JSON text, a dict, or the
+    path of the file (str or os.PathLike).
+scan_step_nm: distance the scan moves between frames, nanometres (required, > 0).
+search: "linear" (every library signal), "fast" (coarse to fine) or "magonly".
+min_modulation: percent of each pixel's mean level its fringes must reach.
+correlation_threshold: pixels whose merit is below this (-1 .. 1) get no result.
+max_value, threads, name: as for psi (a pixel with a sample at max_value has no result).
+
+The defaults are those of `qphase film`; with the same options the maps equal the tool's.
+
+Returns a dict: "height" (float64, nanometres along the scan of the zero-height layer's top, NaN =
+no result), "thickness" (variable 1 at the best match: nanometres for a thickness), "variable2"
+(variable 2, all NaN for a one-dimensional library), "merit" (normalised correlation with the
+matched signal, 0 .. 1), "variable1" (its kind, e.g. "Thickness"), "variable1_unit" ("nm" or ""),
+"mean_variable1" (over the valid pixels), "variable2_kind" ("Undefined" when not varied),
+"signals" (library signals), "frames", "valid_fraction", "status", "message", "max_value",
+"seconds" (the search), "warnings".
+Raises ValueError for a bad film stack (in the tool's words, naming the file), a scan of fewer
+than 8 frames or bad option values; TypeError for samples other than uint8/uint16.
+
+    r = quarn.film(scan, stack="stack.json", scan_step_nm=80.0)
+    thickness_nm = r["thickness"]
 )");
 
   m.def("spot", &Spot, "image"_a, py::kw_only(), "center"_a, "radius"_a, "obscuration"_a,

@@ -10,6 +10,7 @@ long options, and returning a dict with float64 maps (NaN = no data) and the job
     carrier    phase and modulation of one frame of carrier fringes
     quadrants  combination of quadrant phase maps, astigmatism PV
     spot       alignment spot position and properties
+    film       film thickness and height from a white-light scan and its film-stack model
 
 Every record has "status" ("ok", or "no result" with the reason in "message": a run with no valid
 pixel is not an exception), "valid_fraction", "seconds" and "warnings". Bad input raises
@@ -24,9 +25,9 @@ processors, 0: the calling thread only).
     phase = result["phase"]
 """
 
-from ._quarn import __version__, carrier, psi, psi_check, quadrants, spot, swli
+from ._quarn import __version__, carrier, film, psi, psi_check, quadrants, spot, swli
 
-__all__ = ["__version__", "psi", "psi_check", "swli", "carrier", "quadrants", "spot", "batch"]
+__all__ = ["__version__", "psi", "psi_check", "swli", "carrier", "quadrants", "spot", "film", "batch"]
 
 
 def __getattr__(name):

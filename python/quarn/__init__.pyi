@@ -1,4 +1,5 @@
-from typing import Any, Optional, Sequence, Tuple
+import os
+from typing import Any, Optional, Sequence, Tuple, Union
 
 import numpy as np
 
@@ -23,3 +24,6 @@ def quadrants(q1: np.ndarray, q3: np.ndarray, q2: Optional[np.ndarray] = ..., q4
 def spot(image: np.ndarray, *, center: Tuple[float, float], radius: float, obscuration: float,
          restrict: str = ..., saturation: Optional[float] = ..., max_saturated: int = ...,
          name: Optional[str] = ...) -> dict[str, Any]: ...
+def film(scan: np.ndarray, *, stack: Union[str, os.PathLike[str], dict[str, Any]], scan_step_nm: float,
+         search: str = ..., min_modulation: float = ..., correlation_threshold: float = ..., reverse: bool = ...,
+         max_value: Optional[int] = ..., threads: Optional[int] = ..., name: Optional[str] = ...) -> dict[str, Any]: ...

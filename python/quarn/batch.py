@@ -15,8 +15,9 @@ them are written (staged under temporary names, then renamed); a file without a 
 pixel, unreadable, unsuitable) leaves nothing behind and overwrites nothing.
 
 The result is one row per input, in input order: a dict with "name", "path", "status" ("ok",
-"no result" or "error"), "message", "valid_fraction", the job's scalar figures and "outputs" (the
-files written). `format_table` prints them; nothing is lost: an input whose task failed in any way
+"no result" or "error"), "message", "valid_fraction", the job's scalar figures ("seconds": the job's
+own time), "outputs" (the files written), "read_seconds" and "write_seconds" (reading the input;
+converting and writing the outputs). `format_table` prints them; nothing is lost: an input whose task failed in any way
 is a row with its error.
 
     rows = quarn.batch.run("psi", "line7/*.tif", out_dir="maps", min_modulation=10.0)
@@ -27,6 +28,7 @@ import glob as _glob
 import json
 import os
 import tempfile
+import time
 
 import numpy as np
 
@@ -39,14 +41,20 @@ JOB_MAPS = {
     "swli": ("height", "intensity"),
     "carrier": ("phase", "modulation"),
     "spot": (),
+    "quadrants": ("final", "calibration"),
+    "film": ("height", "thickness", "variable2", "merit"),
 }
+
+# A quadrants measurement in one file: its pages are the quadrant maps in this order.
+QUADRANT_PAGES = {2: ("q1", "q3"), 4: ("q1", "q2", "q3", "q4")}
 
 # mkstemp makes private files; the outputs get the permissions a plain new file would have. The mask
 # is read once, here: reading it means setting it, which other threads would see.
 _UMASK = os.umask(0o022)
 os.umask(_UMASK)
 
-_ARRAYS = ("phase", "modulation", "step_values", "height", "intensity", "final", "calibration")
+_ARRAYS = ("phase", "modulation", "step_values", "height", "intensity", "final", "calibration", "thickness",
+           "variable2", "merit")
 
 
 def _inputs(files):
@@ -55,13 +63,47 @@ def _inputs(files):
         if not paths and os.path.exists(files):
             paths = [os.fspath(files)]
         return paths
-    return [os.fspath(f) for f in files]
+    return [dict(f) if isinstance(f, dict) else os.fspath(f) for f in files]
+
+
+def _name(item):
+    """A measurement's name: its file's, or for quadrant maps in separate files, Q1's."""
+    return os.path.basename(os.fspath(item["q1"] if isinstance(item, dict) and "q1" in item else item))
+
+
+def _read_quadrants(item):
+    """The quadrant maps of one measurement as keyword arguments of quarn.quadrants."""
+    import tifffile
+
+    if isinstance(item, dict):
+        unknown = sorted(set(item) - {"q1", "q2", "q3", "q4"})
+        if unknown:
+            raise ValueError(f"{unknown[0]!r} is not a quadrant; the maps are named q1, q2, q3, q4")
+        return {key: tifffile.imread(os.fspath(path)) for key, path in item.items()}
+    data = tifffile.imread(item)
+    pages = data.shape[0] if data.ndim == 3 else 1
+    if pages not in QUADRANT_PAGES:
+        raise ValueError(f"{_name(item)} has {pages} page{'s' if pages != 1 else ''}; a quadrants measurement "
+                         "is 2 maps (Q1, Q3) or 4 (Q1, Q2, Q3, Q4), one per page")
+    return dict(zip(QUADRANT_PAGES[pages], data))
 
 
 def _read(path, job):
     import tifffile
 
-    data = tifffile.imread(path)
+    # An uncompressed file in native byte order is mapped rather than read: the job reads the frames
+    # from the page cache where they lie, instead of from a copy of the whole stack (at 2048 x 2048 x
+    # 13 that copy costs a third of the job's own time). Anything else (compressed, big-endian, pages
+    # scattered through the file, truncated) is read as tifffile reads it. A mapped file must not be
+    # shortened while its job runs.
+    try:
+        data = tifffile.memmap(path, mode="r")
+        if not data.dtype.isnative:  # tifffile maps a big-endian file as it lies
+            data = None
+    except Exception:  # not mappable: the plain read says what is wrong, if anything
+        data = None
+    if data is None:
+        data = tifffile.imread(path)
     if job in ("carrier", "spot"):
         # One frame: the first page of a multi-page file, as the tool reads it.
         return data[0] if data.ndim == 3 else data
@@ -103,21 +145,33 @@ def _write_atomically(targets):
 def process_file(job, path, out_dir=None, write=True, **options):
     """Runs `job` on one TIFF file and writes its outputs; returns the row (never raises).
 
-    The serial form of what `run` does on each worker."""
-    name = os.path.basename(path)
+    The serial form of what `run` does on each worker. For "quadrants", `path` is a TIFF whose
+    pages are the maps (Q1, Q3 or Q1, Q2, Q3, Q4) or a dict of one file per map {"q1": ..., "q3": ...}."""
+    name = _name(path)
     row = {"name": name, "path": path, "status": "error", "message": "", "valid_fraction": 0.0, "outputs": []}
     try:
         if job not in JOB_MAPS:
             raise ValueError(f"job {job!r} not in {sorted(JOB_MAPS)}")
         import tifffile
 
-        options.setdefault("threads", 0)
-        data = _read(path, job)
-        result = getattr(_quarn, job)(data, name=name, **options)
+        start = time.perf_counter()
+        if job == "quadrants":  # float maps, read whole; the job has no threads to set
+            maps = _read_quadrants(path)
+            row["read_seconds"] = time.perf_counter() - start
+            result = _quarn.quadrants(**maps, **options)
+            del maps
+        else:
+            options.setdefault("threads", 0)
+            data = _read(path, job)
+            row["read_seconds"] = time.perf_counter() - start
+            result = getattr(_quarn, job)(data, name=name, **options)
+            del data  # a mapped file is let go before the outputs are written
         row.update(_figures(result))
         if result["status"] != "ok" or not write:
             return row
-        folder = out_dir if out_dir is not None else (os.path.dirname(path) or ".")
+        start = time.perf_counter()
+        first = path["q1"] if isinstance(path, dict) else path
+        folder = out_dir if out_dir is not None else (os.path.dirname(os.fspath(first)) or ".")
         os.makedirs(folder, exist_ok=True)
         stem = os.path.splitext(name)[0]
         targets = {}
@@ -134,48 +188,132 @@ def process_file(job, path, out_dir=None, write=True, **options):
         targets[os.path.join(folder, f"{stem}.{job}.json")] = write_record
         _write_atomically(targets)
         row["outputs"] = sorted(targets)
+        row["write_seconds"] = time.perf_counter() - start
     except Exception as error:  # every failure of one input is that input's row
         row["status"] = "error"
         row["message"] = f"{name}: {error}"
     return row
 
 
-def run(job, files, *, out_dir=None, scheduler=None, client=None, n_workers=2, write=True, **options):
-    """Maps `job` ("psi", "psi_check", "swli", "carrier" or "spot") over TIFF `files` on Dask.
+def _process_files(job, paths, **kwargs):
+    return [process_file(job, path, **kwargs) for path in paths]
 
-    files: a list of paths or a glob pattern ("line7/*.tif"); every file is one measurement.
+
+# Input bytes a task gathers from small files (see `run`'s files_per_task).
+_TASK_BYTES = 64 << 20
+
+
+def _files_per_task(paths, threads):
+    sizes = []
+    for item in paths[:32]:  # a sample is enough for a line of similar stacks
+        try:
+            sizes.append(os.path.getsize(item["q1"] if isinstance(item, dict) else item))
+        except (OSError, KeyError):
+            pass  # not readable from here (a remote cluster's paths): one file per task
+    if not sizes:
+        return 1
+    by_size = _TASK_BYTES // max(sorted(sizes)[len(sizes) // 2], 1)
+    by_balance = -(-len(paths) // (2 * threads))
+    return int(max(1, min(by_size, by_balance)))
+
+
+# Dask's housekeeping, tuned for workers whose every task is one long library call. Its defaults
+# suit interactive clusters of many small tasks and cost a two-core machine a seventh of a core while
+# the cluster merely waits: a statistical profiler that samples each worker's stack every 10 ms (and
+# takes the GIL to do it), event-loop health ticks every 20 ms, and disk and memory polls every
+# 100-500 ms in every process. None of it changes what is computed.
+CLUSTER_CONFIG = {
+    "distributed.worker.profile.enabled": False,
+    "distributed.admin.tick.interval": "1s",
+    "distributed.admin.system-monitor.interval": "2s",
+    "distributed.admin.system-monitor.disk": False,
+    "distributed.worker.memory.monitor-interval": "1s",
+    # Every task is handed to a worker at once (work stealing evens out the load) instead of one
+    # more than the worker has threads: a worker then starts its next file without waiting for a
+    # round trip to the scheduler, which on a busy machine costs as much as a small file's job.
+    "distributed.scheduler.worker-saturation": float("inf"),
+    # Dask starts its workers with MALLOC_TRIM_THRESHOLD_=65536, which hands freed memory back to the
+    # system at once and (being set) stops glibc from raising its mmap threshold: every map of a
+    # job then comes fresh from the kernel, a page fault per 4 KB. At 512 x 512 that is 1500 faults
+    # and 6 ms of processor time per file, as much as the job. These workers keep no data between
+    # tasks (a task returns a small row), so nothing is gained by trimming; the thread limits of the
+    # numerical libraries stay as Dask sets them.
+    "distributed.nanny.pre-spawn-environ": {"OMP_NUM_THREADS": 1, "MKL_NUM_THREADS": 1, "OPENBLAS_NUM_THREADS": 1},
+}
+
+
+def local_cluster(n_workers=2, **kwargs):
+    """A LocalCluster of `n_workers` single-threaded worker processes with CLUSTER_CONFIG applied.
+
+    Single-threaded processes because each job runs on one thread (threads=0) and two jobs in one
+    process would share its GIL for the Python parts (reading, writing). Use it as a context
+    manager, or close it."""
+    import dask
+    from dask.distributed import LocalCluster
+
+    options = dict(n_workers=n_workers, threads_per_worker=1, processes=True, dashboard_address=None)
+    options.update(kwargs)
+    with dask.config.set(CLUSTER_CONFIG):  # handed to the worker processes as they start
+        return LocalCluster(**options)
+
+
+def run(job, files, *, out_dir=None, scheduler=None, client=None, n_workers=2, write=True,
+        files_per_task=None, **options):
+    """Maps `job` ("psi", "psi_check", "swli", "carrier", "spot", "quadrants" or "film") over TIFF `files`
+    on Dask.
+
+    files: a list of paths or a glob pattern ("line7/*.tif"); every file is one measurement. For
+        "quadrants" a file holds the maps as pages (Q1, Q3 or Q1, Q2, Q3, Q4), or a list item is a
+        dict of one file per map ({"q1": "a_q1.tif", "q3": "a_q3.tif"}; named and written after Q1).
     out_dir: folder for the outputs (created); None writes each beside its input.
     scheduler: address of a running scheduler ("tcp://host:8786"); None starts a LocalCluster of
         `n_workers` single-threaded worker processes for this call.
     client: an existing dask.distributed.Client to use instead.
     write: False runs the jobs and returns the rows without writing files.
-    options: the job's keyword options (see help(quarn.psi) ...); threads defaults to 0.
+    files_per_task: files one Dask task processes one after the other. None chooses: Dask costs a
+        worker a few milliseconds per task (more on a busy machine), as much as the whole job on a
+        small stack, so small files are grouped until a task holds about 64 MB of input, keeping at
+        least two tasks per worker thread. A worker lost takes its task's files with it (error rows).
+    options: the job's keyword options (see help(quarn.psi) ...); threads defaults to 0 (quadrants
+        has none: it runs on the worker's thread). For "film", stack (the STACK.json path or text,
+        read by each task) and scan_step_nm are required.
 
     Returns one row (dict) per input, in input order."""
-    from dask.distributed import Client, LocalCluster
+    from dask.distributed import Client, wait
 
     paths = _inputs(files)
     own_cluster = None
     own_client = None
     if client is None:
         if scheduler is None:
-            own_cluster = LocalCluster(n_workers=n_workers, threads_per_worker=1, processes=True,
-                                       dashboard_address=None)
+            own_cluster = local_cluster(n_workers)
             own_client = Client(own_cluster)
         else:
             own_client = Client(scheduler)
         client = own_client
     try:
-        futures = client.map(process_file, [job] * len(paths), paths, out_dir=out_dir, write=write, pure=False,
-                             **options)
+        if files_per_task is None:
+            files_per_task = _files_per_task(paths, sum(client.nthreads().values()) or 1)
+        chunks = [paths[i:i + files_per_task] for i in range(0, len(paths), files_per_task)]
+        futures = client.map(_process_files, [job] * len(chunks), chunks, out_dir=out_dir, write=write,
+                             pure=False, **options)
+        # The rows come back in one exchange with the scheduler rather than one per task; a task
+        # that failed outside process_file (a worker lost, the task killed) is a row with its error
+        # for each of its files.
+        wait(futures)
+        finished = [f for f in futures if f.status == "finished"]
+        try:
+            results = dict(zip((f.key for f in finished), client.gather(finished)))
+        except Exception:  # a result lost since: asked for one by one below
+            results = {}
         rows = []
-        for path, future in zip(paths, futures):
+        for chunk, future in zip(chunks, futures):
             try:
-                rows.append(future.result())
-            except Exception as error:  # a worker lost or the task killed: still a row
-                rows.append({"name": os.path.basename(path), "path": path, "status": "error",
-                             "message": f"{os.path.basename(path)}: {error!r}", "valid_fraction": 0.0,
-                             "outputs": []})
+                rows += results[future.key] if future.key in results else future.result()
+            except Exception as error:
+                rows += [{"name": _name(path), "path": path, "status": "error",
+                          "message": f"{_name(path)}: {error!r}", "valid_fraction": 0.0, "outputs": []}
+                         for path in chunk]
         return rows
     finally:
         if own_client is not None:
@@ -188,7 +326,7 @@ def format_table(rows, columns=None):
     """The rows as a fixed-width text table (name, status, valid %, then the figures)."""
     if not rows:
         return ""
-    skip = {"path", "outputs", "warnings", "message", "properties", "spots", "name", "status", "valid_fraction"}
+    skip = {"path", "outputs", "read_seconds", "write_seconds", "warnings", "message", "properties", "spots", "name", "status", "valid_fraction"}
     if columns is None:
         columns = [k for k in rows[0] if k not in skip]
         for row in rows[1:]:

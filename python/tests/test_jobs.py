@@ -11,6 +11,7 @@ import tifffile
 
 import quarn
 from conftest import psi_stack, wrapped
+from test_film import STACK
 
 
 def test_version_is_the_projects():
@@ -66,6 +67,8 @@ def test_strided_and_reversed_inputs_equal_the_contiguous_one():
         (lambda s: quarn.psi(s.astype(np.float32)), TypeError,
          "the stack holds signed or floating-point samples (float32); unsigned integers are needed (uint8 or uint16)"),
         (lambda s: quarn.psi(s.astype(np.uint32)), TypeError, "the stack has 32-bit samples; 8 or 16 are needed"),
+        (lambda s: quarn.psi(s.astype(">u2")), TypeError, "the stack holds samples in >u2, not this machine's byte "
+         "order; convert it first (a.astype(a.dtype.newbyteorder('=')))"),
         (lambda s: quarn.swli(s, scan_step_nm=float("inf")), ValueError,
          "scan_step_nm: must be a positive number of nanometres, not inf"),
         (lambda s: quarn.psi_check(s, frame_count=20), ValueError,
@@ -85,14 +88,19 @@ def test_bad_input_is_refused_in_the_tools_words(call, error, message):
     assert str(raised.value) == message
 
 
-def test_no_valid_pixel_is_a_record_not_an_exception():
-    flat = np.full((13, 8, 8), 100, np.uint8)
-    result = quarn.psi(flat)
-    assert result["status"] == "no result"
-    assert result["message"] == ("no valid pixel in the stack: every pixel is saturated (a sample reaches 255) "
-                                 "or modulated less than 15 % of it")
-    assert np.isnan(result["phase"]).all() and np.isnan(result["modulation"]).all()
-    assert result["valid_fraction"] == 0.0
+@pytest.mark.parametrize("call,maps,message", [
+    (lambda: quarn.psi(np.full((13, 8, 8), 100, np.uint8)), ("phase", "modulation"),
+     "no valid pixel in the stack: every pixel is saturated (a sample reaches 255) or modulated less than 15 % of it"),
+    (lambda: quarn.swli(np.full((80, 8, 8), 100, np.uint8), scan_step_nm=80.0), ("height", "intensity"),
+     "no valid pixel in the scan: no pixel has fringes modulated by at least 15 % of the saturation level 255"),
+    (lambda: quarn.film(np.full((64, 4, 6), 20000, np.uint16), stack=STACK, scan_step_nm=80.0),
+     ("height", "thickness", "variable2", "merit"), "no valid pixel in the scan: no pixel has fringes modulated"),
+], ids=["psi", "swli", "film"])
+def test_no_valid_pixel_is_a_record_not_an_exception(call, maps, message):
+    result = call()
+    assert result["status"] == "no result" and result["valid_fraction"] == 0.0
+    assert result["message"].startswith(message), result["message"]
+    assert all(np.isnan(result[key]).all() for key in maps)
 
 
 def test_psi_check_reads_the_shifter_error_as_the_cli_does(tmp_path, qphase):

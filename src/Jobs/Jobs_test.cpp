@@ -3,13 +3,17 @@
 // known surface of a synthetic measurement back within the algorithm's own accuracy.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <complex>
 #include <cstring>
+#include <mutex>
 #include <numbers>
 #include <vector>
 
 #include "AlignSpotDetector/AlignSpotDetector.h"
 #include "Jobs/CarrierJob.h"
+#include "Jobs/FilmJob.h"
 #include "Jobs/PsiCheckJob.h"
 #include "Jobs/PsiJob.h"
 #include "Jobs/QuadrantsJob.h"
@@ -31,6 +35,8 @@
 #include "Swli/PhaseGenerator.h"
 #include "Swli/ScanSampling.h"
 #include "Swli/SubsampledEvaluation.h"
+#include "SwliMba/LibDef/Library.h"
+#include "SwliMba/LibDef/LibraryJson.h"
 #include "Synthetic/SeededRandom.h"
 #include "Synthetic/SyntheticCarrier.h"
 #include "Synthetic/SyntheticPsi.h"
@@ -170,8 +176,9 @@ TEST(FrameBufferViewTest, PackedHostFramesAreAdoptedNotCopied) {
     EXPECT_EQ(frames.GetFrameData(k), static_cast<void*>(host.data() + k * 20));
 }
 
-// Refusals in the tool's words, each naming the input or the option.
-TEST(PsiJobTest, BadInputIsRefusedInTheToolsWords) {
+// Refusals in the tool's words, each naming the input or the option, and a stack without fringes:
+// no result (not bad input), its reason named, its map all NaN.
+TEST(PsiJobTest, BadInputAndNoResultInTheToolsWords) {
   std::vector<std::uint8_t> host(12 * 4 * 4, 100);
   std::vector<double> floats(7 * 4 * 4, 100.0);
   const ArrayView twelve = ArrayView::Contiguous(host.data(), SampleType::kUInt8, 12, 4, 4, "s.tif");
@@ -180,6 +187,7 @@ TEST(PsiJobTest, BadInputIsRefusedInTheToolsWords) {
     ArrayView stack;
     PsiOptions options;
     std::string message;
+    JobOutcome outcome = JobOutcome::kBadInput;
   };
   PsiOptions nanModulation, badThreads, weights, thirteen;
   nanModulation.minModulation = std::nan("");
@@ -198,27 +206,21 @@ TEST(PsiJobTest, BadInputIsRefusedInTheToolsWords) {
       {ArrayView::Contiguous(floats.data(), SampleType::kDouble, 7, 4, 4, "f"),
        {},
        "f: samples are floating point; camera frames are 8- or 16-bit unsigned integers"},
+      {seven,
+       {},
+       "no valid pixel in s.tif: every pixel is saturated (a sample reaches 255) or modulated less than 15 % "
+       "of it",
+       JobOutcome::kNoResult},
   };
   for (const Row& row : rows) {
     std::vector<double> phase;
     const PsiRecord record = RunPsi(row.stack, row.options, ViewOf(phase, 4, 4));
-    EXPECT_EQ(record.outcome, JobOutcome::kBadInput);
+    EXPECT_EQ(record.outcome, row.outcome);
     EXPECT_EQ(record.message, row.message);
+    if (row.outcome == JobOutcome::kNoResult) {
+      EXPECT_TRUE(std::all_of(phase.begin(), phase.end(), [](double v) { return std::isnan(v); }));
+    }
   }
-}
-
-TEST(PsiJobTest, NoValidPixelIsNoResultWithNanMaps) {
-  std::vector<std::uint8_t> flat(7 * 4 * 4, 100);  // no fringes: no modulation anywhere
-  std::vector<double> phase;
-  const PsiRecord record = RunPsi(ArrayView::Contiguous(flat.data(), SampleType::kUInt8, 7, 4, 4, "flat.tif"),
-                                  {}, ViewOf(phase, 4, 4));
-  EXPECT_EQ(record.outcome, JobOutcome::kNoResult);
-  EXPECT_EQ(record.message,
-            "no valid pixel in flat.tif: every pixel is saturated (a sample reaches 255) or modulated less "
-            "than 15 % "
-            "of it");
-  for (const double v : phase)
-    EXPECT_TRUE(std::isnan(v));
 }
 
 // The run a band of rows at a time (what qphase psi streams to its files) hands on, band by band and
@@ -599,6 +601,125 @@ TEST(SpotJobTest, PositionAndSpotEqualTheDetectors) {
   EXPECT_NEAR(record.spots[0].centerOfMassX, 100.0, 0.1);
   EXPECT_NEAR(record.spots[0].centerOfMassY, 40.0, 0.1);
   EXPECT_EQ(record.properties.size(), detector.GetPropertyKeys().size());
+}
+
+// SiO2 on Si, thickness varied 0.3 .. 0.8 µm in 2 nm steps (251 library signals).
+constexpr const char* kFilmStack = R"({"materials": {"SiO2": {"model": "Complex-Cauchy/um",
+ "parameters": [1.4485, 0.00354, 0, 0, 0, 0]}}, "ambient": "Air",
+ "layers": [{"material": "SiO2", "thickness_um": 1.0}], "substrate": "Si", "zero_height_layer": 0,
+ "source": [{"amplitude": 1.0, "centre_rad_per_um": 10.47, "width_rad_per_um": 1.2}], "source_cutoff": 0.02,
+ "numerical_aperture": 0.2, "polarization": "CircularlyPolarized",
+ "vary": [{"layer": 0, "kind": "Thickness", "from_um": 0.3, "to_um": 0.8, "step_um": 0.002}]})";
+
+// A film scan made of the library's own signals, each delayed by a fraction of a frame: the search
+// must give back each pixel's signal (its thickness) and delay (its height), reject the one pixel
+// that reaches the saturation level in every map, report every row once to the progress callback,
+// and give the same maps on one thread and on three.
+TEST(FilmJobTest, KnownFilmBackSaturatedPixelRejectedRowsCountedThreadCountIrrelevant) {
+  constexpr int kFrames = 64, kRowsF = 5, kColsF = 7;
+  constexpr double kStepNm = 80.0;
+  DoubleMatrix2D library;
+  FilmLibraryInfo info;
+  JobRecord generated;
+  ASSERT_TRUE(GenerateFilmLibrary(kFilmStack, "stack", kFrames, kStepNm, library, info, generated))
+      << generated.message;
+  const auto signal = [](int r, int c) { return 31 * c + 7 * r; };
+  const auto delay = [](int r, int c) { return 0.25 * r - 0.2 * c + 0.4; };
+  const int bins = kFrames / 2 + 1;
+  std::vector<std::uint16_t> scan(static_cast<std::size_t>(kFrames) * kRowsF * kColsF);
+  for (int r = 0; r < kRowsF; ++r)
+    for (int c = 0; c < kColsF; ++c)
+      for (int j = 0; j < kFrames; ++j) {
+        double v = 0.0;
+        for (int m = 1; m < bins - 1; ++m) {
+          const std::complex<double> x(library(signal(r, c), 2 * m), library(signal(r, c), 2 * m + 1));
+          v += 2.0 * (x * std::polar(1.0, 2.0 * std::numbers::pi * m * (j - delay(r, c)) / kFrames)).real();
+        }
+        scan[(static_cast<std::size_t>(j) * kRowsF + r) * kColsF + c] =
+            static_cast<std::uint16_t>(std::lround(20000.0 + 20000.0 * v / kFrames));
+      }
+  // Pixel (2, 3) clips at the level set below.
+  scan[(static_cast<std::size_t>(kFrames / 2) * kRowsF + 2) * kColsF + 3] = 61000;
+
+  std::vector<double> first[4];
+  for (int threads : {1, 3}) {
+    SCOPED_TRACE("threads " + std::to_string(threads));
+    std::vector<double> maps[4];
+    std::vector<int> counts;
+    std::mutex lock;
+    FilmOptions options;
+    options.scanStepNm = kStepNm;
+    options.search = "linear";
+    options.maxValue = 61000;
+    options.threads = threads;
+    options.progress = [&](int done, int rows) {
+      const std::lock_guard<std::mutex> hold(lock);
+      EXPECT_EQ(rows, kRowsF);
+      counts.push_back(done);
+    };
+    const FilmRecord record = RunFilm(
+        ArrayView::Contiguous(scan.data(), SampleType::kUInt16, kFrames, kRowsF, kColsF, "scan"), kFilmStack,
+        "stack", options, ViewOf(maps[0], kRowsF, kColsF), ViewOf(maps[1], kRowsF, kColsF),
+        ViewOf(maps[2], kRowsF, kColsF), ViewOf(maps[3], kRowsF, kColsF));
+    ASSERT_TRUE(record.Ok()) << record.message;
+    EXPECT_EQ(record.signals, 251);
+    EXPECT_EQ(record.maxValue, 61000);
+    EXPECT_DOUBLE_EQ(record.validFraction, 1.0 - 1.0 / (kRowsF * kColsF));
+    std::sort(counts.begin(), counts.end());
+    EXPECT_EQ(counts, (std::vector<int>{1, 2, 3, 4, 5}));
+    for (int r = 0; r < kRowsF; ++r)
+      for (int c = 0; c < kColsF; ++c) {
+        const std::size_t i = static_cast<std::size_t>(r) * kColsF + c;
+        if (r == 2 && c == 3) {
+          for (const auto& map : maps)
+            EXPECT_TRUE(std::isnan(map[i]));
+          continue;
+        }
+        // Noise-free but for 16-bit rounding: the library step's interpolation leaves a few
+        // hundredths of a nanometre in thickness, height within a small fraction of the 80 nm step.
+        EXPECT_NEAR(maps[1][i], 300.0 + 2.0 * signal(r, c), 0.1) << r << "," << c;
+        EXPECT_NEAR(maps[0][i], (kFrames / 2 + delay(r, c)) * kStepNm, 0.3) << r << "," << c;
+        EXPECT_TRUE(std::isnan(maps[2][i]));  // one-dimensional library
+        EXPECT_GT(maps[3][i], 0.999);
+      }
+    if (threads == 1) {
+      std::copy(std::begin(maps), std::end(maps), std::begin(first));
+    } else {
+      for (int k = 0; k < 4; ++k)
+        for (std::size_t i = 0; i < first[k].size(); ++i)
+          EXPECT_TRUE(first[k][i] == maps[k][i] || (std::isnan(first[k][i]) && std::isnan(maps[k][i])));
+    }
+  }
+
+  // A library definition the host built itself gives what its STACK.json text gives.
+  FrameBuffer frames;
+  JobRecord made;
+  ASSERT_TRUE(MakeFrameBuffer(
+      ArrayView::Contiguous(scan.data(), SampleType::kUInt16, kFrames, kRowsF, kColsF, "scan"), frames,
+      made));
+  LibDef::Library definition;
+  LibDef::LibraryJson reader;
+  ASSERT_TRUE(reader.Read(kFilmStack, definition));
+  FilmOptions linear;
+  linear.scanStepNm = kStepNm;
+  linear.search = "linear";
+  linear.maxValue = 61000;
+  FilmJob fromDefinition;
+  ASSERT_TRUE(fromDefinition.Run(frames, definition, "stack", linear, "scan").Ok());
+  for (std::int64_t i = 0; i < fromDefinition.GetThickness().GetCount(); ++i) {
+    const double v = fromDefinition.GetThickness().At(i);
+    const double expected = first[1][static_cast<std::size_t>(i)];
+    EXPECT_TRUE(Core::IsNoDataValue(v) ? std::isnan(expected) : v == expected) << i;
+  }
+
+  // A library made for another sampling is refused until resampled.
+  FilmOptions options;
+  options.scanStepNm = 40.0;
+  FilmJob job;
+  const FilmRecord refused = job.Run(frames, library, info, options, "scan");
+  EXPECT_EQ(refused.outcome, JobOutcome::kBadInput);
+  EXPECT_EQ(refused.message,
+            "the library is for 64 frames of 80 nm; scan needs 64 of 40 nm (resample it first)");
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <complex>
+#include <functional>
 #include <string>
 
 #include "Analysis/Core/Array.h"
@@ -75,6 +76,10 @@ class QUARN_PP_EXPORT LibrarySearch {
   std::string GetProperty(const std::string& key) const;
   void SetProperty(const std::string& key, const std::string& value);
 
+  // Called with each row's index by the worker that finished it, in Execute and
+  // CalculateModulationOnly: a host's progress counter. Workers call it concurrently, so it must be
+  // thread-safe, and quick (it runs between rows). An empty function removes it.
+  void SetRowDoneCallback(std::function<void(int row)> callback) { board_.rowDone = std::move(callback); }
   void SetFrameBuffer(Analysis::Core::FrameBuffer& frames) { board_.frameBuffer = &frames; }
   void SetSearchRegions(Analysis::Core::RegionIdMatrix2D* regions) { board_.searchRegions = regions; }
   void SetHeightMap(Analysis::Core::DoubleMatrix2D* map) { board_.heightMap = map; }

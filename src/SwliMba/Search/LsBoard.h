@@ -1,6 +1,7 @@
 #pragma once
 
 #include <complex>
+#include <functional>
 
 #include "Analysis/Core/Array.h"
 #include "Analysis/Core/DoubleMatrix2D.h"
@@ -42,6 +43,7 @@ struct LsBoard {
   Analysis::Core::DoubleMatrix2D* bestSignalIdMap = nullptr;
   Analysis::Core::RegionIdMatrix2D* searchRegions = nullptr;
   Analysis::Core::FrameBuffer* frameBuffer = nullptr;
+  std::function<void(int row)> rowDone;  // progress: called by the worker that finished a row
 
   LsLibraryList libraries;
   LsPerfectMirrorSignal perfectMirrorSignal;

@@ -98,6 +98,7 @@ void LsController::Rows(int thread, int first, int end) {
   for (int row = first; row < end; ++row) {
     Analysis::Core::debug_printf("Processing row %d\n", row);
     processor.ProcessRow(thread, row, 0, columns, modulationOnly_);
+    if (board_->rowDone) board_->rowDone(row);
   }
 }
 

@@ -3,26 +3,24 @@
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
-#include <chrono>
-#include <cmath>
+#include <atomic>
 #include <cstdio>
-#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 
 #include "Analysis/Core/CTimer.h"
 #include "Analysis/Core/DebugChannel.h"
 #include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
-#include "Analysis/Core/Threading/CpuCounter.h"
 #include "CommandRegistry.h"
 #include "CommonOptions.h"
+#include "JobFailure.h"
+#include "Jobs/FilmJob.h"
 #include "JsonText.h"
 #include "MapPreview.h"
 #include "OutputFiles.h"
-#include "SwliMba/Search/LibraryResampler.h"
-#include "SwliMba/Search/LibrarySearch.h"
 #include "TiffIO.h"
 #include "ToolError.h"
 #include "commands/FilmLibrary.h"
@@ -32,63 +30,49 @@ namespace Quarn::Qphase {
 
 namespace {
 
-namespace Search = ::Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search;
-
 struct FilmOptions {
   std::string scan, stack, heightOut, thicknessOut, variable2Out, meritOut, library, pngOut, jsonOut;
-  std::string search = "fast";
-  double scanStepNm = 0.0;
-  double minModulation = 5.0;
-  double correlationThreshold = 0.0;
-  bool reverse = false;
-  int maxValue = 0;
-  int threads = -1;
+  Jobs::FilmOptions job;
 };
-
-// Converts a variable's value to the unit of the maps: nanometres for a thickness.
-double MapUnit(const LibraryVariable& v) {
-  return v.kind == "Thickness" ? 1000.0 : 1.0;
-}
 
 // The library for this scan: generated from the stack, or read from a file and resampled to the
 // scan's frame count and step where they differ.
 void PrepareLibrary(const FilmOptions& options, int samples, Core::DoubleMatrix2D& matrix,
                     LibraryFileInfo& info) {
   if (options.library.empty()) {
-    BuildFilmLibrary(options.stack, samples, options.scanStepNm, matrix, info);
+    BuildFilmLibrary(options.stack, samples, options.job.scanStepNm, matrix, info);
     return;
   }
   ReadLibraryTiff(options.library, matrix, info);
-  if (info.samples == samples && info.scanStepNm == options.scanStepNm) return;
-  Search::LibraryResampler resampler;
-  resampler.SetInputRampSlope(info.scanStepNm);
-  resampler.SetOutputRampSlope(options.scanStepNm);
-  resampler.SetNumberOfOutputSamples(samples);
-  Core::DoubleMatrix2D mirror(1, static_cast<int>(2 * info.perfectMirror.size()));
-  for (std::size_t j = 0; j < info.perfectMirror.size(); ++j) {
-    mirror(0, static_cast<int>(2 * j)) = info.perfectMirror[j].real();
-    mirror(0, static_cast<int>(2 * j + 1)) = info.perfectMirror[j].imag();
-  }
-  Core::DoubleMatrix2D resampled, resampledMirror;
-  ToggleSpectrumOrigin(matrix);
-  ToggleSpectrumOrigin(mirror);
-  resampler.Execute(mirror, resampledMirror);
-  if (resampler.GetStatus().IsOk()) resampler.Execute(matrix, resampled);
-  if (resampler.GetStatus().IsError())
-    throw UsageError(options.library + ": cannot be resampled to " + std::to_string(samples) + " frames of " +
-                     std::to_string(options.scanStepNm) + " nm: " + resampler.GetStatus().GetMessage());
-  ToggleSpectrumOrigin(resampled);
-  ToggleSpectrumOrigin(resampledMirror);
-  matrix = resampled;
-  info.perfectMirror.assign(static_cast<std::size_t>(resampledMirror.GetColumns() / 2), {});
-  for (std::size_t j = 0; j < info.perfectMirror.size(); ++j)
-    info.perfectMirror[j] = {resampledMirror(0, static_cast<int>(2 * j)),
-                             resampledMirror(0, static_cast<int>(2 * j + 1))};
-  info.samples = samples;
-  info.scanStepNm = options.scanStepNm;
+  Jobs::JobRecord record;
+  if (!Jobs::ResampleFilmLibrary(matrix, info, options.library, samples, options.job.scanStepNm, record))
+    throw UsageError(record.message);
 }
 
-int RunFilm(const FilmOptions& options) {
+// The search's progress on a terminal: one line rewritten as rows finish, at most once per percent.
+class ProgressLine {
+ public:
+  explicit ProgressLine(std::string head) : head_(std::move(head)) {}
+  void Row(int done, int rows) {
+    const int percent = static_cast<int>(100LL * done / rows);
+    int shown = shown_.load(std::memory_order_relaxed);
+    // One worker wins each new percent; the others skip the line.
+    while (percent > shown)
+      if (shown_.compare_exchange_weak(shown, percent)) {
+        std::fprintf(stderr, "\r%s: row %d of %d", head_.c_str(), done, rows);
+        break;
+      }
+  }
+  void End() const {
+    if (shown_.load() >= 0) std::fputc('\n', stderr);
+  }
+
+ private:
+  std::string head_;
+  std::atomic<int> shown_{-1};
+};
+
+int RunFilm(FilmOptions& options) {
   if (options.stack.empty() == options.library.empty())
     throw UsageError(options.stack.empty() ? "--stack or --library is required"
                                            : "--stack and --library exclude each other");
@@ -109,14 +93,10 @@ int RunFilm(const FilmOptions& options) {
   Core::CTimer timer;
   Core::FrameBuffer frames;
   const TiffStackInfo scan = ReadTiffStack(options.scan, frames, 0, 1);
-  if (options.maxValue > 0) frames.SetMaxValue(options.maxValue);
   Core::debug_printf("qphase film: read %s: %g ms\n", options.scan.c_str(), timer.Restart() / 1000.0);
-  if (scan.pages < 8)
-    throw UsageError(options.scan + " has " + std::to_string(scan.pages) +
-                     " frames; a film scan needs at least 8");
-  // A library of 4m samples covers the scan (its spectra have an odd number of bins); frames
-  // beyond the scan's end count as zero fringe signal.
-  const int samples = (scan.pages + 3) / 4 * 4;
+  Jobs::JobRecord checked;
+  if (!Jobs::FilmJob::CheckScan(frames, options.job, options.scan, checked)) ThrowIfFailed(checked);
+  const int samples = Jobs::FilmLibrarySamples(scan.pages);
 
   Core::DoubleMatrix2D library;
   LibraryFileInfo info;
@@ -124,95 +104,38 @@ int RunFilm(const FilmOptions& options) {
   Core::debug_printf("qphase film: library of %d signals ready: %g ms\n", library.GetRows(),
                      timer.Restart() / 1000.0);
 
-  const bool terminal = isatty(fileno(stderr)) != 0;
-  if (terminal && static_cast<double>(scan.rows) * scan.cols * library.GetRows() > 5e7)
-    std::fprintf(stderr, "qphase film: matching %d x %d pixels against %d signals ...\n", scan.cols,
-                 scan.rows, library.GetRows());
-
-  const auto start = std::chrono::steady_clock::now();
-  Search::LibrarySearch search;
-  search.SetSearchMode(options.search == "linear"    ? "Linear"
-                       : options.search == "magonly" ? "MagOnly"
-                                                     : "Fast");
-  const int threads = options.threads < 0 ? Core::Threading::CpuCounter::Instance().GetNumberOfProcessors()
-                                          : std::max(options.threads, 1);
-  search.SetAllowMultiThreads(threads > 1);
-  search.SetNumberOfThreads(threads);
-  search.SetScanDirection(options.reverse ? -1 : 1);
-  search.SetModulationThreshold(options.minModulation);
-  search.SetCorrelationThreshold(options.correlationThreshold);
-  Core::Array<std::complex<double>> mirror;
-  mirror.Resize(static_cast<int>(info.perfectMirror.size()));
-  for (int j = 0; j < mirror.Size(); ++j)
-    mirror[j] = info.perfectMirror[static_cast<std::size_t>(j)];
-  search.SetPerfectMirrorSignal(mirror);
-  const bool twoDimensional = info.variable2.kind != "Undefined";
-  search.SetLibrary(library, info.variable1.from, info.variable1.step,
-                    twoDimensional ? info.variable2.count : 0);
-  search.SetFrameBuffer(frames);
-  Core::DoubleMatrix2D height, thickness, merit, signal;
-  search.SetHeightMap(&height);
-  search.SetThicknessMap(&thickness);
-  search.SetMetricMap(&merit);
-  search.SetBestSignalIdMap(&signal);
-  search.Execute();
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  Core::debug_printf("qphase film: searched: %g ms\n", timer.Restart() / 1000.0);
-  if (search.GetStatus().IsError())
-    throw UsageError(options.scan + ": " + search.GetStatus().GetPrintString());
-
-  const double forwardOffset = options.reverse ? 1.0 : 0.0;
-  Core::DoubleMatrix2D variable2(scan.rows, scan.cols);
-  const double noData = Core::DoubleMatrix2D::NoData();
-  const double unit1 = MapUnit(info.variable1), unit2 = MapUnit(info.variable2);
-  std::int64_t valid = 0;
-  double sumThickness = 0.0;
-  for (int r = 0; r < scan.rows; ++r) {
-    for (int c = 0; c < scan.cols; ++c) {
-      // The search gives no result for pixels below the modulation or merit threshold and for
-      // saturated ones (a sample at the frame buffer's maximum value, --max-value).
-      if (Core::DoubleMatrix2D::IsNoData(height(r, c))) {
-        height(r, c) = thickness(r, c) = merit(r, c) = variable2(r, c) = noData;
-        continue;
-      }
-      // The library's height zero sits at its middle sample; heights count from frame 0 like qphase swli.
-      height(r, c) = (samples / 2 + height(r, c) + forwardOffset) * options.scanStepNm;
-      thickness(r, c) *= unit1;
-      const int id = static_cast<int>(signal(r, c));
-      variable2(r, c) =
-          twoDimensional ? (info.variable2.from + info.variable2.step * (id % info.variable2.count)) * unit2
-                         : noData;
-      ++valid;
-      sumThickness += thickness(r, c);
-    }
+  std::unique_ptr<ProgressLine> progress;
+  if (isatty(fileno(stderr)) != 0 && static_cast<double>(scan.rows) * scan.cols * library.GetRows() > 5e7) {
+    progress = std::make_unique<ProgressLine>("qphase film: matching " + std::to_string(scan.cols) + " x " +
+                                              std::to_string(scan.rows) + " pixels against " +
+                                              std::to_string(library.GetRows()) + " signals");
+    options.job.progress = [line = progress.get()](int done, int rows) { line->Row(done, rows); };
   }
-  if (valid == 0)
-    throw NoResultError("no valid pixel in " + options.scan +
-                        ": no pixel has fringes modulated by at least " +
-                        std::to_string(options.minModulation) +
-                        " % of its mean level, unsaturated, with a merit of at least " +
-                        std::to_string(options.correlationThreshold) + "; nothing written");
+  Jobs::FilmJob job;
+  const Jobs::FilmRecord record = job.Run(frames, library, info, options.job, options.scan);
+  if (progress) progress->End();
+  Core::debug_printf("qphase film: searched: %g ms\n", timer.Restart() / 1000.0);
+  ThrowIfFailed(record);
 
-  WriteFloatTiff(std::move(heightFile), height);
-  if (thicknessFile) WriteFloatTiff(std::move(thicknessFile), thickness);
-  if (variable2File) WriteFloatTiff(std::move(variable2File), variable2);
-  if (meritFile) WriteFloatTiff(std::move(meritFile), merit);
+  WriteFloatTiff(std::move(heightFile), job.GetHeight());
+  if (thicknessFile) WriteFloatTiff(std::move(thicknessFile), job.GetThickness());
+  if (variable2File) WriteFloatTiff(std::move(variable2File), job.GetVariable2());
+  if (meritFile) WriteFloatTiff(std::move(meritFile), job.GetMerit());
   if (pngFile)
-    WritePreviewPng(std::move(pngFile), thickness,
-                    PreviewStyle{info.variable1.kind, unit1 > 1.0 ? "nm" : ""});
-  const double fraction = static_cast<double>(valid) / (static_cast<double>(scan.rows) * scan.cols);
+    WritePreviewPng(std::move(pngFile), job.GetThickness(),
+                    PreviewStyle{info.variable1.kind, record.variable1InNm ? "nm" : ""});
   if (jsonFile) {
     nlohmann::json summary = {{"scan", options.scan},
                               {"rows", scan.rows},
                               {"columns", scan.cols},
                               {"frames", scan.pages},
-                              {"scan_step_nm", options.scanStepNm},
-                              {"search", options.search},
+                              {"scan_step_nm", options.job.scanStepNm},
+                              {"search", options.job.search},
                               {"signals", library.GetRows()},
                               {"variable1", info.variable1.kind},
-                              {"valid_fraction", fraction},
-                              {"mean_variable1", sumThickness / static_cast<double>(valid)},
-                              {"search_seconds", seconds}};
+                              {"valid_fraction", record.validFraction},
+                              {"mean_variable1", record.meanVariable1},
+                              {"search_seconds", record.seconds}};
     WriteBytes(std::move(jsonFile), JsonText(summary));
   }
   outputs.Commit();
@@ -220,9 +143,9 @@ int RunFilm(const FilmOptions& options) {
   std::printf(
       "%s: %d x %d, %d frames, %d library signals, search %s: %.1f %% valid, mean %s %.2f%s, searched in "
       "%.1f ms\n",
-      options.scan.c_str(), scan.cols, scan.rows, scan.pages, library.GetRows(), options.search.c_str(),
-      100.0 * fraction, info.variable1.kind.c_str(), sumThickness / static_cast<double>(valid),
-      unit1 > 1.0 ? " nm" : "", 1e3 * seconds);
+      options.scan.c_str(), scan.cols, scan.rows, scan.pages, library.GetRows(), options.job.search.c_str(),
+      100.0 * record.validFraction, info.variable1.kind.c_str(), record.meanVariable1,
+      record.variable1InNm ? " nm" : "", 1e3 * record.seconds);
   return kExitSuccess;
 }
 
@@ -239,7 +162,7 @@ std::function<int()> SetupFilm(CLI::App& app) {
   app.add_option("--stack", options->stack, "Film-stack description (JSON)")->check(CLI::ExistingFile);
   app.add_option("--library", options->library, "Library file written by qphase film-library")
       ->check(CLI::ExistingFile);
-  app.add_option("--scan-step", options->scanStepNm, "Distance the scan moves between frames, nanometres")
+  app.add_option("--scan-step", options->job.scanStepNm, "Distance the scan moves between frames, nanometres")
       ->required()
       ->check(NumberAbove(0.0));
   app.add_option("-o,--output", options->heightOut, "Height map: 32-bit float TIFF, nanometres")->required();
@@ -247,20 +170,20 @@ std::function<int()> SetupFilm(CLI::App& app) {
   app.add_option("--variable2", options->variable2Out, "Variable 2 map");
   app.add_option("--merit", options->meritOut,
                  "Merit map: normalised correlation with the matched signal, 0 .. 1");
-  app.add_option("--search", options->search, "linear (every signal), fast (coarse to fine) or magonly")
+  app.add_option("--search", options->job.search, "linear (every signal), fast (coarse to fine) or magonly")
       ->check(CLI::IsMember({"linear", "fast", "magonly"}))
       ->capture_default_str();
-  app.add_option("--min-modulation", options->minModulation,
+  app.add_option("--min-modulation", options->job.minModulation,
                  "Pixels whose fringe contrast is below this percentage of their mean level get no result")
       ->check(NumberFrom(0.0, 100.0))
       ->capture_default_str();
-  app.add_option("--correlation-threshold", options->correlationThreshold,
+  app.add_option("--correlation-threshold", options->job.correlationThreshold,
                  "Pixels whose merit is below this get no result")
       ->check(NumberFrom(-1.0, 1.0))
       ->capture_default_str();
-  app.add_flag("--reverse", options->reverse, "The scan ran the other way");
-  AddMaxValueOption(app, options->maxValue);
-  AddThreadsOption(app, options->threads);
+  app.add_flag("--reverse", options->job.reverse, "The scan ran the other way");
+  AddMaxValueOption(app, options->job.maxValue);
+  AddThreadsOption(app, options->job.threads);
   app.add_option("--png", options->pngOut, "Colour preview of variable 1 with a colour bar");
   app.add_option("--json", options->jsonOut, "Summary of the run (JSON)");
   return [options] { return RunFilm(*options); };

@@ -13,9 +13,4 @@ namespace Quarn::Qphase {
 void BuildFilmLibrary(const std::string& stackPath, int samples, double scanStepNm,
                       Core::DoubleMatrix2D& matrix, LibraryFileInfo& info);
 
-// Library spectra are plain transforms of samples 0 … N-1 at ζ_j = (j - N/2)·step. Resampling
-// between samplings interpolates across bins, which needs spectra referred to ζ = 0 (the middle
-// sample): bin m times (-1)^m converts one into the other, both ways.
-void ToggleSpectrumOrigin(Core::DoubleMatrix2D& matrix);
-
 }  // namespace Quarn::Qphase

@@ -23,7 +23,7 @@ Library::Library() : status_(__LINE__, kSource) {
     fail(__LINE__, "Allocation of partModel failed");
   } else if (!(systemModel_ = detail::NewShared<SystemModel>())) {
     fail(__LINE__, "Allocation of systemModel failed");
-  } else if (!(specifications_ = detail::NewShared<Specifications>())) {
+  } else if (!(sampling_ = detail::NewShared<Specifications>())) {
     fail(__LINE__, "Allocation of specifications failed");
   } else if (!(skew_ = detail::NewShared<Skew>())) {
     fail(__LINE__, "Allocation of skew failed");
@@ -40,7 +40,7 @@ void Library::Clear() {
     CopyIfFailed(status_, partModel_->GetStatus());
   }
   if (systemModel_) systemModel_->Clear();
-  if (specifications_) specifications_->Clear();
+  if (sampling_) sampling_->Clear();
   if (skew_) skew_->Clear();
 }
 

@@ -36,8 +36,8 @@ class QUARN_PP_EXPORT Library {
   const PartModel& GetPartModel() const { return *partModel_; }
   SystemModel& GetSystemModel() { return *systemModel_; }
   const SystemModel& GetSystemModel() const { return *systemModel_; }
-  Specifications& GetSpecifications() { return *specifications_; }
-  const Specifications& GetSpecifications() const { return *specifications_; }
+  Specifications& GetSpecifications() { return *sampling_; }
+  const Specifications& GetSpecifications() const { return *sampling_; }
   Skew& GetSkew() { return *skew_; }
   const Skew& GetSkew() const { return *skew_; }
 
@@ -52,7 +52,7 @@ class QUARN_PP_EXPORT Library {
   std::shared_ptr<Spectra> spectra_;
   std::shared_ptr<PartModel> partModel_;
   std::shared_ptr<SystemModel> systemModel_;
-  std::shared_ptr<Specifications> specifications_;
+  std::shared_ptr<Specifications> sampling_;
   std::shared_ptr<Skew> skew_;
   Analysis::Core::Status status_;
 };

@@ -76,16 +76,16 @@ bool LibraryGenerator::GenerateImpl(LibDef::Library& library) {
   if (Analysis::Core::CopyIfFailed(status_, library.GetPartModel().GetStatus())) return false;
 
   // Sampling.
-  const LibDef::Specifications& specifications = library.GetSpecifications();
-  const int samples = specifications.GetNumberOfSamples();
+  const LibDef::Specifications& sampling = library.GetSpecifications();
+  const int samples = sampling.GetNumberOfSamples();
   if (samples < 4 || samples % 2 != 0) {
-    status_ = Refuse(__LINE__, "Specifications: the number of samples must be even and at least 4, not " +
+    status_ = Refuse(__LINE__, "Scan sampling: the number of samples must be even and at least 4, not " +
                                    std::to_string(samples));
     return false;
   }
-  const double stepUm = specifications.GetRampSlope().GetValue(Units::kMicrometersPerFrame);
+  const double stepUm = sampling.GetRampSlope().GetValue(Units::kMicrometersPerFrame);
   if (!(stepUm > 0.0) || !std::isfinite(stepUm)) {
-    status_ = Refuse(__LINE__, "Specifications: the ramp slope must be positive");
+    status_ = Refuse(__LINE__, "Scan sampling: the ramp slope must be positive");
     return false;
   }
 
@@ -277,7 +277,7 @@ bool LibraryGenerator::GenerateImpl(LibDef::Library& library) {
   const int lastBin = std::min(bins - 1, static_cast<int>(std::floor(qHi * scan)));
   if (firstBin > lastBin) {
     status_ = Refuse(__LINE__,
-                     "Specifications: no spectrum bin lies in the source band (the scan step is too coarse "
+                     "Scan sampling: no spectrum bin lies in the source band (the scan step is too coarse "
                      "or the scan too short)");
     return false;
   }

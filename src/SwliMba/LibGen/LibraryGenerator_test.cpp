@@ -427,9 +427,9 @@ INSTANTIATE_TEST_SUITE_P(
     Cases, LibraryGeneratorRefusalTest,
     testing::Values(
         RefusalCase{"OddSamples", [](Library& l) { l.GetSpecifications().SetNumberOfSamples(127); },
-                    "Specifications: the number of samples must be even and at least 4, not 127"},
+                    "Scan sampling: the number of samples must be even and at least 4, not 127"},
         RefusalCase{"ZeroStep", [](Library& l) { l.GetSpecifications().GetRampSlope().SetValue(0.0); },
-                    "Specifications: the ramp slope must be positive"},
+                    "Scan sampling: the ramp slope must be positive"},
         RefusalCase{"NoGaussians", [](Library& l) { l.GetSystemModel().GetSource().Clear(); },
                     "The source has no Gaussians"},
         RefusalCase{"NumericalAperture", [](Library& l) { l.GetSystemModel().SetNumericalAperture(1.2); },
@@ -474,7 +474,7 @@ INSTANTIATE_TEST_SUITE_P(
                       l.GetSpecifications().SetNumberOfSamples(8);
                       l.GetSpecifications().GetRampSlope().SetValue(400.0);  // the band lies beyond bin 4
                     },
-                    "Specifications: no spectrum bin lies in the source band (the scan step is too coarse or "
+                    "Scan sampling: no spectrum bin lies in the source band (the scan step is too coarse or "
                     "the scan "
                     "too short)"}),
     [](const testing::TestParamInfo<RefusalCase>& info) { return info.param.name; });

@@ -34,22 +34,12 @@ struct CarrierRecord : JobRecord {
 // The pipeline's board keeps its own copy of the frame, so `frames` is released as soon as the copy
 // is made: a large frame is then held once, not twice, while the spectrum is filtered. Without
 // `wantModulation` no modulation map is made at all (one map of doubles less at the peak).
-class QUARN_PP_EXPORT CarrierJob {
+class QUARN_PP_EXPORT CarrierJob : public PhaseAndModulationMaps {
  public:
   // The frame is frame 0 of `frames`, which holds no frames any more once the job has run (whether
   // or not it succeeded; a run refused for its options or page count leaves it as it was).
   CarrierRecord Run(Core::FrameBuffer& frames, const CarrierOptions& options, const std::string& name,
                     bool wantModulation = true);
-  const Core::DoubleMatrix2D& GetPhase() const { return phase_; }
-  const Core::DoubleMatrix2D& GetModulation() const { return modulation_; }
-  // The maps moved out of the job, for a host that keeps them without a copy (no data still the
-  // library's; `NoDataToNan` converts in place).
-  Core::DoubleMatrix2D TakePhase() { return std::move(phase_); }
-  Core::DoubleMatrix2D TakeModulation() { return std::move(modulation_); }
-
- private:
-  Core::DoubleMatrix2D phase_;
-  Core::DoubleMatrix2D modulation_;
 };
 
 // The job on a host image (rows x columns, or one frame); `modulation` is filled when not empty.

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Analysis/Core/DataMatrix2D.h"
+#include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "Analysis/Core/IntMatrix2D.h"
 #include "Analysis/Core/RegionIdMatrix2D.h"
@@ -130,5 +131,20 @@ auto RunPhaseAndModulation(const ArrayView& input, const Options& options, const
       CopyMap(job.GetModulation(), modulation, record, "modulation");
   return record;
 }
+
+// The phase and modulation maps a job leaves behind, shared by the jobs that make both: read them
+// in place, or move them out for a host that keeps them without a copy (no data still the
+// library's; `NoDataToNan` converts in place).
+class PhaseAndModulationMaps {
+ public:
+  const Core::DoubleMatrix2D& GetPhase() const { return phase_; }
+  const Core::DoubleMatrix2D& GetModulation() const { return modulation_; }
+  Core::DoubleMatrix2D TakePhase() { return std::move(phase_); }
+  Core::DoubleMatrix2D TakeModulation() { return std::move(modulation_); }
+
+ protected:
+  Core::DoubleMatrix2D phase_;
+  Core::DoubleMatrix2D modulation_;
+};
 
 }  // namespace Quarn::Jobs

@@ -38,7 +38,7 @@ struct PsiRecord : JobRecord {
 //   PsiJob job;
 //   const PsiRecord record = job.Run(frames, options, "stack.tif", true);
 //   if (record.Ok()) use(job.GetPhase(), job.GetModulation());
-class QUARN_PP_EXPORT PsiJob {
+class QUARN_PP_EXPORT PsiJob : public PhaseAndModulationMaps {
  public:
   // The maps stay in the job (library no-data convention) until the next run. The frame buffer's
   // saturation level is set from `options.maxValue`.
@@ -54,16 +54,6 @@ class QUARN_PP_EXPORT PsiJob {
                                       const Core::DoubleMatrix2D* modulation)>;
   PsiRecord RunInBands(Core::FrameBuffer& frames, const PsiOptions& options, const std::string& name,
                        bool wantModulation, int bandRows, const BandSink& band);
-  const Core::DoubleMatrix2D& GetPhase() const { return phase_; }
-  const Core::DoubleMatrix2D& GetModulation() const { return modulation_; }
-  // The maps moved out of the job, for a host that keeps them without a copy (no data still the
-  // library's; `NoDataToNan` converts in place).
-  Core::DoubleMatrix2D TakePhase() { return std::move(phase_); }
-  Core::DoubleMatrix2D TakeModulation() { return std::move(modulation_); }
-
- private:
-  Core::DoubleMatrix2D phase_;
-  Core::DoubleMatrix2D modulation_;
 };
 
 // The job on a host array: `stack` is frames x rows x columns of 8- or 16-bit samples, `phase` and

@@ -507,21 +507,10 @@ void LsPixelProcessor::ProcessRow(int thread, int row, int colFirst, int colEnd,
       const double modulation = mean > 0.0 ? 100.0 * std::max(high - mean, mean - low) / mean : 0.0;
       put(board.modulationMap, col, modulation);
       if (modulationOnly) continue;
-      int libraryId = -1;
-      if (board.searchRegions) {
-        const int id = (*board.searchRegions)(row, col);
-        if (!Analysis::Core::RegionIdMatrix2D::IsValid(id)) {
-          libraryId = -2;
-        } else if (!board.regionAssociations.IsEmpty()) {
-          libraryId = board.regionAssociations.Find(id);
-          if (libraryId < 0)
-            throw Status(0, StatusCode::kNoData, __LINE__, kSource, "Key not found: this should never occur");
-          if (libraryId >= board.libraries.Size())
-            throw Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
-                         "Cannot find a library with the given id");
-        }
-      }
-      if (libraryId == -2 || modulation < board.modulationThreshold) {
+      Status failure;
+      const int libraryId = board.LibraryOfPixel(row, col, failure);
+      if (libraryId == LsBoard::kLookupFailed) throw failure;
+      if (libraryId == LsBoard::kNoLibrary || modulation < board.modulationThreshold) {
         for (auto* map : {board.heightMap, board.thicknessMap, board.metricMap, board.confidenceMap,
                           board.bestLibraryIdMap, board.bestSignalIdMap})
           put(map, col, kNoData);
@@ -540,13 +529,13 @@ void LsPixelProcessor::ProcessRow(int thread, int row, int colFirst, int colEnd,
       if (board.libraries.At(l).GetNumberOfSignals() == 0) continue;
       bool needed = false;
       for (int s = 0; s < count && !needed; ++s)
-        needed =
-            libraryOf_[static_cast<std::size_t>(s)] == -1 || libraryOf_[static_cast<std::size_t>(s)] == l;
+        needed = libraryOf_[static_cast<std::size_t>(s)] == LsBoard::kAllLibraries ||
+                 libraryOf_[static_cast<std::size_t>(s)] == l;
       if (!needed) continue;
       CandidateScores(l, count);
       for (int s = 0; s < count; ++s) {
         const int wanted = libraryOf_[static_cast<std::size_t>(s)];
-        if (wanted != -1 && wanted != l) continue;
+        if (wanted != LsBoard::kAllLibraries && wanted != l) continue;
         const Result r = MatchLibrary(s, l);
         if (r.merit > results[s].merit) results[s] = r;
       }

@@ -132,7 +132,7 @@ class LsPixelProcessor {
   // Per pixel of the block: band spectrum, norm, features, magnitudes, modulation.
   std::vector<std::complex<double>> spectra_, features_;
   std::vector<double> norms_, magnitudes_, modulation_;
-  std::vector<int> libraryOf_;  // -2: not matched; -1: all libraries; else the one library
+  std::vector<int> libraryOf_;  // LsBoard::kAllLibraries or the one library to match
   // Candidate-stage scores of the block against one library (complex for the feature products).
   std::vector<std::complex<double>> correlations_;
   std::vector<double> merit_;

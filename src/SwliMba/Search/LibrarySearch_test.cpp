@@ -313,7 +313,8 @@ TEST(LibrarySearchTest, NoisyFilmThicknessAndHeight) {
 }
 
 // Threads change nothing: each pixel is matched by one worker with the same arithmetic (rows split
-// unevenly, columns over two blocks).
+// unevenly, columns over two blocks). Nor does matching a pixel alone (ProcessSinglePixel, where
+// the candidate stage's matrix product has one row) instead of in a block of 64.
 TEST(LibrarySearchTest, ThreadedEqualsSingleThreaded) {
   FrameBuffer frames = FilmScan(
       9, 70, [](int, int col) { return 0.31 + 0.38 * col / 69.0; }, [](int r, int) { return 0.01 * r; }, 0.01,
@@ -321,6 +322,25 @@ TEST(LibrarySearchTest, ThreadedEqualsSingleThreaded) {
   for (const char* mode : {"Linear", "Fast", "MagOnly"}) {
     Maps one;
     ASSERT_TRUE(Search(frames, mode, one).IsOk());
+    {
+      LibrarySearch search;
+      search.SetSearchMode(mode);
+      Array<std::complex<double>> mirror = Library().mirror;
+      search.SetPerfectMirrorSignal(mirror);
+      DoubleMatrix2D matrix = Library().matrix;
+      search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
+      search.SetFrameBuffer(frames);
+      Maps single = one;
+      single.Attach(search);
+      const int row = 4;
+      for (int col = 0; col < 70; ++col) {
+        single.height(row, col) = single.signalId(row, col) = 0.0;
+        search.ProcessSinglePixel(row, col);
+        ASSERT_TRUE(search.GetStatus().IsOk()) << search.GetStatus().GetPrintString();
+        ASSERT_EQ(single.signalId(row, col), one.signalId(row, col)) << mode << " alone, column " << col;
+        ASSERT_EQ(single.height(row, col), one.height(row, col)) << mode << " alone, column " << col;
+      }
+    }
     for (int threads : {2, 3, 8}) {
       Maps maps;
       ASSERT_TRUE(Search(frames, mode, maps, threads).IsOk());

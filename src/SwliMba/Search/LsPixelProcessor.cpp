@@ -100,7 +100,7 @@ bool LsPixelProcessor::Init(const LsBoard& board, int firstBin, int lastBin, int
       !Size(merit_, magOnly ? block * signals : 0, status_, "Call to merit.Resize failed") ||
       !Size(coarseCorrelations_, fast ? block * coarse : 0, status_, "Call to coarseZ.Resize failed") ||
       !Size(coreFeatures_, fast ? block * 2 * static_cast<std::size_t>(coreWidth_) : 0, status_,
-            "Call to phaseGap.Resize failed") ||
+            "Call to coreFeatures.Resize failed") ||
       !Size(denseScores_, 2 * kFastHalfWidth + 1, status_, "Call to interpolatedPeaks.Resize failed") ||
       !Size(scores_, signals, status_, "Call to correlated.Resize failed"))
     return false;

@@ -12,31 +12,47 @@ namespace {
 
 using Quarn::Metrology::PhaseProcessing::Core::Swli::detail::PeakFinderParams;
 
-// 8-bit scans, sixteen pixels per vector, written for the instruction count: the generic body spends
-// most of its time widening 16-bit squares to 32 bits and on a compare and two selects per pixel
-// and frame, which keeps it well below the speed of memory.
+// 8-bit scans, thirty-two pixels per step, written for the instruction count (about 28 vector
+// operations per 32 pixels and frame): the generic body spends most of its time widening 16-bit
+// squares to 32 bits and on a compare and two selects per pixel and frame, which keeps it well below
+// the speed of memory.
 //
-// - The change of the energy from one frame to the next, d_new^2 - d_old^2 (d the two-frame
-//   difference entering the window, d_old the one leaving it), comes out of one multiply-add of
-//   16-bit pairs (d_new, d_old) . (128 d_new, -128 d_old) straight into 32 bits, exact (|d| <= 255).
-//   The ring keeps the 16-bit differences.
-// - The energies are kept scaled by 128, and the frame is coded into the 7 low bits: a key
-//   128 E(k) + code(k) whose code falls with k for a forward scan and rises for a reversed one, so
+// - The two-frame difference d = s[j+1] - s[j-1] of 32 pixels comes out of one byte interleave and
+//   one unsigned-by-signed multiply-add per 16 pixels, already scaled by 16 (weights 16, -16; at most
+//   16 x 255, no saturation). The ring keeps these 16-bit differences.
+// - The change of the energy from one frame to the next, d_new^2 - d_old^2 (d_old the difference
+//   leaving the window), is one 16-bit multiply-add of the pairs (16 d_new, 16 d_old) and
+//   (16 d_new, -16 d_old) straight into 32 bits, exact; the second pair is the first with one sign
+//   flipped, which costs no multiplier.
+// - The energies are thus kept scaled by 256, and the frame is coded into the 8 low bits: a key
+//   256 E(k) + code(k) whose code falls with k for a forward scan and rises for a reversed one, so
 //   that the largest key is the largest energy and, among equal energies, the frame the scan met
 //   first. One maximum per pixel and frame then does the work of the compare and two selects.
-//   128 E < 2^27 for nine 8-bit differences, so the key fits 32 bits.
-// - A code has 128 values, so the keys run over blocks of at most 128 frames; at the end of each,
+//   256 E < 2^28 for nine 8-bit differences, so the key fits 32 bits.
+// - A code has 256 values, so the keys run over blocks of at most 256 frames; at the end of each,
 //   the block's best energy and frame are decoded and merged with those of the earlier blocks under
 //   the plain path's rule (a later block must be strictly better forward, at least as good
 //   reversed, and any peak needs energy above 0).
-// The unpacking interleaves pixels 0-3 with 8-11 and 4-7 with 12-15; the chunk's energies and keys
-// stay in that order and only the peaks are put back in pixel order.
-constexpr int kCodeBits = 7;
+// The interleaves work within 128-bit halves: of the 32 pixels of a step, the four vectors of
+// energies hold pixels 0-3 and 16-19, 4-7 and 20-23, 8-11 and 24-27, 12-15 and 28-31. The chunk's
+// energies and keys stay in that order and only the peaks are put back in pixel order.
+constexpr int kCodeBits = 8;
 constexpr int kBlock = 1 << kCodeBits;
-constexpr int kLanes = 16;
-// Pixels per chunk: 2048 bytes of each frame are 32 cache lines read in a row (which the hardware
-// prefetcher follows), and the chunk's ring, energies and keys (about 70 KB) stay in L2.
-constexpr int kBytesChunk = 2048;
+constexpr int kLanes = 32;
+// Pixels per chunk: the chunk's ring (9 x 2 bytes per pixel), energies and keys (8 bytes per pixel)
+// and the eleven frames in use stay in L1 while the frames stream through.
+#ifndef QUARN_PEAK_BYTES_CHUNK
+#define QUARN_PEAK_BYTES_CHUNK 512
+#endif
+constexpr int kBytesChunk = QUARN_PEAK_BYTES_CHUNK;
+#ifndef QUARN_PEAK_AHEAD
+#define QUARN_PEAK_AHEAD 1
+#endif
+constexpr int kAheadPasses = QUARN_PEAK_AHEAD;
+// The position in a step of 32 pixels whose result sits at element e of the step's energies.
+constexpr int BytePixel(int e) {
+  return (e % 8 < 4 ? 0 : 16) + 4 * (e / 8) + e % 4;
+}
 
 template <bool kReversed>
 void BytesChunk(const PeakFinderParams& p, std::int64_t start, int n) {
@@ -53,34 +69,45 @@ void BytesChunk(const PeakFinderParams& p, std::int64_t start, int n) {
   const int count = p.frames;
   const auto plane = [&](int f) { return static_cast<const std::uint8_t*>(p.planes[f]) + start; };
   const auto load = [](const void* at) { return _mm256_load_si256(static_cast<const __m256i*>(at)); };
+  const auto loadu = [](const void* at) { return _mm256_loadu_si256(static_cast<const __m256i*>(at)); };
   const auto store = [](void* at, __m256i v) { _mm256_store_si256(static_cast<__m256i*>(at), v); };
-  // (128, -128) in every pair of 16-bit lanes.
-  const __m256i scale = _mm256_set1_epi32(static_cast<int>(0xff80'0080u));
-  // Difference j = s[j+1] - s[j-1] of sixteen pixels into its ring slot, and the scaled energy
-  // change into the low and high halves of the pixels' energies.
+  // Bytes (16, -16) and 16-bit lanes (1, -1).
+  const __m256i weights = _mm256_set1_epi16(static_cast<short>(0xf010));
+  const __m256i flip = _mm256_set1_epi32(static_cast<int>(0xffff'0001u));
+  // Difference j of 32 pixels into its ring slot, and the scaled energy changes into the four
+  // vectors of energies.
   const auto step = [&](const std::uint8_t* before, const std::uint8_t* after, std::int16_t* slot, int i,
-                        __m256i& lo, __m256i& hi) {
-    const __m256i a = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(after + i)));
-    const __m256i b = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(before + i)));
-    const __m256i d = _mm256_sub_epi16(a, b);
-    const __m256i old = load(slot + i);
-    store(slot + i, d);
-    const __m256i pl = _mm256_unpacklo_epi16(d, old), ph = _mm256_unpackhi_epi16(d, old);
-    lo = _mm256_add_epi32(lo, _mm256_madd_epi16(pl, _mm256_mullo_epi16(pl, scale)));
-    hi = _mm256_add_epi32(hi, _mm256_madd_epi16(ph, _mm256_mullo_epi16(ph, scale)));
+                        __m256i(&e)[4]) {
+    const __m256i a = loadu(after + i), b = loadu(before + i);
+    const __m256i d0 = _mm256_maddubs_epi16(_mm256_unpacklo_epi8(a, b), weights);
+    const __m256i d1 = _mm256_maddubs_epi16(_mm256_unpackhi_epi8(a, b), weights);
+    const __m256i o0 = load(slot + i), o1 = load(slot + i + 16);
+    store(slot + i, d0);
+    store(slot + i + 16, d1);
+    const __m256i p0 = _mm256_unpacklo_epi16(d0, o0), p1 = _mm256_unpackhi_epi16(d0, o0);
+    const __m256i p2 = _mm256_unpacklo_epi16(d1, o1), p3 = _mm256_unpackhi_epi16(d1, o1);
+    e[0] = _mm256_add_epi32(e[0], _mm256_madd_epi16(p0, _mm256_sign_epi16(p0, flip)));
+    e[1] = _mm256_add_epi32(e[1], _mm256_madd_epi16(p1, _mm256_sign_epi16(p1, flip)));
+    e[2] = _mm256_add_epi32(e[2], _mm256_madd_epi16(p2, _mm256_sign_epi16(p2, flip)));
+    e[3] = _mm256_add_epi32(e[3], _mm256_madd_epi16(p3, _mm256_sign_epi16(p3, flip)));
+  };
+  const auto loadEnergies = [&](const std::int32_t* from, __m256i(&e)[4]) {
+    for (int m = 0; m < 4; ++m)
+      e[m] = load(from + 8 * m);
+  };
+  const auto storeEnergies = [&](std::int32_t* to, const __m256i(&e)[4]) {
+    for (int m = 0; m < 4; ++m)
+      store(to + 8 * m, e[m]);
   };
 
   // Differences 1 .. 8 fill the ring; no window is complete yet.
   int j = 1;
   for (; j < kWindow && j + 1 < count; ++j) {
-    const std::uint8_t* before = plane(j - 1);
-    const std::uint8_t* after = plane(j + 1);
-    std::int16_t* slot = ring[j % kWindow];
     for (int i = 0; i < n; i += kLanes) {
-      __m256i lo = load(energy + i), hi = load(energy + i + 8);
-      step(before, after, slot, i, lo, hi);
-      store(energy + i, lo);
-      store(energy + i + 8, hi);
+      __m256i e[4];
+      loadEnergies(energy + i, e);
+      step(plane(j - 1), plane(j + 1), ring[j % kWindow], i, e);
+      storeEnergies(energy + i, e);
     }
   }
   while (j + 1 < count) {
@@ -92,8 +119,8 @@ void BytesChunk(const PeakFinderParams& p, std::int64_t start, int n) {
       return _mm256_set1_epi32(kReversed ? c : kBlock - 1 - c);
     };
     // Four frames per pass over the chunk: energies and keys are read and written once for all
-    // four, and the six frames' samples feed four differences. The next pass's frames are fetched
-    // one pass ahead.
+    // four, and the six frames' samples feed four differences. The frames of the pass after next are
+    // fetched ahead, one cache line of each per two steps.
     constexpr int kUnroll = 4;
     for (; j + kUnroll <= blockEnd; j += kUnroll) {
       const std::uint8_t* s[kUnroll + 2];
@@ -101,7 +128,7 @@ void BytesChunk(const PeakFinderParams& p, std::int64_t start, int n) {
         s[u] = plane(j - 1 + u);
       const std::uint8_t* ahead[kUnroll];
       for (int u = 0; u < kUnroll; ++u)
-        ahead[u] = plane(std::min(j + kUnroll + 1 + u, count - 1));
+        ahead[u] = plane(std::min(j + kAheadPasses * kUnroll + 1 + u, count - 1));
       std::int16_t* slot[kUnroll];
       __m256i c[kUnroll];
       for (int u = 0; u < kUnroll; ++u) {
@@ -113,31 +140,29 @@ void BytesChunk(const PeakFinderParams& p, std::int64_t start, int n) {
           for (const std::uint8_t* f : ahead)
             _mm_prefetch(reinterpret_cast<const char*>(f + i), _MM_HINT_T0);
         }
-        __m256i lo = load(energy + i), hi = load(energy + i + 8);
-        __m256i keyLo = load(key + i), keyHi = load(key + i + 8);
+        __m256i e[4], k[4];
+        loadEnergies(energy + i, e);
+        loadEnergies(key + i, k);
         for (int u = 0; u < kUnroll; ++u) {
-          step(s[u], s[u + 2], slot[u], i, lo, hi);
-          keyLo = _mm256_max_epi32(keyLo, _mm256_add_epi32(lo, c[u]));
-          keyHi = _mm256_max_epi32(keyHi, _mm256_add_epi32(hi, c[u]));
+          step(s[u], s[u + 2], slot[u], i, e);
+          for (int m = 0; m < 4; ++m)
+            k[m] = _mm256_max_epi32(k[m], _mm256_add_epi32(e[m], c[u]));
         }
-        store(energy + i, lo);
-        store(energy + i + 8, hi);
-        store(key + i, keyLo);
-        store(key + i + 8, keyHi);
+        storeEnergies(energy + i, e);
+        storeEnergies(key + i, k);
       }
     }
     for (; j < blockEnd; ++j) {
-      const std::uint8_t* before = plane(j - 1);
-      const std::uint8_t* after = plane(j + 1);
-      std::int16_t* slot = ring[j % kWindow];
       const __m256i c = code(j);
       for (int i = 0; i < n; i += kLanes) {
-        __m256i lo = load(energy + i), hi = load(energy + i + 8);
-        step(before, after, slot, i, lo, hi);
-        store(energy + i, lo);
-        store(energy + i + 8, hi);
-        store(key + i, _mm256_max_epi32(load(key + i), _mm256_add_epi32(lo, c)));
-        store(key + i + 8, _mm256_max_epi32(load(key + i + 8), _mm256_add_epi32(hi, c)));
+        __m256i e[4], k[4];
+        loadEnergies(energy + i, e);
+        loadEnergies(key + i, k);
+        step(plane(j - 1), plane(j + 1), ring[j % kWindow], i, e);
+        for (int m = 0; m < 4; ++m)
+          k[m] = _mm256_max_epi32(k[m], _mm256_add_epi32(e[m], c));
+        storeEnergies(energy + i, e);
+        storeEnergies(key + i, k);
       }
     }
     for (int i = 0; i < n; ++i) {
@@ -150,16 +175,12 @@ void BytesChunk(const PeakFinderParams& p, std::int64_t start, int n) {
     }
   }
   for (int i = 0; i < n; i += kLanes) {
-    for (int q = 0; q < 4; ++q) {
-      p.peaks[start + i + q] = peak[i + q];
-      p.peaks[start + i + 8 + q] = peak[i + 4 + q];
-      p.peaks[start + i + 4 + q] = peak[i + 8 + q];
-      p.peaks[start + i + 12 + q] = peak[i + 12 + q];
-    }
+    for (int e = 0; e < kLanes; ++e)
+      p.peaks[start + i + BytePixel(e)] = peak[i + e];
   }
 }
 
-// Whole vectors of a chunk through the kernel above, the last pixels (fewer than sixteen) through
+// Whole vectors of a chunk through the kernel above, the last pixels (fewer than 32) through
 // the generic body.
 void BytesRange(const PeakFinderParams& p, std::int64_t first, std::int64_t end) {
   for (std::int64_t start = first; start < end; start += kBytesChunk) {
@@ -293,7 +314,7 @@ void WordsChunk(const PeakFinderParams& p, std::int64_t start, int n) {
   std::copy(peak, peak + n, p.peaks + start);
 }
 
-void WordsRange(const PeakFinderParams& p, std::int64_t first, std::int64_t end) {
+void WideRange(const PeakFinderParams& p, std::int64_t first, std::int64_t end) {
   for (std::int64_t start = first; start < end; start += kWordsChunk) {
     const int n = static_cast<int>(std::min<std::int64_t>(end - start, kWordsChunk));
     const int whole = n / kWordLanes * kWordLanes;
@@ -305,6 +326,163 @@ void WordsRange(const PeakFinderParams& p, std::int64_t first, std::int64_t end)
       }
     }
     if (whole < n) Range<std::uint16_t, std::int64_t, std::int64_t>(p, start + whole, start + n);
+  }
+}
+
+// 16-bit scans whose samples stay below 2^14, as 12- and 14-bit cameras deliver them: sixteen
+// pixels per step in 32-bit integer lanes, twice as many per vector as the doubles above and with
+// fewer conversions. Below 2^14 every difference |d| < 2^14 fits a 16-bit lane, d_new^2 - d_old^2
+// comes exactly out of one 16-bit multiply-add (as for 8-bit scans, without the scaling), and nine
+// squares stay below 9 x 16383^2 < 2^32: the energies are exact as unsigned 32-bit numbers (the
+// running sum may pass through values that wrap, but every window's sum is a true energy). They
+// leave no low bits for a frame code, so each pixel keeps its best energy and frame with an unsigned
+// maximum, a compare and a blend.
+//
+// Whether a chunk qualifies is learnt while it is read: the samples are ORed together, and after
+// every pass over the chunk a sample of 2^14 or more sends the whole chunk to the kernel in doubles
+// (returning false, nothing written), having cost at most one pass of four frames.
+constexpr int kNarrowLanes = 16;
+constexpr int kNarrowChunk = 512;
+constexpr unsigned kNarrowLimit = 1u << 14;
+// The position in a step of 16 pixels whose result sits at element e of the step's energies.
+constexpr int NarrowPixel(int e) {
+  return (e % 8 < 4 ? 0 : 8) + 4 * (e / 8) + e % 4;
+}
+
+template <bool kReversed>
+bool NarrowChunk(const PeakFinderParams& p, std::int64_t start, int n) {
+  alignas(32) std::int16_t ring[kWindow][kNarrowChunk];
+  alignas(32) std::uint32_t energy[kNarrowChunk];
+  alignas(32) std::uint32_t bestEnergy[kNarrowChunk];
+  alignas(32) std::int32_t peak[kNarrowChunk];
+  for (auto& slot : ring)
+    std::fill(slot, slot + n, std::int16_t{0});
+  std::fill(energy, energy + n, 0u);
+  // Forward, a frame must beat the best energy so far (0 at first, so that it needs energy above 0);
+  // reversed, it must reach it, and starting from 1 makes that need energy above 0 too.
+  std::fill(bestEnergy, bestEnergy + n, kReversed ? 1u : 0u);
+  std::fill(peak, peak + n, 0);
+  const int count = p.frames;
+  const auto plane = [&](int f) { return static_cast<const std::uint16_t*>(p.planes[f]) + start; };
+  const auto load = [](const void* at) { return _mm256_load_si256(static_cast<const __m256i*>(at)); };
+  const auto loadu = [](const void* at) { return _mm256_loadu_si256(static_cast<const __m256i*>(at)); };
+  const auto store = [](void* at, __m256i v) { _mm256_store_si256(static_cast<__m256i*>(at), v); };
+  const __m256i flip = _mm256_set1_epi32(static_cast<int>(0xffff'0001u));
+  const __m256i high = _mm256_set1_epi16(static_cast<short>(0x10000u - kNarrowLimit));
+  // Difference j of sixteen pixels into its ring slot, the energy changes into the two vectors of
+  // energies, and the newer sample into the OR of all.
+  const auto step = [&](const std::uint16_t* before, const std::uint16_t* after, std::int16_t* slot, int i,
+                        __m256i& e0, __m256i& e1, __m256i& seen) {
+    const __m256i a = loadu(after + i);
+    const __m256i d = _mm256_sub_epi16(a, loadu(before + i));
+    seen = _mm256_or_si256(seen, a);
+    const __m256i o = load(slot + i);
+    store(slot + i, d);
+    const __m256i p0 = _mm256_unpacklo_epi16(d, o), p1 = _mm256_unpackhi_epi16(d, o);
+    e0 = _mm256_add_epi32(e0, _mm256_madd_epi16(p0, _mm256_sign_epi16(p0, flip)));
+    e1 = _mm256_add_epi32(e1, _mm256_madd_epi16(p1, _mm256_sign_epi16(p1, flip)));
+  };
+  const auto inRange = [&](__m256i seen) { return _mm256_testz_si256(seen, high) != 0; };
+  // The best energy and frame of eight pixels after energy e of frame k.
+  const auto track = [](__m256i e, __m256i k, __m256i& best, __m256i& at) {
+    const __m256i top = _mm256_max_epu32(best, e);
+    at = kReversed ? _mm256_blendv_epi8(at, k, _mm256_cmpeq_epi32(top, e))
+                   : _mm256_blendv_epi8(k, at, _mm256_cmpeq_epi32(top, best));
+    best = top;
+  };
+
+  // Differences 1 .. 8 fill the ring; no window is complete yet. The first frame is only ever an
+  // earlier sample, so it joins the OR here.
+  __m256i seen = _mm256_setzero_si256();
+  for (int i = 0; i < n; i += kNarrowLanes)
+    seen = _mm256_or_si256(seen, loadu(plane(0) + i));
+  int j = 1;
+  for (; j < kWindow && j + 1 < count; ++j) {
+    for (int i = 0; i < n; i += kNarrowLanes) {
+      __m256i e0 = load(energy + i), e1 = load(energy + i + 8);
+      step(plane(j - 1), plane(j + 1), ring[j % kWindow], i, e0, e1, seen);
+      store(energy + i, e0);
+      store(energy + i + 8, e1);
+    }
+  }
+  for (int i = 0; count > 1 && i < n; i += kNarrowLanes)
+    seen = _mm256_or_si256(seen, loadu(plane(1) + i));
+  if (!inRange(seen)) return false;
+  // Four frames per pass over the chunk, the frames of the next pass fetched ahead.
+  constexpr int kUnroll = 4;
+  for (; j + kUnroll < count; j += kUnroll) {
+    const std::uint16_t* s[kUnroll + 2];
+    for (int u = 0; u < kUnroll + 2; ++u)
+      s[u] = plane(j - 1 + u);
+    const std::uint16_t* ahead[kUnroll];
+    for (int u = 0; u < kUnroll; ++u)
+      ahead[u] = plane(std::min(j + kUnroll + 1 + u, count - 1));
+    std::int16_t* slot[kUnroll];
+    __m256i k[kUnroll];
+    for (int u = 0; u < kUnroll; ++u) {
+      slot[u] = ring[(j + u) % kWindow];
+      k[u] = _mm256_set1_epi32(j + u - kHalfWindow);
+    }
+    for (int i = 0; i < n; i += kNarrowLanes) {
+      if (i % 32 == 0) {
+        for (const std::uint16_t* f : ahead)
+          _mm_prefetch(reinterpret_cast<const char*>(f + i), _MM_HINT_T0);
+      }
+      __m256i e0 = load(energy + i), e1 = load(energy + i + 8);
+      __m256i b0 = load(bestEnergy + i), b1 = load(bestEnergy + i + 8);
+      __m256i a0 = load(peak + i), a1 = load(peak + i + 8);
+      for (int u = 0; u < kUnroll; ++u) {
+        step(s[u], s[u + 2], slot[u], i, e0, e1, seen);
+        track(e0, k[u], b0, a0);
+        track(e1, k[u], b1, a1);
+      }
+      store(energy + i, e0);
+      store(energy + i + 8, e1);
+      store(bestEnergy + i, b0);
+      store(bestEnergy + i + 8, b1);
+      store(peak + i, a0);
+      store(peak + i + 8, a1);
+    }
+    if (!inRange(seen)) return false;
+  }
+  for (; j + 1 < count; ++j) {
+    const __m256i k = _mm256_set1_epi32(j - kHalfWindow);
+    for (int i = 0; i < n; i += kNarrowLanes) {
+      __m256i e0 = load(energy + i), e1 = load(energy + i + 8);
+      __m256i b0 = load(bestEnergy + i), b1 = load(bestEnergy + i + 8);
+      __m256i a0 = load(peak + i), a1 = load(peak + i + 8);
+      step(plane(j - 1), plane(j + 1), ring[j % kWindow], i, e0, e1, seen);
+      track(e0, k, b0, a0);
+      track(e1, k, b1, a1);
+      store(energy + i, e0);
+      store(energy + i + 8, e1);
+      store(bestEnergy + i, b0);
+      store(bestEnergy + i + 8, b1);
+      store(peak + i, a0);
+      store(peak + i + 8, a1);
+    }
+  }
+  if (!inRange(seen)) return false;
+  for (int i = 0; i < n; i += kNarrowLanes) {
+    for (int e = 0; e < kNarrowLanes; ++e)
+      p.peaks[start + i + NarrowPixel(e)] = peak[i + e];
+  }
+  return true;
+}
+
+// Chunks of limited range through the integer kernel, the others through the kernel in doubles;
+// the last pixels (fewer than sixteen) of a chunk through the generic body.
+void WordsRange(const PeakFinderParams& p, std::int64_t first, std::int64_t end) {
+  for (std::int64_t start = first; start < end; start += kNarrowChunk) {
+    const int n = static_cast<int>(std::min<std::int64_t>(end - start, kNarrowChunk));
+    const int whole = n / kNarrowLanes * kNarrowLanes;
+    const bool narrow =
+        whole > 0 && (p.reversed ? NarrowChunk<true>(p, start, whole) : NarrowChunk<false>(p, start, whole));
+    if (!narrow) {
+      WideRange(p, start, start + n);
+    } else if (whole < n) {
+      Range<std::uint16_t, std::int64_t, std::int64_t>(p, start + whole, start + n);
+    }
   }
 }
 

@@ -3,7 +3,9 @@
 #include <immintrin.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <limits>
 
 #include "Swli/detail/PeakFinderKernel.h"
 
@@ -209,12 +211,14 @@ void BytesRange(const PeakFinderParams& p, std::int64_t first, std::int64_t end)
   }
 }
 
-// 16-bit scans, eight pixels per step in doubles. Energies of nine 16-bit differences reach
-// 9 x 65535^2 < 2^36, beyond 32 bits; doubles hold every integer below 2^53 exactly, so their sums
-// are as exact as the generic body's 64-bit integers, and unlike 64-bit integers they have a
-// maximum instruction. The differences are scaled by 16 before they are squared, which makes every
-// energy 256 E (still below 2^44) and leaves 8 low bits for the same frame code as above, in
-// blocks of 256 frames; the ring keeps the scaled squares.
+// 16-bit scans of any range, eight pixels per step in doubles. Energies of nine 16-bit differences
+// reach 9 x 65535^2 < 2^36, beyond 32 bits; doubles hold every multiple of 1/256 below 2^44 exactly,
+// so their sums are as exact as the generic body's 64-bit integers, and unlike 64-bit integers they
+// have a maximum instruction. The frame code takes the 8 bits below the point: a key E(k) + code(k)
+// / 256, in blocks of 256 frames, as for 8-bit scans, and the same lead H = best key so far less the
+// current energy is carried, H(k) = max(H(k-1) + d_old^2 - d_new^2, code(k) / 256), two fused
+// multiply-adds (exact: every value is such a multiple) and a maximum per pixel and frame. The ring
+// keeps the differences.
 constexpr int kWordCodeBits = 8;
 constexpr int kWordBlock = 1 << kWordCodeBits;
 constexpr int kWordLanes = 8;
@@ -224,50 +228,53 @@ constexpr int kWordsChunk = 256;
 template <bool kReversed>
 void WordsChunk(const PeakFinderParams& p, std::int64_t start, int n) {
   alignas(32) double ring[kWindow][kWordsChunk];
-  alignas(32) double energy[kWordsChunk];
-  alignas(32) double key[kWordsChunk];
-  alignas(32) std::int64_t bestEnergy[kWordsChunk];
+  alignas(32) double lead[kWordsChunk];
+  alignas(32) double bestEnergy[kWordsChunk];
   alignas(32) std::int32_t peak[kWordsChunk];
   for (auto& slot : ring)
     std::fill(slot, slot + n, 0.0);
-  std::fill(energy, energy + n, 0.0);
-  std::fill(bestEnergy, bestEnergy + n, std::int64_t{0});
+  std::fill(bestEnergy, bestEnergy + n, 0.0);
   std::fill(peak, peak + n, 0);
   const int count = p.frames;
   const auto plane = [&](int f) { return static_cast<const std::uint16_t*>(p.planes[f]) + start; };
-  // Difference j = s[j+1] - s[j-1] of eight pixels, scaled and squared into its ring slot, and
-  // the energy change into the pixels' energies (four per half).
-  const auto step = [&](const std::uint16_t* before, const std::uint16_t* after, double* slot, int i,
-                        __m256d& lo, __m256d& hi) {
+  // Difference j = s[j+1] - s[j-1] of eight pixels, four per half.
+  const auto difference = [&](const std::uint16_t* before, const std::uint16_t* after, int i, __m256d& lo,
+                              __m256d& hi) {
     const __m256i a = _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(after + i)));
     const __m256i b = _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(before + i)));
-    const __m256i d = _mm256_slli_epi32(_mm256_sub_epi32(a, b), 4);
-    const __m256d dl = _mm256_cvtepi32_pd(_mm256_castsi256_si128(d));
-    const __m256d dh = _mm256_cvtepi32_pd(_mm256_extracti128_si256(d, 1));
-    const __m256d vl = _mm256_mul_pd(dl, dl), vh = _mm256_mul_pd(dh, dh);
-    lo = _mm256_sub_pd(_mm256_add_pd(lo, vl), _mm256_load_pd(slot + i));
-    hi = _mm256_sub_pd(_mm256_add_pd(hi, vh), _mm256_load_pd(slot + i + 4));
-    _mm256_store_pd(slot + i, vl);
-    _mm256_store_pd(slot + i + 4, vh);
+    const __m256i d = _mm256_sub_epi32(a, b);
+    lo = _mm256_cvtepi32_pd(_mm256_castsi256_si128(d));
+    hi = _mm256_cvtepi32_pd(_mm256_extracti128_si256(d, 1));
+  };
+  // Difference j of eight pixels into its ring slot, and the leads carried over it with code c.
+  const auto step = [&](const std::uint16_t* before, const std::uint16_t* after, double* slot, int i,
+                        __m256d c, __m256d& h0, __m256d& h1) {
+    __m256d d0, d1;
+    difference(before, after, i, d0, d1);
+    const __m256d o0 = _mm256_load_pd(slot + i), o1 = _mm256_load_pd(slot + i + 4);
+    _mm256_store_pd(slot + i, d0);
+    _mm256_store_pd(slot + i + 4, d1);
+    h0 = _mm256_max_pd(_mm256_fnmadd_pd(d0, d0, _mm256_fmadd_pd(o0, o0, h0)), c);
+    h1 = _mm256_max_pd(_mm256_fnmadd_pd(d1, d1, _mm256_fmadd_pd(o1, o1, h1)), c);
   };
 
   int j = 1;
   for (; j < kWindow && j + 1 < count; ++j) {
     double* slot = ring[j % kWindow];
     for (int i = 0; i < n; i += kWordLanes) {
-      __m256d lo = _mm256_load_pd(energy + i), hi = _mm256_load_pd(energy + i + 4);
-      step(plane(j - 1), plane(j + 1), slot, i, lo, hi);
-      _mm256_store_pd(energy + i, lo);
-      _mm256_store_pd(energy + i + 4, hi);
+      __m256d d0, d1;
+      difference(plane(j - 1), plane(j + 1), i, d0, d1);
+      _mm256_store_pd(slot + i, d0);
+      _mm256_store_pd(slot + i + 4, d1);
     }
   }
   while (j + 1 < count) {
     const int blockEnd = std::min(count - 1, j + kWordBlock);
     const int firstPeak = j - kHalfWindow;
-    std::fill(key, key + n, 0.0);
+    std::fill(lead, lead + n, -std::numeric_limits<double>::infinity());
     const auto code = [&](int difference) {
       const int c = difference - kHalfWindow - firstPeak;
-      return _mm256_set1_pd(kReversed ? c : kWordBlock - 1 - c);
+      return _mm256_set1_pd((kReversed ? c : kWordBlock - 1 - c) / static_cast<double>(kWordBlock));
     };
     constexpr int kUnroll = 4;
     for (; j + kUnroll <= blockEnd; j += kUnroll) {
@@ -288,35 +295,32 @@ void WordsChunk(const PeakFinderParams& p, std::int64_t start, int n) {
           for (const std::uint16_t* f : ahead)
             _mm_prefetch(reinterpret_cast<const char*>(f + i), _MM_HINT_T0);
         }
-        __m256d lo = _mm256_load_pd(energy + i), hi = _mm256_load_pd(energy + i + 4);
-        __m256d keyLo = _mm256_load_pd(key + i), keyHi = _mm256_load_pd(key + i + 4);
-        for (int u = 0; u < kUnroll; ++u) {
-          step(s[u], s[u + 2], slot[u], i, lo, hi);
-          keyLo = _mm256_max_pd(keyLo, _mm256_add_pd(lo, c[u]));
-          keyHi = _mm256_max_pd(keyHi, _mm256_add_pd(hi, c[u]));
-        }
-        _mm256_store_pd(energy + i, lo);
-        _mm256_store_pd(energy + i + 4, hi);
-        _mm256_store_pd(key + i, keyLo);
-        _mm256_store_pd(key + i + 4, keyHi);
+        __m256d h0 = _mm256_load_pd(lead + i), h1 = _mm256_load_pd(lead + i + 4);
+        for (int u = 0; u < kUnroll; ++u)
+          step(s[u], s[u + 2], slot[u], i, c[u], h0, h1);
+        _mm256_store_pd(lead + i, h0);
+        _mm256_store_pd(lead + i + 4, h1);
       }
     }
     for (; j < blockEnd; ++j) {
-      double* slot = ring[j % kWindow];
       const __m256d c = code(j);
       for (int i = 0; i < n; i += kWordLanes) {
-        __m256d lo = _mm256_load_pd(energy + i), hi = _mm256_load_pd(energy + i + 4);
-        step(plane(j - 1), plane(j + 1), slot, i, lo, hi);
-        _mm256_store_pd(energy + i, lo);
-        _mm256_store_pd(energy + i + 4, hi);
-        _mm256_store_pd(key + i, _mm256_max_pd(_mm256_load_pd(key + i), _mm256_add_pd(lo, c)));
-        _mm256_store_pd(key + i + 4, _mm256_max_pd(_mm256_load_pd(key + i + 4), _mm256_add_pd(hi, c)));
+        __m256d h0 = _mm256_load_pd(lead + i), h1 = _mm256_load_pd(lead + i + 4);
+        step(plane(j - 1), plane(j + 1), ring[j % kWindow], i, c, h0, h1);
+        _mm256_store_pd(lead + i, h0);
+        _mm256_store_pd(lead + i + 4, h1);
       }
     }
+    // The block's best keys: the leads plus the energies of the last window, which the ring holds.
+    for (int i = 0; i < n; i += 4) {
+      __m256d e = _mm256_setzero_pd();
+      for (const auto& slot : ring)
+        e = _mm256_fmadd_pd(_mm256_load_pd(slot + i), _mm256_load_pd(slot + i), e);
+      _mm256_store_pd(lead + i, _mm256_add_pd(_mm256_load_pd(lead + i), e));
+    }
     for (int i = 0; i < n; ++i) {
-      const auto whole = static_cast<std::int64_t>(key[i]);
-      const std::int64_t e = whole >> kWordCodeBits;
-      const int c = static_cast<int>(whole & (kWordBlock - 1));
+      const double e = std::floor(lead[i]);
+      const int c = static_cast<int>((lead[i] - e) * kWordBlock);
       const std::int32_t k = firstPeak + (kReversed ? c : kWordBlock - 1 - c);
       const bool better = kReversed ? (e >= bestEnergy[i]) & (e > 0) : e > bestEnergy[i];
       bestEnergy[i] = better ? e : bestEnergy[i];

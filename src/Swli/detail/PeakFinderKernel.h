@@ -21,8 +21,8 @@ using PeakFinderFunction = void (*)(const PeakFinderParams& params, std::int64_t
 void FindPeaksSse2(const PeakFinderParams& params, std::int64_t first, std::int64_t end);
 void FindPeaksAvx2(const PeakFinderParams& params, std::int64_t first, std::int64_t end);
 
-// The widest implementation this processor runs; QUARN_SWLI_ISA=sse2 caps the choice (to compare
-// the paths on one machine).
+// The widest implementation this processor runs (the AVX2 one also needs FMA); QUARN_SWLI_ISA=sse2
+// caps the choice (to compare the paths on one machine).
 PeakFinderFunction SelectPeakFinderFunction();
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail

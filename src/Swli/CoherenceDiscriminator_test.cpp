@@ -1,6 +1,7 @@
 // The coherence discriminator on synthetic scans with known surfaces.
 #include "Swli/CoherenceDiscriminator.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -177,6 +178,40 @@ TEST_P(PeakFinderPathTest, MatchesThePlainPathPixelForPixel) {
       {s.rows, s.cols, {{"peak frame", 0}}},
       [&](const AnalysisCore::Window2D& window) { return run(window, 1, false); },
       [&](const AnalysisCore::Window2D& window, int threads) { return run(window, threads, true); });
+}
+
+// Short scans, where the kernels' warm-up, unrolled passes and last frames meet: fewer than eleven
+// frames leave no complete window (no peak), and the next few leave one to five windows, fewer than
+// one pass of four. Random samples over the whole range and below 2^14, both directions, 100 pixels
+// (whole vectors and a remainder).
+TEST(CoherenceDiscriminatorTest, ShortScansMatchThePlainPath) {
+  Testing::SeededRandom random(31);
+  SCOPED_TRACE(random.Describe());
+  for (const auto resolution : {AnalysisCore::FrameBuffer::kRes8Bit, AnalysisCore::FrameBuffer::kRes16Bit}) {
+    for (const int top : {65535, (1 << 14) - 1}) {
+      for (const int direction : {1, -1}) {
+        for (int count = 3; count <= 16; ++count) {
+          AnalysisCore::FrameBuffer frames;
+          ASSERT_TRUE(frames.Allocate(AnalysisCore::Window2D(0, 0, 1, 100), count, resolution, 0, direction));
+          for (int slot = 0; slot < count; ++slot) {
+            for (int i = 0; i < 100; ++i)
+              Testing::StoreSample(frames, slot, static_cast<std::size_t>(i),
+                                   random.UniformInt(0, std::min(top, frames.GetMaxValue())));
+          }
+          AnalysisCore::IntMatrix2D fast, plain;
+          FindPeakFrames(frames, fast, 1);
+          FindPeakFramesReference(frames, plain, 1);
+          for (int i = 0; i < 100; ++i) {
+            ASSERT_EQ(fast.At(i), plain.At(i))
+                << "pixel " << i << ", " << count << " frames, direction " << direction << ", top " << top;
+            if (count < 11) {
+              EXPECT_EQ(plain.At(i), 0);
+            }
+          }
+        }
+      }
+    }
+  }
 }
 
 std::string PathName(const ::testing::TestParamInfo<PathCase>& info) {

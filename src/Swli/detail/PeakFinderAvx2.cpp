@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <memory>
 
 #include "Swli/detail/PeakFinderKernel.h"
 
@@ -63,12 +64,20 @@ constexpr int BytePixel(int e) {
 // that subtracting an energy change leaves it there.
 constexpr std::int32_t kNoKey = -(1 << 30);
 
-template <bool kReversed>
-void BytesChunk(const PeakFinderParams& p, std::int64_t start, int n) {
+// A chunk's working arrays (some 120 KB: on the heap, once per range, rather than on a thread's stack).
+struct BytesScratch {
   alignas(32) std::int16_t ring[kWindow][kBytesChunk];
   alignas(32) std::int32_t lead[kBytesChunk];  // H: the best key less the energy
   alignas(32) std::int32_t bestEnergy[kBytesChunk];
   alignas(32) std::int32_t peak[kBytesChunk];
+};
+
+template <bool kReversed>
+void BytesChunk(const PeakFinderParams& p, std::int64_t start, int n, BytesScratch& scratch) {
+  auto& ring = scratch.ring;
+  auto& lead = scratch.lead;
+  auto& bestEnergy = scratch.bestEnergy;
+  auto& peak = scratch.peak;
   for (auto& slot : ring)
     std::fill(slot, slot + n, std::int16_t{0});
   std::fill(bestEnergy, bestEnergy + n, 0);
@@ -197,14 +206,15 @@ void BytesChunk(const PeakFinderParams& p, std::int64_t start, int n) {
 // Whole vectors of a chunk through the kernel above, the last pixels (fewer than 32) through
 // the generic body.
 void BytesRange(const PeakFinderParams& p, std::int64_t first, std::int64_t end) {
+  const auto scratch = std::make_unique<BytesScratch>();
   for (std::int64_t start = first; start < end; start += kBytesChunk) {
     const int n = static_cast<int>(std::min<std::int64_t>(end - start, kBytesChunk));
     const int whole = n / kLanes * kLanes;
     if (whole > 0) {
       if (p.reversed) {
-        BytesChunk<true>(p, start, whole);
+        BytesChunk<true>(p, start, whole, *scratch);
       } else {
-        BytesChunk<false>(p, start, whole);
+        BytesChunk<false>(p, start, whole, *scratch);
       }
     }
     if (whole < n) Range<std::uint8_t, std::uint16_t, std::int32_t>(p, start + whole, start + n);

@@ -181,10 +181,11 @@ TEST_P(PeakFinderPathTest, MatchesThePlainPathPixelForPixel) {
 }
 
 // Short scans, where the kernels' warm-up, unrolled passes and last frames meet: fewer than eleven
-// frames leave no complete window (no peak), and the next few leave one to five windows, fewer than
-// one pass of four. Random samples over the whole range and below 2^14, both directions, 100 pixels
-// (whole vectors and a remainder).
+// frames leave no complete window (no peak), and up to 16 frames leave one to six windows, fewer and
+// a few more than one unrolled pass of four. Random samples over the whole range and below 2^14, both
+// directions, 101 pixels (whole vectors and a remainder).
 TEST(CoherenceDiscriminatorTest, ShortScansMatchThePlainPath) {
+  constexpr int kWidth = 101;
   Testing::SeededRandom random(31);
   SCOPED_TRACE(random.Describe());
   for (const auto resolution : {AnalysisCore::FrameBuffer::kRes8Bit, AnalysisCore::FrameBuffer::kRes16Bit}) {
@@ -192,16 +193,17 @@ TEST(CoherenceDiscriminatorTest, ShortScansMatchThePlainPath) {
       for (const int direction : {1, -1}) {
         for (int count = 3; count <= 16; ++count) {
           AnalysisCore::FrameBuffer frames;
-          ASSERT_TRUE(frames.Allocate(AnalysisCore::Window2D(0, 0, 1, 100), count, resolution, 0, direction));
+          ASSERT_TRUE(
+              frames.Allocate(AnalysisCore::Window2D(0, 0, 1, kWidth), count, resolution, 0, direction));
           for (int slot = 0; slot < count; ++slot) {
-            for (int i = 0; i < 100; ++i)
+            for (int i = 0; i < kWidth; ++i)
               Testing::StoreSample(frames, slot, static_cast<std::size_t>(i),
                                    random.UniformInt(0, std::min(top, frames.GetMaxValue())));
           }
           AnalysisCore::IntMatrix2D fast, plain;
           FindPeakFrames(frames, fast, 1);
           FindPeakFramesReference(frames, plain, 1);
-          for (int i = 0; i < 100; ++i) {
+          for (int i = 0; i < kWidth; ++i) {
             ASSERT_EQ(fast.At(i), plain.At(i))
                 << "pixel " << i << ", " << count << " frames, direction " << direction << ", top " << top;
             if (count < 11) {

@@ -15,211 +15,30 @@ namespace {
 
 using Quarn::Metrology::PhaseProcessing::Core::Swli::detail::PeakFinderParams;
 
-// 8-bit scans, thirty-two pixels per step, written for the instruction count (24 vector operations
-// per 32 pixels and frame): the generic body spends most of its time widening 16-bit squares to 32
-// bits and on a compare and two selects per pixel and frame, which keeps it well below the speed of
-// memory.
-//
-// - The two-frame difference d = s[j+1] - s[j-1] of 32 pixels comes out of one byte interleave and
-//   one unsigned-by-signed multiply-add per 16 pixels, already scaled by 16 (weights 16, -16; at most
-//   16 x 255, no saturation). The ring keeps these 16-bit differences.
-// - The change of the energy from one frame to the next, d_new^2 - d_old^2 (d_old the difference
-//   leaving the window), is one 16-bit multiply-add of the pairs (16 d_new, 16 d_old) and
-//   (-16 d_new, 16 d_old) straight into 32 bits, exact, and negated; the second pair is the first
-//   with one sign flipped, which costs no multiplier.
-// - The energies are thus scaled by 256, and the frame is coded into the 8 low bits: a key
-//   K(k) = 256 E(k) + code(k) whose code falls with k for a forward scan and rises for a reversed
-//   one, so that the largest key is the largest energy and, among equal energies, the frame the scan
-//   met first. 256 E < 2^28 for nine 8-bit differences, so keys fit 32 bits.
-// - The energies themselves are never summed frame by frame. What is carried is the best key so far
-//   less the current energy, H(k) = max over i <= k of K(i) - 256 E(k), which follows from the
-//   energy change alone: H(k) = max(H(k-1) - 256 (E(k) - E(k-1)), code(k)), one add and one maximum
-//   per pixel and frame. The best key is H + 256 E at the end, where E is summed once from the ring.
-// - A code has 256 values, so the keys run over blocks of at most 256 frames; at the end of each,
-//   the block's best energy and frame are decoded and merged with those of the earlier blocks under
-//   the plain path's rule (a later block must be strictly better forward, at least as good
-//   reversed, and any peak needs energy above 0).
-// The interleaves work within 128-bit halves: of the 32 pixels of a step, the four vectors of
-// results hold pixels 0-3 and 16-19, 4-7 and 20-23, 8-11 and 24-27, 12-15 and 28-31. The chunk's
-// keys stay in that order and only the peaks are put back in pixel order.
-constexpr int kCodeBits = 8;
-constexpr int kBlock = 1 << kCodeBits;
-constexpr int kLanes = 32;
-// Pixels per chunk: 4096 bytes of each frame are 64 cache lines read in a row, which the hardware
-// prefetcher follows well, while the chunk's ring (9 x 2 bytes per pixel) and keys (4 bytes per
-// pixel) stay in L2.
-#ifndef QUARN_PEAK_BYTES_CHUNK
-#define QUARN_PEAK_BYTES_CHUNK 4096
-#endif
-constexpr int kBytesChunk = QUARN_PEAK_BYTES_CHUNK;
-#ifndef QUARN_PEAK_AHEAD
-#define QUARN_PEAK_AHEAD 1
-#endif
-constexpr int kAheadPasses = QUARN_PEAK_AHEAD;
-// The position in a step of 32 pixels whose result sits at element e of the step's results.
-constexpr int BytePixel(int e) {
-  return (e % 8 < 4 ? 0 : 16) + 4 * (e / 8) + e % 4;
-}
-// Below every key minus every energy that a block can meet, and far enough above the smallest int
-// that subtracting an energy change leaves it there.
-constexpr std::int32_t kNoKey = -(1 << 30);
+#include "Swli/detail/PeakFinderBytes.inc"
 
-// A chunk's working arrays (some 120 KB: on the heap, once per range, rather than on a thread's stack).
-struct BytesScratch {
-  alignas(32) std::int16_t ring[kWindow][kBytesChunk];
-  alignas(32) std::int32_t lead[kBytesChunk];  // H: the best key less the energy
-  alignas(32) std::int32_t bestEnergy[kBytesChunk];
-  alignas(32) std::int32_t peak[kBytesChunk];
+// AVX2's vectors for the 8-bit kernel.
+struct Avx2Bytes {
+  using Vec = __m256i;
+  static constexpr int kLanes = 32;
+  static Vec Load(const void* at) { return _mm256_load_si256(static_cast<const __m256i*>(at)); }
+  static Vec LoadU(const void* at) { return _mm256_loadu_si256(static_cast<const __m256i*>(at)); }
+  static void Store(void* at, Vec v) { _mm256_store_si256(static_cast<__m256i*>(at), v); }
+  static Vec Zero() { return _mm256_setzero_si256(); }
+  static Vec Broadcast(int v) { return _mm256_set1_epi32(v); }
+  static void Difference(Vec after, Vec before, Vec& d0, Vec& d1) {
+    const Vec weights = _mm256_set1_epi16(static_cast<short>(0xf010));  // bytes (16, -16)
+    d0 = _mm256_maddubs_epi16(_mm256_unpacklo_epi8(after, before), weights);
+    d1 = _mm256_maddubs_epi16(_mm256_unpackhi_epi8(after, before), weights);
+  }
+  static Vec PairLo(Vec a, Vec b) { return _mm256_unpacklo_epi16(a, b); }
+  static Vec PairHi(Vec a, Vec b) { return _mm256_unpackhi_epi16(a, b); }
+  static Vec Lead(Vec h, Vec p, Vec c) {
+    const Vec flip = _mm256_set1_epi32(static_cast<int>(0x0001'ffffu));  // 16-bit lanes (-1, 1)
+    return _mm256_max_epi32(_mm256_add_epi32(h, _mm256_madd_epi16(p, _mm256_sign_epi16(p, flip))), c);
+  }
+  static Vec AddSquares(Vec e, Vec q) { return _mm256_add_epi32(e, _mm256_madd_epi16(q, q)); }
 };
-
-template <bool kReversed>
-void BytesChunk(const PeakFinderParams& p, std::int64_t start, int n, BytesScratch& scratch) {
-  auto& ring = scratch.ring;
-  auto& lead = scratch.lead;
-  auto& bestEnergy = scratch.bestEnergy;
-  auto& peak = scratch.peak;
-  for (auto& slot : ring)
-    std::fill(slot, slot + n, std::int16_t{0});
-  std::fill(bestEnergy, bestEnergy + n, 0);
-  std::fill(peak, peak + n, 0);
-  const int count = p.frames;
-  const auto plane = [&](int f) { return static_cast<const std::uint8_t*>(p.planes[f]) + start; };
-  const auto load = [](const void* at) { return _mm256_load_si256(static_cast<const __m256i*>(at)); };
-  const auto loadu = [](const void* at) { return _mm256_loadu_si256(static_cast<const __m256i*>(at)); };
-  const auto store = [](void* at, __m256i v) { _mm256_store_si256(static_cast<__m256i*>(at), v); };
-  // Bytes (16, -16) and 16-bit lanes (-1, 1).
-  const __m256i weights = _mm256_set1_epi16(static_cast<short>(0xf010));
-  const __m256i flip = _mm256_set1_epi32(static_cast<int>(0x0001'ffffu));
-  // Difference j of 32 pixels (scaled by 16) into its ring slot.
-  const auto difference = [&](const std::uint8_t* before, const std::uint8_t* after, int i, __m256i& d0,
-                              __m256i& d1) {
-    const __m256i a = loadu(after + i), b = loadu(before + i);
-    d0 = _mm256_maddubs_epi16(_mm256_unpacklo_epi8(a, b), weights);
-    d1 = _mm256_maddubs_epi16(_mm256_unpackhi_epi8(a, b), weights);
-  };
-  // Difference j of 32 pixels into its ring slot, and the leads carried over it with code c.
-  const auto step = [&](const std::uint8_t* before, const std::uint8_t* after, std::int16_t* slot, int i,
-                        __m256i c, __m256i(&h)[4]) {
-    __m256i d0, d1;
-    difference(before, after, i, d0, d1);
-    const __m256i o0 = load(slot + i), o1 = load(slot + i + 16);
-    store(slot + i, d0);
-    store(slot + i + 16, d1);
-    const __m256i p[4] = {_mm256_unpacklo_epi16(d0, o0), _mm256_unpackhi_epi16(d0, o0),
-                          _mm256_unpacklo_epi16(d1, o1), _mm256_unpackhi_epi16(d1, o1)};
-    for (int m = 0; m < 4; ++m) {
-      const __m256i fall = _mm256_madd_epi16(p[m], _mm256_sign_epi16(p[m], flip));  // -256 (E(k) - E(k-1))
-      h[m] = _mm256_max_epi32(_mm256_add_epi32(h[m], fall), c);
-    }
-  };
-
-  // Differences 1 .. 8 fill the ring; no window is complete yet.
-  int j = 1;
-  for (; j < kWindow && j + 1 < count; ++j) {
-    std::int16_t* slot = ring[j % kWindow];
-    for (int i = 0; i < n; i += kLanes) {
-      __m256i d0, d1;
-      difference(plane(j - 1), plane(j + 1), i, d0, d1);
-      store(slot + i, d0);
-      store(slot + i + 16, d1);
-    }
-  }
-  while (j + 1 < count) {
-    const int blockEnd = std::min(count - 1, j + kBlock);
-    const int firstPeak = j - kHalfWindow;
-    std::fill(lead, lead + n, kNoKey);
-    const auto code = [&](int difference) {
-      const int c = difference - kHalfWindow - firstPeak;
-      return _mm256_set1_epi32(kReversed ? c : kBlock - 1 - c);
-    };
-    // Four frames per pass over the chunk: the leads are read and written once for all four, and the
-    // six frames' samples feed four differences. The frames of a later pass are fetched ahead, one
-    // cache line of each per two steps.
-    constexpr int kUnroll = 4;
-    for (; j + kUnroll <= blockEnd; j += kUnroll) {
-      const std::uint8_t* s[kUnroll + 2];
-      for (int u = 0; u < kUnroll + 2; ++u)
-        s[u] = plane(j - 1 + u);
-      const std::uint8_t* ahead[kUnroll];
-      for (int u = 0; u < kUnroll; ++u)
-        ahead[u] = plane(std::min(j + kAheadPasses * kUnroll + 1 + u, count - 1));
-      std::int16_t* slot[kUnroll];
-      __m256i c[kUnroll];
-      for (int u = 0; u < kUnroll; ++u) {
-        slot[u] = ring[(j + u) % kWindow];
-        c[u] = code(j + u);
-      }
-      for (int i = 0; i < n; i += kLanes) {
-        if (i % 64 == 0) {
-          for (const std::uint8_t* f : ahead)
-            _mm_prefetch(reinterpret_cast<const char*>(f + i), _MM_HINT_T0);
-        }
-        __m256i h[4];
-        for (int m = 0; m < 4; ++m)
-          h[m] = load(lead + i + 8 * m);
-        for (int u = 0; u < kUnroll; ++u)
-          step(s[u], s[u + 2], slot[u], i, c[u], h);
-        for (int m = 0; m < 4; ++m)
-          store(lead + i + 8 * m, h[m]);
-      }
-    }
-    for (; j < blockEnd; ++j) {
-      const __m256i c = code(j);
-      for (int i = 0; i < n; i += kLanes) {
-        __m256i h[4];
-        for (int m = 0; m < 4; ++m)
-          h[m] = load(lead + i + 8 * m);
-        step(plane(j - 1), plane(j + 1), ring[j % kWindow], i, c, h);
-        for (int m = 0; m < 4; ++m)
-          store(lead + i + 8 * m, h[m]);
-      }
-    }
-    // The block's best keys: the leads plus the energies of the last window, which the ring holds,
-    // summed in the leads' order.
-    for (int i = 0; i < n; i += kLanes) {
-      __m256i e[4] = {};
-      for (const auto& slot : ring) {
-        const __m256i d0 = load(slot + i), d1 = load(slot + i + 16), zero = _mm256_setzero_si256();
-        const __m256i q[4] = {_mm256_unpacklo_epi16(d0, zero), _mm256_unpackhi_epi16(d0, zero),
-                              _mm256_unpacklo_epi16(d1, zero), _mm256_unpackhi_epi16(d1, zero)};
-        for (int m = 0; m < 4; ++m)
-          e[m] = _mm256_add_epi32(e[m], _mm256_madd_epi16(q[m], q[m]));
-      }
-      for (int m = 0; m < 4; ++m)
-        store(lead + i + 8 * m, _mm256_add_epi32(load(lead + i + 8 * m), e[m]));
-    }
-    for (int i = 0; i < n; ++i) {
-      const std::int32_t e = lead[i] >> kCodeBits;
-      const std::int32_t c = lead[i] & (kBlock - 1);
-      const std::int32_t k = firstPeak + (kReversed ? c : kBlock - 1 - c);
-      const bool better = kReversed ? (e >= bestEnergy[i]) & (e > 0) : e > bestEnergy[i];
-      bestEnergy[i] = better ? e : bestEnergy[i];
-      peak[i] = better ? k : peak[i];
-    }
-  }
-  for (int i = 0; i < n; i += kLanes) {
-    for (int e = 0; e < kLanes; ++e)
-      p.peaks[start + i + BytePixel(e)] = peak[i + e];
-  }
-}
-
-// Whole vectors of a chunk through the kernel above, the last pixels (fewer than 32) through
-// the generic body.
-void BytesRange(const PeakFinderParams& p, std::int64_t first, std::int64_t end) {
-  const auto scratch = std::make_unique<BytesScratch>();
-  for (std::int64_t start = first; start < end; start += kBytesChunk) {
-    const int n = static_cast<int>(std::min<std::int64_t>(end - start, kBytesChunk));
-    const int whole = n / kLanes * kLanes;
-    if (whole > 0) {
-      if (p.reversed) {
-        BytesChunk<true>(p, start, whole, *scratch);
-      } else {
-        BytesChunk<false>(p, start, whole, *scratch);
-      }
-    }
-    if (whole < n) Range<std::uint8_t, std::uint16_t, std::int32_t>(p, start + whole, start + n);
-  }
-}
 
 // 16-bit scans of any range, eight pixels per step in doubles. Energies of nine 16-bit differences
 // reach 9 x 65535^2 < 2^36, beyond 32 bits; doubles hold every multiple of 1/256 below 2^44 exactly,
@@ -518,7 +337,7 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 
 void FindPeaksAvx2(const PeakFinderParams& params, std::int64_t first, std::int64_t end) {
   if (params.sampleBytes == 1) {
-    BytesRange(params, first, end);
+    BytesRange<Avx2Bytes>(params, first, end);
   } else {
     WordsRange(params, first, end);
   }

@@ -174,172 +174,50 @@ void WideRange(const PeakFinderParams& p, std::int64_t first, std::int64_t end) 
   }
 }
 
-// 16-bit scans whose samples stay below 2^14, as 12- and 14-bit cameras deliver them: sixteen
-// pixels per step in 32-bit integer lanes, twice as many per vector as the doubles above and with
-// fewer conversions. Below 2^14 every difference |d| < 2^14 fits a 16-bit lane, d_new^2 - d_old^2
-// comes exactly out of one 16-bit multiply-add (as for 8-bit scans, without the scaling), and nine
-// squares stay below 9 x 16383^2 < 2^32: the energies are exact as unsigned 32-bit numbers (the
-// running sum may pass through values that wrap, but every window's sum is a true energy). They
-// leave no low bits for a frame code, so each pixel keeps its best energy and frame with an unsigned
-// maximum, a compare and a blend.
-//
-// Whether a chunk qualifies is learnt while it is read: the samples are ORed together, and after
-// every pass over the chunk a sample of 2^14 or more sends the whole chunk to the kernel in doubles
-// (returning false, nothing written), having cost at most one pass of four frames.
-constexpr int kNarrowLanes = 16;
-constexpr int kNarrowChunk = 512;
-constexpr unsigned kNarrowLimit = 1u << 14;
-// The position in a step of 16 pixels whose result sits at element e of the step's energies.
-constexpr int NarrowPixel(int e) {
-  return (e % 8 < 4 ? 0 : 8) + 4 * (e / 8) + e % 4;
-}
+#include "Swli/detail/PeakFinderNarrow.inc"
 
-template <bool kReversed>
-bool NarrowChunk(const PeakFinderParams& p, std::int64_t start, int n) {
-  alignas(32) std::int16_t ring[kWindow][kNarrowChunk];
-  alignas(32) std::uint32_t energy[kNarrowChunk];
-  alignas(32) std::uint32_t bestEnergy[kNarrowChunk];
-  alignas(32) std::int32_t peak[kNarrowChunk];
-  for (auto& slot : ring)
-    std::fill(slot, slot + n, std::int16_t{0});
-  std::fill(energy, energy + n, 0u);
-  // Forward, a frame must beat the best energy so far (0 at first, so that it needs energy above 0);
-  // reversed, it must reach it, and starting from 1 makes that need energy above 0 too.
-  std::fill(bestEnergy, bestEnergy + n, kReversed ? 1u : 0u);
-  std::fill(peak, peak + n, 0);
-  const int count = p.frames;
-  const auto plane = [&](int f) { return static_cast<const std::uint16_t*>(p.planes[f]) + start; };
-  const auto load = [](const void* at) { return _mm256_load_si256(static_cast<const __m256i*>(at)); };
-  const auto loadu = [](const void* at) { return _mm256_loadu_si256(static_cast<const __m256i*>(at)); };
-  const auto store = [](void* at, __m256i v) { _mm256_store_si256(static_cast<__m256i*>(at), v); };
-  const __m256i flip = _mm256_set1_epi32(static_cast<int>(0xffff'0001u));
-  const __m256i high = _mm256_set1_epi16(static_cast<short>(0x10000u - kNarrowLimit));
-  // Difference j of sixteen pixels into its ring slot, the energy changes into the two vectors of
-  // energies, and the newer sample into the OR of all.
-  const auto step = [&](const std::uint16_t* before, const std::uint16_t* after, std::int16_t* slot, int i,
-                        __m256i& e0, __m256i& e1, __m256i& seen) {
-    const __m256i a = loadu(after + i);
-    const __m256i d = _mm256_sub_epi16(a, loadu(before + i));
-    seen = _mm256_or_si256(seen, a);
-    const __m256i o = load(slot + i);
-    store(slot + i, d);
-    const __m256i p0 = _mm256_unpacklo_epi16(d, o), p1 = _mm256_unpackhi_epi16(d, o);
-    e0 = _mm256_add_epi32(e0, _mm256_madd_epi16(p0, _mm256_sign_epi16(p0, flip)));
-    e1 = _mm256_add_epi32(e1, _mm256_madd_epi16(p1, _mm256_sign_epi16(p1, flip)));
-  };
-  const auto inRange = [&](__m256i seen) { return _mm256_testz_si256(seen, high) != 0; };
-  // The best energy and frame of eight pixels after energy e of frame k.
-  const auto track = [](__m256i e, __m256i k, __m256i& best, __m256i& at) {
-    const __m256i top = _mm256_max_epu32(best, e);
+// AVX2's vectors for the kernel of limited range.
+struct Avx2Words {
+  using Vec = __m256i;
+  static constexpr int kLanes = 16;
+  static Vec Load(const void* at) { return _mm256_load_si256(static_cast<const __m256i*>(at)); }
+  static Vec LoadU(const void* at) { return _mm256_loadu_si256(static_cast<const __m256i*>(at)); }
+  static void Store(void* at, Vec v) { _mm256_store_si256(static_cast<__m256i*>(at), v); }
+  static Vec Zero() { return _mm256_setzero_si256(); }
+  static Vec Broadcast(int v) { return _mm256_set1_epi32(v); }
+  static Vec Or(Vec a, Vec b) { return _mm256_or_si256(a, b); }
+  static Vec Sub16(Vec a, Vec b) { return _mm256_sub_epi16(a, b); }
+  static bool Below(Vec seen, unsigned limit) {
+    return _mm256_testz_si256(seen, _mm256_set1_epi16(static_cast<short>(0x10000u - limit))) != 0;
+  }
+  static Vec PairLo(Vec a, Vec b) { return _mm256_unpacklo_epi16(a, b); }
+  static Vec PairHi(Vec a, Vec b) { return _mm256_unpackhi_epi16(a, b); }
+  static Vec AddChange(Vec e, Vec p) {
+    const Vec flip = _mm256_set1_epi32(static_cast<int>(0xffff'0001u));  // 16-bit lanes (1, -1)
+    return _mm256_add_epi32(e, _mm256_madd_epi16(p, _mm256_sign_epi16(p, flip)));
+  }
+  template <bool kReversed>
+  static void Track(Vec e, Vec k, Vec& best, Vec& at) {
+    const Vec top = _mm256_max_epu32(best, e);
     at = kReversed ? _mm256_blendv_epi8(at, k, _mm256_cmpeq_epi32(top, e))
                    : _mm256_blendv_epi8(k, at, _mm256_cmpeq_epi32(top, best));
     best = top;
-  };
-
-  // Differences 1 .. 8 fill the ring; no window is complete yet. The first frame is only ever an
-  // earlier sample, so it joins the OR here.
-  __m256i seen = _mm256_setzero_si256();
-  for (int i = 0; i < n; i += kNarrowLanes)
-    seen = _mm256_or_si256(seen, loadu(plane(0) + i));
-  int j = 1;
-  for (; j < kWindow && j + 1 < count; ++j) {
-    for (int i = 0; i < n; i += kNarrowLanes) {
-      __m256i e0 = load(energy + i), e1 = load(energy + i + 8);
-      step(plane(j - 1), plane(j + 1), ring[j % kWindow], i, e0, e1, seen);
-      store(energy + i, e0);
-      store(energy + i + 8, e1);
-    }
   }
-  for (int i = 0; count > 1 && i < n; i += kNarrowLanes)
-    seen = _mm256_or_si256(seen, loadu(plane(1) + i));
-  if (!inRange(seen)) return false;
-  // Four frames per pass over the chunk, the frames of the next pass fetched ahead.
-  constexpr int kUnroll = 4;
-  for (; j + kUnroll < count; j += kUnroll) {
-    const std::uint16_t* s[kUnroll + 2];
-    for (int u = 0; u < kUnroll + 2; ++u)
-      s[u] = plane(j - 1 + u);
-    const std::uint16_t* ahead[kUnroll];
-    for (int u = 0; u < kUnroll; ++u)
-      ahead[u] = plane(std::min(j + kUnroll + 1 + u, count - 1));
-    std::int16_t* slot[kUnroll];
-    __m256i k[kUnroll];
-    for (int u = 0; u < kUnroll; ++u) {
-      slot[u] = ring[(j + u) % kWindow];
-      k[u] = _mm256_set1_epi32(j + u - kHalfWindow);
-    }
-    for (int i = 0; i < n; i += kNarrowLanes) {
-      if (i % 32 == 0) {
-        for (const std::uint16_t* f : ahead)
-          _mm_prefetch(reinterpret_cast<const char*>(f + i), _MM_HINT_T0);
-      }
-      __m256i e0 = load(energy + i), e1 = load(energy + i + 8);
-      __m256i b0 = load(bestEnergy + i), b1 = load(bestEnergy + i + 8);
-      __m256i a0 = load(peak + i), a1 = load(peak + i + 8);
-      for (int u = 0; u < kUnroll; ++u) {
-        step(s[u], s[u + 2], slot[u], i, e0, e1, seen);
-        track(e0, k[u], b0, a0);
-        track(e1, k[u], b1, a1);
-      }
-      store(energy + i, e0);
-      store(energy + i + 8, e1);
-      store(bestEnergy + i, b0);
-      store(bestEnergy + i + 8, b1);
-      store(peak + i, a0);
-      store(peak + i + 8, a1);
-    }
-    if (!inRange(seen)) return false;
-  }
-  for (; j + 1 < count; ++j) {
-    const __m256i k = _mm256_set1_epi32(j - kHalfWindow);
-    for (int i = 0; i < n; i += kNarrowLanes) {
-      __m256i e0 = load(energy + i), e1 = load(energy + i + 8);
-      __m256i b0 = load(bestEnergy + i), b1 = load(bestEnergy + i + 8);
-      __m256i a0 = load(peak + i), a1 = load(peak + i + 8);
-      step(plane(j - 1), plane(j + 1), ring[j % kWindow], i, e0, e1, seen);
-      track(e0, k, b0, a0);
-      track(e1, k, b1, a1);
-      store(energy + i, e0);
-      store(energy + i + 8, e1);
-      store(bestEnergy + i, b0);
-      store(bestEnergy + i + 8, b1);
-      store(peak + i, a0);
-      store(peak + i + 8, a1);
-    }
-  }
-  if (!inRange(seen)) return false;
-  for (int i = 0; i < n; i += kNarrowLanes) {
-    for (int e = 0; e < kNarrowLanes; ++e)
-      p.peaks[start + i + NarrowPixel(e)] = peak[i + e];
-  }
-  return true;
-}
-
-// Chunks of limited range through the integer kernel, the others through the kernel in doubles;
-// the last pixels (fewer than sixteen) of a chunk through the generic body.
-void WordsRange(const PeakFinderParams& p, std::int64_t first, std::int64_t end) {
-  for (std::int64_t start = first; start < end; start += kNarrowChunk) {
-    const int n = static_cast<int>(std::min<std::int64_t>(end - start, kNarrowChunk));
-    const int whole = n / kNarrowLanes * kNarrowLanes;
-    const bool narrow =
-        whole > 0 && (p.reversed ? NarrowChunk<true>(p, start, whole) : NarrowChunk<false>(p, start, whole));
-    if (!narrow) {
-      WideRange(p, start, start + n);
-    } else if (whole < n) {
-      Range<std::uint16_t, std::int64_t, std::int64_t>(p, start + whole, start + n);
-    }
-  }
-}
+};
 
 }  // namespace
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 
+void FindPeaksAvx2Wide(const PeakFinderParams& params, std::int64_t first, std::int64_t end) {
+  WideRange(params, first, end);
+}
+
 void FindPeaksAvx2(const PeakFinderParams& params, std::int64_t first, std::int64_t end) {
   if (params.sampleBytes == 1) {
     BytesRange<Avx2Bytes>(params, first, end);
   } else {
-    WordsRange(params, first, end);
+    WordsRange<Avx2Words>(params, first, end, &WideRange);
   }
 }
 

@@ -25,13 +25,15 @@ namespace AnalysisCore = ::Quarn::Metrology::Analysis::Core;
 // The result is a stored frame: for a reversed scan, frame p sits where frame F - p of a forward
 // scan would, and the generator mirrors it so.
 //
-// 8- and 16-bit scans run a vectorised path (AVX2 where the processor has it, else SSE2) that
-// sums the squared differences exactly (as integers, 64-bit ones for 16-bit samples; the AVX2 16-bit
-// kernel in doubles, which hold these sums below 2^53 exactly) and updates each pixel's best frame
-// without a branch; 32-bit scans, and `FindPeakFramesReference` always, run the plain path, one
-// pixel after another in doubles. All sums are exact, so the paths find the same frames, and the
-// result does not depend on the number of threads (rows are shared among them; `threads` < 1 means
-// every processor).
+// 8- and 16-bit scans run a vectorised path (AVX2 with FMA where the processor has them, for 8-bit
+// scans AVX-512 with BW and VNNI where it has those too, else SSE2) that sums the squared
+// differences exactly and updates each pixel's best frame without a branch: as integers, 64-bit ones
+// for 16-bit samples; the AVX2 16-bit kernel in unsigned 32-bit integers where a run of pixels stays
+// below 2^14 (as 12- and 14-bit cameras deliver it), else in doubles, which hold these sums below
+// 2^53 exactly. 32-bit scans, and `FindPeakFramesReference` always, run the plain path, one pixel
+// after another in doubles. All sums are exact, so the paths find the same frames, and the result
+// does not depend on the number of threads (rows are shared among them; `threads` < 1 means every
+// processor).
 //
 // `peakFrames` is resized to the frame buffer's window.
 QUARN_PP_EXPORT void FindPeakFrames(AnalysisCore::FrameBuffer& frames, AnalysisCore::IntMatrix2D& peakFrames,

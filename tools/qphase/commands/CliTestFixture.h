@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -14,9 +15,12 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace Quarn::Qphase {
+
+using ::testing::HasSubstr;  // what the tool printed holds a text; on failure gmock shows all of it
 
 struct RunResult {
   int status = -1;
@@ -30,6 +34,13 @@ inline std::string Slurp(const std::string& path) {
   std::stringstream text;
   text << in.rdbuf();
   return text.str();
+}
+
+// The number printed after `label` in the tool's output ("centre of mass x 652.464, y 518.873"), or
+// NaN when the label is absent.
+inline double NumberAfter(const std::string& text, const std::string& label) {
+  const std::size_t at = text.find(label);
+  return at == std::string::npos ? std::nan("") : std::strtod(text.c_str() + at + label.size(), nullptr);
 }
 
 class CliTestFixture : public ::testing::Test {

@@ -44,7 +44,7 @@ TEST_F(QphaseCliTest, PsiWritesMapsAndAPreview) {
   const RunResult result = Run("psi " + stack + " -o " + Path("phase.tif") + " --modulation " +
                                Path("mod.tif") + " --png " + Path("phase.png") + " --threads 2");
   ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_NE(result.out.find("algorithm sliding13: 100.0 % valid"), std::string::npos) << result.out;
+  EXPECT_THAT(result.out, HasSubstr("algorithm sliding13: 100.0 % valid"));
   EXPECT_EQ(Files(), (std::vector<std::string>{"mod.tif", "phase.png", "phase.tif", "stack16.tif"}));
   EXPECT_GT(fs::file_size(Path("phase.png")), 1000u);
 }
@@ -86,7 +86,7 @@ TEST_F(QphaseCliTest, UsageErrorsAreExitStatus2WithTheProblemNamed) {
   for (const auto& [arguments, message] : cases) {
     const RunResult result = Run("psi " + arguments);
     EXPECT_EQ(result.status, 2) << arguments;
-    EXPECT_NE(result.err.find(message), std::string::npos) << arguments << ": " << result.err;
+    EXPECT_THAT(result.err, HasSubstr(message)) << arguments;
     EXPECT_EQ(result.err.find(".partial-"), std::string::npos) << result.err;
     EXPECT_EQ(result.err.find("1797693"), std::string::npos) << "no raw limit of a type: " << result.err;
   }
@@ -98,7 +98,7 @@ TEST_F(QphaseCliTest, NoValidPixelIsExitStatus1AndNothingIsWritten) {
   const RunResult result = Run("psi " + flat + " -o " + Path("phase.tif") + " --modulation " +
                                Path("mod.tif") + " --png " + Path("p.png"));
   EXPECT_EQ(result.status, 1);
-  EXPECT_NE(result.err.find("no valid pixel in " + flat), std::string::npos) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("no valid pixel in " + flat));
   EXPECT_EQ(Files(), std::vector<std::string>{"flat.tif"}) << "a failed run must not leave files";
   EXPECT_EQ(Run("psi " + flat + " -o " + Path("phase.tif") + " --min-modulation 0.5").status, 0);
 }

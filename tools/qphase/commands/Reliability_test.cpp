@@ -282,8 +282,7 @@ TEST_F(ReliabilityTest, EveryHazardEndsWithItsStatusAndMessageAndLeavesTheFolder
     } else {
       const RunResult result = Run(arguments);
       EXPECT_EQ(result.status, hazard.status) << arguments << "\n" << result.err;
-      EXPECT_NE(result.err.find(Expand(hazard.message)), std::string::npos) << arguments << "\n"
-                                                                            << result.err;
+      EXPECT_THAT(result.err, HasSubstr(Expand(hazard.message))) << arguments;
     }
     if (!variable.empty()) unsetenv(variable.c_str());
     // Nothing added or removed (the stdout/stderr captures are removed by Run), nothing changed.
@@ -302,8 +301,7 @@ TEST_F(ReliabilityTest, EveryHazardEndsWithItsStatusAndMessageAndLeavesTheFolder
   if (hasDevice_) {
     const RunResult result = Run(Expand("psi {D}/stack.tif -o {D}/null"));
     EXPECT_EQ(result.status, 2);
-    EXPECT_NE(result.err.find("is a character device; an output must be a regular file"), std::string::npos)
-        << result.err;
+    EXPECT_THAT(result.err, HasSubstr("is a character device; an output must be a regular file"));
     struct stat info {};
     EXPECT_TRUE(stat(Path("null").c_str(), &info) == 0 && S_ISCHR(info.st_mode)) << "the device node stays";
   }

@@ -7,10 +7,9 @@ import threading
 
 import numpy as np
 import pytest
-import tifffile
 
 import quarn
-from conftest import psi_stack, wrapped
+from conftest import cli_matches, psi_stack, wrapped
 from test_film import STACK
 
 
@@ -32,12 +31,8 @@ def test_psi_gives_the_tilt_back_and_the_clis_maps(tmp_path, qphase, frames, dty
     # twice the mean at most) make that 0.02 rad for 80 counts, far less for 1500.
     assert np.max(np.abs(wrapped(result["phase"] - phi))) < (0.02 if dtype == np.uint8 else 0.002)
 
-    tifffile.imwrite(tmp_path / "s.tif", stack)
-    qphase("psi", tmp_path / "s.tif", "-o", tmp_path / "p.tif", "--modulation", tmp_path / "m.tif",
-           "--max-value", max_value)
-    # The tool writes float32: the same doubles, rounded once.
-    np.testing.assert_array_equal(tifffile.imread(tmp_path / "p.tif"), result["phase"].astype(np.float32))
-    np.testing.assert_array_equal(tifffile.imread(tmp_path / "m.tif"), result["modulation"].astype(np.float32))
+    cli_matches(qphase, tmp_path, stack, result, "psi", {"-o": "phase", "--modulation": "modulation"},
+                "--max-value", max_value)
 
 
 def test_strided_and_reversed_inputs_equal_the_contiguous_one():
@@ -110,9 +105,7 @@ def test_psi_check_reads_the_shifter_error_as_the_cli_does(tmp_path, qphase):
     # 5 % too far: 94.5 degrees; rounding 1500-count fringes moves it by well under 0.3 degrees.
     assert abs(result["step_deg_median"] - 94.5) < 0.3
     assert result["gain_correction"] < 0  # moving too far reads negative
-    tifffile.imwrite(tmp_path / "s.tif", stack)
-    out = qphase("psi-check", tmp_path / "s.tif", "-o", tmp_path / "steps.tif", "--max-value", 4095)
-    np.testing.assert_array_equal(tifffile.imread(tmp_path / "steps.tif"), result["step_values"].astype(np.float32))
+    out = cli_matches(qphase, tmp_path, stack, result, "psi-check", {"-o": "step_values"}, "--max-value", 4095)
     assert f"gain correction {result['gain_correction']:+.5f}" in out
 
 
@@ -130,9 +123,7 @@ def test_carrier_gives_the_bowl_back_and_the_clis_map(tmp_path, qphase):
     difference = wrapped(result["phase"] - bowl)[inner]
     difference = wrapped(difference - np.angle(np.nanmean(np.exp(1j * difference))))
     assert np.nanmax(np.abs(difference)) < 0.05
-    tifffile.imwrite(tmp_path / "f.tif", frame)
-    qphase("carrier", tmp_path / "f.tif", "-o", tmp_path / "p.tif")
-    np.testing.assert_array_equal(tifffile.imread(tmp_path / "p.tif"), result["phase"].astype(np.float32))
+    cli_matches(qphase, tmp_path, frame, result, "carrier", {"-o": "phase"})
 
 
 def test_quadrants_cancel_the_carrier_error():
@@ -159,8 +150,8 @@ def test_spot_is_found_where_it_was_put(tmp_path, qphase):
     # A noise-free Gaussian on a flat background: its centre of mass within a tenth of a pixel.
     assert abs(result["spots"][0]["center_of_mass_x"] - 100.0) < 0.1
     assert abs(result["spots"][0]["center_of_mass_y"] - 40.0) < 0.1
-    tifffile.imwrite(tmp_path / "i.tif", image)
-    out = qphase("spot", tmp_path / "i.tif", "--center", "80,60", "--radius", 55, "--obscuration", 5)
+    out = cli_matches(qphase, tmp_path, image, result, "spot", {}, "--center", "80,60", "--radius", 55,
+                      "--obscuration", 5)
     assert f"centre of mass x {result['properties']['Region.0.CenterOfMassX']}," in out
 
 
@@ -234,11 +225,8 @@ def test_swli_gives_the_plane_back_and_the_clis_heights(tmp_path, qphase, algori
     # every 80 nm with 8-bit rounding locates to well within 40 nm; the fringe phase to a few nm.
     offset, tolerance = (80.0, 40.0) if algorithm == "centroid" else (0.0, 5.0)
     assert np.max(np.abs(result["height"] - offset - height)) < tolerance
-    tifffile.imwrite(tmp_path / "scan.tif", scan)
-    qphase("swli", tmp_path / "scan.tif", "-o", tmp_path / "h.tif", "--scan-step", 80, "--algorithm", algorithm,
-           "--intensity", tmp_path / "i.tif")
-    np.testing.assert_array_equal(tifffile.imread(tmp_path / "h.tif"), result["height"].astype(np.float32))
-    np.testing.assert_array_equal(tifffile.imread(tmp_path / "i.tif"), result["intensity"].astype(np.float32))
+    cli_matches(qphase, tmp_path, scan, result, "swli", {"-o": "height", "--intensity": "intensity"},
+                "--scan-step", 80, "--algorithm", algorithm)
 
 
 @pytest.mark.parametrize("algorithm,wavelength_nm", [("centroid", None), ("fda", None), ("fda", 600.0)])
@@ -251,11 +239,8 @@ def test_swli_on_a_fine_scan_equals_the_cli_with_the_same_defaults(tmp_path, qph
     extra = () if wavelength_nm is None else ("--wavelength", wavelength_nm)
     result = quarn.swli(scan, scan_step_nm=20.0, algorithm=algorithm, wavelength_nm=wavelength_nm)
     assert result["status"] == "ok", result["message"]
-    tifffile.imwrite(tmp_path / "scan.tif", scan)
-    line = qphase("swli", tmp_path / "scan.tif", "-o", tmp_path / "h.tif", "--scan-step", 20, "--algorithm",
-                  algorithm, "--intensity", tmp_path / "i.tif", *extra)
-    np.testing.assert_array_equal(tifffile.imread(tmp_path / "h.tif"), result["height"].astype(np.float32))
-    np.testing.assert_array_equal(tifffile.imread(tmp_path / "i.tif"), result["intensity"].astype(np.float32))
+    line = cli_matches(qphase, tmp_path, scan, result, "swli", {"-o": "height", "--intensity": "intensity"},
+                       "--scan-step", 20, "--algorithm", algorithm, *extra)
 
     # The record carries what the tool's summary line states.
     assert result["period_source"] == ("measured" if wavelength_nm is None else "wavelength")

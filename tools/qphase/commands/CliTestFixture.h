@@ -77,6 +77,17 @@ class CliTestFixture : public ::testing::Test {
     return result;
   }
 
+  // Runs `arguments` as Run does and expects exit status `status` and, where given, `text` in what
+  // the run printed: standard output after a success, standard error after a failure.
+  RunResult RunExpecting(int status, const std::string& arguments, const std::string& text = "") const {
+    RunResult result = Run(arguments);
+    EXPECT_EQ(result.status, status) << arguments << "\n" << result.err;
+    if (!text.empty()) {
+      EXPECT_THAT(status == 0 ? result.out : result.err, HasSubstr(text)) << arguments;
+    }
+    return result;
+  }
+
   // The names of the files in the work directory, sorted.
   std::vector<std::string> Files() const {
     std::vector<std::string> names;

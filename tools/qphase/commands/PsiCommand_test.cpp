@@ -84,9 +84,7 @@ TEST_F(QphaseCliTest, UsageErrorsAreExitStatus2WithTheProblemNamed) {
       {seven + out + " --png " + dir_.string() + "/./p.tif", "name the same file"},
   };
   for (const auto& [arguments, message] : cases) {
-    const RunResult result = Run("psi " + arguments);
-    EXPECT_EQ(result.status, 2) << arguments;
-    EXPECT_THAT(result.err, HasSubstr(message)) << arguments;
+    const RunResult result = RunExpecting(2, "psi " + arguments, message);
     EXPECT_EQ(result.err.find(".partial-"), std::string::npos) << result.err;
     EXPECT_EQ(result.err.find("1797693"), std::string::npos) << "no raw limit of a type: " << result.err;
   }
@@ -95,10 +93,10 @@ TEST_F(QphaseCliTest, UsageErrorsAreExitStatus2WithTheProblemNamed) {
 
 TEST_F(QphaseCliTest, NoValidPixelIsExitStatus1AndNothingIsWritten) {
   const std::string flat = WriteStack("flat.tif", 7, 2.0);  // modulation of 4 counts: far below 15 %
-  const RunResult result = Run("psi " + flat + " -o " + Path("phase.tif") + " --modulation " +
-                               Path("mod.tif") + " --png " + Path("p.png"));
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("no valid pixel in " + flat));
+  RunExpecting(1,
+               "psi " + flat + " -o " + Path("phase.tif") + " --modulation " + Path("mod.tif") + " --png " +
+                   Path("p.png"),
+               "no valid pixel in " + flat);
   EXPECT_EQ(Files(), std::vector<std::string>{"flat.tif"}) << "a failed run must not leave files";
   EXPECT_EQ(Run("psi " + flat + " -o " + Path("phase.tif") + " --min-modulation 0.5").status, 0);
 }

@@ -100,8 +100,7 @@ TEST_F(SpotCommandTest, OutcomesAreReportedNotFailedAndTheOptionsReachTheDetecto
       {deep, " --saturation 250", {"position: TooManySaturatedPixels"}},
   };
   for (const auto& c : cases) {
-    const RunResult result = Run("spot " + c.frame + kWiring + c.options);
-    EXPECT_EQ(result.status, 0) << c.options << result.err;
+    const RunResult result = RunExpecting(0, "spot " + c.frame + kWiring + c.options);
     for (const std::string& text : c.printed)
       EXPECT_THAT(result.out, HasSubstr(text)) << c.options;
   }
@@ -116,21 +115,14 @@ TEST_F(SpotCommandTest, NonFiniteNumbersUndefinedParametersAndUnwritableOutputsL
   for (const char* options :
        {"--center nan,64 --radius 60 --obscuration 5", "--center 80,64 --radius nan --obscuration 5",
         "--center 80,64 --radius 60 --obscuration inf",
-        "--center 80,64 --radius 60 --obscuration 5 --saturation nan"}) {
-    const RunResult result = Run("spot " + frame + " " + options + outputs);
-    EXPECT_EQ(result.status, 2) << options;
-    EXPECT_THAT(result.err, HasSubstr("is not a finite number"));
-  }
-
-  RunResult result =
-      Run("spot " + frame + " --center 80,64 --radius 1.7976931348623157e308 --obscuration 5" + outputs);
-  EXPECT_EQ(result.status, 1) << result.out;
-  EXPECT_THAT(result.err, HasSubstr("detection in " + frame + " failed: error 4"));
-
-  result =
-      Run("spot " + frame + kWiring + " --json " + Path("no/dir/out.json") + " --png " + Path("out.png"));
-  EXPECT_EQ(result.status, 2);
-  EXPECT_THAT(result.err, HasSubstr("no/dir"));
+        "--center 80,64 --radius 60 --obscuration 5 --saturation nan"})
+    RunExpecting(2, "spot " + frame + " " + options + outputs, "is not a finite number");
+  RunExpecting(1,
+               "spot " + frame + " --center 80,64 --radius 1.7976931348623157e308 --obscuration 5" + outputs,
+               "detection in " + frame + " failed: error 4");
+  RunExpecting(2,
+               "spot " + frame + kWiring + " --json " + Path("no/dir/out.json") + " --png " + Path("out.png"),
+               "no/dir");
   EXPECT_TRUE(Leftovers({"spot.tif"}).empty()) << "failed runs must not leave files";
 }
 

@@ -1,6 +1,7 @@
 // A scratch folder per test and a way to run the qphase executable in it, for the tests that see
 // the tool from a shell: exit status, standard output and error, and what is left on disk.
-// The test target defines QPHASE_BINARY, the path of the executable under test.
+// A test target that runs the tool defines QPHASE_BINARY, the path of the executable under test;
+// without it the fixture is the scratch folder alone.
 #pragma once
 
 #include <sys/wait.h>
@@ -62,6 +63,7 @@ class CliTestFixture : public ::testing::Test {
 
   std::string Path(const std::string& name) const { return (dir_ / name).string(); }
 
+#ifdef QPHASE_BINARY
   // Runs `qphase <subcommand><arguments>` through the shell (so arguments are shell text).
   RunResult Run(const std::string& arguments) const {
     const std::string out = Path("stdout.txt"), err = Path("stderr.txt");
@@ -87,6 +89,7 @@ class CliTestFixture : public ::testing::Test {
     }
     return result;
   }
+#endif
 
   // The names of the files in the work directory, sorted.
   std::vector<std::string> Files() const {

@@ -58,10 +58,9 @@ class SpotCommandTest : public CliTestFixture {
 // position and the whole result dictionary as text, the overlay written, and nothing else left.
 TEST_F(SpotCommandTest, OneSpotIsNamedWithItsMomentsAndWrittenToJsonAndPng) {
   const std::string frame = WriteFrame("spot.tif", {{50.3, 30.6, 2.5, 2.5, 200}});
-  const RunResult result =
-      Run("spot " + frame + kWiring + " --json " + Path("spot.json") + " --png " + Path("spot.png"));
-  ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_THAT(result.out, HasSubstr("position: Quadrant2 (one spot, left of and above"));
+  const RunResult result = RunExpecting(
+      0, "spot " + frame + kWiring + " --json " + Path("spot.json") + " --png " + Path("spot.png"),
+      "position: Quadrant2 (one spot, left of and above");
   EXPECT_NEAR(NumberAfter(result.out, "centre of mass x "), 50.3, 0.05) << result.out;
   EXPECT_NEAR(NumberAfter(result.out, ", y "), 30.6, 0.05) << result.out;
   // The box of the spot's pixels reaches a few sigma (2.5 pixels) out from the centre on every side.
@@ -218,9 +217,8 @@ TEST_P(RealSpotTest, OneSpotWhereTheLightIs) {
   ASSERT_GT(n, 100) << "a beam, not a hot pixel";
   const double radius = std::sqrt(n / 3.14159265358979), cx = wx / w, cy = wy / w;
 
-  const RunResult result = Run("spot " + file + " --center 640,480 --radius 450 --obscuration 10");
-  ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_THAT(result.out, HasSubstr(std::string("position: ") + GetParam().quadrant));
+  const RunResult result = RunExpecting(0, "spot " + file + " --center 640,480 --radius 450 --obscuration 10",
+                                        std::string("position: ") + GetParam().quadrant);
   EXPECT_THAT(result.out, ::testing::Not(HasSubstr("spot 1:"))) << "one spot only";
   const double x = NumberAfter(result.out, "centre of mass x "), y = NumberAfter(result.out, ", y ");
   EXPECT_LT(std::hypot(x - cx, y - cy), 0.1 * radius)

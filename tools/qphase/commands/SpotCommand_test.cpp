@@ -101,7 +101,7 @@ TEST_F(SpotCommandTest, OutcomesAreReportedNotFailedAndTheOptionsReachTheDetecto
   for (const auto& c : cases) {
     const RunResult result = RunExpecting(0, "spot " + c.frame + kWiring + c.options);
     for (const std::string& text : c.printed)
-      EXPECT_THAT(result.out, HasSubstr(text)) << c.options;
+      EXPECT_THAT(result.out, HasSubstr(text)) << c.frame << c.options;
   }
 }
 

@@ -1,6 +1,5 @@
 """The jobs from Python: known surfaces back, the CLI's maps to the bit, the tool's refusals."""
 import os
-import resource
 import subprocess
 import sys
 import threading

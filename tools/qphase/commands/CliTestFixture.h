@@ -19,6 +19,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Analysis/Core/FrameBuffer.h"
+#include "Synthetic/SyntheticPsi.h"
+#include "TiffIO.h"
+
 namespace Quarn::Qphase {
 
 using ::testing::HasSubstr;  // what the tool printed holds a text; on failure gmock shows all of it
@@ -90,6 +94,23 @@ class CliTestFixture : public ::testing::Test {
     return result;
   }
 #endif
+
+  // Writes `name` in the work folder, a stack of `frames` 8-bit frames of tilted fringes (bias 120,
+  // `amplitude` counts) shifted as the 7-, 20- or (any other count) sliding 13-frame model expects,
+  // and returns its path.
+  std::string WritePsiStack(const std::string& name, int frames, double amplitude = 80.0, int rows = 24,
+                            int cols = 32) const {
+    Core::FrameBuffer stack;
+    stack.Allocate(Core::Window2D(0, 0, rows, cols), frames, Core::FrameBuffer::kRes8Bit);
+    const std::vector<double> shifts = frames == 7    ? Testing::ShiftsFor7()
+                                       : frames == 20 ? Testing::ShiftsFor20()
+                                                      : Testing::ShiftsForSliding13(frames);
+    Testing::FillPsiStack(stack, shifts, [amplitude](int r, int c) {
+      return Testing::PixelFringe{120.0, amplitude, 0.2 * c - 0.1 * r};
+    });
+    WriteTiffStack(Path(name), stack);
+    return Path(name);
+  }
 
   // The names of the files in the work directory, sorted.
   std::vector<std::string> Files() const {

@@ -10,37 +10,19 @@
 
 #include <gtest/gtest.h>
 
-#include "Analysis/Core/FrameBuffer.h"
 #include "CliTestFixture.h"
-#include "Synthetic/SyntheticPsi.h"
-#include "TiffIO.h"
 
 namespace Quarn::Qphase {
 namespace {
 
 namespace fs = std::filesystem;
 
-class QphaseCliTest : public CliTestFixture {
- protected:
-  // A stack of `frames` 8-bit frames of the 7-, 20- or (any other count) 13-frame model.
-  std::string WriteStack(const std::string& name, int frames, double amplitude = 80.0) const {
-    Core::FrameBuffer stack;
-    stack.Allocate(Core::Window2D(0, 0, 24, 32), frames, Core::FrameBuffer::kRes8Bit);
-    const std::vector<double> shifts = frames == 7    ? Testing::ShiftsFor7()
-                                       : frames == 20 ? Testing::ShiftsFor20()
-                                                      : Testing::ShiftsForSliding13(frames);
-    Testing::FillPsiStack(stack, shifts, [amplitude](int r, int c) {
-      return Testing::PixelFringe{120.0, amplitude, 0.2 * c - 0.1 * r};
-    });
-    WriteTiffStack(Path(name), stack);
-    return Path(name);
-  }
-};
+using QphaseCliTest = CliTestFixture;
 
 // More than 13 frames and not 20 take the sliding kernel; every output lands under its own name
 // and no temporary is left behind.
 TEST_F(QphaseCliTest, PsiWritesMapsAndAPreview) {
-  const std::string stack = WriteStack("stack16.tif", 16);
+  const std::string stack = WritePsiStack("stack16.tif", 16);
   RunExpecting(0,
                "psi " + stack + " -o " + Path("phase.tif") + " --modulation " + Path("mod.tif") + " --png " +
                    Path("phase.png") + " --threads 2",
@@ -53,7 +35,7 @@ TEST_F(QphaseCliTest, PsiWritesMapsAndAPreview) {
 // usage errors (exit 2) whose message names the file or the option and, for values, the allowed
 // range in plain numbers; nothing is written, and no temporary name is shown.
 TEST_F(QphaseCliTest, UsageErrorsAreExitStatus2WithTheProblemNamed) {
-  const std::string seven = WriteStack("seven.tif", 7), twelve = WriteStack("twelve.tif", 12);
+  const std::string seven = WritePsiStack("seven.tif", 7), twelve = WritePsiStack("twelve.tif", 12);
   std::ofstream(Path("notes.tif")) << "plain text\n";
   TIFF* tiff = TIFFOpen(Path("empty.tif").c_str(), "w");  // one page of 0 x 0 pixels
   TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, 0u);
@@ -92,7 +74,7 @@ TEST_F(QphaseCliTest, UsageErrorsAreExitStatus2WithTheProblemNamed) {
 }
 
 TEST_F(QphaseCliTest, NoValidPixelIsExitStatus1AndNothingIsWritten) {
-  const std::string flat = WriteStack("flat.tif", 7, 2.0);  // modulation of 4 counts: far below 15 %
+  const std::string flat = WritePsiStack("flat.tif", 7, 2.0);  // modulation of 4 counts: far below 15 %
   RunExpecting(1,
                "psi " + flat + " -o " + Path("phase.tif") + " --modulation " + Path("mod.tif") + " --png " +
                    Path("p.png"),

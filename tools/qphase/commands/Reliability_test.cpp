@@ -24,26 +24,13 @@
 #include <gtest/gtest.h>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
-#include "Analysis/Core/FrameBuffer.h"
 #include "CliTestFixture.h"
-#include "Synthetic/SyntheticPsi.h"
 #include "TiffIO.h"
 
 namespace Quarn::Qphase {
 namespace {
 
 namespace fs = std::filesystem;
-
-// A 7-frame PSI stack of tilted fringes, `rows` x `cols` 8-bit pixels.
-void WritePsiStack(const std::string& path, int rows, int cols, int frames = 7) {
-  Core::FrameBuffer stack;
-  stack.Allocate(Core::Window2D(0, 0, rows, cols), frames, Core::FrameBuffer::kRes8Bit);
-  Testing::FillPsiStack(stack, frames == 7 ? Testing::ShiftsFor7() : Testing::ShiftsForSliding13(frames),
-                        [](int r, int c) {
-                          return Testing::PixelFringe{120.0, 80.0, 0.2 * c - 0.1 * r};
-                        });
-  WriteTiffStack(path, stack);
-}
 
 // One page that declares `side` x `side` 8-bit pixels behind a single deflate strip of `stored`
 // arbitrary bytes: a few kilobytes that would make a careless reader allocate side^2 bytes.
@@ -138,8 +125,8 @@ class ReliabilityTest : public CliTestFixture {
  protected:
   void SetUp() override {
     CliTestFixture::SetUp();
-    WritePsiStack(Path("stack.tif"), 24, 32);
-    WritePsiStack(Path("big.tif"), 1024, 2048, 13);  // a run long enough to be interrupted
+    WritePsiStack("stack.tif", 7);
+    WritePsiStack("big.tif", 13, 80.0, 1024, 2048);  // a run long enough to be interrupted
     std::ofstream(Path("old.tif")) << "an earlier result\n";
     fs::create_directory(Path("dir"));
     mkfifo(Path("fifo").c_str(), 0600);
@@ -147,7 +134,7 @@ class ReliabilityTest : public CliTestFixture {
     WriteMap(Path("q3.tif"), 16, 16, 2.0);
     WriteDeclaredPage(Path("bomb.tif"), 32768, 65536);
     WriteDamagedJpegStack(Path("jpegbad.tif"));
-    WritePsiStack(Path("loop.tif"), 8, 8, 13);
+    WritePsiStack("loop.tif", 13, 80.0, 8, 8);
     MakeDirectoryLoop(Path("loop.tif"));
     fs::create_symlink(Path("missing.tif"), Path("dangling.tif"));
     // A device node, as `-o /dev/null` would meet as root: only where this process may make one.

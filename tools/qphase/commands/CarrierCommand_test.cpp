@@ -49,17 +49,6 @@ class CarrierCliTest : public CliTestFixture {
     WriteTiffStack(Path(name), frames);
     return Path(name);
   }
-
-  std::string WriteMap(const std::string& name, int rows, int cols,
-                       const std::function<double(int, int)>& value) const {
-    Core::DoubleMatrix2D map(rows, cols);
-    for (int r = 0; r < rows; ++r) {
-      for (int c = 0; c < cols; ++c)
-        map(r, c) = value(r, c);
-    }
-    WriteFloatTiff(Path(name), map);
-    return Path(name);
-  }
 };
 
 // The written phase is the surface's in radians, up to a constant; 8 pixels from the frame edge

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -19,6 +20,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Analysis/Core/DoubleMatrix2D.h"
 #include "Analysis/Core/FrameBuffer.h"
 #include "Synthetic/SyntheticPsi.h"
 #include "TiffIO.h"
@@ -109,6 +111,18 @@ class CliTestFixture : public ::testing::Test {
       return Testing::PixelFringe{120.0, amplitude, 0.2 * c - 0.1 * r};
     });
     WriteTiffStack(Path(name), stack);
+    return Path(name);
+  }
+
+  // Writes `name` in the work folder, a float map of `value(row, column)`, and returns its path.
+  std::string WriteMap(const std::string& name, int rows, int cols,
+                       const std::function<double(int, int)>& value) const {
+    Core::DoubleMatrix2D map(rows, cols);
+    for (int r = 0; r < rows; ++r) {
+      for (int c = 0; c < cols; ++c)
+        map(r, c) = value(r, c);
+    }
+    WriteFloatTiff(Path(name), map);
     return Path(name);
   }
 

@@ -106,12 +106,6 @@ void MakeDirectoryLoop(const std::string& path) {
   file.write(bytes, 4);
 }
 
-void WriteMap(const std::string& path, int rows, int cols, double value) {
-  Core::DoubleMatrix2D map(rows, cols);
-  map.SetAll(value);
-  WriteFloatTiff(path, map);
-}
-
 struct Hazard {
   const char* item;       // the hazard, as the row's name in failure messages
   std::string arguments;  // shell text after "qphase"; {D} is the work folder
@@ -130,8 +124,8 @@ class ReliabilityTest : public CliTestFixture {
     std::ofstream(Path("old.tif")) << "an earlier result\n";
     fs::create_directory(Path("dir"));
     mkfifo(Path("fifo").c_str(), 0600);
-    WriteMap(Path("q1.tif"), 16, 16, 1.0);
-    WriteMap(Path("q3.tif"), 16, 16, 2.0);
+    WriteMap("q1.tif", 16, 16, [](int, int) { return 1.0; });
+    WriteMap("q3.tif", 16, 16, [](int, int) { return 2.0; });
     WriteDeclaredPage(Path("bomb.tif"), 32768, 65536);
     WriteDamagedJpegStack(Path("jpegbad.tif"));
     WritePsiStack("loop.tif", 13, 80.0, 8, 8);

@@ -10,6 +10,7 @@
 #include "Analysis/Core/DebugChannel.h"
 #include "Analysis/Core/NoData.h"
 #include "Analysis/Core/SampleDispatch.h"
+#include "Swli/FrameBlockEvaluator.h"
 #include "Swli/detail/SignalLoaders.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
@@ -294,14 +295,23 @@ void PhaseGenerator::ProcessPixelsAs(int thread, int begin, int end, Status& fai
     return PixelLoop<Stored>(detail::ReversedWhole{geometry}, thread, begin, end, signal, trace);
   }
   if (ring) return PixelLoop<Stored>(detail::ForwardRing{geometry}, thread, begin, end, signal, trace);
-  if (windowed)
-    return PixelLoop<Stored>(detail::ForwardWindowed{geometry}, thread, begin, end, signal, trace);
+  if (windowed) {
+    // An algorithm that evaluates blocks of pixels itself takes them straight from the frame planes
+    // (not while tracing, which is per pixel, nor with a pixel stride).
+    FrameBlockEvaluator* blocks = nullptr;
+    if (useFastPath_ && trace.empty() && algorithm.GetSkipCount() == 1 && SameSize(*peakFrames_, *surface_) &&
+        SameSize(*auxiliary_, *surface_)) {
+      blocks = dynamic_cast<FrameBlockEvaluator*>(&algorithm);
+      if (blocks && !blocks->BeginFrameBlocks(thread, frames_->GetElementRes(), stored, q)) blocks = nullptr;
+    }
+    return PixelLoop<Stored>(detail::ForwardWindowed{geometry}, thread, begin, end, signal, trace, blocks);
+  }
   return PixelLoop<Stored>(detail::ForwardWhole{geometry}, thread, begin, end, signal, trace);
 }
 
 template <typename Stored, typename Loader>
 void PhaseGenerator::PixelLoop(const Loader& load, int thread, int begin, int end, double* signal,
-                               const std::vector<int>& tracePixels) {
+                               const std::vector<int>& tracePixels, FrameBlockEvaluator* blocks) {
   PhaseAlgorithm& algorithm = *runAlgorithm_;
   const int skip = algorithm.GetSkipCount();
   const std::int64_t step = std::max(skip, 1);
@@ -326,6 +336,30 @@ void PhaseGenerator::PixelLoop(const Loader& load, int thread, int begin, int en
       algorithm.RemoveFringes(thread, pixel, peak);
     }
   };
+
+  if (blocks) {
+    // Blocks of up to 64 pixels, cut at multiples of 64 so that each frame's samples of a block are
+    // whole cache lines; the pixels the algorithm leaves are loaded and evaluated one by one.
+    std::int64_t first = begin;
+    while (first < end) {
+      const std::int64_t last =
+          std::min<std::int64_t>(end, (first / FramePlaneBlock::kPixels + 1) * FramePlaneBlock::kPixels);
+      const int pixel = static_cast<int>(first);
+      FramePlaneBlock block;
+      block.slots = slots;
+      block.firstPixel = pixel;
+      block.width = static_cast<int>(last - first);
+      block.peaks = peaks + pixel;
+      block.auxiliary = aux + pixel;
+      block.mask = mask + pixel;
+      for (std::uint64_t left = blocks->ProcessFrameBlock(thread, block); left != 0; left &= left - 1) {
+        const int at = pixel + __builtin_ctzll(left);
+        visit(at, detail::PixelSamples<Stored>{slots, at});
+      }
+      first = last;
+    }
+    return;
+  }
 
   if (!useFastPath_) {
     // Reference: every sample straight from its frame.

@@ -1,6 +1,7 @@
 #include "Swli/PhaseGenerator.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -339,7 +340,13 @@ void PhaseGenerator::PixelLoop(const Loader& load, int thread, int begin, int en
 
   if (blocks) {
     // Blocks of up to 64 pixels, cut at multiples of 64 so that each frame's samples of a block are
-    // whole cache lines; the pixels the algorithm leaves are loaded and evaluated one by one.
+    // whole cache lines. The pixels the algorithm leaves are loaded and evaluated one by one: a few
+    // straight from the frames, many (peaks to be estimated from whole signals, say) through the
+    // transposing copy, as the pixel path would.
+    constexpr int kFewLeft = 4;
+    const int stored = frames_->GetFramesStored();
+    const int rowLength = detail::BlockRowLength(stored);
+    std::vector<Stored> transposed;
     std::int64_t first = begin;
     while (first < end) {
       const std::int64_t last =
@@ -352,9 +359,24 @@ void PhaseGenerator::PixelLoop(const Loader& load, int thread, int begin, int en
       block.peaks = peaks + pixel;
       block.auxiliary = aux + pixel;
       block.mask = mask + pixel;
-      for (std::uint64_t left = blocks->ProcessFrameBlock(thread, block); left != 0; left &= left - 1) {
-        const int at = pixel + __builtin_ctzll(left);
-        visit(at, detail::PixelSamples<Stored>{slots, at});
+      const std::uint64_t left = blocks->ProcessFrameBlock(thread, block);
+      if (std::popcount(left) > kFewLeft) {
+        if (transposed.empty())
+          transposed.resize(static_cast<std::size_t>(detail::kBlockPixels) *
+                            static_cast<std::size_t>(rowLength));
+        int lo = stored, hi = 0;
+        for (std::uint64_t bits = left; bits != 0; bits &= bits - 1)
+          load.Needs(peaks[pixel + std::countr_zero(bits)], lo, hi);
+        detail::CopyBlock<Stored>(slots, lo, hi, pixel, block.width, rowLength, transposed.data());
+        for (std::uint64_t bits = left; bits != 0; bits &= bits - 1) {
+          const int offset = std::countr_zero(bits);
+          visit(pixel + offset, detail::BlockSamples<Stored>{transposed.data(), offset, rowLength});
+        }
+      } else {
+        for (std::uint64_t bits = left; bits != 0; bits &= bits - 1) {
+          const int at = pixel + std::countr_zero(bits);
+          visit(at, detail::PixelSamples<Stored>{slots, at});
+        }
       }
       first = last;
     }

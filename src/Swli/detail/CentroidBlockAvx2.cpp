@@ -65,7 +65,9 @@ void CentroidBlockSums8Avx2(const CentroidBlockInput<std::uint8_t>& in, Centroid
       sum = _mm256_add_epi16(sum, _mm256_and_si256(row(f), inWindow(f)));
 
     // |q d - D| of frame f, and the same masked to the lanes' windows.
-    const auto deviation = [&](int f) { return _mm256_abs_epi16(_mm256_sub_epi16(_mm256_sll_epi16(row(f), shift), sum)); };
+    const auto deviation = [&](int f) {
+      return _mm256_abs_epi16(_mm256_sub_epi16(_mm256_sll_epi16(row(f), shift), sum));
+    };
     const auto maskedDeviation = [&](int f) { return _mm256_and_si256(deviation(f), inWindow(f)); };
     // Frames go in pairs, interleaved per lane so that one multiply-add of 16-bit pairs gives the two
     // frames' contribution as one 32-bit sum: the unpacks pair lanes 0-3 and 8-11 (low) and 4-7 and
@@ -77,7 +79,8 @@ void CentroidBlockSums8Avx2(const CentroidBlockInput<std::uint8_t>& in, Centroid
       const __m256i a = core ? deviation(f) : maskedDeviation(f);
       const __m256i b = core ? deviation(f + 1) : maskedDeviation(f + 1);
       const __m256i low = _mm256_unpacklo_epi16(a, b), high = _mm256_unpackhi_epi16(a, b);
-      const __m256i weights = _mm256_set1_epi32(static_cast<int>((static_cast<unsigned>(f + 2) << 16) | (f + 1)));
+      const __m256i weights =
+          _mm256_set1_epi32(static_cast<int>((static_cast<unsigned>(f + 2) << 16) | (f + 1)));
       deviationLow = _mm256_add_epi32(deviationLow, _mm256_madd_epi16(low, ones));
       deviationHigh = _mm256_add_epi32(deviationHigh, _mm256_madd_epi16(high, ones));
       momentLow = _mm256_add_epi32(momentLow, _mm256_madd_epi16(low, weights));

@@ -110,7 +110,9 @@ EnvelopeSumsFunction SelectEnvelopeSums() {
   return allowAvx2 && __builtin_cpu_supports("avx2") ? &EnvelopeSumsAvx2 : &EnvelopeSumsBaseline;
 }
 const EnvelopeSumsFunction EnvelopeSums = SelectEnvelopeSums();
-const detail::CentroidBlockSums8Function CentroidBlockSums8 = detail::SelectCentroidBlockSums8();
+const detail::CentroidBlockSumsFunction<std::uint8_t> CentroidBlockSums8 = detail::SelectCentroidBlockSums8();
+const detail::CentroidBlockSumsFunction<std::uint16_t> CentroidBlockSums16 =
+    detail::SelectCentroidBlockSums16();
 
 constexpr int kLanes = detail::kCentroidLanes;
 static_assert(kLanes == FramePlaneBlock::kPixels);
@@ -267,6 +269,8 @@ std::uint64_t PhaseAlgorithmCentroid::ProcessFrameBlockAs(BlockScratch& scratch,
   detail::CentroidBlockSums& sums = scratch.sums;
   if constexpr (sizeof(Stored) == 1) {
     CentroidBlockSums8(input, sums);
+  } else if constexpr (sizeof(Stored) == 2) {
+    CentroidBlockSums16(input, sums);
   } else {
     detail::CentroidBlockSumsPlain(input, sums);
   }

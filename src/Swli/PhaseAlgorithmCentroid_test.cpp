@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -123,43 +124,53 @@ TEST(PhaseAlgorithmCentroidTest, ThresholdAndScanEndsDecideWhichPixelsGetAHeight
   }
 }
 
-// The block kernel against the plain one, lane by lane, on random copies: windows anywhere in copies
+// The block kernels against the plain one, lane by lane, on random copies: windows anywhere in copies
 // of q to 2q frames (the widest the block path makes), unused lanes, and samples drawn from the
-// extremes as well as from all 256 values, so that the 16-bit lanes of the vector kernel meet their
-// largest sums (q x 255) and deviations. The sums are exact integers: equal, not close.
-TEST(CentroidBlockKernelTest, TheSelectedKernelMatchesThePlainOneLaneByLane) {
-  Testing::SeededRandom random(53);
-  SCOPED_TRACE(random.Describe());
-  const auto kernel = detail::SelectCentroidBlockSums8();
+// extremes as well as from the whole range, so that the integer lanes of the vector kernels meet their
+// largest sums (q x the largest sample) and deviations. The sums are exact integers: equal, not close.
+template <typename Stored>
+void CheckBlockKernel(detail::CentroidBlockSumsFunction<Stored> kernel, Testing::SeededRandom& random) {
+  const int top = std::numeric_limits<Stored>::max();
   for (const int q : {64, 128}) {
     for (int trial = 0; trial < 40; ++trial) {
       const int frames = random.UniformInt(q, 2 * q);
-      std::vector<std::uint8_t> copy(static_cast<std::size_t>(frames + 1) * detail::kCentroidLanes);
-      const int style = trial % 4;  // 0: any value, 1: 0 or 255, 2: all 255, 3: 255 with few zeros
-      for (std::uint8_t& v : copy) {
-        const int any = random.UniformInt(0, 255);
-        v = static_cast<std::uint8_t>(style == 0   ? any
-                                      : style == 1 ? (any & 1) * 255
-                                      : style == 2 ? 255
-                                                   : (any < 8 ? 0 : 255));
+      std::vector<Stored> copy(static_cast<std::size_t>(frames + 1) * detail::kCentroidLanes);
+      const int style =
+          trial % 4;  // 0: any value, 1: 0 or the top, 2: all the top, 3: the top with few zeros
+      for (Stored& v : copy) {
+        const int any = random.UniformInt(0, top);
+        const int extreme = style == 1 ? (any & 1) * top : style == 2 ? top : (any < top / 32 ? 0 : top);
+        v = static_cast<Stored>(style == 0 ? any : extreme);
       }
       int start[detail::kCentroidLanes];
       for (int& s : start)
         s = random.UniformInt(0, 9) == 0 ? -1 : random.UniformInt(0, frames - q);
       if (trial % 5 == 0) std::fill(start, start + detail::kCentroidLanes, frames - q);  // one common window
-      const detail::CentroidBlockInput<std::uint8_t> input{copy.data(), frames, q, start};
+      const detail::CentroidBlockInput<Stored> input{copy.data(), frames, q, start};
       detail::CentroidBlockSums fast{}, plain{};
       kernel(input, fast);
       detail::CentroidBlockSumsPlain(input, plain);
       for (int lane = 0; lane < detail::kCentroidLanes; ++lane) {
-        ASSERT_EQ(fast.samples[lane], plain.samples[lane])
-            << "q " << q << " trial " << trial << " lane " << lane;
-        ASSERT_EQ(fast.deviations[lane], plain.deviations[lane])
-            << "q " << q << " trial " << trial << " lane " << lane;
-        ASSERT_EQ(fast.moments[lane], plain.moments[lane])
-            << "q " << q << " trial " << trial << " lane " << lane;
+        const std::string where =
+            "q " + std::to_string(q) + " trial " + std::to_string(trial) + " lane " + std::to_string(lane);
+        ASSERT_EQ(fast.samples[lane], plain.samples[lane]) << where;
+        ASSERT_EQ(fast.deviations[lane], plain.deviations[lane]) << where;
+        ASSERT_EQ(fast.moments[lane], plain.moments[lane]) << where;
       }
     }
+  }
+}
+
+TEST(CentroidBlockKernelTest, TheSelectedKernelsMatchThePlainOneLaneByLane) {
+  Testing::SeededRandom random(53);
+  SCOPED_TRACE(random.Describe());
+  {
+    SCOPED_TRACE("8-bit");
+    CheckBlockKernel(detail::SelectCentroidBlockSums8(), random);
+  }
+  {
+    SCOPED_TRACE("16-bit");
+    CheckBlockKernel(detail::SelectCentroidBlockSums16(), random);
   }
 }
 

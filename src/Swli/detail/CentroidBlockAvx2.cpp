@@ -13,9 +13,9 @@ constexpr int kGroup = 16;  // lanes of 16-bit integers in one register
 constexpr short kUnused = 0x4000;
 }  // namespace
 
-// Bounds that keep every lane within its integer width (q <= 128, 8-bit samples, frameCount <= 2q):
-// D <= 128 x 255 = 32640 and |q d - D| <= 32640 fit 16 bits; the sums over frames are 32-bit, with
-// sum (j + 1) |q d - D| <= 257 x 128 x 32640 < 2^31.
+// 8-bit samples. Bounds that keep every lane within its integer width (q <= 128, 8-bit samples, frameCount <=
+// 2q): D <= 128 x 255 = 32640 and |q d - D| <= 32640 fit 16 bits; the sums over frames are 32-bit, with sum
+// (j + 1) |q d - D| <= 257 x 128 x 32640 < 2^31.
 void CentroidBlockSums8Avx2(const CentroidBlockInput<std::uint8_t>& in, CentroidBlockSums& out) {
   const int frames = in.frameCount;
   const int q = in.q;
@@ -107,6 +107,85 @@ void CentroidBlockSums8Avx2(const CentroidBlockInput<std::uint8_t>& in, Centroid
       out.deviations[lane] = dev;
       // Weights counted from the copy's start; the lane's own count starts at its window.
       out.moments[lane] = moments[half][slot] - start[i] * dev;
+    }
+  }
+}
+
+// 16-bit samples: eight lanes of 32-bit integers at a time. D <= 128 x 65535 < 2^23 and
+// |q d - D| < 2^23; their sum over a window stays below 2^30, and the weighted sums, up to
+// 257 x 2^30, are 64-bit: the products of the even and of the odd lanes, each a 32 x 32-bit multiply.
+void CentroidBlockSums16Avx2(const CentroidBlockInput<std::uint16_t>& in, CentroidBlockSums& out) {
+  constexpr int kWide = 8;  // lanes of 32-bit integers in one register
+  const int frames = in.frameCount;
+  const int q = in.q;
+  const __m128i shift = _mm_cvtsi32_si128(q == 128 ? 7 : 6);
+  const __m256i lastOffset = _mm256_set1_epi32(q - 1);
+  for (int group = 0; group < kCentroidLanes; group += kWide) {
+    alignas(32) int start[kWide];
+    int coreLo = 0, coreHi = frames;
+    bool used = false;
+    for (int i = 0; i < kWide; ++i) {
+      const int s = in.start[group + i];
+      if (s < 0) {
+        start[i] = kUnused;
+        continue;
+      }
+      start[i] = s;
+      used = true;
+      coreLo = std::max(coreLo, s);
+      coreHi = std::min(coreHi, s + q);
+    }
+    if (!used) {
+      for (int i = 0; i < kWide; ++i)
+        out.samples[group + i] = out.deviations[group + i] = out.moments[group + i] = 0;
+      continue;
+    }
+    if (coreHi <= coreLo) coreLo = coreHi = frames;
+    const __m256i windowStart = _mm256_load_si256(reinterpret_cast<const __m256i*>(start));
+    const auto inWindow = [&](int f) {
+      const __m256i offset = _mm256_sub_epi32(_mm256_set1_epi32(f), windowStart);
+      return _mm256_cmpeq_epi32(_mm256_min_epu32(offset, lastOffset), offset);
+    };
+    const std::uint16_t* column = in.frames + group;
+    const auto row = [column](int f) {
+      return _mm256_cvtepu16_epi32(_mm_loadu_si128(
+          reinterpret_cast<const __m128i*>(column + static_cast<std::ptrdiff_t>(f) * kCentroidLanes)));
+    };
+
+    __m256i sum = _mm256_setzero_si256();
+    for (int f = 0; f < coreLo; ++f)
+      sum = _mm256_add_epi32(sum, _mm256_and_si256(row(f), inWindow(f)));
+    for (int f = coreLo; f < coreHi; ++f)
+      sum = _mm256_add_epi32(sum, row(f));
+    for (int f = coreHi; f < frames; ++f)
+      sum = _mm256_add_epi32(sum, _mm256_and_si256(row(f), inWindow(f)));
+
+    __m256i deviationSum = _mm256_setzero_si256();
+    __m256i momentEven = _mm256_setzero_si256(), momentOdd = _mm256_setzero_si256();
+    for (int f = 0; f < frames; ++f) {
+      __m256i a = _mm256_abs_epi32(_mm256_sub_epi32(_mm256_sll_epi32(row(f), shift), sum));
+      if (f < coreLo || f >= coreHi) a = _mm256_and_si256(a, inWindow(f));
+      const __m256i weight = _mm256_set1_epi64x(f + 1);
+      deviationSum = _mm256_add_epi32(deviationSum, a);
+      momentEven = _mm256_add_epi64(momentEven, _mm256_mul_epu32(a, weight));
+      momentOdd = _mm256_add_epi64(momentOdd, _mm256_mul_epu32(_mm256_srli_epi64(a, 32), weight));
+    }
+
+    alignas(32) int sums[kWide], deviations[kWide];
+    alignas(32) std::int64_t moments[2][4];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(sums), sum);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(deviations), deviationSum);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(moments[0]), momentEven);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(moments[1]), momentOdd);
+    for (int i = 0; i < kWide; ++i) {
+      const int lane = group + i;
+      if (start[i] == kUnused) {
+        out.samples[lane] = out.deviations[lane] = out.moments[lane] = 0;
+        continue;
+      }
+      out.samples[lane] = sums[i];
+      out.deviations[lane] = deviations[i];
+      out.moments[lane] = moments[i % 2][i / 2] - static_cast<std::int64_t>(start[i]) * deviations[i];
     }
   }
 }

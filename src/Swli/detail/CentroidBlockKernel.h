@@ -59,14 +59,18 @@ void CentroidBlockSumsPlain(const CentroidBlockInput<Stored>& in, CentroidBlockS
   }
 }
 
-// 8-bit samples in AVX2: sixteen lanes of 16-bit integers at a time, the lanes masked to their own
-// windows where the block's windows differ. Needs frameCount <= 2 q and one readable frame past the
-// copy's end (its contents do not matter). Only call it on a processor with AVX2.
+// The same in AVX2, the lanes masked to their own windows where the block's windows differ: 8-bit
+// samples sixteen lanes of 16-bit integers at a time, 16-bit samples eight lanes of 32 bits. They
+// need frameCount <= 2 q and one readable frame past the copy's end (its contents do not matter).
+// Only call them on a processor with AVX2.
 void CentroidBlockSums8Avx2(const CentroidBlockInput<std::uint8_t>& in, CentroidBlockSums& out);
+void CentroidBlockSums16Avx2(const CentroidBlockInput<std::uint16_t>& in, CentroidBlockSums& out);
 
-// The 8-bit kernel this processor runs: AVX2 where it has it, else the plain one; QUARN_SWLI_ISA=sse2
-// keeps the plain one (to compare the paths on one machine). Exported for the kernel's test.
-using CentroidBlockSums8Function = void (*)(const CentroidBlockInput<std::uint8_t>&, CentroidBlockSums&);
-QUARN_PP_EXPORT CentroidBlockSums8Function SelectCentroidBlockSums8();
+// The kernels this processor runs: AVX2 where it has it, else the plain one; QUARN_SWLI_ISA=sse2
+// keeps the plain one (to compare the paths on one machine). Exported for the kernels' test.
+template <typename Stored>
+using CentroidBlockSumsFunction = void (*)(const CentroidBlockInput<Stored>&, CentroidBlockSums&);
+QUARN_PP_EXPORT CentroidBlockSumsFunction<std::uint8_t> SelectCentroidBlockSums8();
+QUARN_PP_EXPORT CentroidBlockSumsFunction<std::uint16_t> SelectCentroidBlockSums16();
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail

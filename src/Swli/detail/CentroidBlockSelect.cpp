@@ -6,17 +6,20 @@
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 
 namespace {
-void CentroidBlockSums8Plain(const CentroidBlockInput<std::uint8_t>& in, CentroidBlockSums& out) {
-  CentroidBlockSumsPlain(in, out);
-}
-}  // namespace
-
-CentroidBlockSums8Function SelectCentroidBlockSums8() {
+bool UseAvx2() {
   const char* cap = std::getenv("QUARN_SWLI_ISA");
   const bool allowAvx2 = !cap || std::strcmp(cap, "sse2") != 0;
   __builtin_cpu_init();
-  if (allowAvx2 && __builtin_cpu_supports("avx2")) return &CentroidBlockSums8Avx2;
-  return &CentroidBlockSums8Plain;
+  return allowAvx2 && __builtin_cpu_supports("avx2");
+}
+}  // namespace
+
+CentroidBlockSumsFunction<std::uint8_t> SelectCentroidBlockSums8() {
+  return UseAvx2() ? &CentroidBlockSums8Avx2 : &CentroidBlockSumsPlain<std::uint8_t>;
+}
+
+CentroidBlockSumsFunction<std::uint16_t> SelectCentroidBlockSums16() {
+  return UseAvx2() ? &CentroidBlockSums16Avx2 : &CentroidBlockSumsPlain<std::uint16_t>;
 }
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail

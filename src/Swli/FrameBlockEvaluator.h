@@ -23,13 +23,25 @@ struct FramePlaneBlock {
   const double* mask = nullptr;
 };
 
+// FrameBlockRun
+//
+// What the blocks of one range share: the sample width, the frames stored (the whole scan), the
+// signal size q, and the scan direction (reversed: each window is mirrored into scan order and the
+// peak frame p handed to the algorithm becomes F - p, as the reversed windowed loader does).
+struct FrameBlockRun {
+  Analysis::Core::FrameBuffer::ElementRes resolution = Analysis::Core::FrameBuffer::kRes8Bit;
+  int framesStored = 0;
+  int signalSize = 0;
+  bool reversed = false;
+};
+
 // FrameBlockEvaluator
 //
 // An optional second face of a `PhaseAlgorithm`: an algorithm that can evaluate a block of pixels
 // straight from the frame planes, across the pixels at once, instead of one loaded signal at a time.
-// The generator offers it the blocks of a range only when the scan is forward and stored whole and
-// each pixel's signal is the window cut around its peak frame (the forward windowed loader), no pixel
-// of the range is traced and the pixel stride is 1; everything else runs pixel by pixel as before.
+// The generator offers it the blocks of a range only when the scan is stored whole and each pixel's
+// signal is the window cut around its peak frame (the windowed loaders, forward or reversed), no
+// pixel of the range is traced and the pixel stride is 1; everything else runs pixel by pixel.
 //
 // The results must be those of loading each pixel's window and calling `ProcessPixel` (and, for a
 // pixel that the mask skips, the fringe removal alone): bit for bit where the arithmetic allows it.
@@ -41,10 +53,9 @@ struct FramePlaneBlock {
 // algorithm's InitializeThread and FinalizeThread.
 class QUARN_PP_EXPORT FrameBlockEvaluator {
  public:
-  // Once per range before its blocks: whether this run's blocks can be evaluated here (sample width,
-  // frames stored and signal size as the run has them). False sends the whole range pixel by pixel.
-  virtual bool BeginFrameBlocks(int thread, Analysis::Core::FrameBuffer::ElementRes resolution,
-                                int framesStored, int signalSize) = 0;
+  // Once per range before its blocks: whether this run's blocks can be evaluated here. False sends
+  // the whole range pixel by pixel.
+  virtual bool BeginFrameBlocks(int thread, const FrameBlockRun& run) = 0;
   // Evaluates the block; returns the pixels left to the per-pixel path, bit i for pixel
   // firstPixel + i.
   virtual std::uint64_t ProcessFrameBlock(int thread, const FramePlaneBlock& block) = 0;

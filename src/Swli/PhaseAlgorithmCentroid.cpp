@@ -123,6 +123,7 @@ static_assert(kLanes == FramePlaneBlock::kPixels);
 struct PhaseAlgorithmCentroid::BlockScratch {
   Analysis::Core::AlignedBuffer frames;
   Analysis::Core::FrameBuffer::ElementRes resolution = Analysis::Core::FrameBuffer::kRes8Bit;
+  bool reversed = false;
   detail::CentroidBlockSums sums;
 };
 
@@ -163,17 +164,17 @@ void PhaseAlgorithmCentroid::FinalizeThread() {
   PhaseAlgorithm::FinalizeThread();
 }
 
-bool PhaseAlgorithmCentroid::BeginFrameBlocks(int thread, Analysis::Core::FrameBuffer::ElementRes resolution,
-                                              int framesStored, int signalSize) {
+bool PhaseAlgorithmCentroid::BeginFrameBlocks(int thread, const FrameBlockRun& run) {
   const int q = signalSize_;
   // Windows of q samples cut from a longer whole scan; the exact integer sums need q a power of two.
-  if (!useFastPath_ || blockIntensity_ == BlockIntensity::kUnsupported || signalSize != q ||
-      (q != 64 && q != 128) || framesStored != numberFrames_ || framesStored <= q)
+  if (!useFastPath_ || blockIntensity_ == BlockIntensity::kUnsupported || run.signalSize != q ||
+      (q != 64 && q != 128) || run.framesStored != numberFrames_ || run.framesStored <= q)
     return false;
   if (thread < 0 || thread >= static_cast<int>(blockScratch_.size())) return false;
   BlockScratch* scratch = blockScratch_[static_cast<std::size_t>(thread)].get();
   if (!scratch) return false;
-  scratch->resolution = resolution;
+  scratch->resolution = run.resolution;
+  scratch->reversed = run.reversed;
   return true;
 }
 
@@ -192,9 +193,12 @@ std::uint64_t PhaseAlgorithmCentroid::ProcessFrameBlockAs(BlockScratch& scratch,
   const int h = halfSignalSize_;
   const int stored = numberFrames_;
   std::uint64_t left = 0;
-  // Each lane's window (first frame) and the peak frame the pixel path would be handed, as the
-  // forward windowed loader cuts them: centred on the peak, or the first or last q frames with the
-  // peak moved to h or S - h - 1.
+  // Each lane's window (its first frame) and the peak frame the pixel path would be handed, as the
+  // windowed loaders cut them. Forward: centred on the peak, or the first or last q frames with the
+  // peak moved to h or S - h - 1. Reversed: frames p - h + 1 .. p + h mirrored, or the last or first
+  // q frames, and the peak mirrored to F - p (a mirrored peak of 0 or less makes the intensity a
+  // sliding maximum over the whole signal: the pixel path does that).
+  const bool reversed = scratch.reversed;
   int start[kLanes], peak[kLanes];
   int lo = stored, hi = 0;
   for (int i = 0; i < kLanes; ++i) {
@@ -207,7 +211,14 @@ std::uint64_t PhaseAlgorithmCentroid::ProcessFrameBlockAs(BlockScratch& scratch,
       left |= std::uint64_t{1} << i;
       continue;
     }
-    if (h <= p && p < stored - h) {
+    if (reversed) {
+      if (stored - p <= 0) {
+        left |= std::uint64_t{1} << i;
+        continue;
+      }
+      start[i] = p < h ? stored - q : p >= stored - h ? 0 : p - h + 1;
+      peak[i] = stored - p;
+    } else if (h <= p && p < stored - h) {
       start[i] = p - h;
       peak[i] = p;
     } else if (p < h) {
@@ -276,25 +287,30 @@ std::uint64_t PhaseAlgorithmCentroid::ProcessFrameBlockAs(BlockScratch& scratch,
   }
 
   // Per pixel: the modulation test at the window centre, the height, the intensity; the same
-  // integer-valued terms as the pixel path, so the same doubles.
+  // integer-valued terms as the pixel path, so the same doubles. o(j) is sample c + j of the pixel's
+  // signal in scan order (c = h, the window centre): a reversed window runs backwards through the copy.
+  const std::ptrdiff_t step = reversed ? -kLanes : kLanes;
+  const int centreOffset = reversed ? h - 1 : h;
   for (int i = 0; i < kLanes; ++i) {
     if (relative[i] < 0) continue;
     const int pixel = block.firstPixel + i;
-    const Stored* centre = copy + static_cast<std::ptrdiff_t>(relative[i] + h) * kLanes + i;
-    const auto d = [centre](int offset) {
-      return static_cast<std::int64_t>(centre[static_cast<std::ptrdiff_t>(offset) * kLanes]);
-    };
-    if (Analysis::Core::DoubleMatrix2D::IsDataValid(block.mask[i])) {
-      const std::int64_t m = std::llabs((d(0) - d(-2)) + (d(0) - d(2))) + std::llabs(2 * (d(-1) - d(1)));
+    const Stored* centre = copy + static_cast<std::ptrdiff_t>(relative[i] + centreOffset) * kLanes + i;
+    const auto o = [centre, step](int j) { return static_cast<std::int64_t>(centre[j * step]); };
+    // The pixel path gives a height only to a peak half a signal inside the scan (always so for a
+    // forward window; a reversed one at the scan's ends mirrors its peak outside).
+    if (Analysis::Core::DoubleMatrix2D::IsDataValid(block.mask[i]) && h <= peak[i] && peak[i] < stored - h) {
+      const std::int64_t m = std::llabs((o(0) - o(-2)) + (o(0) - o(2))) + std::llabs(2 * (o(-1) - o(1)));
       if (modulationThreshold_ <= static_cast<double>(m) && sums.deviations[i] > 0) {
-        double position =
-            static_cast<double>(sums.moments[i]) / static_cast<double>(sums.deviations[i]) + 1.0;
+        // Counted from the window's other end, the weights k of a reversed window are q + 1 - k.
+        const std::int64_t moment =
+            reversed ? (q + 1) * sums.deviations[i] - sums.moments[i] : sums.moments[i];
+        double position = static_cast<double>(moment) / static_cast<double>(sums.deviations[i]) + 1.0;
         position += peak[i] - h - 1;
         surface_->At(pixel) = position * scanIncrementValue_;
       }
     }
     if (blockIntensity_ == BlockIntensity::kStandard) {
-      const std::int64_t w = d(-4) + d(-3) + 3 * (d(-2) + d(-1) + d(0) + d(1)) + d(2) + d(3);
+      const std::int64_t w = o(-4) + o(-3) + 3 * (o(-2) + o(-1) + o(0) + o(1)) + o(2) + o(3);
       StoreIntensity(pixel, 0.0625 * static_cast<double>(w));
     } else if (blockIntensity_ == BlockIntensity::kBucket) {
       StoreIntensity(pixel, static_cast<double>(sums.samples[i]) * 0.015625);

@@ -38,8 +38,8 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 // is symmetric and noise-free: expect a few percent of the coherence length, where the frequency-
 // domain analysis reaches the nanometre.
 //
-// Blocks of pixels: where the generator offers them (a forward scan stored whole, windows cut around
-// the peaks), the centroid evaluates 64 pixels at once straight from the frame planes: their frames
+// Blocks of pixels: where the generator offers them (a scan stored whole, windows cut around the
+// peaks), the centroid evaluates 64 pixels at once straight from the frame planes: their frames
 // are copied once into a compact block, and the sums are formed across the pixels in exact integers
 // (the mean times q, a power of two, is an integer, and so is every scaled deviation), which give
 // the reference's heights and intensities bit for bit. Pixels whose peak must be estimated, and
@@ -56,8 +56,7 @@ class QUARN_PP_EXPORT PhaseAlgorithmCentroid : public PhaseAlgorithm, public Fra
   int ProcessPixel(int thread, int pixel, int peakFrame, int auxiliary) override;
   void PostProcess() override;
 
-  bool BeginFrameBlocks(int thread, Analysis::Core::FrameBuffer::ElementRes resolution, int framesStored,
-                        int signalSize) override;
+  bool BeginFrameBlocks(int thread, const FrameBlockRun& run) override;
   std::uint64_t ProcessFrameBlock(int thread, const FramePlaneBlock& block) override;
 
   // Fast paths (true, the default): blocks of pixels straight from the frame planes where the

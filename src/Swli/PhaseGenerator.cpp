@@ -289,24 +289,24 @@ void PhaseGenerator::ProcessPixelsAs(int thread, int begin, int end, Status& fai
   }
 
   const bool reversed = frames_->GetScanDirection() < 0;
+  // An algorithm that evaluates blocks of pixels itself takes those of a windowed run straight from
+  // the frame planes (not while tracing, which is per pixel, nor with a pixel stride).
+  FrameBlockEvaluator* blocks = nullptr;
+  if (windowed && useFastPath_ && trace.empty() && algorithm.GetSkipCount() == 1 &&
+      SameSize(*peakFrames_, *surface_) && SameSize(*auxiliary_, *surface_)) {
+    blocks = dynamic_cast<FrameBlockEvaluator*>(&algorithm);
+    const FrameBlockRun run{frames_->GetElementRes(), stored, q, reversed};
+    if (blocks && !blocks->BeginFrameBlocks(thread, run)) blocks = nullptr;
+  }
   if (reversed) {
     if (ring) return PixelLoop<Stored>(detail::ReversedRing{geometry}, thread, begin, end, signal, trace);
     if (windowed)
-      return PixelLoop<Stored>(detail::ReversedWindowed{geometry}, thread, begin, end, signal, trace);
+      return PixelLoop<Stored>(detail::ReversedWindowed{geometry}, thread, begin, end, signal, trace, blocks);
     return PixelLoop<Stored>(detail::ReversedWhole{geometry}, thread, begin, end, signal, trace);
   }
   if (ring) return PixelLoop<Stored>(detail::ForwardRing{geometry}, thread, begin, end, signal, trace);
-  if (windowed) {
-    // An algorithm that evaluates blocks of pixels itself takes them straight from the frame planes
-    // (not while tracing, which is per pixel, nor with a pixel stride).
-    FrameBlockEvaluator* blocks = nullptr;
-    if (useFastPath_ && trace.empty() && algorithm.GetSkipCount() == 1 && SameSize(*peakFrames_, *surface_) &&
-        SameSize(*auxiliary_, *surface_)) {
-      blocks = dynamic_cast<FrameBlockEvaluator*>(&algorithm);
-      if (blocks && !blocks->BeginFrameBlocks(thread, frames_->GetElementRes(), stored, q)) blocks = nullptr;
-    }
+  if (windowed)
     return PixelLoop<Stored>(detail::ForwardWindowed{geometry}, thread, begin, end, signal, trace, blocks);
-  }
   return PixelLoop<Stored>(detail::ForwardWhole{geometry}, thread, begin, end, signal, trace);
 }
 

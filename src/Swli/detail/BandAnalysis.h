@@ -42,6 +42,8 @@ struct BandAnalysisBlock {
   double* sky = nullptr;
 };
 
+// `powers`: the powers and each lane's strongest bin; `unwrapAndSum` (after the caller has filled
+// `wrapped`): the unwrapping and the sums.
 struct BandAnalysisFunctions {
   void (*powers)(const BandAnalysisBlock& block);
   void (*unwrapAndSum)(const BandAnalysisBlock& block);

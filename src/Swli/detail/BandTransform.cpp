@@ -49,7 +49,7 @@ bool BandTransform::Plan(int n, int firstBin, int lastBin) {
   size = n;
   first = firstBin;
   last = lastBin;
-  const int terms = n / 4 - 1;
+  const int terms = n / 4;
   paddedTerms = (terms + 3) / 4 * 4;
   for (int p = 0; p < 2; ++p) {
     firstOfParity[p] = (first % 2 == p) ? first : first + 1;
@@ -58,7 +58,6 @@ bool BandTransform::Plan(int n, int firstBin, int lastBin) {
     const std::size_t lanes = static_cast<std::size_t>(vectors[p]) * kLanes;
     cosines[p].assign(lanes * static_cast<std::size_t>(paddedTerms), 0.0);
     sines[p].assign(lanes * static_cast<std::size_t>(paddedTerms), 0.0);
-    quarterSign[p].assign(lanes, 0.0);
     for (int i = 0; i < count[p]; ++i) {
       const int k = firstOfParity[p] + 2 * i;
       const double binSign = (k % 2 == 0) ? 1.0 : -1.0;
@@ -66,16 +65,14 @@ bool BandTransform::Plan(int n, int firstBin, int lastBin) {
       for (int j = 1; j <= terms; ++j) {
         double c = 0.0, s = 0.0;
         Twiddle(static_cast<long long>(j) * k, n, c, s);
+        // The n/4 sample enters the folded sums twice (paired with itself): half its twiddle.
+        const double weight = j == terms ? 0.5 * binSign : binSign;
         const std::size_t at =
             (static_cast<std::size_t>(v) * paddedTerms + static_cast<std::size_t>(j - 1)) * kLanes +
             static_cast<std::size_t>(l);
-        cosines[p][at] = binSign * c;
-        sines[p][at] = binSign * s;
+        cosines[p][at] = weight * c;
+        sines[p][at] = weight * s;
       }
-      // The n/4 sample's term: cos(pi k / 2) = (-1)^(k/2) for even k, sin(pi k / 2) = (-1)^((k-1)/2)
-      // for odd k, times the bin's sign.
-      const int halfTurns = p == 0 ? k / 2 : (k - 1) / 2;
-      quarterSign[p][static_cast<std::size_t>(i)] = binSign * ((halfTurns % 2 == 0) ? 1.0 : -1.0);
     }
   }
   return true;

@@ -21,10 +21,10 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 //   cos(2 pi (n - j) k / n) = cos(2 pi j k / n),     sin(2 pi (n - j) k / n) = -sin(2 pi j k / n),
 //   cos(2 pi (n/2 - j) k / n) = (-1)^k cos(...),     sin(2 pi (n/2 - j) k / n) = -(-1)^k sin(...),
 //
-// into four sequences of n/4 - 1 sums (one pair for the even bins, one for the odd), and each bin is
-// then a sum of n/4 - 1 products per part: 15 for n = 64, against 64 in the plain sum. For integer
+// into four sequences of n/4 sums (one pair for the even bins, one for the odd), and each bin is then
+// a sum of n/4 products per part: 16 for n = 64, against 64 in the plain sum. For integer
 // samples (all the loaders deliver) the folded sums are exact, so a bin carries the roundings of its
-// 15 products and additions only, with twiddle factors rounded once from extended precision: at
+// 16 products and additions only, with twiddle factors rounded once from extended precision: at
 // least as accurate as a whole FFT, which rounds through log2 n stages of butterflies and twiddles
 // (the test measures both against an extended-precision sum).
 //
@@ -41,19 +41,18 @@ struct QUARN_PP_EXPORT BandTransform {
   static constexpr int kLanes = 4;
 
   int size = 0;
-  int paddedTerms = 0;  // n/4 - 1 rounded up to a multiple of 4
+  int paddedTerms = 0;  // n/4 rounded up to a multiple of 4
   int first = 0;
   int last = -1;
   // Per parity p (0 even, 1 odd): the band's bins of that parity (the lowest at firstOfParity[p],
-  // then every other bin), the number of vectors of four they fill, the twiddles as
-  // [vector][j - 1][lane] for j = 1 .. paddedTerms (sign (-1)^k included, padding lanes and terms 0), and per
-  // lane the sign that the n/4 sample's term takes in the real (even) or imaginary (odd) part.
+  // then every other bin), the number of vectors of four they fill, and the twiddles as
+  // [vector][j - 1][lane] for j = 1 .. paddedTerms (sign (-1)^k included, halved at j = n/4, 0 for
+  // padding lanes and terms).
   int count[2] = {0, 0};
   int firstOfParity[2] = {0, 0};
   int vectors[2] = {0, 0};
   std::vector<double> cosines[2];
   std::vector<double> sines[2];
-  std::vector<double> quarterSign[2];
 };
 
 // Writes bin first + b of the n samples at `x` to re[b * stride] and im[b * stride].

@@ -38,9 +38,9 @@ constexpr int kPaddedBandBins = 68;
 // among threads. The rounding (1e-6 bin) is far below any pixel's own uncertainty.
 constexpr double kWavenumberGrid = 1048576.0;
 
-// Pixels whose band is analysed together on the fast path: enough to fill the vector atan2 with
-// whole vectors of bins, few enough that a thread's spectra (32 x 33 complex for q = 64) stay in the
-// first-level cache between the transform and the analysis.
+// Pixels whose band is analysed together on the fast path: whole vectors of pixels for the analysis,
+// few enough that a thread's block (five arrays of band bins x 32 doubles, 11 KB for 9 bins) stays in
+// the first-level cache between the transforms and the analysis.
 constexpr int kBlockPixels = detail::kBandLanes;
 
 struct PhaseFit {
@@ -127,7 +127,7 @@ void PhaseAlgorithmFda::Initialize(int pass, int numberFrames, int qSize, const 
 // One thread's block of pixels waiting for the band analysis: bin after bin across the block's
 // pixels (lanes), the band's parts, powers, wrapped and unwrapped phases, each row a whole number of
 // vectors.
-struct PhaseAlgorithmFda::SpectrumBlock {
+struct PhaseAlgorithmFda::BandBlock {
   std::vector<double> re, im, power, wrapped, phase;
   int pixels[kBlockPixels] = {};
   int peaks[kBlockPixels] = {};
@@ -144,7 +144,7 @@ void PhaseAlgorithmFda::InitializeThread(int numberThreads) {
   if (!bandTransform_->Plan(signalSize_, firstBin_, lastBin_)) return;
   try {
     for (int t = 0; t < numberThreads; ++t) {
-      auto block = std::make_unique<SpectrumBlock>();
+      auto block = std::make_unique<BandBlock>();
       const std::size_t band = static_cast<std::size_t>(bandBins) * kBlockPixels;
       for (std::vector<double>* row : {&block->re, &block->im, &block->power, &block->wrapped, &block->phase})
         row->assign(band, 0.0);
@@ -152,7 +152,7 @@ void PhaseAlgorithmFda::InitializeThread(int numberThreads) {
     }
   } catch (const std::bad_alloc&) {
     blocks_.clear();
-    status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Allocation of spectra failed");
+    status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Allocation of the band blocks failed");
   }
 }
 
@@ -175,7 +175,7 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
     return RemoveFringes(thread, pixel, peakFrame);
 
   if (useFastPath_ && thread < static_cast<int>(blocks_.size())) {
-    SpectrumBlock& block = *blocks_[static_cast<std::size_t>(thread)];
+    BandBlock& block = *blocks_[static_cast<std::size_t>(thread)];
     const int n = block.count;
     kBandBins(*bandTransform_, d, block.re.data() + n, block.im.data() + n, kBlockPixels);
     block.pixels[n] = pixel;
@@ -226,7 +226,7 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
 }
 
 void PhaseAlgorithmFda::AnalyseBlock(int thread) {
-  SpectrumBlock& block = *blocks_[static_cast<std::size_t>(thread)];
+  BandBlock& block = *blocks_[static_cast<std::size_t>(thread)];
   ThreadState& state = threadStates_[static_cast<std::size_t>(thread)];
   const int count = block.count;
   block.count = 0;

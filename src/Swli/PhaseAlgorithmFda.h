@@ -66,7 +66,7 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
 
   using PhaseAlgorithm::Initialize;
   void Initialize(int pass, int numberFrames, int qSize, const Analysis::Core::Window2D& window) override;
-  // Besides the base's per-thread state, each thread's block of spectra on the fast path.
+  // Besides the base's per-thread state, each thread's block of band bins on the fast path.
   void InitializeThread(int numberThreads) override;
   void FinalizeThread() override;
   int ProcessPixel(int thread, int pixel, int peakFrame, int auxiliary) override;
@@ -110,7 +110,7 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
   }
 
  private:
-  struct SpectrumBlock;
+  struct BandBlock;
   // Unwraps the band of one pixel outwards from its strongest bin (-1: none), fits the phase line and
   // stores the pixel's fit record and coherence height. `power` holds the band's powers (0 for empty
   // bins) at stride `stride`, `angle(b)` the wrapped phase of band bin b.
@@ -129,7 +129,7 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
   std::unique_ptr<Analysis::Core::DataWindow2D<Analysis::Core::AdcPoint>> fitRecords_;
   double wavelength_ = 0.0;
   double halfWavelength_ = 0.0;
-  std::vector<std::unique_ptr<SpectrumBlock>> blocks_;    // per thread, fast path only
+  std::vector<std::unique_ptr<BandBlock>> blocks_;    // per thread, fast path only
   std::unique_ptr<detail::BandTransform> bandTransform_;  // the fast path's, shared by the threads
 };
 

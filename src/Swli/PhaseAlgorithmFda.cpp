@@ -152,7 +152,8 @@ void PhaseAlgorithmFda::InitializeThread(int numberThreads) {
     }
   } catch (const std::bad_alloc&) {
     blocks_.clear();
-    status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Allocation of the band blocks failed");
+    status_ =
+        Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Allocation of the band blocks failed");
   }
 }
 

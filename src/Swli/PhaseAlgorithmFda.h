@@ -129,7 +129,7 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
   std::unique_ptr<Analysis::Core::DataWindow2D<Analysis::Core::AdcPoint>> fitRecords_;
   double wavelength_ = 0.0;
   double halfWavelength_ = 0.0;
-  std::vector<std::unique_ptr<BandBlock>> blocks_;    // per thread, fast path only
+  std::vector<std::unique_ptr<BandBlock>> blocks_;        // per thread, fast path only
   std::unique_ptr<detail::BandTransform> bandTransform_;  // the fast path's, shared by the threads
 };
 

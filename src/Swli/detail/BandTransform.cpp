@@ -51,15 +51,21 @@ bool BandTransform::Plan(int n, int firstBin, int lastBin) {
   last = lastBin;
   const int terms = n / 4;
   paddedTerms = (terms + 3) / 4 * 4;
+  const int half = n / 2;
+  for (int k = first; k <= last; ++k) {
+    const int mirror = half - k;
+    if (mirror >= first && mirror <= last && mirror < k) continue;  // given by its lower mirror
+    bins[k % 2].push_back(k);
+    mirrors[k % 2].push_back(mirror > k && mirror <= last ? mirror : -1);
+  }
   for (int p = 0; p < 2; ++p) {
-    firstOfParity[p] = (first % 2 == p) ? first : first + 1;
-    count[p] = firstOfParity[p] > last ? 0 : (last - firstOfParity[p]) / 2 + 1;
-    vectors[p] = (count[p] + kLanes - 1) / kLanes;
+    const int count = static_cast<int>(bins[p].size());
+    vectors[p] = (count + kLanes - 1) / kLanes;
     const std::size_t lanes = static_cast<std::size_t>(vectors[p]) * kLanes;
     cosines[p].assign(lanes * static_cast<std::size_t>(paddedTerms), 0.0);
     sines[p].assign(lanes * static_cast<std::size_t>(paddedTerms), 0.0);
-    for (int i = 0; i < count[p]; ++i) {
-      const int k = firstOfParity[p] + 2 * i;
+    for (int i = 0; i < count; ++i) {
+      const int k = bins[p][static_cast<std::size_t>(i)];
       const double binSign = (k % 2 == 0) ? 1.0 : -1.0;
       const int v = i / kLanes, l = i % kLanes;
       for (int j = 1; j <= terms; ++j) {

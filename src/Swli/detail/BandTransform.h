@@ -28,6 +28,11 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 // least as accurate as a whole FFT, which rounds through log2 n stages of butterflies and twiddles
 // (the test measures both against an extended-precision sum).
 //
+// Bins k and n/2 - k share their twiddles up to the sign (-1)^j (cos(pi j - a) = (-1)^j cos a,
+// sin(pi j - a) = -(-1)^j sin a, and (-1)^k is the same for both): where both lie in the band only the
+// lower is summed, its terms of even and of odd j apart, and the upper is their difference. The
+// default band 13 .. 21 of 64 samples thus takes 6 bins' sums for its 9.
+//
 // The bins of one parity are evaluated four at a time in vector lanes (GCC's vector extensions):
 // with AVX2 and FMA where the processor has them (each product added with one rounding), else in
 // SSE2 pairs (product and sum rounded apart); QUARN_SWLI_ISA=sse2 caps the choice.
@@ -44,12 +49,12 @@ struct QUARN_PP_EXPORT BandTransform {
   int paddedTerms = 0;  // n/4 rounded up to a multiple of 4
   int first = 0;
   int last = -1;
-  // Per parity p (0 even, 1 odd): the band's bins of that parity (the lowest at firstOfParity[p],
-  // then every other bin), the number of vectors of four they fill, and the twiddles as
-  // [vector][j - 1][lane] for j = 1 .. paddedTerms (sign (-1)^k included, halved at j = n/4, 0 for
-  // padding lanes and terms).
-  int count[2] = {0, 0};
-  int firstOfParity[2] = {0, 0};
+  // Per parity p (0 even, 1 odd): the bins evaluated in lanes (`bins`; each with the band bin
+  // n/2 - k it also gives, or -1, in `mirrors`), the number of vectors of four they fill, and the
+  // twiddles as [vector][j - 1][lane] for j = 1 .. paddedTerms (sign (-1)^k included, halved at
+  // j = n/4, 0 for padding lanes and terms).
+  std::vector<int> bins[2];
+  std::vector<int> mirrors[2];
   int vectors[2] = {0, 0};
   std::vector<double> cosines[2];
   std::vector<double> sines[2];

@@ -90,8 +90,9 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
 
   // Fast path (true, the default): the band's bins of each pixel are summed directly from the signal
   // where the generator loaded it (detail/BandTransform.h: the samples folded by the transform's
-  // symmetries, then 15 products per part and bin for q = 64; at least as accurate as a whole FFT,
-  // and far cheaper for a band of 9 of 33 bins), into the thread's block of 32 pixels; a full block
+  // symmetries, then 16 products per part and bin for q = 64, six bins' sums giving the default
+  // band's nine; at least as accurate as a whole FFT, and cheaper for a band of 9 of 33 bins), into
+  // the thread's block of 32 pixels; a full block
   // is analysed across its pixels (detail/BandAnalysis.h): powers, the phases of every band bin in
   // one call of SLEEF's vector atan2 (within 3.5 ulp of libm's), the strongest bin, the unwrapping
   // and the fit's sums with vector lanes for pixels. A pixel's fit is thus written when its block is

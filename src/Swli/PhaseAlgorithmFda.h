@@ -88,19 +88,18 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
     lastBin_ = lastBin;
   }
 
-  // Fast path (true, the default): the band's bins of each pixel are summed directly from the signal
-  // where the generator loaded it (detail/BandTransform.h: the samples folded by the transform's
-  // symmetries, then 16 products per part and bin for q = 64, six bins' sums giving the default
-  // band's nine; at least as accurate as a whole FFT, and cheaper for a band of 9 of 33 bins), into
-  // the thread's block of 32 pixels; a full block
-  // is analysed across its pixels (detail/BandAnalysis.h): powers, the phases of every band bin in
-  // one call of SLEEF's vector atan2 (within 3.5 ulp of libm's), the strongest bin, the unwrapping
-  // and the fit's sums with vector lanes for pixels. A pixel's fit is thus written when its block is
-  // full, or in PostProcess for the last pixels of each thread. Heights agree with the plain path to
-  // some tens of ulp (the transforms' roundings differ), and are the same bit for bit on any number
-  // of threads. Plain path (false, the reference): one pixel at a time, its signal copied into
-  // FFTW's whole transform, libm's scalar atan2 on the bins it unwraps. Signal sizes that are not a
-  // multiple of 4 take FFTW's transform on the fast path too.
+  // Fast path (true, the default): the band's bins of each pixel are summed directly from the signal where
+  // the generator loaded it (detail/BandTransform.h: the samples folded by the transform's symmetries, then
+  // 16 products per part and bin for q = 64, six bins' sums giving the default band's nine; at least as
+  // accurate as a whole FFT, and cheaper for a band of 9 of 33 bins), into the thread's block of 32 pixels; a
+  // full block is analysed across its pixels (detail/BandAnalysis.h): powers, the phases of every band bin in
+  // one call of SLEEF's vector atan2 (within 3.5 ulp of libm's), the strongest bin, the unwrapping and the
+  // fit's sums with vector lanes for pixels. A pixel's fit is thus written when its block is full, or in
+  // PostProcess for the last pixels of each thread. Heights agree with the plain path to some tens of ulp
+  // (the transforms' roundings differ), and are the same bit for bit on any number of threads. Plain path
+  // (false, the reference): one pixel at a time, its signal copied into FFTW's whole transform, libm's scalar
+  // atan2 on the bins it unwraps. Signal sizes that are not a multiple of 4 take FFTW's transform on the fast
+  // path too.
   bool GetUseFastPath() const { return useFastPath_; }
   void SetUseFastPath(bool use) { useFastPath_ = use; }
 

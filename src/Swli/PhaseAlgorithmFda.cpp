@@ -246,10 +246,11 @@ void PhaseAlgorithmFda::AnalyseBlock(int thread) {
     }
   }
   // Across the block's pixels at once (see detail/BandAnalysis.h): the powers, the phases of every
-  // band bin in one call of the vector atan2, then the strongest bin, the unwrapping and the fit's
-  // sums, each pixel's arithmetic that of the plain path (FitBand, WeightedPhaseFit) step for step.
+  // band bin in one call of the vector atan2, then the strongest bin, the unwrapping, the fit and the
+  // refined peak, each pixel's arithmetic that of the plain path (FitBand, WeightedPhaseFit) step for
+  // step.
   double top[kBlockPixels], at[kBlockPixels], lower[kBlockPixels], upper[kBlockPixels];
-  double sw[kBlockPixels], sk[kBlockPixels], skk[kBlockPixels], sy[kBlockPixels], sky[kBlockPixels];
+  double k0s[kBlockPixels], intercepts[kBlockPixels], slopes[kBlockPixels];
   detail::BandAnalysisBlock analysis;
   analysis.bins = bandBins;
   analysis.firstBin = first;
@@ -263,11 +264,9 @@ void PhaseAlgorithmFda::AnalyseBlock(int thread) {
   analysis.at = at;
   analysis.lower = lower;
   analysis.upper = upper;
-  analysis.sw = sw;
-  analysis.sk = sk;
-  analysis.skk = skk;
-  analysis.sy = sy;
-  analysis.sky = sky;
+  analysis.k0 = k0s;
+  analysis.intercept = intercepts;
+  analysis.slope = slopes;
   kBandAnalysis.powers(analysis);
   kVectorAtan2(block.im.data(), block.re.data(), block.wrapped.data(), bandBins * kBlockPixels);
   kBandAnalysis.unwrapAndSum(analysis);
@@ -277,19 +276,12 @@ void PhaseAlgorithmFda::AnalyseBlock(int thread) {
     const int low = static_cast<int>(lower[i]), high = static_cast<int>(upper[i]);
     if (strongest < 0 || top[i] < threshold) continue;
     if (high - low + 1 <= 2 || low == strongest || high == strongest) continue;
-    const auto powerOf = [&](int b) { return row(block.power, b)[i]; };
-    const double below = powerOf(strongest - 1);
-    const double centre = powerOf(strongest);
-    const double above = powerOf(strongest + 1);
-    const double k0 = (first + strongest) + (below - above) / (2.0 * (above + below - 2.0 * centre));
+    const double k0 = k0s[i];
     state.wavenumberSum += detail::RoundHalfAway(k0 * kWavenumberGrid) / kWavenumberGrid;
     ++state.count;
     PhaseFit fit;
     // A run reaching the last but one bin of the transform fits no line.
-    if (first + high + 1 < signalSize_ / 2) {
-      const double d = skk[i] * sw[i] - sk[i] * sk[i];
-      fit = {(sy[i] * skk[i] - sky[i] * sk[i]) / d, (sky[i] * sw[i] - sy[i] * sk[i]) / d};
-    }
+    if (first + high + 1 < signalSize_ / 2) fit = {intercepts[i], slopes[i]};
     const int pixel = block.pixels[i];
     const int peakFrame = block.peaks[i];
     fitRecords_->At(pixel) = AdcPoint{fit.intercept, fit.slope, static_cast<double>(peakFrame)};

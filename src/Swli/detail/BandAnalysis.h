@@ -13,8 +13,13 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 //   stopping at its first empty bin (a step of more than pi from the inner neighbour takes 2 pi
 //   off, of less than -pi adds 2 pi), and the run's ends lower .. upper (bin indices within the
 //   band; bins outside the run get phase 0);
-// - the sums of the power-weighted line fit of phase against bin number k = first + b over the run:
-//   sw = sum w, sk = sum w k, skk = sum w k k, sy = sum w y, sky = sum w y k.
+// - the power-weighted line fit of phase y against bin number k = first + b over the run: with
+//   sw = sum w, sk = sum w k, skk = sum w k k, sy = sum w y, sky = sum w y k and
+//   D = skk sw - sk^2, intercept = (sy skk - sky sk) / D and slope = (sky sw - sy sk) / D;
+// - k0 = first + at + (P[at-1] - P[at+1]) / (2 (P[at+1] + P[at-1] - 2 P[at])), the strongest bin
+//   refined by a parabola through the powers.
+// k0, intercept and slope mean something only where the run has bins on both sides of `at` (the
+// caller's test).
 // Every step is the scalar path's arithmetic in the same order, a select where the scalar path
 // branches: bins outside a lane's run enter the sums with weight 0, adding exact zeros, so each
 // lane's results are those of the pixel-by-pixel unwrapping and fit bit for bit (no contraction of
@@ -35,15 +40,13 @@ struct BandAnalysisBlock {
   double* at = nullptr;
   double* lower = nullptr;
   double* upper = nullptr;
-  double* sw = nullptr;
-  double* sk = nullptr;
-  double* skk = nullptr;
-  double* sy = nullptr;
-  double* sky = nullptr;
+  double* k0 = nullptr;
+  double* intercept = nullptr;
+  double* slope = nullptr;
 };
 
 // `powers`: the powers and each lane's strongest bin; `unwrapAndSum` (after the caller has filled
-// `wrapped`): the unwrapping and the sums.
+// `wrapped`): the unwrapping, the fit and k0.
 struct BandAnalysisFunctions {
   void (*powers)(const BandAnalysisBlock& block);
   void (*unwrapAndSum)(const BandAnalysisBlock& block);

@@ -169,12 +169,11 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
   if (!d || thread < 0 || thread >= static_cast<int>(threadStates_.size()))
     return RemoveFringes(thread, pixel, peakFrame);
   ThreadState& state = threadStates_[static_cast<std::size_t>(thread)];
-  double* input = state.transform.Input();
-  if (!input || state.transform.GetSize() != q) return RemoveFringes(thread, pixel, peakFrame);
   const bool whole = numberFrames_ == q;
   if (!whole && (peakFrame < h || peakFrame >= numberFrames_ - h))
     return RemoveFringes(thread, pixel, peakFrame);
 
+  // (The block path needs no transform object: blocks exist only with a planned band transform.)
   if (useFastPath_ && thread < static_cast<int>(blocks_.size())) {
     BandBlock& block = *blocks_[static_cast<std::size_t>(thread)];
     const int n = block.count;
@@ -186,6 +185,8 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
     return RemoveFringes(thread, pixel, peakFrame);
   }
 
+  double* input = state.transform.Input();
+  if (!input || state.transform.GetSize() != q) return RemoveFringes(thread, pixel, peakFrame);
   for (int k = 0; k < q; ++k)
     input[k] = d[k];
   state.transform.Forward();

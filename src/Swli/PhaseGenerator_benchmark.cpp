@@ -4,7 +4,8 @@
 //   the evaluation's time (1 would mean the evaluation costs no more than reading the scan once);
 // - ratio_to_fftw (FDA only): the time FFTW alone takes for the same number of 64-point real
 //   transforms (one per pixel, on as many threads, same planning mode) divided by the evaluation's
-//   time: the share of the FDA that the transforms themselves set.
+//   time: the FDA against the cost of the whole transform a pixel's spectrum needs. (The FDA's fast
+//   path sums only its band's bins and no longer calls FFTW; the yardstick stays the same.)
 // On the calling thread alone (threads 0) both ratios are also given from the thread's processor time
 // (ratio_to_memcpy_cpu, ratio_to_fftw_cpu), which a machine shared with other work inflates far less
 // than the wall-clock time.

@@ -4,6 +4,7 @@ import subprocess
 
 import numpy as np
 import pytest
+import tifffile
 
 
 @pytest.fixture(scope="session")
@@ -35,3 +36,15 @@ def psi_stack(frames, rows=48, cols=64, gain_error=0.0, dtype=np.uint16, bias=20
 
 def wrapped(a):
     return np.remainder(a + np.pi, 2 * np.pi) - np.pi
+
+
+def cli_matches(qphase, folder, data, result, command, outputs, *options):
+    """Runs `qphase command` on `data` written as a TIFF, each output option of `outputs` (option ->
+    key of `result`) into a file of its own, and demands that every file holds the result's map as
+    the tool writes it: float32, the same doubles rounded once. Returns what the tool printed."""
+    tifffile.imwrite(folder / "input.tif", data)
+    paths = {key: folder / f"{key}.tif" for key in outputs.values()}
+    out = qphase(command, folder / "input.tif", *[a for o, k in outputs.items() for a in (o, paths[k])], *options)
+    for key, path in paths.items():
+        np.testing.assert_array_equal(tifffile.imread(path), result[key].astype(np.float32), err_msg=key)
+    return out

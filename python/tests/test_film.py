@@ -10,6 +10,7 @@ import tifffile
 
 import quarn
 import quarn.batch
+from conftest import cli_matches
 
 FRAMES, STEP_NM, ROWS, COLS = 64, 80.0, 4, 6
 
@@ -68,18 +69,16 @@ def test_known_film_back_and_equal_to_the_tool(film, qphase):
 
     # The same maps as the tool's float32 files, to the bit (the stack as JSON text this time).
     ours = quarn.film(scan, stack=json.dumps(STACK), scan_step_nm=STEP_NM, search="linear", threads=0)
-    out = {key: folder / f"{key}.tif" for key in ("height", "thickness", "variable2", "merit")}
-    qphase("film", folder / "scan.tif", "--stack", folder / "stack.json", "--scan-step", STEP_NM, "--search",
-           "linear", "-o", out["height"], "--thickness", out["thickness"], "--variable2", out["variable2"],
-           "--merit", out["merit"])
-    for key, path in out.items():
-        np.testing.assert_array_equal(tifffile.imread(path), ours[key].astype(np.float32), err_msg=key)
+    maps = {"-o": "height", "--thickness": "thickness", "--variable2": "variable2", "--merit": "merit"}
+    cli_matches(qphase, folder, scan, ours, "film", maps, "--stack", folder / "stack.json", "--scan-step", STEP_NM,
+                "--search", "linear")
     # A batch task writes the same four maps.
     row = quarn.batch.process_file("film", str(folder / "scan.tif"), out_dir=folder / "batch",
                                    stack=folder / "stack.json", scan_step_nm=STEP_NM, search="linear")
     assert row["status"] == "ok" and row["signals"] == 251, row["message"]
-    for key, path in out.items():
-        np.testing.assert_array_equal(tifffile.imread(folder / "batch" / f"scan.{key}.tif"), tifffile.imread(path))
+    for key in maps.values():
+        np.testing.assert_array_equal(tifffile.imread(folder / "batch" / f"scan.{key}.tif"),
+                                      tifffile.imread(folder / f"{key}.tif"))
 
 
 def test_bad_film_stack_is_refused_in_the_tools_words(film):

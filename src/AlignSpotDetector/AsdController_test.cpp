@@ -8,6 +8,7 @@
 #include <functional>
 #include <ostream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -299,14 +300,11 @@ TEST(AsdControllerTest, DetectionLeavesWhatTheRecipeAndThePlainStepsLeave) {
     ExpectSameImage(d.regionIdMap, steps.regionIdMap, "region map");
     ASSERT_EQ(d.spotInfoList->Size(), steps.spotInfoList->Size());
     EXPECT_EQ(d.spotInfoList->IsEmpty(), c.spots.empty());
-    for (int i = 0; i < d.spotInfoList->Size(); ++i) {
-      const AsdSpotInfo& a = (*d.spotInfoList)[i];
-      const AsdSpotInfo& b = (*steps.spotInfoList)[i];
-      EXPECT_EQ(a.GetSum(), b.GetSum());
-      EXPECT_EQ(a.CenterOfMassX(), b.CenterOfMassX());
-      EXPECT_EQ(a.CenterOfMassY(), b.CenterOfMassY());
-      EXPECT_EQ(a.GetRegionInfo().window, b.GetRegionInfo().window);
-    }
+    const auto moments = [](const AsdSpotInfo& s) {
+      return std::make_tuple(s.GetSum(), s.CenterOfMassX(), s.CenterOfMassY(), s.GetRegionInfo().window);
+    };
+    for (int i = 0; i < d.spotInfoList->Size(); ++i)
+      EXPECT_EQ(moments((*d.spotInfoList)[i]), moments((*steps.spotInfoList)[i])) << "spot " << i;
     EXPECT_EQ(d.properties.GetKeys(), steps.properties.GetKeys());
     for (const std::string& key : steps.properties.GetKeys())
       EXPECT_EQ(d.properties.Get(key), steps.properties.Get(key)) << key;

@@ -706,11 +706,7 @@ TEST(FilmJobTest, KnownFilmBackSaturatedPixelRejectedRowsCountedThreadCountIrrel
   linear.maxValue = 61000;
   FilmJob fromDefinition;
   ASSERT_TRUE(fromDefinition.Run(frames, definition, "stack", linear, "scan").Ok());
-  for (std::int64_t i = 0; i < fromDefinition.GetThickness().GetCount(); ++i) {
-    const double v = fromDefinition.GetThickness().At(i);
-    const double expected = first[1][static_cast<std::size_t>(i)];
-    EXPECT_TRUE(Core::IsNoDataValue(v) ? std::isnan(expected) : v == expected) << i;
-  }
+  ExpectSameMap(fromDefinition.GetThickness(), first[1]);
 
   // A library made for another sampling is refused until resampled.
   FilmOptions options;

@@ -1,10 +1,14 @@
 #include "Swli/PhaseAlgorithmCentroid.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 
+#include "Analysis/Core/AlignedBuffer.h"
 #include "Analysis/Core/DebugChannel.h"
+#include "Analysis/Core/SampleDispatch.h"
+#include "Swli/detail/CentroidBlockKernel.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 
@@ -106,7 +110,22 @@ EnvelopeSumsFunction SelectEnvelopeSums() {
   return allowAvx2 && __builtin_cpu_supports("avx2") ? &EnvelopeSumsAvx2 : &EnvelopeSumsBaseline;
 }
 const EnvelopeSumsFunction EnvelopeSums = SelectEnvelopeSums();
+const detail::CentroidBlockSumsFunction<std::uint8_t> CentroidBlockSums8 = detail::SelectCentroidBlockSums8();
+const detail::CentroidBlockSumsFunction<std::uint16_t> CentroidBlockSums16 =
+    detail::SelectCentroidBlockSums16();
+
+constexpr int kLanes = detail::kCentroidLanes;
+static_assert(kLanes == FramePlaneBlock::kPixels);
 }  // namespace
+
+// One thread's block: the compact copy of the block's frames (up to 2 q frames plus the one spare
+// frame the vector kernel may read, of samples up to 32 bits) and the kernel's sums.
+struct PhaseAlgorithmCentroid::BlockScratch {
+  Analysis::Core::AlignedBuffer frames;
+  Analysis::Core::FrameBuffer::ElementRes resolution = Analysis::Core::FrameBuffer::kRes8Bit;
+  bool reversed = false;
+  detail::CentroidBlockSums sums;
+};
 
 PhaseAlgorithmCentroid::PhaseAlgorithmCentroid() : PhaseAlgorithm(__LINE__, kSource) {}
 
@@ -116,6 +135,188 @@ void PhaseAlgorithmCentroid::Initialize(int pass, int numberFrames, int qSize,
                                         const Analysis::Core::Window2D& window) {
   PhaseAlgorithm::Initialize(pass, numberFrames, qSize, window);
   modulationThreshold_ = minimumModulation_ * 2.0 * maxScanValue_ / 100.0;
+  // The block path forms the intensity of the estimator the pixel path calls; any other (an override
+  // of the selection) keeps the blocks off.
+  blockIntensity_ = BlockIntensity::kUnsupported;
+  if (fringeRemoval_ == &PhaseAlgorithmCentroid::RemoveFringesNone) blockIntensity_ = BlockIntensity::kNone;
+  if (fringeRemoval_ == &PhaseAlgorithmCentroid::StandardRemoveFringes)
+    blockIntensity_ = BlockIntensity::kStandard;
+  if (fringeRemoval_ == &PhaseAlgorithmCentroid::RemoveFringes64BucketSimple)
+    blockIntensity_ = BlockIntensity::kBucket;
+}
+
+void PhaseAlgorithmCentroid::InitializeThread(int numberThreads) {
+  PhaseAlgorithm::InitializeThread(numberThreads);
+  blockScratch_.clear();
+  const int q = signalSize_;
+  if (!useFastPath_ || (q != 64 && q != 128)) return;
+  blockScratch_.resize(static_cast<std::size_t>(std::max(numberThreads, 0)));
+  const std::size_t bytes = static_cast<std::size_t>(2 * q + 1) * kLanes * sizeof(std::int32_t);
+  for (auto& scratch : blockScratch_) {
+    scratch = std::make_unique<BlockScratch>();
+    // Without it the blocks are declined and the pixel path runs, which needs no scratch.
+    if (!scratch->frames.Allocate(bytes)) scratch.reset();
+  }
+}
+
+void PhaseAlgorithmCentroid::FinalizeThread() {
+  blockScratch_.clear();
+  PhaseAlgorithm::FinalizeThread();
+}
+
+bool PhaseAlgorithmCentroid::BeginFrameBlocks(int thread, const FrameBlockRun& run) {
+  const int q = signalSize_;
+  // Windows of q samples cut from a longer whole scan; the exact integer sums need q a power of two.
+  if (!useFastPath_ || blockIntensity_ == BlockIntensity::kUnsupported || run.signalSize != q ||
+      (q != 64 && q != 128) || run.framesStored != numberFrames_ || run.framesStored <= q)
+    return false;
+  if (thread < 0 || thread >= static_cast<int>(blockScratch_.size())) return false;
+  BlockScratch* scratch = blockScratch_[static_cast<std::size_t>(thread)].get();
+  if (!scratch) return false;
+  scratch->resolution = run.resolution;
+  scratch->reversed = run.reversed;
+  return true;
+}
+
+std::uint64_t PhaseAlgorithmCentroid::ProcessFrameBlock(int thread, const FramePlaneBlock& block) {
+  BlockScratch& scratch = *blockScratch_[static_cast<std::size_t>(thread)];
+  return Analysis::Core::DispatchSampleType(scratch.resolution,
+                                            [&]<typename Stored>(Analysis::Core::SampleTag<Stored>) {
+                                              return ProcessFrameBlockAs<Stored>(scratch, block);
+                                            });
+}
+
+template <typename Stored>
+std::uint64_t PhaseAlgorithmCentroid::ProcessFrameBlockAs(BlockScratch& scratch,
+                                                          const FramePlaneBlock& block) {
+  const int q = signalSize_;
+  const int h = halfSignalSize_;
+  const int stored = numberFrames_;
+  std::uint64_t left = 0;
+  // Each lane's window (its first frame) and the peak frame the pixel path would be handed, as the
+  // windowed loaders cut them. Forward: centred on the peak, or the first or last q frames with the
+  // peak moved to h or S - h - 1. Reversed: frames p - h + 1 .. p + h mirrored, or the last or first
+  // q frames, and the peak mirrored to F - p (a mirrored peak of 0 or less makes the intensity a
+  // sliding maximum over the whole signal: the pixel path does that).
+  const bool reversed = scratch.reversed;
+  int start[kLanes], peak[kLanes];
+  int lo = stored, hi = 0;
+  for (int i = 0; i < kLanes; ++i) {
+    start[i] = -1;
+    if (i >= block.width) continue;
+    const bool evaluate = Analysis::Core::DoubleMatrix2D::IsDataValid(block.mask[i]);
+    if (!evaluate && blockIntensity_ == BlockIntensity::kNone) continue;  // nothing to make
+    const int p = block.peaks[i];
+    if (p <= 0) {  // the peak is estimated from the whole signal: the pixel path does that
+      left |= std::uint64_t{1} << i;
+      continue;
+    }
+    if (reversed) {
+      if (stored - p <= 0) {
+        left |= std::uint64_t{1} << i;
+        continue;
+      }
+      start[i] = p < h ? stored - q : p >= stored - h ? 0 : p - h + 1;
+      peak[i] = stored - p;
+    } else if (h <= p && p < stored - h) {
+      start[i] = p - h;
+      peak[i] = p;
+    } else if (p < h) {
+      start[i] = 0;
+      peak[i] = h;
+    } else {
+      start[i] = stored - q;
+      peak[i] = stored - h - 1;
+    }
+    lo = std::min(lo, start[i]);
+    hi = std::max(hi, start[i] + q);
+  }
+  if (hi <= lo) return left;
+  if (hi - lo > 2 * q) {
+    // Windows spread wider than a signal (a tall step inside the block, a stray peak): the block
+    // keeps the lanes within half a signal of the median window, the others go pixel by pixel.
+    int sorted[kLanes], used = 0;
+    for (int i = 0; i < kLanes; ++i) {
+      if (start[i] >= 0) sorted[used++] = start[i];
+    }
+    std::nth_element(sorted, sorted + used / 2, sorted + used);
+    const int median = sorted[used / 2];
+    lo = stored;
+    hi = 0;
+    for (int i = 0; i < kLanes; ++i) {
+      if (start[i] < 0) continue;
+      if (std::abs(start[i] - median) > h) {
+        start[i] = -1;
+        left |= std::uint64_t{1} << i;
+        continue;
+      }
+      lo = std::min(lo, start[i]);
+      hi = std::max(hi, start[i] + q);
+    }
+  }
+
+  // The block's frames lo .. hi - 1, one row of kLanes samples per frame: each frame's samples of the
+  // block are read once, in whole lines, and the lanes then work on a copy that fits the first-level
+  // cache (frame planes a power of two apart would all compete for one cache set).
+  Stored* const copy = reinterpret_cast<Stored*>(scratch.frames.Data());
+  constexpr std::ptrdiff_t kAhead = kLanes;
+  const std::size_t rowBytes = static_cast<std::size_t>(block.width) * sizeof(Stored);
+  for (int f = lo; f < hi; ++f) {
+    const Stored* from = static_cast<const Stored*>(block.slots[f]) + block.firstPixel;
+    // The next block's samples of this frame, which that block will most likely read: asked for now
+    // so that they arrive while this block is evaluated (a frame apart, the processor sees no stream).
+    __builtin_prefetch(from + kAhead);
+    Stored* to = copy + static_cast<std::ptrdiff_t>(f - lo) * kLanes;
+    if (block.width == kLanes) {
+      std::memcpy(to, from, kLanes * sizeof(Stored));
+    } else {
+      std::memcpy(to, from, rowBytes);
+    }
+  }
+  int relative[kLanes];
+  for (int i = 0; i < kLanes; ++i)
+    relative[i] = start[i] < 0 ? -1 : start[i] - lo;
+  const detail::CentroidBlockInput<Stored> input{copy, hi - lo, q, relative};
+  detail::CentroidBlockSums& sums = scratch.sums;
+  if constexpr (sizeof(Stored) == 1) {
+    CentroidBlockSums8(input, sums);
+  } else if constexpr (sizeof(Stored) == 2) {
+    CentroidBlockSums16(input, sums);
+  } else {
+    detail::CentroidBlockSumsPlain(input, sums);
+  }
+
+  // Per pixel: the modulation test at the window centre, the height, the intensity; the same
+  // integer-valued terms as the pixel path, so the same doubles. o(j) is sample c + j of the pixel's
+  // signal in scan order (c = h, the window centre): a reversed window runs backwards through the copy.
+  const std::ptrdiff_t step = reversed ? -kLanes : kLanes;
+  const int centreOffset = reversed ? h - 1 : h;
+  for (int i = 0; i < kLanes; ++i) {
+    if (relative[i] < 0) continue;
+    const int pixel = block.firstPixel + i;
+    const Stored* centre = copy + static_cast<std::ptrdiff_t>(relative[i] + centreOffset) * kLanes + i;
+    const auto o = [centre, step](int j) { return static_cast<std::int64_t>(centre[j * step]); };
+    // The pixel path gives a height only to a peak half a signal inside the scan (always so for a
+    // forward window; a reversed one at the scan's ends mirrors its peak outside).
+    if (Analysis::Core::DoubleMatrix2D::IsDataValid(block.mask[i]) && h <= peak[i] && peak[i] < stored - h) {
+      const std::int64_t m = std::llabs((o(0) - o(-2)) + (o(0) - o(2))) + std::llabs(2 * (o(-1) - o(1)));
+      if (modulationThreshold_ <= static_cast<double>(m) && sums.deviations[i] > 0) {
+        // Counted from the window's other end, the weights k of a reversed window are q + 1 - k.
+        const std::int64_t moment =
+            reversed ? (q + 1) * sums.deviations[i] - sums.moments[i] : sums.moments[i];
+        double position = static_cast<double>(moment) / static_cast<double>(sums.deviations[i]) + 1.0;
+        position += peak[i] - h - 1;
+        surface_->At(pixel) = position * scanIncrementValue_;
+      }
+    }
+    if (blockIntensity_ == BlockIntensity::kStandard) {
+      const std::int64_t w = o(-4) + o(-3) + 3 * (o(-2) + o(-1) + o(0) + o(1)) + o(2) + o(3);
+      StoreIntensity(pixel, 0.0625 * static_cast<double>(w));
+    } else if (blockIntensity_ == BlockIntensity::kBucket) {
+      StoreIntensity(pixel, static_cast<double>(sums.samples[i]) * 0.015625);
+    }
+  }
+  return left;
 }
 
 int PhaseAlgorithmCentroid::ProcessPixel(int thread, int pixel, int peakFrame, int) {

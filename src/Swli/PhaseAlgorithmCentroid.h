@@ -1,6 +1,11 @@
 #pragma once
 
+#include <cstdint>
+#include <memory>
+#include <vector>
+
 #include "QuarnPhaseProcessingExport.h"
+#include "Swli/FrameBlockEvaluator.h"
 #include "Swli/PhaseAlgorithm.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
@@ -32,19 +37,32 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 // The centroid is robust and needs no particular scan step, but it is only as good as the envelope
 // is symmetric and noise-free: expect a few percent of the coherence length, where the frequency-
 // domain analysis reaches the nanometre.
-class QUARN_PP_EXPORT PhaseAlgorithmCentroid : public PhaseAlgorithm {
+//
+// Blocks of pixels: where the generator offers them (a scan stored whole, windows cut around the
+// peaks), the centroid evaluates 64 pixels at once straight from the frame planes: their frames
+// are copied once into a compact block, and the sums are formed across the pixels in exact integers
+// (the mean times q, a power of two, is an integer, and so is every scaled deviation), which give
+// the reference's heights and intensities bit for bit. Pixels whose peak must be estimated, and
+// windows far from the rest of their block, are left to the per-pixel path.
+class QUARN_PP_EXPORT PhaseAlgorithmCentroid : public PhaseAlgorithm, public FrameBlockEvaluator {
  public:
   PhaseAlgorithmCentroid();
   ~PhaseAlgorithmCentroid() override;
 
   using PhaseAlgorithm::Initialize;
   void Initialize(int pass, int numberFrames, int qSize, const Analysis::Core::Window2D& window) override;
+  void InitializeThread(int numberThreads) override;
+  void FinalizeThread() override;
   int ProcessPixel(int thread, int pixel, int peakFrame, int auxiliary) override;
   void PostProcess() override;
 
-  // The envelope's sums as one vector of four lanes (true, the default; AVX2 where the processor has
-  // it) or as four scalar sums (false, the reference): the same additions in the same order, so the
-  // heights are bit for bit the same.
+  bool BeginFrameBlocks(int thread, const FrameBlockRun& run) override;
+  std::uint64_t ProcessFrameBlock(int thread, const FramePlaneBlock& block) override;
+
+  // Fast paths (true, the default): blocks of pixels straight from the frame planes where the
+  // generator offers them, and otherwise the envelope's sums as one vector of four lanes (AVX2 where
+  // the processor has it). False: pixel by pixel with four scalar sums, the reference. The heights
+  // and intensities are bit for bit the same.
   bool GetUseFastPath() const { return useFastPath_; }
   void SetUseFastPath(bool use) { useFastPath_ = use; }
 
@@ -53,9 +71,17 @@ class QUARN_PP_EXPORT PhaseAlgorithmCentroid : public PhaseAlgorithm {
   void SetMinimumModulation(double percent) { minimumModulation_ = percent; }
 
  private:
+  // The fringe-free intensity as the block path forms it: the estimator that the pixel path would call.
+  enum class BlockIntensity { kUnsupported, kNone, kStandard, kBucket };
+  struct BlockScratch;
+  template <typename Stored>
+  std::uint64_t ProcessFrameBlockAs(BlockScratch& scratch, const FramePlaneBlock& block);
+
   double minimumModulation_ = 15.0;
   double modulationThreshold_ = 0.0;
   bool useFastPath_ = true;
+  BlockIntensity blockIntensity_ = BlockIntensity::kUnsupported;
+  std::vector<std::unique_ptr<BlockScratch>> blockScratch_;  // per thread
 };
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli

@@ -8,6 +8,8 @@
 #include <string>
 
 #include "Analysis/Core/DebugChannel.h"
+#include "Swli/detail/BandAnalysis.h"
+#include "Swli/detail/BandTransform.h"
 #include "Swli/detail/Rounding.h"
 #include "Swli/detail/VectorAtan2.h"
 
@@ -36,10 +38,10 @@ constexpr int kPaddedBandBins = 68;
 // among threads. The rounding (1e-6 bin) is far below any pixel's own uncertainty.
 constexpr double kWavenumberGrid = 1048576.0;
 
-// Pixels whose band is analysed together on the fast path: enough to fill the vector atan2 with
-// whole vectors of bins, few enough that a thread's spectra (32 x 33 complex for q = 64) stay in the
-// first-level cache between the transform and the analysis.
-constexpr int kBlockPixels = 32;
+// Pixels whose band is analysed together on the fast path: whole vectors of pixels for the analysis,
+// few enough that a thread's block (five arrays of band bins x 32 doubles, 11 KB for 9 bins) stays in
+// the first-level cache between the transforms and the analysis.
+constexpr int kBlockPixels = detail::kBandLanes;
 
 struct PhaseFit {
   double intercept = 0.0;
@@ -65,8 +67,10 @@ PhaseFit WeightedPhaseFit(const double* power, int stride, const double* phase, 
   return {(sy * skk - sky * sk) / d, (sky * sw - sy * sk) / d};
 }
 
-// The vector atan2 of this processor, chosen once.
+// The vector atan2 and the band transform of this processor, chosen once.
 const detail::VectorAtan2Function kVectorAtan2 = detail::SelectVectorAtan2();
+const detail::BandBinsFunction kBandBins = detail::SelectBandBins();
+const detail::BandAnalysisFunctions kBandAnalysis = detail::SelectBandAnalysis();
 
 // The unwrapping step: the phase of a bin within pi of its inner neighbour. Written as selects, not
 // branches (which bin needs a turn is as random as the noise): subtracting and adding 0 leaves the
@@ -92,7 +96,8 @@ inline void BandBin(const std::complex<double>& bin, int k, double& re, double& 
 }
 }  // namespace
 
-PhaseAlgorithmFda::PhaseAlgorithmFda() : PhaseAlgorithmHigh2G(__LINE__, kSource) {}
+PhaseAlgorithmFda::PhaseAlgorithmFda()
+    : PhaseAlgorithmHigh2G(__LINE__, kSource), bandTransform_(std::make_unique<detail::BandTransform>()) {}
 
 PhaseAlgorithmFda::~PhaseAlgorithmFda() = default;
 
@@ -119,12 +124,11 @@ void PhaseAlgorithmFda::Initialize(int pass, int numberFrames, int qSize, const 
   fitRecords_->SetAll(DataWindow2D<AdcPoint>::NoData());
 }
 
-// One thread's block of pixels waiting for the band analysis: their spectra (pixel after pixel, as
-// the transform writes them) and, bin after bin across the block's pixels, the band's parts, powers
-// and phases, whose rows are whole vectors for the atan2.
-struct PhaseAlgorithmFda::SpectrumBlock {
-  std::vector<std::complex<double>> spectra;
-  std::vector<double> re, im, power, wrapped;
+// One thread's block of pixels waiting for the band analysis: bin after bin across the block's
+// pixels (lanes), the band's parts, powers, wrapped and unwrapped phases, each row a whole number of
+// vectors.
+struct PhaseAlgorithmFda::BandBlock {
+  std::vector<double> re, im, power, wrapped, phase;
   int pixels[kBlockPixels] = {};
   int peaks[kBlockPixels] = {};
   bool traced[kBlockPixels] = {};
@@ -136,21 +140,20 @@ void PhaseAlgorithmFda::InitializeThread(int numberThreads) {
   blocks_.clear();
   const int bandBins = lastBin_ - firstBin_ + 1;
   if (status_.IsError() || !useFastPath_ || bandBins < 1 || bandBins > kMaxBandBins) return;
+  // Without a band transform for this signal size the fast path evaluates pixel by pixel.
+  if (!bandTransform_->Plan(signalSize_, firstBin_, lastBin_)) return;
   try {
     for (int t = 0; t < numberThreads; ++t) {
-      auto block = std::make_unique<SpectrumBlock>();
-      block->spectra.resize(static_cast<std::size_t>(kBlockPixels) *
-                            static_cast<std::size_t>(signalSize_ / 2 + 1));
+      auto block = std::make_unique<BandBlock>();
       const std::size_t band = static_cast<std::size_t>(bandBins) * kBlockPixels;
-      block->re.resize(band);
-      block->im.resize(band);
-      block->power.resize(band);
-      block->wrapped.resize(band);
+      for (std::vector<double>* row : {&block->re, &block->im, &block->power, &block->wrapped, &block->phase})
+        row->assign(band, 0.0);
       blocks_.push_back(std::move(block));
     }
   } catch (const std::bad_alloc&) {
     blocks_.clear();
-    status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Allocation of spectra failed");
+    status_ =
+        Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Allocation of the band blocks failed");
   }
 }
 
@@ -166,16 +169,15 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
   if (!d || thread < 0 || thread >= static_cast<int>(threadStates_.size()))
     return RemoveFringes(thread, pixel, peakFrame);
   ThreadState& state = threadStates_[static_cast<std::size_t>(thread)];
-  double* input = state.transform.Input();
-  if (!input || state.transform.GetSize() != q) return RemoveFringes(thread, pixel, peakFrame);
   const bool whole = numberFrames_ == q;
   if (!whole && (peakFrame < h || peakFrame >= numberFrames_ - h))
     return RemoveFringes(thread, pixel, peakFrame);
 
+  // (The block path needs no transform object: blocks exist only with a planned band transform.)
   if (useFastPath_ && thread < static_cast<int>(blocks_.size())) {
-    SpectrumBlock& block = *blocks_[static_cast<std::size_t>(thread)];
+    BandBlock& block = *blocks_[static_cast<std::size_t>(thread)];
     const int n = block.count;
-    state.transform.Forward(d, block.spectra.data() + static_cast<std::ptrdiff_t>(n) * (q / 2 + 1));
+    kBandBins(*bandTransform_, d, block.re.data() + n, block.im.data() + n, kBlockPixels);
     block.pixels[n] = pixel;
     block.peaks[n] = peakFrame;
     block.traced[n] = IsDebuging(thread);
@@ -183,6 +185,8 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
     return RemoveFringes(thread, pixel, peakFrame);
   }
 
+  double* input = state.transform.Input();
+  if (!input || state.transform.GetSize() != q) return RemoveFringes(thread, pixel, peakFrame);
   for (int k = 0; k < q; ++k)
     input[k] = d[k];
   state.transform.Forward();
@@ -224,54 +228,70 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
 }
 
 void PhaseAlgorithmFda::AnalyseBlock(int thread) {
-  SpectrumBlock& block = *blocks_[static_cast<std::size_t>(thread)];
+  BandBlock& block = *blocks_[static_cast<std::size_t>(thread)];
   ThreadState& state = threadStates_[static_cast<std::size_t>(thread)];
   const int count = block.count;
   block.count = 0;
   if (count == 0) return;
-  const int bins = signalSize_ / 2 + 1;
   const int first = firstBin_;
   const int bandBins = lastBin_ - first + 1;
-  for (int b = 0; b < bandBins; ++b) {
-    const int k = first + b;
-    double* re = block.re.data() + static_cast<std::ptrdiff_t>(b) * kBlockPixels;
-    double* im = block.im.data() + static_cast<std::ptrdiff_t>(b) * kBlockPixels;
-    double* power = block.power.data() + static_cast<std::ptrdiff_t>(b) * kBlockPixels;
-    const std::complex<double>* bin = block.spectra.data() + k;
-    for (int i = 0; i < count; ++i) {
-      BandBin(bin[static_cast<std::ptrdiff_t>(i) * bins], k, re[i], im[i]);
-      const double p = re[i] * re[i] + im[i] * im[i];
-      power[i] = p > powerThreshold_ ? p : 0.0;
-    }
-    // Lanes of a partial block: no power, and any defined angle will do.
+  const double threshold = powerThreshold_;
+  const auto row = [](std::vector<double>& v, int b) {
+    return v.data() + static_cast<std::ptrdiff_t>(b) * kBlockPixels;
+  };
+  // Lanes of a partial block: no power (a zero bin is below any threshold), any defined angle.
+  for (int b = 0; b < bandBins && count < kBlockPixels; ++b) {
     for (int i = count; i < kBlockPixels; ++i) {
-      re[i] = 1.0;
-      im[i] = 0.0;
-      power[i] = 0.0;
+      row(block.re, b)[i] = 0.0;
+      row(block.im, b)[i] = 0.0;
     }
   }
+  // Across the block's pixels at once (see detail/BandAnalysis.h): the powers, the phases of every
+  // band bin in one call of the vector atan2, then the strongest bin, the unwrapping, the fit and the
+  // refined peak, each pixel's arithmetic that of the plain path (FitBand, WeightedPhaseFit) step for
+  // step.
+  double top[kBlockPixels], at[kBlockPixels], lower[kBlockPixels], upper[kBlockPixels];
+  double k0s[kBlockPixels], intercepts[kBlockPixels], slopes[kBlockPixels];
+  detail::BandAnalysisBlock analysis;
+  analysis.bins = bandBins;
+  analysis.firstBin = first;
+  analysis.threshold = threshold;
+  analysis.re = block.re.data();
+  analysis.im = block.im.data();
+  analysis.power = block.power.data();
+  analysis.wrapped = block.wrapped.data();
+  analysis.phase = block.phase.data();
+  analysis.top = top;
+  analysis.at = at;
+  analysis.lower = lower;
+  analysis.upper = upper;
+  analysis.k0 = k0s;
+  analysis.intercept = intercepts;
+  analysis.slope = slopes;
+  kBandAnalysis.powers(analysis);
   kVectorAtan2(block.im.data(), block.re.data(), block.wrapped.data(), bandBins * kBlockPixels);
-  // Every pixel's strongest bin at once, bin after bin across the block (selects, no branches): the
-  // first of equal powers wins, as in the plain path's search.
-  double top[kBlockPixels];
-  int at[kBlockPixels];
-  for (int i = 0; i < kBlockPixels; ++i) {
-    top[i] = 0.0;
-    at[i] = -1;
-  }
-  for (int b = 0; b < bandBins; ++b) {
-    const double* power = block.power.data() + static_cast<std::ptrdiff_t>(b) * kBlockPixels;
-    for (int i = 0; i < kBlockPixels; ++i) {
-      const bool stronger = power[i] > top[i];
-      top[i] = stronger ? power[i] : top[i];
-      at[i] = stronger ? first + b : at[i];
-    }
-  }
+  kBandAnalysis.unwrapAndSum(analysis);
+
   for (int i = 0; i < count; ++i) {
-    const double* wrapped = block.wrapped.data() + i;
-    FitBand(state, block.pixels[i], block.peaks[i], block.traced[i], block.power.data() + i, kBlockPixels,
-            at[i], top[i],
-            [wrapped](int b) { return wrapped[static_cast<std::ptrdiff_t>(b) * kBlockPixels]; });
+    const int strongest = static_cast<int>(at[i]);
+    const int low = static_cast<int>(lower[i]), high = static_cast<int>(upper[i]);
+    if (strongest < 0 || top[i] < threshold) continue;
+    if (high - low + 1 <= 2 || low == strongest || high == strongest) continue;
+    const double k0 = k0s[i];
+    state.wavenumberSum += detail::RoundHalfAway(k0 * kWavenumberGrid) / kWavenumberGrid;
+    ++state.count;
+    PhaseFit fit;
+    // A run reaching the last but one bin of the transform fits no line.
+    if (first + high + 1 < signalSize_ / 2) fit = {intercepts[i], slopes[i]};
+    const int pixel = block.pixels[i];
+    const int peakFrame = block.peaks[i];
+    fitRecords_->At(pixel) = AdcPoint{fit.intercept, fit.slope, static_cast<double>(peakFrame)};
+    coherence_.At(pixel) = (numberFrames_ == signalSize_ ? halfSignalSize_ : peakFrame) * scanIncrementValue_;
+    if (block.traced[i]) {
+      Analysis::Core::debug_printf(
+          "FDA pixel %d: peak %d, bins %d..%d, strongest %d, k0 %g, intercept %g rad, slope %g rad/bin\n",
+          pixel, peakFrame, first + low, first + high, first + strongest, k0, fit.intercept, fit.slope);
+    }
   }
 }
 

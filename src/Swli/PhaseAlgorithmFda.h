@@ -11,6 +11,10 @@
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 
+namespace detail {
+struct BandTransform;
+}
+
 // PhaseAlgorithmFda
 //
 // Frequency-domain analysis: surface height from the phase of the signal's spectrum. A white-light
@@ -62,7 +66,7 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
 
   using PhaseAlgorithm::Initialize;
   void Initialize(int pass, int numberFrames, int qSize, const Analysis::Core::Window2D& window) override;
-  // Besides the base's per-thread state, each thread's block of spectra on the fast path.
+  // Besides the base's per-thread state, each thread's block of band bins on the fast path.
   void InitializeThread(int numberThreads) override;
   void FinalizeThread() override;
   int ProcessPixel(int thread, int pixel, int peakFrame, int auxiliary) override;
@@ -84,14 +88,18 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
     lastBin_ = lastBin;
   }
 
-  // Fast path (true, the default): each pixel's signal is transformed where the generator loaded it,
-  // straight into the thread's block of spectra, and the band of a block of pixels is analysed at
-  // once: bin powers across the block, the phases of every band bin of every pixel in one call of
-  // SLEEF's vector atan2 (within 3.5 ulp of libm's, so heights agree with the plain path to a few
-  // ulp), then each pixel's unwrapping and fit. A pixel's fit is thus written when its block is
-  // full, or in PostProcess for the last pixels of each thread. Plain path (false, the reference):
-  // one pixel at a time, its signal copied into the transform's input, libm's scalar atan2 on the
-  // bins it unwraps. The transforms are the same plan on the same samples, bit for bit.
+  // Fast path (true, the default): the band's bins of each pixel are summed directly from the signal where
+  // the generator loaded it (detail/BandTransform.h: the samples folded by the transform's symmetries, then
+  // 16 products per part and bin for q = 64, six bins' sums giving the default band's nine; at least as
+  // accurate as a whole FFT, and cheaper for a band of 9 of 33 bins), into the thread's block of 32 pixels; a
+  // full block is analysed across its pixels (detail/BandAnalysis.h): powers, the phases of every band bin in
+  // one call of SLEEF's vector atan2 (within 3.5 ulp of libm's), the strongest bin, the unwrapping and the
+  // fit's sums with vector lanes for pixels. A pixel's fit is thus written when its block is full, or in
+  // PostProcess for the last pixels of each thread. Heights agree with the plain path to some tens of ulp
+  // (the transforms' roundings differ), and are the same bit for bit on any number of threads. Plain path
+  // (false, the reference): one pixel at a time, its signal copied into FFTW's whole transform, libm's scalar
+  // atan2 on the bins it unwraps. Signal sizes that are not a multiple of 4 take FFTW's transform on the fast
+  // path too.
   bool GetUseFastPath() const { return useFastPath_; }
   void SetUseFastPath(bool use) { useFastPath_ = use; }
 
@@ -102,7 +110,7 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
   }
 
  private:
-  struct SpectrumBlock;
+  struct BandBlock;
   // Unwraps the band of one pixel outwards from its strongest bin (-1: none), fits the phase line and
   // stores the pixel's fit record and coherence height. `power` holds the band's powers (0 for empty
   // bins) at stride `stride`, `angle(b)` the wrapped phase of band bin b.
@@ -121,7 +129,8 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
   std::unique_ptr<Analysis::Core::DataWindow2D<Analysis::Core::AdcPoint>> fitRecords_;
   double wavelength_ = 0.0;
   double halfWavelength_ = 0.0;
-  std::vector<std::unique_ptr<SpectrumBlock>> blocks_;  // per thread, fast path only
+  std::vector<std::unique_ptr<BandBlock>> blocks_;        // per thread, fast path only
+  std::unique_ptr<detail::BandTransform> bandTransform_;  // the fast path's, shared by the threads
 };
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli

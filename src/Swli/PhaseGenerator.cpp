@@ -1,6 +1,7 @@
 #include "Swli/PhaseGenerator.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -10,6 +11,7 @@
 #include "Analysis/Core/DebugChannel.h"
 #include "Analysis/Core/NoData.h"
 #include "Analysis/Core/SampleDispatch.h"
+#include "Swli/FrameBlockEvaluator.h"
 #include "Swli/detail/SignalLoaders.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
@@ -287,21 +289,30 @@ void PhaseGenerator::ProcessPixelsAs(int thread, int begin, int end, Status& fai
   }
 
   const bool reversed = frames_->GetScanDirection() < 0;
+  // An algorithm that evaluates blocks of pixels itself takes those of a windowed run straight from
+  // the frame planes (not while tracing, which is per pixel, nor with a pixel stride).
+  FrameBlockEvaluator* blocks = nullptr;
+  if (windowed && useFastPath_ && trace.empty() && algorithm.GetSkipCount() == 1 &&
+      SameSize(*peakFrames_, *surface_) && SameSize(*auxiliary_, *surface_)) {
+    blocks = dynamic_cast<FrameBlockEvaluator*>(&algorithm);
+    const FrameBlockRun run{frames_->GetElementRes(), stored, q, reversed};
+    if (blocks && !blocks->BeginFrameBlocks(thread, run)) blocks = nullptr;
+  }
   if (reversed) {
     if (ring) return PixelLoop<Stored>(detail::ReversedRing{geometry}, thread, begin, end, signal, trace);
     if (windowed)
-      return PixelLoop<Stored>(detail::ReversedWindowed{geometry}, thread, begin, end, signal, trace);
+      return PixelLoop<Stored>(detail::ReversedWindowed{geometry}, thread, begin, end, signal, trace, blocks);
     return PixelLoop<Stored>(detail::ReversedWhole{geometry}, thread, begin, end, signal, trace);
   }
   if (ring) return PixelLoop<Stored>(detail::ForwardRing{geometry}, thread, begin, end, signal, trace);
   if (windowed)
-    return PixelLoop<Stored>(detail::ForwardWindowed{geometry}, thread, begin, end, signal, trace);
+    return PixelLoop<Stored>(detail::ForwardWindowed{geometry}, thread, begin, end, signal, trace, blocks);
   return PixelLoop<Stored>(detail::ForwardWhole{geometry}, thread, begin, end, signal, trace);
 }
 
 template <typename Stored, typename Loader>
 void PhaseGenerator::PixelLoop(const Loader& load, int thread, int begin, int end, double* signal,
-                               const std::vector<int>& tracePixels) {
+                               const std::vector<int>& tracePixels, FrameBlockEvaluator* blocks) {
   PhaseAlgorithm& algorithm = *runAlgorithm_;
   const int skip = algorithm.GetSkipCount();
   const std::int64_t step = std::max(skip, 1);
@@ -326,6 +337,51 @@ void PhaseGenerator::PixelLoop(const Loader& load, int thread, int begin, int en
       algorithm.RemoveFringes(thread, pixel, peak);
     }
   };
+
+  if (blocks) {
+    // Blocks of up to 64 pixels, cut at multiples of 64 so that each frame's samples of a block are
+    // whole cache lines. The pixels the algorithm leaves are loaded and evaluated one by one: a few
+    // straight from the frames, many (peaks to be estimated from whole signals, say) through the
+    // transposing copy, as the pixel path would.
+    constexpr int kFewLeft = 4;
+    const int stored = frames_->GetFramesStored();
+    const int rowLength = detail::BlockRowLength(stored);
+    std::vector<Stored> transposed;
+    std::int64_t first = begin;
+    while (first < end) {
+      const std::int64_t last =
+          std::min<std::int64_t>(end, (first / FramePlaneBlock::kPixels + 1) * FramePlaneBlock::kPixels);
+      const int pixel = static_cast<int>(first);
+      FramePlaneBlock block;
+      block.slots = slots;
+      block.firstPixel = pixel;
+      block.width = static_cast<int>(last - first);
+      block.peaks = peaks + pixel;
+      block.auxiliary = aux + pixel;
+      block.mask = mask + pixel;
+      const std::uint64_t left = blocks->ProcessFrameBlock(thread, block);
+      if (std::popcount(left) > kFewLeft) {
+        if (transposed.empty())
+          transposed.resize(static_cast<std::size_t>(detail::kBlockPixels) *
+                            static_cast<std::size_t>(rowLength));
+        int lo = stored, hi = 0;
+        for (std::uint64_t bits = left; bits != 0; bits &= bits - 1)
+          load.Needs(peaks[pixel + std::countr_zero(bits)], lo, hi);
+        detail::CopyBlock<Stored>(slots, lo, hi, pixel, block.width, rowLength, transposed.data());
+        for (std::uint64_t bits = left; bits != 0; bits &= bits - 1) {
+          const int offset = std::countr_zero(bits);
+          visit(pixel + offset, detail::BlockSamples<Stored>{transposed.data(), offset, rowLength});
+        }
+      } else {
+        for (std::uint64_t bits = left; bits != 0; bits &= bits - 1) {
+          const int at = pixel + std::countr_zero(bits);
+          visit(at, detail::PixelSamples<Stored>{slots, at});
+        }
+      }
+      first = last;
+    }
+    return;
+  }
 
   if (!useFastPath_) {
     // Reference: every sample straight from its frame.

@@ -13,6 +13,8 @@
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 
+class FrameBlockEvaluator;
+
 // PhaseGenerator
 //
 // Turns a white-light scan into a surface-height map with a `PhaseAlgorithm`: for every pixel of
@@ -85,8 +87,10 @@ class QUARN_PP_EXPORT PhaseGenerator {
   int GetMaxNumThreads() const { return dispatcher_.GetNumberOfWorkers(); }
   // Fast path (default): the frames of each block of 64 pixels are copied, transposed, into a compact
   // block before the signals are loaded, which keeps a pixel's samples from competing for one cache
-  // set and makes each signal one contiguous run. Off: each sample is read straight from its frame
-  // (the reference). Both load the same samples.
+  // set and makes each signal one contiguous run; an algorithm that evaluates blocks of pixels
+  // itself (a `FrameBlockEvaluator`) is handed the blocks straight from the frame planes where it can
+  // take them. Off: each sample is read straight from its frame and every pixel is loaded and
+  // evaluated alone (the reference). Both give the same results.
   void SetUseFastPath(bool use) { useFastPath_ = use; }
   bool GetUseFastPath() const { return useFastPath_; }
 
@@ -100,7 +104,7 @@ class QUARN_PP_EXPORT PhaseGenerator {
   void ProcessPixelsAs(int thread, int begin, int end, Analysis::Core::Status& failure);
   template <typename Stored, typename Loader>
   void PixelLoop(const Loader& load, int thread, int begin, int end, double* signal,
-                 const std::vector<int>& tracePixels);
+                 const std::vector<int>& tracePixels, FrameBlockEvaluator* blocks = nullptr);
   void DropMatrices();
 
   Analysis::Core::Status status_;

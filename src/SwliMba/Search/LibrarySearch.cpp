@@ -234,14 +234,31 @@ void LibrarySearch::GetLibraryBinTrace(int ilib, int ibin) {
   }
 }
 
+bool LibrarySearch::PixelLibrary(int row, int column, int& ilib) {
+  Status failure;
+  ilib = board_.LibraryOfPixel(row, column, failure);
+  if (ilib == LsBoard::kLookupFailed) {
+    board_.status = failure;
+    return false;
+  }
+  // A pixel outside every search region is matched against no library.
+  if (ilib == LsBoard::kNoLibrary) {
+    Fail(StatusCode::kCallFailed, __LINE__, "Call to GetLibrary failed");
+    return false;
+  }
+  if (ilib == LsBoard::kAllLibraries) ilib = 0;
+  return true;
+}
+
 void LibrarySearch::SignalComparison(int row, int column) {
   if (!controller_.CheckPixel(row, column) || !CheckFirstLibrary()) return;
   LsPixelProcessor* pixel = controller_.PreparePixel(row, column);
-  if (!pixel) return;
+  int ilib = 0;
+  if (!pixel || !PixelLibrary(row, column, ilib)) return;
   const int bins = pixel->GetSignal().GetNumberOfBins();
-  if (!SizeComplexes(0, bins) || !SizeDoubles(0, board_.libraries.At(0).GetNumberOfSignals())) return;
+  if (!SizeComplexes(0, bins) || !SizeDoubles(0, board_.libraries.At(ilib).GetNumberOfSignals())) return;
   std::copy_n(pixel->GetSignal().FourierDomainCplx(), bins, board_.complexArrays[0].Data());
-  pixel->ScoreAllSignals(0, board_.doubleArrays[0].Data());
+  pixel->ScoreAllSignals(ilib, board_.doubleArrays[0].Data());
 }
 
 void LibrarySearch::SignalComparison(int row, int column, int ilib, int isignal) {
@@ -277,9 +294,10 @@ void LibrarySearch::CalculateMeritX(int row, int column, int ilib) {
 }
 
 void LibrarySearch::SpatialCorrelation(int row, int column, int isignal) {
-  if (!controller_.CheckPixel(row, column) || !CheckFirstLibrary() || !CheckSignal(0, isignal)) return;
+  if (!controller_.CheckPixel(row, column) || !CheckFirstLibrary()) return;
   LsPixelProcessor* pixel = controller_.PreparePixel(row, column);
-  if (!pixel) return;
+  int ilib = 0;
+  if (!pixel || !PixelLibrary(row, column, ilib) || !CheckSignal(ilib, isignal)) return;
   LsSignalProcessor* processor = pixel->GetSignalProcessor();
   if (!processor) {
     board_.status = pixel->GetStatus();
@@ -288,7 +306,7 @@ void LibrarySearch::SpatialCorrelation(int row, int column, int isignal) {
   const int bins = pixel->GetSignal().GetNumberOfBins(), n = 2 * bins - 2;
   if (!SizeComplexes(0, n) || !SizeDoubles(0, n) || !SizeComplexes(1, bins)) return;
   for (int j = 0; j < bins; ++j)
-    board_.complexArrays[1][j] = Bin(board_.libraries.At(0).GetRow(isignal), j);
+    board_.complexArrays[1][j] = Bin(board_.libraries.At(ilib).GetRow(isignal), j);
   if (!processor->Correlate(pixel->GetSignal().FourierDomainCplx(), board_.complexArrays[1].Data(),
                             pixel->GetFirstBin(), pixel->GetLastBin(), board_.complexArrays[0].Data())) {
     board_.status = processor->GetStatus();

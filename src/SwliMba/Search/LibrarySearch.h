@@ -124,8 +124,12 @@ class QUARN_PP_EXPORT LibrarySearch {
   // GetLibraryBinTrace: complex 0 = bin `ibin` of every signal (S values); double 0 = the value of
   // variable 1 at each signal, a + b · (signal / values of variable 2).
   void GetLibraryBinTrace(int ilib, int ibin);
-  // SignalComparison (row, column): the candidate stage against the first library. Complex 0 =
-  // the pixel's spectrum (B bins); double 0 = the shift-invariant score of every signal, in [0, 1].
+  // SignalComparison (row, column): the candidate stage against the pixel's library, the one
+  // Execute matches it against: its search region's when region associations are set, else the
+  // first. Complex 0 = the pixel's spectrum (B bins); double 0 = the shift-invariant score of
+  // every signal of that library, in [0, 1]. A pixel outside every search region has no library
+  // ("Call to GetLibrary failed"); a region without an association, or tied to a library since
+  // removed, fails as Execute does.
   void SignalComparison(int row, int column);
   // SignalComparison (row, column, ilib, isignal): the fit stage against one signal. Double 0 =
   // {merit, height, gain}; complex 0 = the pixel's spectrum; complex 1 = the fitted signal
@@ -135,7 +139,8 @@ class QUARN_PP_EXPORT LibrarySearch {
   // whose peak the search interpolates). Double 0 = merit, double 1 = height, double 2 = value of
   // variable 1, one per signal.
   void CalculateMeritX(int row, int column, int ilib);
-  // SpatialCorrelation: the pixel against signal `isignal` of the first library along the scan.
+  // SpatialCorrelation: the pixel against signal `isignal` of the pixel's library (chosen as in
+  // SignalComparison) along the scan.
   // Complex 0 = the analytic cross-correlation over the band at the circular shifts k = i - N/2
   // (see LsSignalProcessor::Correlate), double 0 = its real part, the correlation coefficient of
   // the two band-passed traces; complex 1 = the library signal's bins.
@@ -170,6 +175,9 @@ class QUARN_PP_EXPORT LibrarySearch {
   bool CheckFirstLibrary();
   bool CheckSignal(int ilib, int isignal);
   bool CheckScratch(int index);
+  // The library a pixel diagnostic compares against (see SignalComparison); false with the status
+  // set when the pixel has none. The search must be prepared (PreparePixel) first.
+  bool PixelLibrary(int row, int column, int& ilib);
   // Sizes scratch arrays (zeroed); false with `failure` recorded (code 6) when one cannot be had.
   bool SizeDoubles(int index, int n, const char* failure = "Call to doubleArrays.Resize failed");
   bool SizeComplexes(int index, int n, const char* failure = "Call to complexArrays.Resize failed");

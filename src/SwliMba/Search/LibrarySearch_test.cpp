@@ -313,7 +313,8 @@ TEST(LibrarySearchTest, NoisyFilmThicknessAndHeight) {
 }
 
 // Threads change nothing: each pixel is matched by one worker with the same arithmetic (rows split
-// unevenly, columns over two blocks).
+// unevenly, columns over two blocks). Nor does matching a pixel alone (ProcessSinglePixel, where
+// the candidate stage's matrix product has one row) instead of in a block of 64.
 TEST(LibrarySearchTest, ThreadedEqualsSingleThreaded) {
   FrameBuffer frames = FilmScan(
       9, 70, [](int, int col) { return 0.31 + 0.38 * col / 69.0; }, [](int r, int) { return 0.01 * r; }, 0.01,
@@ -321,6 +322,25 @@ TEST(LibrarySearchTest, ThreadedEqualsSingleThreaded) {
   for (const char* mode : {"Linear", "Fast", "MagOnly"}) {
     Maps one;
     ASSERT_TRUE(Search(frames, mode, one).IsOk());
+    {
+      LibrarySearch search;
+      search.SetSearchMode(mode);
+      Array<std::complex<double>> mirror = Library().mirror;
+      search.SetPerfectMirrorSignal(mirror);
+      DoubleMatrix2D matrix = Library().matrix;
+      search.SetLibrary(matrix, kFromUm, kIncrementUm, 0);
+      search.SetFrameBuffer(frames);
+      Maps single = one;
+      single.Attach(search);
+      const int row = 4;
+      for (int col = 0; col < 70; ++col) {
+        single.height(row, col) = single.signalId(row, col) = 0.0;
+        search.ProcessSinglePixel(row, col);
+        ASSERT_TRUE(search.GetStatus().IsOk()) << search.GetStatus().GetPrintString();
+        ASSERT_EQ(single.signalId(row, col), one.signalId(row, col)) << mode << " alone, column " << col;
+        ASSERT_EQ(single.height(row, col), one.height(row, col)) << mode << " alone, column " << col;
+      }
+    }
     for (int threads : {2, 3, 8}) {
       Maps maps;
       ASSERT_TRUE(Search(frames, mode, maps, threads).IsOk());
@@ -699,6 +719,75 @@ TEST(LibrarySearchTest, PixelDiagnosticsFindSignalAndShift) {
   }
   // The same signal moved 6 frames up: its envelope peaks 6 frames later.
   EXPECT_EQ(envelopePeak[1] - envelopePeak[0], kDiagShift[1] - kDiagShift[0]);
+}
+
+// With two search regions tied to two libraries, a pixel diagnostic compares the pixel against
+// the library Execute matches it with. Library 1 holds library 0's signals in reverse order, so
+// signal s of one is signal 200 - s of the other and the two answers differ. Pixel 0 (region 1)
+// and pixel 2 (region 2) are signals 50 and 140 moved by whole frames; pixel 1 lies in a region
+// without an association and pixel 3 outside every region. Removing library 1 leaves region 2
+// tied to a library that no longer exists, which the diagnostics and Execute both refuse.
+TEST(LibrarySearchTest, PixelDiagnosticsUseTheRegionsLibrary) {
+  DiagnosticSearch d;
+  DoubleMatrix2D reversed(kSignals, d.matrix.GetColumns());
+  for (int s = 0; s < kSignals; ++s)
+    std::copy_n(d.matrix.Row(kSignals - 1 - s), d.matrix.GetColumns(), reversed.Row(s));
+  d.search.AddLibrary(reversed, kFromUm + (kSignals - 1) * kIncrementUm, -kIncrementUm, 0);
+  RegionIdMatrix2D regions(1, kDiagPixels);
+  const int regionOf[kDiagPixels] = {1, 3, 2, Analysis::Core::kNoDataInt};
+  for (int i = 0; i < kDiagPixels; ++i)
+    regions(0, i) = regionOf[i];
+  d.search.SetSearchRegions(&regions);
+  d.search.AddRegionAssociation(1, 0);
+  d.search.AddRegionAssociation(2, 1);
+
+  for (const auto& [pixel, library] : {std::pair{0, 0}, std::pair{2, 1}}) {
+    SCOPED_TRACE("pixel " + std::to_string(pixel));
+    const int s = library == 0 ? kDiagSignal[pixel] : kSignals - 1 - kDiagSignal[pixel];
+    d.search.SignalComparison(0, pixel);
+    ASSERT_TRUE(d.search.GetStatus().IsOk()) << d.search.GetStatus().GetPrintString();
+    EXPECT_NEAR(ArgMax(d.Doubles(0)), s, 2);
+    d.search.SpatialCorrelation(0, pixel, s);
+    ASSERT_TRUE(d.search.GetStatus().IsOk()) << d.search.GetStatus().GetPrintString();
+    const std::vector<std::complex<double>> bins = d.Complexes(1);
+    const DoubleMatrix2D& expected = library == 0 ? d.matrix : reversed;
+    for (std::size_t j = 0; j < bins.size(); ++j)
+      ASSERT_EQ(bins[j], std::complex<double>(expected(s, 2 * j), expected(s, 2 * j + 1))) << j;
+    const std::vector<double> correlation = d.Doubles(0);
+    EXPECT_EQ(ArgMax(correlation) - kFrames / 2, kDiagShift[pixel]);
+    EXPECT_GT(correlation[static_cast<std::size_t>(kDiagShift[pixel] + kFrames / 2)], 0.999);
+  }
+
+  struct Refusal {
+    int pixel;
+    bool removeLibrary1;
+    unsigned code;
+    const char* message;
+  };
+  for (const Refusal& r :
+       {Refusal{3, false, StatusCode::kCallFailed, "Call to GetLibrary failed"},
+        Refusal{1, false, StatusCode::kNoData, "Key not found: this should never occur"},
+        Refusal{2, true, StatusCode::kArgumentOutOfRange, "Cannot find a library with the given id"}}) {
+    SCOPED_TRACE(r.message);
+    if (r.removeLibrary1) {
+      d.search.RemoveLibrary(1);
+      regions(0, 1) = 1;  // only the removed library's region is left to fail
+      d.search.Execute();
+      EXPECT_EQ(d.search.GetStatus().GetCode(), r.code);
+      EXPECT_EQ(d.search.GetStatus().GetMessage(), r.message);
+    }
+    for (int call = 0; call < 2; ++call) {
+      // A failure stays recorded until another replaces it: put a different one there first.
+      d.search.GetLibrarySignal(-1, 0);
+      ASSERT_EQ(d.search.GetStatus().GetMessage(), "Argument ilib is out of range");
+      if (call == 0)
+        d.search.SignalComparison(0, r.pixel);
+      else
+        d.search.SpatialCorrelation(0, r.pixel, 0);
+      EXPECT_EQ(d.search.GetStatus().GetCode(), r.code);
+      EXPECT_EQ(d.search.GetStatus().GetMessage(), r.message);
+    }
+  }
 }
 
 // The generator's spectra of SiO2 on Si for a thickness range, 128 frames of 80 nm, NA 0.2.

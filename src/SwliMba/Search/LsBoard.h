@@ -54,6 +54,32 @@ struct LsBoard {
   Analysis::Core::Array<double> doubleArrays[kScratchArrays];
   Analysis::Core::Array<std::complex<double>> complexArrays[kScratchArrays];
   Analysis::Core::Status status{__LINE__, kSource};
+
+  // Which libraries the pixel (row, column) of the frame-buffer window is matched against:
+  // kAllLibraries without search regions or without region associations, kNoLibrary when it
+  // lies outside every search region, else the id of its region's library. A region without an
+  // association, or one tied to a library id the list does not hold (removed since), returns
+  // kLookupFailed with `failure` saying which. The search regions must have the window's shape.
+  static constexpr int kAllLibraries = -1, kNoLibrary = -2, kLookupFailed = -3;
+  int LibraryOfPixel(int row, int column, Analysis::Core::Status& failure) const {
+    if (!searchRegions) return kAllLibraries;
+    const int id = (*searchRegions)(row, column);
+    if (!Analysis::Core::RegionIdMatrix2D::IsValid(id)) return kNoLibrary;
+    if (regionAssociations.IsEmpty()) return kAllLibraries;
+    const int library = regionAssociations.Find(id);
+    if (library < 0) {
+      failure =
+          Analysis::Core::Status(0, Analysis::Core::StatusCode::kNoData, __LINE__,
+                                 LsRegionAssociations::kSource, "Key not found: this should never occur");
+      return kLookupFailed;
+    }
+    if (library >= libraries.Size()) {
+      failure = Analysis::Core::Status(0, Analysis::Core::StatusCode::kArgumentOutOfRange, __LINE__,
+                                       LsLibraryList::kSource, "Cannot find a library with the given id");
+      return kLookupFailed;
+    }
+    return library;
+  }
 };
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search

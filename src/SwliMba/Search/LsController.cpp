@@ -79,7 +79,7 @@ bool LsController::Prepare(bool modulationOnly, int threads) {
     processors_.resize(static_cast<std::size_t>(threads));
     for (auto& processor : processors_) {
       if (!processor) processor = std::make_unique<LsPixelProcessor>();
-      if (!modulationOnly && !processor->Init(board, first, last)) {
+      if (!modulationOnly && !processor->Init(board, first, last, coreFirst, coreLast)) {
         board.status = processor->GetStatus();
         return false;
       }

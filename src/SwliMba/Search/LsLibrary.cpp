@@ -76,7 +76,7 @@ bool LsLibrary::Prepare(int first, int last, int coreFirst, int coreLast) {
         coarseSignals_.push_back(i1 * stride + i2);
       if (i1 + kCoarseStride >= values1 && i1 != values1 - 1) i1 = values1 - 1 - kCoarseStride;
     }
-    coarseFeatures_.resize(coarseSignals_.size() * static_cast<std::size_t>(coreWidth_));
+    coarseFeatures_.resize(coarseSignals_.size() * 4 * static_cast<std::size_t>(coreWidth_));
   } catch (const std::bad_alloc&) {
     status_ = Status(0, StatusCode::kAllocationFailed, __LINE__, kSource, "Allocation of signal failed");
     band_ = 0;
@@ -89,8 +89,15 @@ bool LsLibrary::Prepare(int first, int last, int coreFirst, int coreLast) {
     for (std::size_t k = 0; k < core; ++k)
       energy += std::norm(from[k]);
     const double scale = energy > 0.0 ? 1.0 / std::sqrt(energy) : 0.0;
-    for (std::size_t k = 0; k < core; ++k)
-      coarseFeatures_[i * core + k] = from[k] * scale;
+    float* re = coarseFeatures_.data() + i * 4 * core;
+    float* im = re + 2 * core;
+    for (std::size_t k = 0; k < core; ++k) {
+      const std::complex<double> l = from[k] * scale;
+      re[k] = static_cast<float>(l.real());
+      re[core + k] = static_cast<float>(-l.imag());
+      im[k] = static_cast<float>(l.imag());
+      im[core + k] = static_cast<float>(l.real());
+    }
   }
   return true;
 }

@@ -22,6 +22,8 @@ using ComplexMap = Eigen::Map<Eigen::Matrix<cd, Eigen::Dynamic, Eigen::Dynamic, 
 using ConstComplexMap = Eigen::Map<const Eigen::Matrix<cd, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>;
 using RealMap = Eigen::Map<Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>;
 using ConstRealMap = Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>;
+using FloatMap = Eigen::Map<Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>;
+using ConstFloatMap = Eigen::Map<const Eigen::Matrix<float, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>;
 
 constexpr double kNoData = Analysis::Core::kNoDataDouble;
 constexpr int kFastHalfWidth = LsLibrary::kCoarseStride;  // dense search ± one coarse step
@@ -63,12 +65,15 @@ struct Interval {
 
 }  // namespace
 
-bool LsPixelProcessor::Init(const LsBoard& board, int firstBin, int lastBin) {
+bool LsPixelProcessor::Init(const LsBoard& board, int firstBin, int lastBin, int coreFirstBin,
+                            int coreLastBin) {
   board_ = &board;
   const int bins = board.perfectMirrorSignal.GetNumberOfBins();
   n_ = 2 * (bins - 1);
   first_ = firstBin;
   band_ = lastBin - firstBin + 1;
+  coreOffset_ = coreFirstBin - firstBin;
+  coreWidth_ = coreLastBin - coreFirstBin;
   if (!signal_.Init(bins)) {
     status_ = Status(0, StatusCode::kCallFailed, __LINE__, kSource, "Call to signal.Init failed");
     return false;
@@ -94,6 +99,8 @@ bool LsPixelProcessor::Init(const LsBoard& board, int firstBin, int lastBin) {
             "Call to correlations.Resize failed") ||
       !Size(merit_, magOnly ? block * signals : 0, status_, "Call to merit.Resize failed") ||
       !Size(coarseCorrelations_, fast ? block * coarse : 0, status_, "Call to coarseZ.Resize failed") ||
+      !Size(coreFeatures_, fast ? block * 2 * static_cast<std::size_t>(coreWidth_) : 0, status_,
+            "Call to coreFeatures.Resize failed") ||
       !Size(denseScores_, 2 * kFastHalfWidth + 1, status_, "Call to interpolatedPeaks.Resize failed") ||
       !Size(scores_, signals, status_, "Call to correlated.Resize failed"))
     return false;
@@ -129,6 +136,19 @@ double LsPixelProcessor::LoadPixel(const double* trace, int slot) {
   const double featureScale = featureEnergy > 0.0 ? 1.0 / std::sqrt(featureEnergy) : 0.0;
   for (int k = 0; k + 1 < band_; ++k)
     d[k] *= featureScale;
+  if (board_->searchMode == static_cast<int>(LsSearchMode::Fast)) {
+    const int core = coreWidth_;
+    const cd* from = d + coreOffset_;
+    double coreEnergy = 0.0;
+    for (int k = 0; k < core; ++k)
+      coreEnergy += std::norm(from[k]);
+    const double coreScale = coreEnergy > 0.0 ? 1.0 / std::sqrt(coreEnergy) : 0.0;
+    float* re = coreFeatures_.data() + static_cast<std::size_t>(slot) * 2 * core;
+    for (int k = 0; k < core; ++k) {
+      re[k] = static_cast<float>(from[k].real() * coreScale);
+      re[core + k] = static_cast<float>(from[k].imag() * coreScale);
+    }
+  }
   // The normalised magnitudes are the features of the magnitude-only search alone.
   if (board_->searchMode == static_cast<int>(LsSearchMode::MagOnly)) {
     double* a = magnitudes_.data() + static_cast<std::size_t>(slot) * band_;
@@ -153,11 +173,9 @@ void LsPixelProcessor::CandidateScores(int libraryId, int count) {
     case LsSearchMode::Fast: {
       const int s = library.GetNumberOfCoarseSignals();
       const int core = library.GetCoreWidth();
-      using CoreMap = Eigen::Map<const Eigen::Matrix<cd, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>, 0,
-                                 Eigen::OuterStride<>>;
-      ComplexMap(coarseCorrelations_.data(), count, s).noalias() =
-          CoreMap(features_.data() + library.GetCoreOffset(), count, core, Eigen::OuterStride<>(k)) *
-          ConstComplexMap(library.GetCoarseFeaturesConjData(), s, core).transpose();
+      FloatMap(reinterpret_cast<float*>(coarseCorrelations_.data()), count, 2 * s).noalias() =
+          ConstFloatMap(coreFeatures_.data(), count, 2 * core) *
+          ConstFloatMap(library.GetCoarseGridData(), 2 * s, 2 * core).transpose();
       break;
     }
     default: {
@@ -188,19 +206,14 @@ void LsPixelProcessor::Candidates(int slot, const LsLibrary& library, std::vecto
   const bool squared = mode != LsSearchMode::MagOnly;
   if (!squared) {
     std::copy(merit_.data() + at, merit_.data() + at + count, scores);
-  } else {
-    const cd* values = (fast ? coarseCorrelations_.data() : correlations_.data()) + at;
-    // The coarse grid compares the band's core; its scores are normalised by the core's energy.
-    double scale = 1.0;
-    if (fast) {
-      const cd* d = features_.data() + static_cast<std::size_t>(slot) * (band_ - 1) + library.GetCoreOffset();
-      double energy = 0.0;
-      for (int k = 0; k < library.GetCoreWidth(); ++k)
-        energy += std::norm(d[k]);
-      scale = energy > 0.0 ? 1.0 / energy : 0.0;
-    }
+  } else if (fast) {
+    const std::complex<float>* values = coarseCorrelations_.data() + at;
     for (int i = 0; i < count; ++i)
-      scores[i] = std::norm(values[i]) * scale;
+      scores[i] = static_cast<double>(std::norm(values[i]));
+  } else {
+    const cd* values = correlations_.data() + at;
+    for (int i = 0; i < count; ++i)
+      scores[i] = std::norm(values[i]);
   }
   auto score = [scores](int i) { return scores[i]; };
 
@@ -250,7 +263,7 @@ void LsPixelProcessor::Candidates(int slot, const LsLibrary& library, std::vecto
         cd sum = 0.0;
         for (int k = 0; k + 1 < band_; ++k)
           sum += Mul(d[k], l[k]);
-        const double v = Magnitude(sum);
+        const double v = std::norm(sum);  // the same order as the magnitude
         if (v > top) {
           top = v;
           signal = s;
@@ -282,12 +295,18 @@ LsPixelProcessor::Fit LsPixelProcessor::FullFit(int slot, const LsLibrary& libra
   const double norm = norms_[static_cast<std::size_t>(slot)] * library.GetBandNorm(signal);
   Fit fit;
   if (!(norm > 0.0)) return fit;
-  cd p[512];
+  // A trivially constructible pair, so that the 8 KB scratch is not zeroed on every call (a
+  // std::complex array would be, and that cost a quarter of the fit).
+  struct Pair {
+    double re, im;
+  };
+  Pair p[512];
   const int w = std::min(band_, 512);
   double weight = 0.0, centroid = 0.0;
   for (int k = 0; k < w; ++k) {
-    p[k] = MulConj(m[k], l[k]);
-    const double a = Magnitude(p[k]);
+    const cd product = MulConj(m[k], l[k]);
+    p[k] = {product.real(), product.imag()};
+    const double a = Magnitude(product);
     weight += a;
     centroid += a * omega_[static_cast<std::size_t>(k)];
   }
@@ -300,7 +319,7 @@ LsPixelProcessor::Fit LsPixelProcessor::FullFit(int slot, const LsLibrary& libra
     const cd rotation = std::polar(1.0, step * h);
     c0 = c1 = c2 = 0.0;
     for (int k = 0; k < w; ++k) {
-      const cd t = Mul(p[k], e);
+      const cd t = Mul(cd(p[k].re, p[k].im), e);
       const double om = omega_[static_cast<std::size_t>(k)];
       c0 += t;
       c1 += om * t;
@@ -488,21 +507,10 @@ void LsPixelProcessor::ProcessRow(int thread, int row, int colFirst, int colEnd,
       const double modulation = mean > 0.0 ? 100.0 * std::max(high - mean, mean - low) / mean : 0.0;
       put(board.modulationMap, col, modulation);
       if (modulationOnly) continue;
-      int libraryId = -1;
-      if (board.searchRegions) {
-        const int id = (*board.searchRegions)(row, col);
-        if (!Analysis::Core::RegionIdMatrix2D::IsValid(id)) {
-          libraryId = -2;
-        } else if (!board.regionAssociations.IsEmpty()) {
-          libraryId = board.regionAssociations.Find(id);
-          if (libraryId < 0)
-            throw Status(0, StatusCode::kNoData, __LINE__, kSource, "Key not found: this should never occur");
-          if (libraryId >= board.libraries.Size())
-            throw Status(0, StatusCode::kArgumentOutOfRange, __LINE__, kSource,
-                         "Cannot find a library with the given id");
-        }
-      }
-      if (libraryId == -2 || modulation < board.modulationThreshold) {
+      Status failure;
+      const int libraryId = board.LibraryOfPixel(row, col, failure);
+      if (libraryId == LsBoard::kLookupFailed) throw failure;
+      if (libraryId == LsBoard::kNoLibrary || modulation < board.modulationThreshold) {
         for (auto* map : {board.heightMap, board.thicknessMap, board.metricMap, board.confidenceMap,
                           board.bestLibraryIdMap, board.bestSignalIdMap})
           put(map, col, kNoData);
@@ -521,13 +529,13 @@ void LsPixelProcessor::ProcessRow(int thread, int row, int colFirst, int colEnd,
       if (board.libraries.At(l).GetNumberOfSignals() == 0) continue;
       bool needed = false;
       for (int s = 0; s < count && !needed; ++s)
-        needed =
-            libraryOf_[static_cast<std::size_t>(s)] == -1 || libraryOf_[static_cast<std::size_t>(s)] == l;
+        needed = libraryOf_[static_cast<std::size_t>(s)] == LsBoard::kAllLibraries ||
+                 libraryOf_[static_cast<std::size_t>(s)] == l;
       if (!needed) continue;
       CandidateScores(l, count);
       for (int s = 0; s < count; ++s) {
         const int wanted = libraryOf_[static_cast<std::size_t>(s)];
-        if (wanted != -1 && wanted != l) continue;
+        if (wanted != LsBoard::kAllLibraries && wanted != l) continue;
         const Result r = MatchLibrary(s, l);
         if (r.merit > results[s].merit) results[s] = r;
       }

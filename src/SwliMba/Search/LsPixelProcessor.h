@@ -28,9 +28,9 @@ namespace Quarn::Metrology::PhaseProcessing::Core::SwliMba::Search {
 // |<D_M, D_L>| / (|D_M| |D_L|) compares the shape of the two spectra, phase included, whatever the
 // height, and the phase of <D_M, D_L> gives the height to a fraction of a frame. For a block of
 // pixels against a library this is one complex matrix product ("Linear"); "Fast" computes it on a
-// coarse grid of variable 1 (every eighth value) and then densely around the best coarse
-// intervals only; "MagOnly" correlates the normalised spectral magnitudes instead (a real matrix
-// product, blind to the spectral phase).
+// coarse grid of variable 1 (every eighth value, over the band's core, in single precision as
+// one real matrix product: see LsLibrary) and then densely around the best coarse intervals only; "MagOnly"
+// correlates the normalised spectral magnitudes instead (a real matrix product, blind to the spectral phase).
 //
 // Candidates are the local maxima of that score along variable 1 ("intervals"). The best one is
 // taken (strict greater-than, the first on a tie), and the others are considered further when
@@ -71,8 +71,9 @@ class LsPixelProcessor {
     int signal = -1;
   };
 
-  // Sizes the working arrays for the board's libraries (already prepared for the band).
-  bool Init(const LsBoard& board, int firstBin, int lastBin);
+  // Sizes the working arrays for the board's libraries (already prepared for the band
+  // [firstBin, lastBin] and its core [coreFirstBin, coreLastBin]).
+  bool Init(const LsBoard& board, int firstBin, int lastBin, int coreFirstBin, int coreLastBin);
 
   // Processes pixels [colFirst, colEnd) of one row of the frame-buffer window and writes the maps
   // that are set. `thread` selects the frame buffer's scratch.
@@ -126,15 +127,20 @@ class LsPixelProcessor {
   LsSignal signal_;
   LsSignalProcessor signalProcessor_;
   int n_ = 0, first_ = 0, band_ = 0;
-  std::vector<double> omega_;  // ω_j of the band's bins, rad per frame
+  int coreOffset_ = 0, coreWidth_ = 0;  // the core's features within the band's
+  std::vector<double> omega_;           // ω_j of the band's bins, rad per frame
   // Per pixel of the block: band spectrum, norm, features, magnitudes, modulation.
   std::vector<std::complex<double>> spectra_, features_;
   std::vector<double> norms_, magnitudes_, modulation_;
-  std::vector<int> libraryOf_;  // -2: not matched; -1: all libraries; else the one library
+  std::vector<int> libraryOf_;  // LsBoard::kAllLibraries or the one library to match
   // Candidate-stage scores of the block against one library (complex for the feature products).
   std::vector<std::complex<double>> correlations_;
   std::vector<double> merit_;
-  std::vector<std::complex<double>> coarseCorrelations_;
+  // Fast search: each pixel's core features in single precision, [Re …, Im …] renormalised to unit
+  // norm over the core (see LsLibrary), and their products with the coarse grid, complex values
+  // with the real and imaginary part side by side.
+  std::vector<float> coreFeatures_;
+  std::vector<std::complex<float>> coarseCorrelations_;
   std::vector<int> candidates_;
   std::vector<double> scores_;                     // candidate-stage scores of one pixel
   std::vector<std::complex<double>> denseScores_;  // fast search, dense values around an interval

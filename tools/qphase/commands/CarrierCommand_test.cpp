@@ -49,23 +49,6 @@ class CarrierCliTest : public CliTestFixture {
     WriteTiffStack(Path(name), frames);
     return Path(name);
   }
-
-  std::string WriteMap(const std::string& name, int rows, int cols,
-                       const std::function<double(int, int)>& value) const {
-    Core::DoubleMatrix2D map(rows, cols);
-    for (int r = 0; r < rows; ++r) {
-      for (int c = 0; c < cols; ++c)
-        map(r, c) = value(r, c);
-    }
-    WriteFloatTiff(Path(name), map);
-    return Path(name);
-  }
-
-  // The number printed after `key`, or NaN.
-  static double PrintedPv(const std::string& out, const std::string& key) {
-    const std::size_t at = out.find(key);
-    return at == std::string::npos ? std::nan("") : std::strtod(out.c_str() + at + key.size(), nullptr);
-  }
 };
 
 // The written phase is the surface's in radians, up to a constant; 8 pixels from the frame edge
@@ -76,8 +59,7 @@ TEST_F(CarrierCliTest, CarrierWritesThePhaseAndModulation) {
   const RunResult result = Run("carrier " + frame + " -o " + Path("phase.tif") + " --modulation " +
                                Path("mod.tif") + " --png " + Path("phase.png") + " --quadrant 3 --threads 2");
   ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_NE(result.out.find("quadrant 3, 4 pixels per fringe: 100.0 % valid"), std::string::npos)
-      << result.out;
+  EXPECT_THAT(result.out, HasSubstr("quadrant 3, 4 pixels per fringe: 100.0 % valid"));
   EXPECT_GT(fs::file_size(Path("phase.png")), 1000u);
   Core::DoubleMatrix2D phase, modulation;
   ReadFloatTiff(Path("phase.tif"), phase);
@@ -102,16 +84,15 @@ TEST_F(CarrierCliTest, CarrierWritesThePhaseAndModulation) {
 
 TEST_F(CarrierCliTest, CarrierInputProblemsAreExitStatus2AndNoResultIs1) {
   const std::string stack = WriteFrame("stack.tif", 2, 80.0, 3);
-  RunResult result = Run("carrier " + stack + " -o " + Path("phase.tif"));
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.err.find("has 3 pages; carrier fringes are one frame"), std::string::npos) << result.err;
+  RunExpecting(2, "carrier " + stack + " -o " + Path("phase.tif"),
+               "has 3 pages; carrier fringes are one frame");
 
   // Fringes of 6 counts are far below 20 % of half the range (25.5 counts): nothing is valid.
   const std::string faint = WriteFrame("faint.tif", 2, 6.0);
-  result = Run("carrier " + faint + " -o " + Path("phase.tif") + " --modulation " + Path("mod.tif") +
-               " --threshold 20");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_NE(result.err.find("no valid pixel in " + faint), std::string::npos) << result.err;
+  RunExpecting(1,
+               "carrier " + faint + " -o " + Path("phase.tif") + " --modulation " + Path("mod.tif") +
+                   " --threshold 20",
+               "no valid pixel in " + faint);
   EXPECT_TRUE(Leftovers({"stack.tif", "faint.tif"}).empty()) << "a failed run leaves no file";
 }
 
@@ -128,23 +109,21 @@ TEST_F(CarrierCliTest, QuadrantsCombineAndDecide) {
                          " --calibration " + Path("cal.tif"));
   ASSERT_EQ(result.status, 0) << result.err;
   // The maps are stored as floats (7 digits): the PV holds to 1e-4 nm.
-  EXPECT_NEAR(PrintedPv(result.out, "astigmatism PV: "), 24.025, 1e-3) << result.out;
-  EXPECT_NE(result.out.find("nm (tolerance 10.000 nm)\nfour quadrants required: yes"), std::string::npos)
-      << result.out;
+  EXPECT_NEAR(NumberAfter(result.out, "astigmatism PV: "), 24.025, 1e-3) << result.out;
+  EXPECT_THAT(result.out, HasSubstr("nm (tolerance 10.000 nm)\nfour quadrants required: yes"));
   Core::DoubleMatrix2D final, calibration;
   ReadFloatTiff(Path("final.tif"), final);
   ReadFloatTiff(Path("cal.tif"), calibration);
   EXPECT_NEAR(final(5, 7), astigmatic(5, 7), 1e-4);  // float files
   EXPECT_NEAR(calibration(5, 7), 0.5, 1e-6);
 
-  result = Run("quadrants --q1 " + q1 + " --q3 " + q3 + " -o " + Path("final.tif") + " --tolerance 30");
-  ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_NE(result.out.find("four quadrants required: no"), std::string::npos) << result.out;
+  RunExpecting(0, "quadrants --q1 " + q1 + " --q3 " + q3 + " -o " + Path("final.tif") + " --tolerance 30",
+               "four quadrants required: no");
 
   // Phase in radians of 632.8 nm: the PV is reported as surface height, lambda / (4 pi) per radian.
-  result = Run("quadrants --q1 " + q1 + " --q3 " + q3 + " -o " + Path("final.tif") + " --wavelength 632.8");
-  ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_NEAR(PrintedPv(result.out, "astigmatism PV: "), 24.025 * 632.8 / (4.0 * std::numbers::pi), 2e-3)
+  result = RunExpecting(
+      0, "quadrants --q1 " + q1 + " --q3 " + q3 + " -o " + Path("final.tif") + " --wavelength 632.8");
+  EXPECT_NEAR(NumberAfter(result.out, "astigmatism PV: "), 24.025 * 632.8 / (4.0 * std::numbers::pi), 2e-3)
       << result.out;
 
   // Q2 and Q4 without the x y term: the four-quadrant map keeps three quarters of it.
@@ -153,9 +132,9 @@ TEST_F(CarrierCliTest, QuadrantsCombineAndDecide) {
   result = Run("quadrants --q1 " + q1 + " --q2 " + q2 + " --q3 " + q3 + " --q4 " + q4 + " -o " +
                Path("four.tif") + " --tolerance 30");
   ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_NEAR(PrintedPv(result.out, "PV of Q1 and Q3 alone: "), 24.025, 1e-3) << result.out;
-  EXPECT_NE(result.out.find("four quadrants required: no"), std::string::npos) << result.out;
-  EXPECT_NEAR(PrintedPv(result.out, "PV of the four-quadrant map: "), 24.025 / 2, 1e-3) << result.out;
+  EXPECT_NEAR(NumberAfter(result.out, "PV of Q1 and Q3 alone: "), 24.025, 1e-3) << result.out;
+  EXPECT_THAT(result.out, HasSubstr("four quadrants required: no"));
+  EXPECT_NEAR(NumberAfter(result.out, "PV of the four-quadrant map: "), 24.025 / 2, 1e-3) << result.out;
   ReadFloatTiff(Path("four.tif"), final);
   EXPECT_NEAR(final(9, 20), (2 * astigmatic(9, 20) + 6.0) / 4, 1e-4);
 }
@@ -163,34 +142,27 @@ TEST_F(CarrierCliTest, QuadrantsCombineAndDecide) {
 TEST_F(CarrierCliTest, QuadrantsProblemsAreNamed) {
   const std::string q1 = WriteMap("q1.tif", 16, 16, [](int r, int c) { return 0.01 * r * c; });
   const std::string q3 = WriteMap("q3.tif", 16, 18, [](int r, int c) { return 0.01 * r * c; });
-  RunResult result = Run("quadrants --q1 " + q1 + " --q3 " + q3 + " -o " + Path("final.tif"));
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.err.find(q3 + " is 18 x 16, " + q1 + " is 16 x 16"), std::string::npos) << result.err;
-
-  result = Run("quadrants --q1 " + q1 + " --q3 " + q1 + " --q2 " + q1 + " -o " + Path("final.tif"));
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.err.find("--q2 and --q4 go together"), std::string::npos) << result.err;
+  RunExpecting(2, "quadrants --q1 " + q1 + " --q3 " + q3 + " -o " + Path("final.tif"),
+               q3 + " is 18 x 16, " + q1 + " is 16 x 16");
+  RunExpecting(2, "quadrants --q1 " + q1 + " --q3 " + q1 + " --q2 " + q1 + " -o " + Path("final.tif"),
+               "--q2 and --q4 go together");
 
   // Maps without a common valid pixel: no result, nothing written.
   const std::string left =
       WriteMap("left.tif", 16, 16, [](int, int c) { return c < 8 ? 1.0 : std::nan(""); });
   const std::string right =
       WriteMap("right.tif", 16, 16, [](int, int c) { return c >= 8 ? 1.0 : std::nan(""); });
-  result = Run("quadrants --q1 " + left + " --q3 " + right + " -o " + Path("final.tif"));
-  EXPECT_EQ(result.status, 1);
-  EXPECT_NE(result.err.find("no pixel has data in every quadrant map"), std::string::npos) << result.err;
+  RunExpecting(1, "quadrants --q1 " + left + " --q3 " + right + " -o " + Path("final.tif"),
+               "no pixel has data in every quadrant map");
   EXPECT_TRUE(Leftovers({"q1.tif", "q3.tif", "left.tif", "right.tif"}).empty());
 
   // Data on one row only: the maps combine, but no x y term can be fitted. The map is written and
   // the PV reported as unavailable, with the decision that follows from not knowing it.
   const std::string row =
       WriteMap("row.tif", 16, 16, [](int r, int c) { return r == 4 ? 0.1 * c : std::nan(""); });
-  result = Run("quadrants --q1 " + row + " --q3 " + row + " -o " + Path("final.tif"));
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_NE(result.out.find("astigmatism PV: unavailable (Solving the equation system failed)"),
-            std::string::npos)
-      << result.out;
-  EXPECT_NE(result.out.find("four quadrants required: yes"), std::string::npos) << result.out;
+  RunExpecting(0, "quadrants --q1 " + row + " --q3 " + row + " -o " + Path("final.tif"),
+               "astigmatism PV: unavailable (Solving the equation system failed) (tolerance 10.000 nm)\n"
+               "four quadrants required: yes");
   EXPECT_TRUE(fs::exists(Path("final.tif")));
 }
 

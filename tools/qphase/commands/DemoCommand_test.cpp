@@ -41,7 +41,7 @@ TEST_F(DemoCommandTest, RunsEverySectionAndWritesItsMaps) {
     EXPECT_TRUE(finite(error) || line.find("n/a (") != std::string::npos) << line;
   }
   EXPECT_GE(rows, 5) << result.out;
-  EXPECT_NE(result.out.find("PSI ConvertSliding13"), std::string::npos) << result.out;
+  EXPECT_THAT(result.out, HasSubstr("PSI ConvertSliding13"));
   for (const std::string section : {"psi_", "psicheck_", "swli_", "carrier_", "spot_", "film_"}) {
     for (const std::string extension : {".tif", ".png"}) {
       int count = 0;

@@ -60,13 +60,6 @@ class PsiCheckCliTest : public CliTestFixture {
     summary.mean /= std::max(summary.valid, 1);
     return summary;
   }
-
-  // The number printed after `label` in `text` (NaN when absent).
-  static double NumberAfter(const std::string& text, const std::string& label) {
-    const std::size_t at = text.find(label);
-    if (at == std::string::npos) return std::nan("");
-    return std::strtod(text.c_str() + at + label.size(), nullptr);
-  }
 };
 
 // The step value of a 7-frame stack whose shifter moves 1 + error times the quarter period is
@@ -96,19 +89,14 @@ TEST_F(PsiCheckCliTest, StepMapAndGainFollowAKnownGainError) {
 // and 20 or more are refused (a run of frames can be picked from them, as the real-data test does).
 TEST_F(PsiCheckCliTest, TheFrameCountChoosesTheChecks) {
   const std::string twenty = WriteStack("plus20.tif", 20, 0.05);
-  RunResult result = Run(twenty);
-  ASSERT_EQ(result.status, 0) << result.err;
+  const RunResult result = RunExpecting(0, twenty, "sinusoidal");
   EXPECT_EQ(result.out.find("corvane"), std::string::npos) << result.out;
-  EXPECT_NE(result.out.find("sinusoidal"), std::string::npos) << result.out;
   EXPECT_LT(NumberAfter(result.out, "gain correction "), -0.02) << result.out;
   EXPECT_EQ(Run(twenty + " -o " + Path("step.tif")).status, 2);
 
   const std::string twelve = WriteStack("twelve.tif", 12, 0.0);
-  result = Run(twelve + " -o " + Path("step.tif"));
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.err.find(twelve + " has 12 frames; the phase-step check needs 7 or 13 frames"),
-            std::string::npos)
-      << result.err;
+  RunExpecting(2, twelve + " -o " + Path("step.tif"),
+               twelve + " has 12 frames; the phase-step check needs 7 or 13 frames");
   EXPECT_FALSE(fs::exists(Path("step.tif")));
 }
 
@@ -138,32 +126,23 @@ TEST_F(PsiCheckCliTest, MaskAndScanPeriodLeaveTheOtherPixelsWithoutData) {
 TEST_F(PsiCheckCliTest, ACheckWithoutAResultIsNamedAndTheOtherResultStands) {
   const std::string flat = WriteStack("flat.tif", 7, 0.0, 3.0);  // modulation of a few counts
   const std::string maps = " -o " + Path("step.tif") + " --png " + Path("step.png");
-  RunResult result = Run(flat + maps);
-  EXPECT_EQ(result.status, 1);
-  EXPECT_NE(result.err.find("corvane check: no valid pixel in " + flat), std::string::npos) << result.err;
-  EXPECT_NE(result.err.find("gain check: no pixel of " + flat + " contributes"), std::string::npos)
-      << result.err;
+  RunResult result = RunExpecting(1, flat + maps, "corvane check: no valid pixel in " + flat);
+  EXPECT_THAT(result.err, HasSubstr("gain check: no pixel of " + flat + " contributes"));
   EXPECT_FALSE(fs::exists(Path("step.tif")) || fs::exists(Path("step.png")));
   EXPECT_EQ(Run(flat + " --method gain").status, 1);
   EXPECT_EQ(Run(flat + " --min-modulation 1").status, 0);
 
   const std::string lateClip = WriteStack("late.tif", 13, 0.0, 90.0, 12);
-  result = Run(lateClip + " -o " + Path("step.tif"));
-  ASSERT_EQ(result.status, 0) << result.err;
+  result = RunExpecting(0, lateClip + " -o " + Path("step.tif"));
   EXPECT_NEAR(Summarise(Path("step.tif")).mean, 0.0, 0.5);
-  EXPECT_NE(result.err.find("gain check: no pixel of " + lateClip + " contributes"), std::string::npos)
-      << result.err;
+  EXPECT_THAT(result.err, HasSubstr("gain check: no pixel of " + lateClip + " contributes"));
 
   const std::string earlyClip = WriteStack("early.tif", 13, 0.05, 90.0, 1);
-  result = Run(earlyClip);
-  ASSERT_EQ(result.status, 0) << result.err;
+  result = RunExpecting(0, earlyClip);
   EXPECT_LT(NumberAfter(result.out, "gain correction "), -0.02) << result.out;
-  EXPECT_NE(result.err.find("corvane check: no valid pixel in " + earlyClip), std::string::npos)
-      << result.err;
-  result = Run(earlyClip + " --png " + Path("early.png"));
-  EXPECT_EQ(result.status, 1);
-  EXPECT_NE(result.out.find("gain correction "), std::string::npos) << result.out;
-  EXPECT_NE(result.err.find("no step map written"), std::string::npos) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("corvane check: no valid pixel in " + earlyClip));
+  result = RunExpecting(1, earlyClip + " --png " + Path("early.png"), "no step map written");
+  EXPECT_THAT(result.out, HasSubstr("gain correction "));
   EXPECT_FALSE(fs::exists(Path("early.png")));
 }
 

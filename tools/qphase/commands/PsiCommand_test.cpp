@@ -10,41 +10,23 @@
 
 #include <gtest/gtest.h>
 
-#include "Analysis/Core/FrameBuffer.h"
 #include "CliTestFixture.h"
-#include "Synthetic/SyntheticPsi.h"
-#include "TiffIO.h"
 
 namespace Quarn::Qphase {
 namespace {
 
 namespace fs = std::filesystem;
 
-class QphaseCliTest : public CliTestFixture {
- protected:
-  // A stack of `frames` 8-bit frames of the 7-, 20- or (any other count) 13-frame model.
-  std::string WriteStack(const std::string& name, int frames, double amplitude = 80.0) const {
-    Core::FrameBuffer stack;
-    stack.Allocate(Core::Window2D(0, 0, 24, 32), frames, Core::FrameBuffer::kRes8Bit);
-    const std::vector<double> shifts = frames == 7    ? Testing::ShiftsFor7()
-                                       : frames == 20 ? Testing::ShiftsFor20()
-                                                      : Testing::ShiftsForSliding13(frames);
-    Testing::FillPsiStack(stack, shifts, [amplitude](int r, int c) {
-      return Testing::PixelFringe{120.0, amplitude, 0.2 * c - 0.1 * r};
-    });
-    WriteTiffStack(Path(name), stack);
-    return Path(name);
-  }
-};
+using QphaseCliTest = CliTestFixture;
 
 // More than 13 frames and not 20 take the sliding kernel; every output lands under its own name
 // and no temporary is left behind.
 TEST_F(QphaseCliTest, PsiWritesMapsAndAPreview) {
-  const std::string stack = WriteStack("stack16.tif", 16);
-  const RunResult result = Run("psi " + stack + " -o " + Path("phase.tif") + " --modulation " +
-                               Path("mod.tif") + " --png " + Path("phase.png") + " --threads 2");
-  ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_NE(result.out.find("algorithm sliding13: 100.0 % valid"), std::string::npos) << result.out;
+  const std::string stack = WritePsiStack("stack16.tif", 16);
+  RunExpecting(0,
+               "psi " + stack + " -o " + Path("phase.tif") + " --modulation " + Path("mod.tif") + " --png " +
+                   Path("phase.png") + " --threads 2",
+               "algorithm sliding13: 100.0 % valid");
   EXPECT_EQ(Files(), (std::vector<std::string>{"mod.tif", "phase.png", "phase.tif", "stack16.tif"}));
   EXPECT_GT(fs::file_size(Path("phase.png")), 1000u);
 }
@@ -53,7 +35,7 @@ TEST_F(QphaseCliTest, PsiWritesMapsAndAPreview) {
 // usage errors (exit 2) whose message names the file or the option and, for values, the allowed
 // range in plain numbers; nothing is written, and no temporary name is shown.
 TEST_F(QphaseCliTest, UsageErrorsAreExitStatus2WithTheProblemNamed) {
-  const std::string seven = WriteStack("seven.tif", 7), twelve = WriteStack("twelve.tif", 12);
+  const std::string seven = WritePsiStack("seven.tif", 7), twelve = WritePsiStack("twelve.tif", 12);
   std::ofstream(Path("notes.tif")) << "plain text\n";
   TIFF* tiff = TIFFOpen(Path("empty.tif").c_str(), "w");  // one page of 0 x 0 pixels
   TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, 0u);
@@ -84,9 +66,7 @@ TEST_F(QphaseCliTest, UsageErrorsAreExitStatus2WithTheProblemNamed) {
       {seven + out + " --png " + dir_.string() + "/./p.tif", "name the same file"},
   };
   for (const auto& [arguments, message] : cases) {
-    const RunResult result = Run("psi " + arguments);
-    EXPECT_EQ(result.status, 2) << arguments;
-    EXPECT_NE(result.err.find(message), std::string::npos) << arguments << ": " << result.err;
+    const RunResult result = RunExpecting(2, "psi " + arguments, message);
     EXPECT_EQ(result.err.find(".partial-"), std::string::npos) << result.err;
     EXPECT_EQ(result.err.find("1797693"), std::string::npos) << "no raw limit of a type: " << result.err;
   }
@@ -94,11 +74,11 @@ TEST_F(QphaseCliTest, UsageErrorsAreExitStatus2WithTheProblemNamed) {
 }
 
 TEST_F(QphaseCliTest, NoValidPixelIsExitStatus1AndNothingIsWritten) {
-  const std::string flat = WriteStack("flat.tif", 7, 2.0);  // modulation of 4 counts: far below 15 %
-  const RunResult result = Run("psi " + flat + " -o " + Path("phase.tif") + " --modulation " +
-                               Path("mod.tif") + " --png " + Path("p.png"));
-  EXPECT_EQ(result.status, 1);
-  EXPECT_NE(result.err.find("no valid pixel in " + flat), std::string::npos) << result.err;
+  const std::string flat = WritePsiStack("flat.tif", 7, 2.0);  // modulation of 4 counts: far below 15 %
+  RunExpecting(1,
+               "psi " + flat + " -o " + Path("phase.tif") + " --modulation " + Path("mod.tif") + " --png " +
+                   Path("p.png"),
+               "no valid pixel in " + flat);
   EXPECT_EQ(Files(), std::vector<std::string>{"flat.tif"}) << "a failed run must not leave files";
   EXPECT_EQ(Run("psi " + flat + " -o " + Path("phase.tif") + " --min-modulation 0.5").status, 0);
 }

@@ -24,26 +24,13 @@
 #include <gtest/gtest.h>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
-#include "Analysis/Core/FrameBuffer.h"
 #include "CliTestFixture.h"
-#include "Synthetic/SyntheticPsi.h"
 #include "TiffIO.h"
 
 namespace Quarn::Qphase {
 namespace {
 
 namespace fs = std::filesystem;
-
-// A 7-frame PSI stack of tilted fringes, `rows` x `cols` 8-bit pixels.
-void WritePsiStack(const std::string& path, int rows, int cols, int frames = 7) {
-  Core::FrameBuffer stack;
-  stack.Allocate(Core::Window2D(0, 0, rows, cols), frames, Core::FrameBuffer::kRes8Bit);
-  Testing::FillPsiStack(stack, frames == 7 ? Testing::ShiftsFor7() : Testing::ShiftsForSliding13(frames),
-                        [](int r, int c) {
-                          return Testing::PixelFringe{120.0, 80.0, 0.2 * c - 0.1 * r};
-                        });
-  WriteTiffStack(path, stack);
-}
 
 // One page that declares `side` x `side` 8-bit pixels behind a single deflate strip of `stored`
 // arbitrary bytes: a few kilobytes that would make a careless reader allocate side^2 bytes.
@@ -119,12 +106,6 @@ void MakeDirectoryLoop(const std::string& path) {
   file.write(bytes, 4);
 }
 
-void WriteMap(const std::string& path, int rows, int cols, double value) {
-  Core::DoubleMatrix2D map(rows, cols);
-  map.SetAll(value);
-  WriteFloatTiff(path, map);
-}
-
 struct Hazard {
   const char* item;       // the hazard, as the row's name in failure messages
   std::string arguments;  // shell text after "qphase"; {D} is the work folder
@@ -138,16 +119,16 @@ class ReliabilityTest : public CliTestFixture {
  protected:
   void SetUp() override {
     CliTestFixture::SetUp();
-    WritePsiStack(Path("stack.tif"), 24, 32);
-    WritePsiStack(Path("big.tif"), 1024, 2048, 13);  // a run long enough to be interrupted
+    WritePsiStack("stack.tif", 7);
+    WritePsiStack("big.tif", 13, 80.0, 1024, 2048);  // a run long enough to be interrupted
     std::ofstream(Path("old.tif")) << "an earlier result\n";
     fs::create_directory(Path("dir"));
     mkfifo(Path("fifo").c_str(), 0600);
-    WriteMap(Path("q1.tif"), 16, 16, 1.0);
-    WriteMap(Path("q3.tif"), 16, 16, 2.0);
+    WriteMap("q1.tif", 16, 16, [](int, int) { return 1.0; });
+    WriteMap("q3.tif", 16, 16, [](int, int) { return 2.0; });
     WriteDeclaredPage(Path("bomb.tif"), 32768, 65536);
     WriteDamagedJpegStack(Path("jpegbad.tif"));
-    WritePsiStack(Path("loop.tif"), 8, 8, 13);
+    WritePsiStack("loop.tif", 13, 80.0, 8, 8);
     MakeDirectoryLoop(Path("loop.tif"));
     fs::create_symlink(Path("missing.tif"), Path("dangling.tif"));
     // A device node, as `-o /dev/null` would meet as root: only where this process may make one.
@@ -282,8 +263,7 @@ TEST_F(ReliabilityTest, EveryHazardEndsWithItsStatusAndMessageAndLeavesTheFolder
     } else {
       const RunResult result = Run(arguments);
       EXPECT_EQ(result.status, hazard.status) << arguments << "\n" << result.err;
-      EXPECT_NE(result.err.find(Expand(hazard.message)), std::string::npos) << arguments << "\n"
-                                                                            << result.err;
+      EXPECT_THAT(result.err, HasSubstr(Expand(hazard.message))) << arguments;
     }
     if (!variable.empty()) unsetenv(variable.c_str());
     // Nothing added or removed (the stdout/stderr captures are removed by Run), nothing changed.
@@ -302,8 +282,7 @@ TEST_F(ReliabilityTest, EveryHazardEndsWithItsStatusAndMessageAndLeavesTheFolder
   if (hasDevice_) {
     const RunResult result = Run(Expand("psi {D}/stack.tif -o {D}/null"));
     EXPECT_EQ(result.status, 2);
-    EXPECT_NE(result.err.find("is a character device; an output must be a regular file"), std::string::npos)
-        << result.err;
+    EXPECT_THAT(result.err, HasSubstr("is a character device; an output must be a regular file"));
     struct stat info {};
     EXPECT_TRUE(stat(Path("null").c_str(), &info) == 0 && S_ISCHR(info.st_mode)) << "the device node stays";
   }

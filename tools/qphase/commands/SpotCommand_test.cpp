@@ -25,13 +25,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using Metrology::Analysis::Core::IntMatrix2D;
-using ::testing::HasSubstr;
-
-// The number after `label` in the tool's output ("centre of mass x 652.464, y 518.873").
-double NumberAfter(const std::string& text, const std::string& label) {
-  const std::size_t at = text.find(label);
-  return at == std::string::npos ? NAN : std::atof(text.c_str() + at + label.size());
-}
 
 class SpotCommandTest : public CliTestFixture {
  protected:
@@ -65,10 +58,9 @@ class SpotCommandTest : public CliTestFixture {
 // position and the whole result dictionary as text, the overlay written, and nothing else left.
 TEST_F(SpotCommandTest, OneSpotIsNamedWithItsMomentsAndWrittenToJsonAndPng) {
   const std::string frame = WriteFrame("spot.tif", {{50.3, 30.6, 2.5, 2.5, 200}});
-  const RunResult result =
-      Run("spot " + frame + kWiring + " --json " + Path("spot.json") + " --png " + Path("spot.png"));
-  ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_THAT(result.out, HasSubstr("position: Quadrant2 (one spot, left of and above"));
+  const RunResult result = RunExpecting(
+      0, "spot " + frame + kWiring + " --json " + Path("spot.json") + " --png " + Path("spot.png"),
+      "position: Quadrant2 (one spot, left of and above");
   EXPECT_NEAR(NumberAfter(result.out, "centre of mass x "), 50.3, 0.05) << result.out;
   EXPECT_NEAR(NumberAfter(result.out, ", y "), 30.6, 0.05) << result.out;
   // The box of the spot's pixels reaches a few sigma (2.5 pixels) out from the centre on every side.
@@ -92,29 +84,25 @@ TEST_F(SpotCommandTest, OneSpotIsNamedWithItsMomentsAndWrittenToJsonAndPng) {
 // full scale, 64250, for 16-bit ones.
 TEST_F(SpotCommandTest, OutcomesAreReportedNotFailedAndTheOptionsReachTheDetector) {
   const std::string two = WriteFrame("two.tif", {{50, 30, 2.5, 2.5, 200}, {120, 100, 2.5, 2.5, 180}});
-  RunResult result = Run("spot " + two + kWiring);
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_THAT(result.out, HasSubstr("position: TooManySignificantSpots"));
-  EXPECT_THAT(result.out, HasSubstr("spot 1: "));
-  // Restricted to quadrants 1 and 3, neither spot (in 2 and 4) stays.
-  result = Run("spot " + two + kWiring + " --restrict 13");
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_THAT(result.out, HasSubstr("position: NoSignificantSpot"));
-
   // An 8-bit spot clipped at 255: some 60 pixels reach 250; tolerating them lets it through.
   const std::string clipped = WriteFrame("clipped.tif", {{50, 30, 3, 3, 600}});
-  result = Run("spot " + clipped + kWiring);
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_THAT(result.out, HasSubstr("position: TooManySaturatedPixels"));
-  result = Run("spot " + clipped + kWiring + " --max-saturated 1000");
-  EXPECT_THAT(result.out, HasSubstr("position: Quadrant2"));
-
   const std::string deep = WriteFrame("deep.tif", {{110.5, 90.25, 3, 3, 30000}}, 16);
-  result = Run("spot " + deep + kWiring);
-  EXPECT_THAT(result.out, HasSubstr("saturation 64250"));
-  EXPECT_THAT(result.out, HasSubstr("position: Quadrant4"));
-  result = Run("spot " + deep + kWiring + " --saturation 250");
-  EXPECT_THAT(result.out, HasSubstr("position: TooManySaturatedPixels"));
+  const struct {
+    std::string frame, options;
+    std::vector<std::string> printed;
+  } cases[] = {
+      {two, "", {"position: TooManySignificantSpots", "spot 1: "}},
+      {two, " --restrict 13", {"position: NoSignificantSpot"}},  // the spots are in quadrants 2 and 4
+      {clipped, "", {"position: TooManySaturatedPixels"}},
+      {clipped, " --max-saturated 1000", {"position: Quadrant2"}},
+      {deep, "", {"saturation 64250", "position: Quadrant4"}},
+      {deep, " --saturation 250", {"position: TooManySaturatedPixels"}},
+  };
+  for (const auto& c : cases) {
+    const RunResult result = RunExpecting(0, "spot " + c.frame + kWiring + c.options);
+    for (const std::string& text : c.printed)
+      EXPECT_THAT(result.out, HasSubstr(text)) << c.frame << c.options;
+  }
 }
 
 // Numbers that are not finite are refused before anything runs (NaN would pass every range check);
@@ -126,21 +114,14 @@ TEST_F(SpotCommandTest, NonFiniteNumbersUndefinedParametersAndUnwritableOutputsL
   for (const char* options :
        {"--center nan,64 --radius 60 --obscuration 5", "--center 80,64 --radius nan --obscuration 5",
         "--center 80,64 --radius 60 --obscuration inf",
-        "--center 80,64 --radius 60 --obscuration 5 --saturation nan"}) {
-    const RunResult result = Run("spot " + frame + " " + options + outputs);
-    EXPECT_EQ(result.status, 2) << options;
-    EXPECT_THAT(result.err, HasSubstr("is not a finite number"));
-  }
-
-  RunResult result =
-      Run("spot " + frame + " --center 80,64 --radius 1.7976931348623157e308 --obscuration 5" + outputs);
-  EXPECT_EQ(result.status, 1) << result.out;
-  EXPECT_THAT(result.err, HasSubstr("detection in " + frame + " failed: error 4"));
-
-  result =
-      Run("spot " + frame + kWiring + " --json " + Path("no/dir/out.json") + " --png " + Path("out.png"));
-  EXPECT_EQ(result.status, 2);
-  EXPECT_THAT(result.err, HasSubstr("no/dir"));
+        "--center 80,64 --radius 60 --obscuration 5 --saturation nan"})
+    RunExpecting(2, "spot " + frame + " " + options + outputs, "is not a finite number");
+  RunExpecting(1,
+               "spot " + frame + " --center 80,64 --radius 1.7976931348623157e308 --obscuration 5" + outputs,
+               "detection in " + frame + " failed: error 4");
+  RunExpecting(2,
+               "spot " + frame + kWiring + " --json " + Path("no/dir/out.json") + " --png " + Path("out.png"),
+               "no/dir");
   EXPECT_TRUE(Leftovers({"spot.tif"}).empty()) << "failed runs must not leave files";
 }
 
@@ -236,9 +217,8 @@ TEST_P(RealSpotTest, OneSpotWhereTheLightIs) {
   ASSERT_GT(n, 100) << "a beam, not a hot pixel";
   const double radius = std::sqrt(n / 3.14159265358979), cx = wx / w, cy = wy / w;
 
-  const RunResult result = Run("spot " + file + " --center 640,480 --radius 450 --obscuration 10");
-  ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_THAT(result.out, HasSubstr(std::string("position: ") + GetParam().quadrant));
+  const RunResult result = RunExpecting(0, "spot " + file + " --center 640,480 --radius 450 --obscuration 10",
+                                        std::string("position: ") + GetParam().quadrant);
   EXPECT_THAT(result.out, ::testing::Not(HasSubstr("spot 1:"))) << "one spot only";
   const double x = NumberAfter(result.out, "centre of mass x "), y = NumberAfter(result.out, ", y ");
   EXPECT_LT(std::hypot(x - cx, y - cy), 0.1 * radius)

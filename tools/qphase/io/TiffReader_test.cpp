@@ -4,24 +4,18 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "Analysis/Core/DoubleMatrix2D.h"
+#include "CliTestFixture.h"
 #include "MapPreview.h"
 #include "ToolError.h"
 
 namespace Quarn::Qphase {
 namespace {
-
-std::string TempPath(const std::string& name) {
-  return ::testing::TempDir() + "/tiffio_" + std::to_string(getpid()) + "_" + name;
-}
 
 // Expects the call to throw a usage error whose message contains `fragment`.
 template <typename F>
@@ -31,7 +25,7 @@ void ExpectUsageError(F&& call, const std::string& fragment) {
     FAIL() << "no error; expected one mentioning '" << fragment << "'";
   } catch (const ToolError& e) {
     EXPECT_EQ(e.GetExitStatus(), kExitUsage);
-    EXPECT_NE(std::string(e.what()).find(fragment), std::string::npos) << e.what();
+    EXPECT_THAT(e.what(), HasSubstr(fragment));
   }
 }
 
@@ -59,7 +53,9 @@ void WritePages(const std::string& path, const std::vector<Page>& pages, int com
   TIFFClose(tiff);
 }
 
-class TiffStackRoundTripTest : public ::testing::TestWithParam<Core::FrameBuffer::ElementRes> {};
+class TiffStackRoundTripTest : public CliTestFixture,
+                               public ::testing::WithParamInterface<Core::FrameBuffer::ElementRes> {};
+using TiffIOTest = CliTestFixture;
 
 TEST_P(TiffStackRoundTripTest, PagesComeBackAsFramesSampleForSample) {
   Core::FrameBuffer written;
@@ -71,7 +67,7 @@ TEST_P(TiffStackRoundTripTest, PagesComeBackAsFramesSampleForSample) {
           (GetParam() == Core::FrameBuffer::kRes8Bit ? 7 : 1901) * (f + 1) + p;
     ASSERT_TRUE(written.StoreFrame(f, image.data()));
   }
-  const std::string path = TempPath("stack.tif");
+  const std::string path = Path("stack.tif");
   WriteTiffStack(path, written);
   Core::FrameBuffer read;
   const TiffStackInfo info = ReadTiffStack(path, read);
@@ -81,14 +77,13 @@ TEST_P(TiffStackRoundTripTest, PagesComeBackAsFramesSampleForSample) {
     for (int f = 0; f < 4; ++f)
       ASSERT_EQ(written.ExtractIndex<int>(0, p)[f], read.ExtractIndex<int>(0, p)[f]) << p << "/" << f;
   }
-  std::remove(path.c_str());
 }
 
 INSTANTIATE_TEST_SUITE_P(Widths, TiffStackRoundTripTest,
                          ::testing::Values(Core::FrameBuffer::kRes8Bit, Core::FrameBuffer::kRes16Bit));
 
-TEST(TiffIOTest, UnsuitableFilesAreNamedWithTheirProblem) {
-  const std::string path = TempPath("bad.tif");
+TEST_F(TiffIOTest, UnsuitableFilesAreNamedWithTheirProblem) {
+  const std::string path = Path("bad.tif");
   WritePages(path, {{4, 2}, {6, 2}});
   ExpectUsageError([&] { InspectTiffStack(path); }, "page 2 is 6 x 2 8-bit, page 1 is 4 x 2 8-bit");
   WritePages(path, {{2, 1, 3}});
@@ -100,12 +95,11 @@ TEST(TiffIOTest, UnsuitableFilesAreNamedWithTheirProblem) {
     Core::FrameBuffer frames;
     ExpectUsageError([&] { ReadTiffStack(path, frames); }, "page 1 declares 40000 x 40000 8-bit pixels");
   }
-  std::remove(path.c_str());
 }
 
 // A full disk shows when the last buffered bytes are written: the writers must fail, not leave a
 // truncated file to be committed.
-TEST(TiffIOTest, WritersReportAFullDisk) {
+TEST_F(TiffIOTest, WritersReportAFullDisk) {
   if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
   ExpectUsageError([] { WriteFloatTiff("/dev/full", Core::DoubleMatrix2D(8, 8)); }, "/dev/full: ");
   ExpectUsageError([] { WritePng("/dev/full", RgbImage(16, 16)); }, "/dev/full: writing the PNG failed");
@@ -114,14 +108,14 @@ TEST(TiffIOTest, WritersReportAFullDisk) {
 // A map written in bands of 7 rows, which straddle the strips of 65 rows a 4000-column map gets, is
 // the file WriteFloatTiff writes, byte for byte (no data as NaN included); a band of another width,
 // too many rows or a Finish before the last row are refused, naming the file.
-TEST(TiffIOTest, AMapWrittenInBandsIsTheFileOfTheWholeMap) {
+TEST_F(TiffIOTest, AMapWrittenInBandsIsTheFileOfTheWholeMap) {
   const int rows = 150, cols = 4000;
   Core::DoubleMatrix2D map(rows, cols);
   for (int r = 0; r < rows; ++r) {
     for (int c = 0; c < cols; ++c)
       map(r, c) = (r * 7 + c) % 13 == 0 ? Core::DoubleMatrix2D::NoData() : 0.001 * r - 0.0003 * c;
   }
-  const std::string whole = TempPath("whole.tif"), banded = TempPath("banded.tif");
+  const std::string whole = Path("whole.tif"), banded = Path("banded.tif");
   WriteFloatTiff(whole, map);
   FloatTiffWriter writer(WriteTarget::Create(banded), rows, cols);
   EXPECT_EQ(writer.RowsPerStrip(), 65);
@@ -133,17 +127,11 @@ TEST(TiffIOTest, AMapWrittenInBandsIsTheFileOfTheWholeMap) {
     writer.Append(band);
   }
   writer.Finish();
-  const auto bytes = [](const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  };
-  EXPECT_EQ(bytes(banded), bytes(whole));
+  EXPECT_EQ(Slurp(banded), Slurp(whole));
   ExpectUsageError([&] { writer.Append(band); }, "does not continue the 150 x 4000 map");
   FloatTiffWriter narrow(WriteTarget::Create(banded), rows, cols);
   ExpectUsageError([&] { narrow.Append(Core::DoubleMatrix2D(2, cols - 1)); }, "a band of 2 x 3999");
   ExpectUsageError([&] { narrow.Finish(); }, "0 of 150 rows were written");
-  std::remove(whole.c_str());
-  std::remove(banded.c_str());
 }
 
 // A map over 1024 pixels wide is shown one sample per block. Wrapped phase alternating between

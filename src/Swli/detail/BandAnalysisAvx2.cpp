@@ -1,0 +1,21 @@
+// The block band analysis compiled for AVX2 (products and sums rounded apart, as on the baseline);
+// see BandAnalysis.h.
+#include "Swli/detail/BandAnalysis.h"
+
+namespace {
+#include "Swli/detail/BandAnalysisBody.inc"
+void Powers(const band::BandAnalysisBlock& block) {
+  PowersBody(block);
+}
+void UnwrapAndSum(const band::BandAnalysisBlock& block) {
+  UnwrapAndSumBody(block);
+}
+}  // namespace
+
+namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
+
+BandAnalysisFunctions BandAnalysisAvx2() {
+  return {&Powers, &UnwrapAndSum};
+}
+
+}  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail

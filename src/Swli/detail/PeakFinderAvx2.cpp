@@ -1,5 +1,7 @@
-// The vectorised peak-frame finder compiled for AVX2: kernels written for 8- and 16-bit scans; the
-// generic body of PeakFinderBody.inc runs the last few pixels of a chunk that fill no vector.
+// The vectorised peak-frame finder compiled for AVX2 (with FMA): the kernels of PeakFinderBytes.inc
+// (8-bit scans) and PeakFinderNarrow.inc (16-bit scans below 2^14) on AVX2's vectors, and the kernel
+// for 16-bit scans of any range in doubles; the generic body of PeakFinderBody.inc runs the last few
+// pixels of a chunk that fill no vector.
 #include <immintrin.h>
 
 #include <algorithm>

@@ -1,13 +1,17 @@
 #include "Swli/PhaseAlgorithmFda.h"
 
+#include <algorithm>
 #include <cmath>
 #include <complex>
 #include <cstdint>
+#include <cstring>
 #include <new>
 #include <numbers>
 #include <string>
 
+#include "Analysis/Core/AlignedBuffer.h"
 #include "Analysis/Core/DebugChannel.h"
+#include "Analysis/Core/SampleDispatch.h"
 #include "Swli/detail/BandAnalysis.h"
 #include "Swli/detail/BandTransform.h"
 #include "Swli/detail/Rounding.h"
@@ -70,6 +74,10 @@ PhaseFit WeightedPhaseFit(const double* power, int stride, const double* phase, 
 // The vector atan2 and the band transform of this processor, chosen once.
 const detail::VectorAtan2Function kVectorAtan2 = detail::SelectVectorAtan2();
 const detail::BandBinsFunction kBandBins = detail::SelectBandBins();
+const detail::FoldedBandBinsFunction kFoldedBandBins = detail::SelectFoldedBandBins();
+// The pixels of a frame block and the weight of the standard fringe-removal window.
+constexpr int kFrameLanes = FramePlaneBlock::kPixels;
+constexpr double kStandardWindowScale = 0.0625;
 const detail::BandAnalysisFunctions kBandAnalysis = detail::SelectBandAnalysis();
 
 // The unwrapping step: the phase of a bin within pi of its inner neighbour. Written as selects, not
@@ -129,6 +137,10 @@ void PhaseAlgorithmFda::Initialize(int pass, int numberFrames, int qSize, const 
 // vectors.
 struct PhaseAlgorithmFda::BandBlock {
   std::vector<double> re, im, power, wrapped, phase;
+  // The frame blocks' copy of their frames (one row of kFrameLanes samples per frame) and the run.
+  Analysis::Core::AlignedBuffer frames;
+  Analysis::Core::FrameBuffer::ElementRes resolution = Analysis::Core::FrameBuffer::kRes8Bit;
+  bool reversed = false;
   int pixels[kBlockPixels] = {};
   int peaks[kBlockPixels] = {};
   bool traced[kBlockPixels] = {};
@@ -148,6 +160,10 @@ void PhaseAlgorithmFda::InitializeThread(int numberThreads) {
       const std::size_t band = static_cast<std::size_t>(bandBins) * kBlockPixels;
       for (std::vector<double>* row : {&block->re, &block->im, &block->power, &block->wrapped, &block->phase})
         row->assign(band, 0.0);
+      // Frames of up to two signals (see ProcessFrameBlockAs); without them the blocks are declined.
+      if (signalSize_ == 64 || signalSize_ == 128)
+        block->frames.Allocate(static_cast<std::size_t>(2 * signalSize_ + 1) * kFrameLanes *
+                               sizeof(std::uint16_t));
       blocks_.push_back(std::move(block));
     }
   } catch (const std::bad_alloc&) {
@@ -225,6 +241,146 @@ int PhaseAlgorithmFda::ProcessPixel(int thread, int pixel, int peakFrame, int) {
             [&](int b) { return std::atan2(im[b], re[b]); });
   }
   return RemoveFringes(thread, pixel, peakFrame);
+}
+
+bool PhaseAlgorithmFda::BeginFrameBlocks(int thread, const FrameBlockRun& run) {
+  const int q = signalSize_;
+  // The intensity the pixel path would make must be one the integers give: the standard window or none.
+  const bool intensity = fringeRemoval_ == &PhaseAlgorithmFda::StandardRemoveFringes ||
+                         fringeRemoval_ == &PhaseAlgorithmFda::RemoveFringesNone;
+  if (!useFastPath_ || !intensity || run.signalSize != q || (q != 64 && q != 128) ||
+      run.framesStored != numberFrames_ || run.framesStored <= q)
+    return false;
+  if (thread < 0 || thread >= static_cast<int>(blocks_.size())) return false;
+  BandBlock& block = *blocks_[static_cast<std::size_t>(thread)];
+  if (!block.frames.Data()) return false;
+  block.resolution = run.resolution;
+  block.reversed = run.reversed;
+  return run.resolution == Analysis::Core::FrameBuffer::kRes8Bit ||
+         run.resolution == Analysis::Core::FrameBuffer::kRes16Bit;
+}
+
+std::uint64_t PhaseAlgorithmFda::ProcessFrameBlock(int thread, const FramePlaneBlock& block) {
+  if (blocks_[static_cast<std::size_t>(thread)]->resolution == Analysis::Core::FrameBuffer::kRes8Bit)
+    return ProcessFrameBlockAs<std::uint8_t>(thread, block);
+  return ProcessFrameBlockAs<std::uint16_t>(thread, block);
+}
+
+template <typename Stored>
+std::uint64_t PhaseAlgorithmFda::ProcessFrameBlockAs(int thread, const FramePlaneBlock& block) {
+  BandBlock& bands = *blocks_[static_cast<std::size_t>(thread)];
+  const int q = signalSize_;
+  const int h = halfSignalSize_;
+  const int stored = numberFrames_;
+  const bool reversed = bands.reversed;
+  const bool intensity = fringeRemoval_ == &PhaseAlgorithmFda::StandardRemoveFringes;
+  std::uint64_t left = 0;
+  // Each lane's window (its first frame) and the peak frame the pixel path would be handed, as the
+  // windowed loaders cut them: forward, centred on the peak or the first or last q frames with the
+  // peak moved to h or S - h - 1; reversed, frames p - h + 1 .. p + h mirrored (or the last or first
+  // q frames) and the peak mirrored to S - p.
+  int start[kFrameLanes], peak[kFrameLanes];
+  bool evaluate[kFrameLanes];
+  int lo = stored, hi = 0;
+  for (int i = 0; i < kFrameLanes; ++i) {
+    start[i] = -1;
+    if (i >= block.width) continue;
+    evaluate[i] = DoubleMatrix2D::IsDataValid(block.mask[i]);
+    if (!evaluate[i] && !intensity) continue;  // nothing to make
+    const int p = block.peaks[i];
+    if (p <= 0 || (reversed && stored - p <= 0)) {  // a peak to estimate: the pixel path does that
+      left |= std::uint64_t{1} << i;
+      continue;
+    }
+    if (reversed) {
+      start[i] = p < h ? stored - q : p >= stored - h ? 0 : p - h + 1;
+      peak[i] = stored - p;
+    } else if (h <= p && p < stored - h) {
+      start[i] = p - h;
+      peak[i] = p;
+    } else if (p < h) {
+      start[i] = 0;
+      peak[i] = h;
+    } else {
+      start[i] = stored - q;
+      peak[i] = stored - h - 1;
+    }
+    lo = std::min(lo, start[i]);
+    hi = std::max(hi, start[i] + q);
+  }
+  if (hi <= lo) return left;
+  if (hi - lo > 2 * q) {
+    // Windows spread wider than a signal: the lanes within half a signal of the median window stay,
+    // the others go pixel by pixel.
+    int sorted[kFrameLanes], used = 0;
+    for (int i = 0; i < kFrameLanes; ++i) {
+      if (start[i] >= 0) sorted[used++] = start[i];
+    }
+    std::nth_element(sorted, sorted + used / 2, sorted + used);
+    const int median = sorted[used / 2];
+    lo = stored;
+    hi = 0;
+    for (int i = 0; i < kFrameLanes; ++i) {
+      if (start[i] < 0) continue;
+      if (std::abs(start[i] - median) > h) {
+        start[i] = -1;
+        left |= std::uint64_t{1} << i;
+        continue;
+      }
+      lo = std::min(lo, start[i]);
+      hi = std::max(hi, start[i] + q);
+    }
+  }
+
+  // The block's frames lo .. hi - 1, each frame's samples read once in whole lines (frame planes a
+  // power of two apart would all compete for one cache set if read pixel by pixel).
+  Stored* const copy = reinterpret_cast<Stored*>(bands.frames.Data());
+  const std::size_t rowBytes = static_cast<std::size_t>(block.width) * sizeof(Stored);
+  for (int f = lo; f < hi; ++f) {
+    const Stored* from = static_cast<const Stored*>(block.slots[f]) + block.firstPixel;
+    __builtin_prefetch(from + kFrameLanes);
+    std::memcpy(copy + static_cast<std::ptrdiff_t>(f - lo) * kFrameLanes, from, rowBytes);
+  }
+
+  // Per lane, x(j) is sample j of the pixel's signal in scan order (a reversed window runs backwards
+  // through the copy). The folds are sums and differences of integers, exact in any order, so the
+  // doubles handed on are those the band transform would form from the loaded signal.
+  const std::ptrdiff_t step = reversed ? -kFrameLanes : kFrameLanes;
+  const int quarter = q / 4;
+  alignas(32) double folded[4 * detail::BandTransform::kMaxTerms];
+  for (int i = 0; i < kFrameLanes; ++i) {
+    if (start[i] < 0) continue;
+    const int pixel = block.firstPixel + i;
+    const Stored* first =
+        copy + static_cast<std::ptrdiff_t>(start[i] - lo + (reversed ? q - 1 : 0)) * kFrameLanes + i;
+    const auto x = [first, step](int j) { return static_cast<std::int32_t>(first[j * step]); };
+    const bool fit = evaluate[i] && peak[i] >= h && peak[i] < stored - h;
+    if (fit) {
+      for (int j = 1; j <= quarter; ++j) {
+        const std::int32_t up = x(j), down = x(q - j), middleDown = x(h - j), middleUp = x(h + j);
+        const std::int32_t a1 = up + down, b1 = up - down, a2 = middleDown + middleUp,
+                           b2 = middleDown - middleUp;
+        folded[j - 1] = a1 + a2;
+        folded[detail::BandTransform::kMaxTerms + j - 1] = b1 - b2;
+        folded[2 * detail::BandTransform::kMaxTerms + j - 1] = a1 - a2;
+        folded[3 * detail::BandTransform::kMaxTerms + j - 1] = b1 + b2;
+      }
+      double constant[2] = {static_cast<double>(x(0) + x(h)), static_cast<double>(x(h) - x(0))};
+      const int n = bands.count;
+      kFoldedBandBins(*bandTransform_, folded, constant, bands.re.data() + n, bands.im.data() + n,
+                      kBlockPixels);
+      bands.pixels[n] = pixel;
+      bands.peaks[n] = peak[i];
+      bands.traced[n] = false;
+      if (++bands.count == kBlockPixels) AnalyseBlock(thread);
+    }
+    if (intensity) {
+      const std::int64_t w = std::int64_t{x(h - 4)} + x(h - 3) +
+                             3 * (std::int64_t{x(h - 2)} + x(h - 1) + x(h) + x(h + 1)) + x(h + 2) + x(h + 3);
+      StoreIntensity(pixel, kStandardWindowScale * static_cast<double>(w));
+    }
+  }
+  return left;
 }
 
 void PhaseAlgorithmFda::AnalyseBlock(int thread) {

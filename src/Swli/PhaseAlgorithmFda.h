@@ -6,6 +6,7 @@
 #include "Analysis/Core/DataWindow2D.h"
 #include "Analysis/Core/NoData.h"
 #include "QuarnPhaseProcessingExport.h"
+#include "Swli/FrameBlockEvaluator.h"
 #include "Swli/FrequencyScan.h"
 #include "Swli/PhaseAlgorithmHigh2G.h"
 
@@ -59,7 +60,7 @@ struct BandTransform;
 //   PhaseGenerator generator(&fda);
 //   generator.Process(frames, peakFrames, auxiliary, surface);
 //   fda.GetWaveLength();   // ~ 300 nm for 600 nm light
-class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
+class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G, public FrameBlockEvaluator {
  public:
   PhaseAlgorithmFda();
   ~PhaseAlgorithmFda() override;
@@ -70,6 +71,14 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
   void InitializeThread(int numberThreads) override;
   void FinalizeThread() override;
   int ProcessPixel(int thread, int pixel, int peakFrame, int auxiliary) override;
+  // Blocks of pixels straight from the frame planes (fast path, signals of 64 or 128 samples cut from
+  // a longer scan, the standard fringe removal or none): the block's frames are copied once, each
+  // pixel's window is folded in integers (exact, so the band's bins are those of the loaded signal bit
+  // for bit) and joins the thread's block of band bins; the intensity comes from the same integers.
+  // Pixels whose peak is to be estimated, and windows far from the rest of their block, are left to
+  // the per-pixel path.
+  bool BeginFrameBlocks(int thread, const FrameBlockRun& run) override;
+  std::uint64_t ProcessFrameBlock(int thread, const FramePlaneBlock& block) override;
   // Analyses the pixels still waiting in the threads' blocks first (fast path), then joins the field.
   void PostProcess() override;
   // K0 / signal size: the mean fringe frequency in cycles per sample (0.0 before any pixel).
@@ -111,6 +120,8 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G {
 
  private:
   struct BandBlock;
+  template <typename Stored>
+  std::uint64_t ProcessFrameBlockAs(int thread, const FramePlaneBlock& block);
   // Unwraps the band of one pixel outwards from its strongest bin (-1: none), fits the phase line and
   // stores the pixel's fit record and coherence height. `power` holds the band's powers (0 for empty
   // bins) at stride `stride`, `angle(b)` the wrapped phase of band bin b.

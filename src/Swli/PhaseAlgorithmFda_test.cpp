@@ -213,6 +213,99 @@ TEST(PhaseAlgorithmFdaTest, TheBlockPathWithTheVectorAtan2AgreesWithThePlainPath
   }
 }
 
+struct FrameBlockCase {
+  Analysis::Core::FrameBuffer::ElementRes resolution;
+  int signal;
+  int fringeRemoval;
+  int scanDirection;
+};
+
+class FdaFrameBlockTest : public ::testing::TestWithParam<FrameBlockCase> {};
+
+// Blocks of pixels straight from the frame planes (windows folded in integers) against the same fast
+// analysis fed pixel by pixel through the generator's reference loader: the folded sums are exact
+// either way, so every map (heights, coherence heights, fit records, intensities) must agree bit for
+// bit, on any number of threads. The scan mixes what a block meets: peaks to be estimated (0, -3),
+// peaks near either end and far outside the scan (clamped or mirrored windows, windows without a
+// fit), stray peaks far from their neighbours (left to the pixel path), and masked pixels.
+TEST_P(FdaFrameBlockTest, BlocksFromTheFramePlanesGiveThePixelPathBitForBit) {
+  const FrameBlockCase& c = GetParam();
+  Testing::ScanSettings s = Settings(2.0, 1.0);
+  s.rows = 11;
+  s.cols = 29;
+  s.resolution = c.resolution;
+  s.scanDirection = c.scanDirection;
+  // Wide samples far from 8 bits, to reach their larger sums.
+  const double scale = c.resolution == Analysis::Core::FrameBuffer::kRes16Bit ? 200.0 : 1.0;
+  s.biasCounts *= scale;
+  s.modulationCounts *= scale;
+  s.noiseSigmaCounts *= scale;
+  Testing::DiscriminatedScan scan;
+  ASSERT_TRUE(Testing::MakeDiscriminatedScan(scan, s, SphereWithStepNm, 53));
+  const int frames = s.framesScanned;
+  const auto kind = [](int i) { return (i * 7) % 23; };
+  for (int i = 0; i < s.rows * s.cols; ++i) {
+    int& peak = scan.peaks.At(i);
+    const int k = kind(i);
+    peak = k == 0   ? 0
+           : k == 1 ? -3
+           : k == 2 ? 3
+           : k == 3 ? frames - 2
+           : k == 4 ? 2147483640
+           : k == 5 ? peak + c.scanDirection * 90
+           : k == 7 ? frames - c.signal / 2
+           : k == 8 ? c.signal / 2 - 1
+                    : peak;
+  }
+  const auto run = [&](int threads, bool blocks) {
+    PhaseAlgorithmFda fda;
+    fda.SetExpectedSignalSize(c.signal);
+    fda.SetBand(c.signal / 64 * 13, c.signal / 64 * 21);
+    fda.SetRemoveFringes(c.fringeRemoval);
+    fda.SetScanIncrement(UnitNumber(s.scanStepNm, LinearConverter(Units::kNanometers)));
+    PhaseGenerator generator(&fda);
+    generator.SetUseFastPath(blocks);
+    generator.SetAllowMultiThreads(threads > 1);
+    generator.SetMaxNumThreads(std::max(threads, 1));
+    DoubleMatrix2D surface(s.rows, s.cols);
+    for (int i = 0; i < s.rows * s.cols; ++i)
+      surface.At(i) = kind(i) == 6 ? DoubleMatrix2D::NoData() : 0.0;
+    const Analysis::Core::Status status = generator.Process(scan.frames, scan.peaks, scan.auxiliary, surface);
+    EXPECT_TRUE(status.IsOk()) << status.GetPrintString();
+    Testing::ImageMaps maps(5);
+    for (std::int64_t i = 0; i < surface.GetCount(); ++i) {
+      const Analysis::Core::AdcPoint fit = fda.GetFitRecords()->At(i);
+      maps[0].push_back(surface.At(i));
+      maps[1].push_back(fda.GetCoherenceHeight().At(i));
+      maps[2].push_back(fit.x);
+      maps[3].push_back(fit.y);
+      maps[4].push_back(c.fringeRemoval == FringeRemovalMethod::kNone ? 0.0 : fda.GetIntensityMatrix().At(i));
+    }
+    // Most pixels measured: only the odd peaks' kinds and the masked ones may fail.
+    EXPECT_GT(surface.CountValid(), surface.GetCount() * 14 / 23);
+    return maps;
+  };
+  const Testing::ImageMaps reference = run(1, false);
+  Testing::CheckImageEquivalence(
+      {s.rows,
+       s.cols,
+       {{"height", 0}, {"coherence", 0}, {"intercept", 0}, {"slope", 0}, {"intensity", 0}},
+       {1, 3, 8},
+       false},
+      [&](const Window2D&) { return reference; },
+      [&](const Window2D&, int threads) { return run(threads, true); });
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    SamplesSignalsDirections, FdaFrameBlockTest,
+    ::testing::Values(
+        FrameBlockCase{Analysis::Core::FrameBuffer::kRes8Bit, 64, FringeRemovalMethod::kStandard, 1},
+        FrameBlockCase{Analysis::Core::FrameBuffer::kRes8Bit, 64, FringeRemovalMethod::kNone, -1},
+        FrameBlockCase{Analysis::Core::FrameBuffer::kRes8Bit, 128, FringeRemovalMethod::kStandard, -1},
+        FrameBlockCase{Analysis::Core::FrameBuffer::kRes16Bit, 64, FringeRemovalMethod::kStandard, -1},
+        FrameBlockCase{Analysis::Core::FrameBuffer::kRes16Bit, 128, FringeRemovalMethod::kNone, 1},
+        FrameBlockCase{Analysis::Core::FrameBuffer::kRes8Bit, 64, FringeRemovalMethod::k64Bucket, 1}));
+
 // Without the gap removal each pixel's order is chosen against its coherence height alone, and with a
 // reflection phase near pi a good part of the field lands a fringe off.
 TEST(PhaseAlgorithmFdaTest, WithoutTheGapRemovalAReflectionPhaseNearPiSplitsTheField) {

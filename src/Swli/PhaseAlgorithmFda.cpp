@@ -339,7 +339,13 @@ std::uint64_t PhaseAlgorithmFda::ProcessFrameBlockAs(int thread, const FramePlan
   for (int f = lo; f < hi; ++f) {
     const Stored* from = static_cast<const Stored*>(block.slots[f]) + block.firstPixel;
     __builtin_prefetch(from + kFrameLanes);
-    std::memcpy(copy + static_cast<std::ptrdiff_t>(f - lo) * kFrameLanes, from, rowBytes);
+    Stored* to = copy + static_cast<std::ptrdiff_t>(f - lo) * kFrameLanes;
+    // (A whole block's row as a copy of fixed size, inlined; no library call per frame.)
+    if (block.width == kFrameLanes) {
+      std::memcpy(to, from, kFrameLanes * sizeof(Stored));
+    } else {
+      std::memcpy(to, from, rowBytes);
+    }
   }
 
   // Per lane, x(j) is sample j of the pixel's signal in scan order (a reversed window runs backwards
@@ -348,6 +354,7 @@ std::uint64_t PhaseAlgorithmFda::ProcessFrameBlockAs(int thread, const FramePlan
   const std::ptrdiff_t step = reversed ? -kFrameLanes : kFrameLanes;
   const int quarter = q / 4;
   alignas(32) double folded[4 * detail::BandTransform::kMaxTerms];
+  alignas(32) std::int32_t integers[4 * detail::BandTransform::kMaxTerms];
   for (int i = 0; i < kFrameLanes; ++i) {
     if (start[i] < 0) continue;
     const int pixel = block.firstPixel + i;
@@ -360,10 +367,16 @@ std::uint64_t PhaseAlgorithmFda::ProcessFrameBlockAs(int thread, const FramePlan
         const std::int32_t up = x(j), down = x(q - j), middleDown = x(h - j), middleUp = x(h + j);
         const std::int32_t a1 = up + down, b1 = up - down, a2 = middleDown + middleUp,
                            b2 = middleDown - middleUp;
-        folded[j - 1] = a1 + a2;
-        folded[detail::BandTransform::kMaxTerms + j - 1] = b1 - b2;
-        folded[2 * detail::BandTransform::kMaxTerms + j - 1] = a1 - a2;
-        folded[3 * detail::BandTransform::kMaxTerms + j - 1] = b1 + b2;
+        integers[j - 1] = a1 + a2;
+        integers[detail::BandTransform::kMaxTerms + j - 1] = b1 - b2;
+        integers[2 * detail::BandTransform::kMaxTerms + j - 1] = a1 - a2;
+        integers[3 * detail::BandTransform::kMaxTerms + j - 1] = b1 + b2;
+      }
+      // Converted to doubles a vector at a time.
+      for (int r = 0; r < 4; ++r) {
+        for (int k = 0; k < quarter; ++k)
+          folded[r * detail::BandTransform::kMaxTerms + k] =
+              integers[r * detail::BandTransform::kMaxTerms + k];
       }
       double constant[2] = {static_cast<double>(x(0) + x(h)), static_cast<double>(x(h) - x(0))};
       const int n = bands.count;

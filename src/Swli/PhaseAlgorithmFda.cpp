@@ -47,6 +47,32 @@ constexpr double kWavenumberGrid = 1048576.0;
 // the first-level cache between the transforms and the analysis.
 constexpr int kBlockPixels = detail::kBandLanes;
 
+// The samples of one window folded as the band transform folds them (detail/BandTransform.h), in
+// integers: sums and differences of integer samples, exact in any order, so the doubles are those
+// the transform would form from the loaded signal. Sample j of the window, in scan order, lies at
+// first[j * kStep] (a reversed window runs backwards through the block's frame copy).
+template <typename Stored, int kQ, int kStep>
+void FoldWindow(const Stored* first, double* folded, double* constant) {
+  constexpr int kHalf = kQ / 2, kQuarter = kQ / 4, kRow = detail::BandTransform::kMaxTerms;
+  const auto x = [first](int j) { return static_cast<std::int32_t>(first[j * kStep]); };
+  alignas(32) std::int32_t integers[4 * kRow];
+  for (int j = 1; j <= kQuarter; ++j) {
+    const std::int32_t up = x(j), down = x(kQ - j), middleDown = x(kHalf - j), middleUp = x(kHalf + j);
+    const std::int32_t a1 = up + down, b1 = up - down, a2 = middleDown + middleUp, b2 = middleDown - middleUp;
+    integers[j - 1] = a1 + a2;
+    integers[kRow + j - 1] = b1 - b2;
+    integers[2 * kRow + j - 1] = a1 - a2;
+    integers[3 * kRow + j - 1] = b1 + b2;
+  }
+  // Converted to doubles a vector at a time.
+  for (int r = 0; r < 4; ++r) {
+    for (int k = 0; k < kQuarter; ++k)
+      folded[r * kRow + k] = integers[r * kRow + k];
+  }
+  constant[0] = static_cast<double>(x(0) + x(kHalf));
+  constant[1] = static_cast<double>(x(kHalf) - x(0));
+}
+
 struct PhaseFit {
   double intercept = 0.0;
   double slope = 0.0;
@@ -352,9 +378,11 @@ std::uint64_t PhaseAlgorithmFda::ProcessFrameBlockAs(int thread, const FramePlan
   // through the copy). The folds are sums and differences of integers, exact in any order, so the
   // doubles handed on are those the band transform would form from the loaded signal.
   const std::ptrdiff_t step = reversed ? -kFrameLanes : kFrameLanes;
-  const int quarter = q / 4;
   alignas(32) double folded[4 * detail::BandTransform::kMaxTerms];
-  alignas(32) std::int32_t integers[4 * detail::BandTransform::kMaxTerms];
+  using Fold = void (*)(const Stored*, double*, double*);
+  const Fold fold =
+      q == 64 ? (reversed ? &FoldWindow<Stored, 64, -kFrameLanes> : &FoldWindow<Stored, 64, kFrameLanes>)
+              : (reversed ? &FoldWindow<Stored, 128, -kFrameLanes> : &FoldWindow<Stored, 128, kFrameLanes>);
   for (int i = 0; i < kFrameLanes; ++i) {
     if (start[i] < 0) continue;
     const int pixel = block.firstPixel + i;
@@ -363,22 +391,8 @@ std::uint64_t PhaseAlgorithmFda::ProcessFrameBlockAs(int thread, const FramePlan
     const auto x = [first, step](int j) { return static_cast<std::int32_t>(first[j * step]); };
     const bool fit = evaluate[i] && peak[i] >= h && peak[i] < stored - h;
     if (fit) {
-      for (int j = 1; j <= quarter; ++j) {
-        const std::int32_t up = x(j), down = x(q - j), middleDown = x(h - j), middleUp = x(h + j);
-        const std::int32_t a1 = up + down, b1 = up - down, a2 = middleDown + middleUp,
-                           b2 = middleDown - middleUp;
-        integers[j - 1] = a1 + a2;
-        integers[detail::BandTransform::kMaxTerms + j - 1] = b1 - b2;
-        integers[2 * detail::BandTransform::kMaxTerms + j - 1] = a1 - a2;
-        integers[3 * detail::BandTransform::kMaxTerms + j - 1] = b1 + b2;
-      }
-      // Converted to doubles a vector at a time.
-      for (int r = 0; r < 4; ++r) {
-        for (int k = 0; k < quarter; ++k)
-          folded[r * detail::BandTransform::kMaxTerms + k] =
-              integers[r * detail::BandTransform::kMaxTerms + k];
-      }
-      double constant[2] = {static_cast<double>(x(0) + x(h)), static_cast<double>(x(h) - x(0))};
+      double constant[2];
+      fold(first, folded, constant);
       const int n = bands.count;
       kFoldedBandBins(*bandTransform_, folded, constant, bands.re.data() + n, bands.im.data() + n,
                       kBlockPixels);

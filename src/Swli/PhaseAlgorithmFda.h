@@ -104,7 +104,9 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G, public Fr
   // full block is analysed across its pixels (detail/BandAnalysis.h): powers, the phases of every band bin in
   // one call of SLEEF's vector atan2 (within 3.5 ulp of libm's), the strongest bin, the unwrapping and the
   // fit's sums with vector lanes for pixels. A pixel's fit is thus written when its block is full, or in
-  // PostProcess for the last pixels of each thread. Heights agree with the plain path to some tens of ulp
+  // PostProcess for the last pixels of each thread. Where the generator offers blocks of pixels from the
+  // frame planes (see BeginFrameBlocks) the windows reach the band transform folded in integers, the same
+  // doubles as from the loaded signal. Heights agree with the plain path to some tens of ulp
   // (the transforms' roundings differ), and are the same bit for bit on any number of threads. Plain path
   // (false, the reference): one pixel at a time, its signal copied into FFTW's whole transform, libm's scalar
   // atan2 on the bins it unwraps. Signal sizes that are not a multiple of 4 take FFTW's transform on the fast

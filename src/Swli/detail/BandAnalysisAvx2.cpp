@@ -2,6 +2,8 @@
 // see BandAnalysis.h.
 #include "Swli/detail/BandAnalysis.h"
 
+#include <cstring>
+
 namespace {
 #include "Swli/detail/BandAnalysisBody.inc"
 void Powers(const band::BandAnalysisBlock& block) {

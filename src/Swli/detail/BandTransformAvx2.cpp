@@ -2,6 +2,8 @@
 // BandTransform.h.
 #include "Swli/detail/BandTransform.h"
 
+#include <cstring>
+
 namespace {
 #include "Swli/detail/BandTransformBody.inc"
 }  // namespace

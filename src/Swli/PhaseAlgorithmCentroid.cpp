@@ -8,6 +8,7 @@
 #include "Analysis/Core/AlignedBuffer.h"
 #include "Analysis/Core/DebugChannel.h"
 #include "Analysis/Core/SampleDispatch.h"
+#include "Swli/detail/BlockWindows.h"
 #include "Swli/detail/CentroidBlockKernel.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
@@ -192,68 +193,21 @@ std::uint64_t PhaseAlgorithmCentroid::ProcessFrameBlockAs(BlockScratch& scratch,
   const int q = signalSize_;
   const int h = halfSignalSize_;
   const int stored = numberFrames_;
-  std::uint64_t left = 0;
-  // Each lane's window (its first frame) and the peak frame the pixel path would be handed, as the
-  // windowed loaders cut them. Forward: centred on the peak, or the first or last q frames with the
-  // peak moved to h or S - h - 1. Reversed: frames p - h + 1 .. p + h mirrored, or the last or first
-  // q frames, and the peak mirrored to F - p (a mirrored peak of 0 or less makes the intensity a
-  // sliding maximum over the whole signal: the pixel path does that).
+  // A mirrored peak of 0 or less makes the intensity a sliding maximum over the whole signal: the
+  // pixel path does that.
   const bool reversed = scratch.reversed;
-  int start[kLanes], peak[kLanes];
-  int lo = stored, hi = 0;
-  for (int i = 0; i < kLanes; ++i) {
-    start[i] = -1;
-    if (i >= block.width) continue;
-    const bool evaluate = Analysis::Core::DoubleMatrix2D::IsDataValid(block.mask[i]);
-    if (!evaluate && blockIntensity_ == BlockIntensity::kNone) continue;  // nothing to make
-    const int p = block.peaks[i];
-    if (p <= 0) {  // the peak is estimated from the whole signal: the pixel path does that
-      left |= std::uint64_t{1} << i;
-      continue;
-    }
-    if (reversed) {
-      if (stored - p <= 0) {
-        left |= std::uint64_t{1} << i;
-        continue;
-      }
-      start[i] = p < h ? stored - q : p >= stored - h ? 0 : p - h + 1;
-      peak[i] = stored - p;
-    } else if (h <= p && p < stored - h) {
-      start[i] = p - h;
-      peak[i] = p;
-    } else if (p < h) {
-      start[i] = 0;
-      peak[i] = h;
-    } else {
-      start[i] = stored - q;
-      peak[i] = stored - h - 1;
-    }
-    lo = std::min(lo, start[i]);
-    hi = std::max(hi, start[i] + q);
-  }
+  detail::BlockWindows windows;
+  const std::uint64_t left = detail::PlaceBlockWindows(
+      block, stored, q, reversed,
+      [&](int i) {
+        return Analysis::Core::DoubleMatrix2D::IsDataValid(block.mask[i]) ||
+               blockIntensity_ != BlockIntensity::kNone;
+      },
+      windows);
+  const int* const start = windows.start;
+  const int* const peak = windows.peak;
+  const int lo = windows.lo, hi = windows.hi;
   if (hi <= lo) return left;
-  if (hi - lo > 2 * q) {
-    // Windows spread wider than a signal (a tall step inside the block, a stray peak): the block
-    // keeps the lanes within half a signal of the median window, the others go pixel by pixel.
-    int sorted[kLanes], used = 0;
-    for (int i = 0; i < kLanes; ++i) {
-      if (start[i] >= 0) sorted[used++] = start[i];
-    }
-    std::nth_element(sorted, sorted + used / 2, sorted + used);
-    const int median = sorted[used / 2];
-    lo = stored;
-    hi = 0;
-    for (int i = 0; i < kLanes; ++i) {
-      if (start[i] < 0) continue;
-      if (std::abs(start[i] - median) > h) {
-        start[i] = -1;
-        left |= std::uint64_t{1} << i;
-        continue;
-      }
-      lo = std::min(lo, start[i]);
-      hi = std::max(hi, start[i] + q);
-    }
-  }
 
   // The block's frames lo .. hi - 1, one row of kLanes samples per frame: each frame's samples of the
   // block are read once, in whole lines, and the lanes then work on a copy that fits the first-level

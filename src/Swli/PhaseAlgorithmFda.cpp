@@ -14,6 +14,7 @@
 #include "Analysis/Core/SampleDispatch.h"
 #include "Swli/detail/BandAnalysis.h"
 #include "Swli/detail/BandTransform.h"
+#include "Swli/detail/BlockWindows.h"
 #include "Swli/detail/Rounding.h"
 #include "Swli/detail/VectorAtan2.h"
 
@@ -300,63 +301,16 @@ std::uint64_t PhaseAlgorithmFda::ProcessFrameBlockAs(int thread, const FramePlan
   const int stored = numberFrames_;
   const bool reversed = bands.reversed;
   const bool intensity = fringeRemoval_ == &PhaseAlgorithmFda::StandardRemoveFringes;
-  std::uint64_t left = 0;
-  // Each lane's window (its first frame) and the peak frame the pixel path would be handed, as the
-  // windowed loaders cut them: forward, centred on the peak or the first or last q frames with the
-  // peak moved to h or S - h - 1; reversed, frames p - h + 1 .. p + h mirrored (or the last or first
-  // q frames) and the peak mirrored to S - p.
-  int start[kFrameLanes], peak[kFrameLanes];
   bool evaluate[kFrameLanes];
-  int lo = stored, hi = 0;
-  for (int i = 0; i < kFrameLanes; ++i) {
-    start[i] = -1;
-    if (i >= block.width) continue;
+  for (int i = 0; i < block.width; ++i)
     evaluate[i] = DoubleMatrix2D::IsDataValid(block.mask[i]);
-    if (!evaluate[i] && !intensity) continue;  // nothing to make
-    const int p = block.peaks[i];
-    if (p <= 0 || (reversed && stored - p <= 0)) {  // a peak to estimate: the pixel path does that
-      left |= std::uint64_t{1} << i;
-      continue;
-    }
-    if (reversed) {
-      start[i] = p < h ? stored - q : p >= stored - h ? 0 : p - h + 1;
-      peak[i] = stored - p;
-    } else if (h <= p && p < stored - h) {
-      start[i] = p - h;
-      peak[i] = p;
-    } else if (p < h) {
-      start[i] = 0;
-      peak[i] = h;
-    } else {
-      start[i] = stored - q;
-      peak[i] = stored - h - 1;
-    }
-    lo = std::min(lo, start[i]);
-    hi = std::max(hi, start[i] + q);
-  }
+  detail::BlockWindows windows;
+  const std::uint64_t left = detail::PlaceBlockWindows(
+      block, stored, q, reversed, [&](int i) { return evaluate[i] || intensity; }, windows);
+  const int* const start = windows.start;
+  const int* const peak = windows.peak;
+  const int lo = windows.lo, hi = windows.hi;
   if (hi <= lo) return left;
-  if (hi - lo > 2 * q) {
-    // Windows spread wider than a signal: the lanes within half a signal of the median window stay,
-    // the others go pixel by pixel.
-    int sorted[kFrameLanes], used = 0;
-    for (int i = 0; i < kFrameLanes; ++i) {
-      if (start[i] >= 0) sorted[used++] = start[i];
-    }
-    std::nth_element(sorted, sorted + used / 2, sorted + used);
-    const int median = sorted[used / 2];
-    lo = stored;
-    hi = 0;
-    for (int i = 0; i < kFrameLanes; ++i) {
-      if (start[i] < 0) continue;
-      if (std::abs(start[i] - median) > h) {
-        start[i] = -1;
-        left |= std::uint64_t{1} << i;
-        continue;
-      }
-      lo = std::min(lo, start[i]);
-      hi = std::max(hi, start[i] + q);
-    }
-  }
 
   // The block's frames lo .. hi - 1, each frame's samples read once in whole lines (frame planes a
   // power of two apart would all compete for one cache set if read pixel by pixel).

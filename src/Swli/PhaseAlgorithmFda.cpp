@@ -14,6 +14,7 @@
 #include "Analysis/Core/SampleDispatch.h"
 #include "Swli/detail/BandAnalysis.h"
 #include "Swli/detail/BandTransform.h"
+#include "Swli/detail/BlockBands.h"
 #include "Swli/detail/BlockWindows.h"
 #include "Swli/detail/Rounding.h"
 #include "Swli/detail/VectorAtan2.h"
@@ -48,32 +49,6 @@ constexpr double kWavenumberGrid = 1048576.0;
 // the first-level cache between the transforms and the analysis.
 constexpr int kBlockPixels = detail::kBandLanes;
 
-// The samples of one window folded as the band transform folds them (detail/BandTransform.h), in
-// integers: sums and differences of integer samples, exact in any order, so the doubles are those
-// the transform would form from the loaded signal. Sample j of the window, in scan order, lies at
-// first[j * kStep] (a reversed window runs backwards through the block's frame copy).
-template <typename Stored, int kQ, int kStep>
-void FoldWindow(const Stored* first, double* folded, double* constant) {
-  constexpr int kHalf = kQ / 2, kQuarter = kQ / 4, kRow = detail::BandTransform::kMaxTerms;
-  const auto x = [first](int j) { return static_cast<std::int32_t>(first[j * kStep]); };
-  alignas(32) std::int32_t integers[4 * kRow];
-  for (int j = 1; j <= kQuarter; ++j) {
-    const std::int32_t up = x(j), down = x(kQ - j), middleDown = x(kHalf - j), middleUp = x(kHalf + j);
-    const std::int32_t a1 = up + down, b1 = up - down, a2 = middleDown + middleUp, b2 = middleDown - middleUp;
-    integers[j - 1] = a1 + a2;
-    integers[kRow + j - 1] = b1 - b2;
-    integers[2 * kRow + j - 1] = a1 - a2;
-    integers[3 * kRow + j - 1] = b1 + b2;
-  }
-  // Converted to doubles a vector at a time.
-  for (int r = 0; r < 4; ++r) {
-    for (int k = 0; k < kQuarter; ++k)
-      folded[r * kRow + k] = integers[r * kRow + k];
-  }
-  constant[0] = static_cast<double>(x(0) + x(kHalf));
-  constant[1] = static_cast<double>(x(kHalf) - x(0));
-}
-
 struct PhaseFit {
   double intercept = 0.0;
   double slope = 0.0;
@@ -101,7 +76,7 @@ PhaseFit WeightedPhaseFit(const double* power, int stride, const double* phase, 
 // The vector atan2 and the band transform of this processor, chosen once.
 const detail::VectorAtan2Function kVectorAtan2 = detail::SelectVectorAtan2();
 const detail::BandBinsFunction kBandBins = detail::SelectBandBins();
-const detail::FoldedBandBinsFunction kFoldedBandBins = detail::SelectFoldedBandBins();
+const detail::BlockBandsFunction kBlockBands = detail::SelectBlockBands();
 // The pixels of a frame block and the weight of the standard fringe-removal window.
 constexpr int kFrameLanes = FramePlaneBlock::kPixels;
 constexpr double kStandardWindowScale = 0.0625;
@@ -172,6 +147,11 @@ struct PhaseAlgorithmFda::BandBlock {
   int peaks[kBlockPixels] = {};
   bool traced[kBlockPixels] = {};
   int count = 0;
+  // A frame block's bins (two blocks of kBlockPixels lanes), its windows' intensity sums and pixels.
+  std::vector<double> frameRe, frameIm;
+  std::int32_t sums[kFrameLanes] = {};
+  int framePixels[kFrameLanes] = {};
+  int framePeaks[kFrameLanes] = {};
 };
 
 void PhaseAlgorithmFda::InitializeThread(int numberThreads) {
@@ -187,6 +167,8 @@ void PhaseAlgorithmFda::InitializeThread(int numberThreads) {
       const std::size_t band = static_cast<std::size_t>(bandBins) * kBlockPixels;
       for (std::vector<double>* row : {&block->re, &block->im, &block->power, &block->wrapped, &block->phase})
         row->assign(band, 0.0);
+      block->frameRe.assign(2 * band, 0.0);
+      block->frameIm.assign(2 * band, 0.0);
       // Frames of up to two signals (see ProcessFrameBlockAs); without them the blocks are declined.
       if (signalSize_ == 64 || signalSize_ == 128)
         block->frames.Allocate(static_cast<std::size_t>(2 * signalSize_ + 1) * kFrameLanes *
@@ -328,51 +310,59 @@ std::uint64_t PhaseAlgorithmFda::ProcessFrameBlockAs(int thread, const FramePlan
     }
   }
 
-  // Per lane, x(j) is sample j of the pixel's signal in scan order (a reversed window runs backwards
-  // through the copy). The folds are sums and differences of integers, exact in any order, so the
-  // doubles handed on are those the band transform would form from the loaded signal.
-  const std::ptrdiff_t step = reversed ? -kFrameLanes : kFrameLanes;
-  alignas(32) double folded[4 * detail::BandTransform::kMaxTerms];
-  using Fold = void (*)(const Stored*, double*, double*);
-  const Fold fold =
-      q == 64 ? (reversed ? &FoldWindow<Stored, 64, -kFrameLanes> : &FoldWindow<Stored, 64, kFrameLanes>)
-              : (reversed ? &FoldWindow<Stored, 128, -kFrameLanes> : &FoldWindow<Stored, 128, kFrameLanes>);
+  // Lanes of a partial block hold no pixel; zeros keep every lane's sums finite.
+  if (block.width < kFrameLanes) {
+    for (int f = lo; f < hi; ++f)
+      std::memset(copy + static_cast<std::ptrdiff_t>(f - lo) * kFrameLanes + block.width, 0,
+                  static_cast<std::size_t>(kFrameLanes - block.width) * sizeof(Stored));
+  }
+
+  // Every window's band bins and intensity sum across the block's pixels at once (detail/BlockBands.h:
+  // the integer folds and each lane's sums those of the single-signal kernel, bit for bit).
+  static_assert(kFrameLanes == 2 * kBlockPixels && kFrameLanes == detail::BlockBandsJob::kLanes);
+  int offsets[kFrameLanes];
+  bool fit[kFrameLanes];
+  bool anyFit[2] = {false, false};
   for (int i = 0; i < kFrameLanes; ++i) {
-    if (start[i] < 0) continue;
-    const int pixel = block.firstPixel + i;
-    const Stored* first =
-        copy + static_cast<std::ptrdiff_t>(start[i] - lo + (reversed ? q - 1 : 0)) * kFrameLanes + i;
-    const auto x = [first, step](int j) { return static_cast<std::int32_t>(first[j * step]); };
-    const bool fit = evaluate[i] && peak[i] >= h && peak[i] < stored - h;
-    if (fit) {
-      double constant[2];
-      fold(first, folded, constant);
-      const int n = bands.count;
-      kFoldedBandBins(*bandTransform_, folded, constant, bands.re.data() + n, bands.im.data() + n,
-                      kBlockPixels);
-      bands.pixels[n] = pixel;
-      bands.peaks[n] = peak[i];
-      bands.traced[n] = false;
-      if (++bands.count == kBlockPixels) AnalyseBlock(thread);
+    offsets[i] = start[i] < 0 ? -1 : start[i] - lo;
+    fit[i] = start[i] >= 0 && evaluate[i] && peak[i] >= h && peak[i] < stored - h;
+    anyFit[i / kBlockPixels] = anyFit[i / kBlockPixels] || fit[i];
+  }
+  detail::BlockBandsJob job;
+  job.frames = copy;
+  job.wide = sizeof(Stored) == 2;
+  job.reversed = reversed;
+  job.offsets = offsets;
+  job.re = bands.frameRe.data();
+  job.im = bands.frameIm.data();
+  job.intensity = intensity ? bands.sums : nullptr;
+  kBlockBands(*bandTransform_, job);
+  if (intensity) {
+    for (int i = 0; i < kFrameLanes; ++i) {
+      if (start[i] >= 0)
+        StoreIntensity(block.firstPixel + i, kStandardWindowScale * static_cast<double>(bands.sums[i]));
     }
-    if (intensity) {
-      const std::int64_t w = std::int64_t{x(h - 4)} + x(h - 3) +
-                             3 * (std::int64_t{x(h - 2)} + x(h - 1) + x(h) + x(h + 1)) + x(h + 2) + x(h + 3);
-      StoreIntensity(pixel, kStandardWindowScale * static_cast<double>(w));
-    }
+  }
+  const std::ptrdiff_t half = static_cast<std::ptrdiff_t>(lastBin_ - firstBin_ + 1) * kBlockPixels;
+  for (int i = 0; i < kFrameLanes; ++i) {
+    bands.framePixels[i] = fit[i] ? block.firstPixel + i : -1;
+    bands.framePeaks[i] = fit[i] ? peak[i] : 0;
+  }
+  for (int part = 0; part < 2; ++part) {
+    if (!anyFit[part]) continue;
+    AnalyseLanes(thread, bands.frameRe.data() + part * half, bands.frameIm.data() + part * half,
+                 bands.framePixels + part * kBlockPixels, bands.framePeaks + part * kBlockPixels, nullptr,
+                 kBlockPixels);
   }
   return left;
 }
 
 void PhaseAlgorithmFda::AnalyseBlock(int thread) {
   BandBlock& block = *blocks_[static_cast<std::size_t>(thread)];
-  ThreadState& state = threadStates_[static_cast<std::size_t>(thread)];
   const int count = block.count;
   block.count = 0;
   if (count == 0) return;
-  const int first = firstBin_;
-  const int bandBins = lastBin_ - first + 1;
-  const double threshold = powerThreshold_;
+  const int bandBins = lastBin_ - firstBin_ + 1;
   const auto row = [](std::vector<double>& v, int b) {
     return v.data() + static_cast<std::ptrdiff_t>(b) * kBlockPixels;
   };
@@ -383,18 +373,24 @@ void PhaseAlgorithmFda::AnalyseBlock(int thread) {
       row(block.im, b)[i] = 0.0;
     }
   }
-  // Across the block's pixels at once (see detail/BandAnalysis.h): the powers, the phases of every
-  // band bin in one call of the vector atan2, then the strongest bin, the unwrapping, the fit and the
-  // refined peak, each pixel's arithmetic that of the plain path (FitBand, WeightedPhaseFit) step for
-  // step.
+  AnalyseLanes(thread, block.re.data(), block.im.data(), block.pixels, block.peaks, block.traced, count);
+}
+
+void PhaseAlgorithmFda::AnalyseLanes(int thread, double* re, double* im, const int* pixels, const int* peaks,
+                                     const bool* traced, int count) {
+  BandBlock& block = *blocks_[static_cast<std::size_t>(thread)];
+  ThreadState& state = threadStates_[static_cast<std::size_t>(thread)];
+  const int first = firstBin_;
+  const int bandBins = lastBin_ - first + 1;
+  const double threshold = powerThreshold_;
   double top[kBlockPixels], at[kBlockPixels], lower[kBlockPixels], upper[kBlockPixels];
   double k0s[kBlockPixels], intercepts[kBlockPixels], slopes[kBlockPixels];
   detail::BandAnalysisBlock analysis;
   analysis.bins = bandBins;
   analysis.firstBin = first;
   analysis.threshold = threshold;
-  analysis.re = block.re.data();
-  analysis.im = block.im.data();
+  analysis.re = re;
+  analysis.im = im;
   analysis.power = block.power.data();
   analysis.wrapped = block.wrapped.data();
   analysis.phase = block.phase.data();
@@ -406,13 +402,13 @@ void PhaseAlgorithmFda::AnalyseBlock(int thread) {
   analysis.intercept = intercepts;
   analysis.slope = slopes;
   kBandAnalysis.powers(analysis);
-  kVectorAtan2(block.im.data(), block.re.data(), block.wrapped.data(), bandBins * kBlockPixels);
+  kVectorAtan2(im, re, block.wrapped.data(), bandBins * kBlockPixels);
   kBandAnalysis.unwrapAndSum(analysis);
 
   for (int i = 0; i < count; ++i) {
     const int strongest = static_cast<int>(at[i]);
     const int low = static_cast<int>(lower[i]), high = static_cast<int>(upper[i]);
-    if (strongest < 0 || top[i] < threshold) continue;
+    if (pixels[i] < 0 || strongest < 0 || top[i] < threshold) continue;
     if (high - low + 1 <= 2 || low == strongest || high == strongest) continue;
     const double k0 = k0s[i];
     state.wavenumberSum += detail::RoundHalfAway(k0 * kWavenumberGrid) / kWavenumberGrid;
@@ -420,11 +416,11 @@ void PhaseAlgorithmFda::AnalyseBlock(int thread) {
     PhaseFit fit;
     // A run reaching the last but one bin of the transform fits no line.
     if (first + high + 1 < signalSize_ / 2) fit = {intercepts[i], slopes[i]};
-    const int pixel = block.pixels[i];
-    const int peakFrame = block.peaks[i];
+    const int pixel = pixels[i];
+    const int peakFrame = peaks[i];
     fitRecords_->At(pixel) = AdcPoint{fit.intercept, fit.slope, static_cast<double>(peakFrame)};
     coherence_.At(pixel) = (numberFrames_ == signalSize_ ? halfSignalSize_ : peakFrame) * scanIncrementValue_;
-    if (block.traced[i]) {
+    if (traced && traced[i]) {
       Analysis::Core::debug_printf(
           "FDA pixel %d: peak %d, bins %d..%d, strongest %d, k0 %g, intercept %g rad, slope %g rad/bin\n",
           pixel, peakFrame, first + low, first + high, first + strongest, k0, fit.intercept, fit.slope);

@@ -72,9 +72,11 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G, public Fr
   void FinalizeThread() override;
   int ProcessPixel(int thread, int pixel, int peakFrame, int auxiliary) override;
   // Blocks of pixels straight from the frame planes (fast path, signals of 64 or 128 samples cut from
-  // a longer scan, the standard fringe removal or none): the block's frames are copied once, each
-  // pixel's window is folded in integers (exact, so the band's bins are those of the loaded signal bit
-  // for bit) and joins the thread's block of band bins; the intensity comes from the same integers.
+  // a longer scan, the standard fringe removal or none): the block's frames are copied once, and the
+  // band transform runs across the block's pixels in vector lanes (detail/BlockBands.h: windows folded
+  // in integers, each lane's sums those of the single-signal kernel, so the band's bins are those of the
+  // loaded signal bit for bit); the block is then analysed as two blocks of band bins, and the intensity
+  // comes from the same integers.
   // Pixels whose peak is to be estimated, and windows far from the rest of their block, are left to
   // the per-pixel path.
   bool BeginFrameBlocks(int thread, const FrameBlockRun& run) override;
@@ -105,8 +107,8 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G, public Fr
   // one call of SLEEF's vector atan2 (within 3.5 ulp of libm's), the strongest bin, the unwrapping and the
   // fit's sums with vector lanes for pixels. A pixel's fit is thus written when its block is full, or in
   // PostProcess for the last pixels of each thread. Where the generator offers blocks of pixels from the
-  // frame planes (see BeginFrameBlocks) the windows reach the band transform folded in integers, the same
-  // doubles as from the loaded signal. Heights agree with the plain path to some tens of ulp
+  // frame planes (see BeginFrameBlocks) the windows are transformed across the pixels, the same bins
+  // bit for bit as from the loaded signal. Heights agree with the plain path to some tens of ulp
   // (the transforms' roundings differ), and are the same bit for bit on any number of threads. Plain path
   // (false, the reference): one pixel at a time, its signal copied into FFTW's whole transform, libm's scalar
   // atan2 on the bins it unwraps. Signal sizes that are not a multiple of 4 take FFTW's transform on the fast
@@ -132,6 +134,10 @@ class QUARN_PP_EXPORT PhaseAlgorithmFda : public PhaseAlgorithmHigh2G, public Fr
                int strongest, double strongestPower, const Angle& angle);
   // The fast path's analysis of the pixels waiting in a thread's block; empties the block.
   void AnalyseBlock(int thread);
+  // The analysis of `count` lanes of band bins (re, im: bin after bin, kBandLanes lanes each) with
+  // the thread's block as scratch; lanes whose pixel is -1 are skipped, `traced` may be null.
+  void AnalyseLanes(int thread, double* re, double* im, const int* pixels, const int* peaks,
+                    const bool* traced, int count);
 
   FrequencyScan frequencyScan_;
   int firstBin_ = 13;

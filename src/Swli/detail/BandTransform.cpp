@@ -89,21 +89,12 @@ void BandBinsSse2(const BandTransform& transform, const double* x, double* re, d
   BandBinsBody(transform, x, re, im, stride);
 }
 
-void FoldedBandBinsSse2(const BandTransform& transform, double* folded, double* constant, double* re,
-                        double* im, std::ptrdiff_t stride) {
-  FoldedBandBinsBody(transform, folded, constant, re, im, stride);
-}
-
 BandBinsFunction SelectBandBins() {
   const char* cap = std::getenv("QUARN_SWLI_ISA");
   const bool allowAvx2 = !cap || std::strcmp(cap, "sse2") != 0;
   __builtin_cpu_init();
   if (allowAvx2 && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return &BandBinsAvx2;
   return &BandBinsSse2;
-}
-
-FoldedBandBinsFunction SelectFoldedBandBins() {
-  return SelectBandBins() == &BandBinsAvx2 ? &FoldedBandBinsAvx2 : &FoldedBandBinsSse2;
 }
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail

@@ -70,21 +70,7 @@ QUARN_PP_EXPORT void BandBinsSse2(const BandTransform& transform, const double* 
 QUARN_PP_EXPORT void BandBinsAvx2(const BandTransform& transform, const double* x, double* re, double* im,
                                   std::ptrdiff_t stride);
 
-// The same bins from samples already folded: `folded` holds four rows of kMaxTerms doubles, row r
-// entry j - 1 (j = 1 .. n/4, zeros up to paddedTerms) being, with a_j = x_j + x_{n-j},
-// b_j = x_j - x_{n-j}, a'_j = x_{n/2-j} + x_{n/2+j} and b'_j = x_{n/2-j} - x_{n/2+j}:
-// row 0 a + a', row 1 b - b', row 2 a - a', row 3 b + b'; constant = {x_0 + x_{n/2}, x_{n/2} - x_0}.
-// A caller with integer samples folds them in integers (exactly, as the doubles would), straight
-// from wherever they lie. Row 0 and constant[0] are used as scratch.
-using FoldedBandBinsFunction = void (*)(const BandTransform& transform, double* folded, double* constant,
-                                        double* re, double* im, std::ptrdiff_t stride);
-QUARN_PP_EXPORT void FoldedBandBinsSse2(const BandTransform& transform, double* folded, double* constant,
-                                        double* re, double* im, std::ptrdiff_t stride);
-QUARN_PP_EXPORT void FoldedBandBinsAvx2(const BandTransform& transform, double* folded, double* constant,
-                                        double* re, double* im, std::ptrdiff_t stride);
-
 // The widest implementation this processor runs. (Exported, like the kernels, for their test.)
 QUARN_PP_EXPORT BandBinsFunction SelectBandBins();
-QUARN_PP_EXPORT FoldedBandBinsFunction SelectFoldedBandBins();
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail

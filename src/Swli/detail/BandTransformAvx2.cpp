@@ -15,9 +15,4 @@ void BandBinsAvx2(const BandTransform& transform, const double* x, double* re, d
   BandBinsBody(transform, x, re, im, stride);
 }
 
-void FoldedBandBinsAvx2(const BandTransform& transform, double* folded, double* constant, double* re,
-                        double* im, std::ptrdiff_t stride) {
-  FoldedBandBinsBody(transform, folded, constant, re, im, stride);
-}
-
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail

@@ -24,7 +24,10 @@ BandAnalysisFunctions BandAnalysisSse2() {
 BandAnalysisFunctions SelectBandAnalysis() {
   const char* cap = std::getenv("QUARN_SWLI_ISA");
   const bool allowAvx2 = !cap || std::strcmp(cap, "sse2") != 0;
+  const bool allowAvx512 = allowAvx2 && (!cap || std::strcmp(cap, "avx2") != 0);
   __builtin_cpu_init();
+  if (allowAvx512 && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq"))
+    return BandAnalysisAvx512();
   if (allowAvx2 && __builtin_cpu_supports("avx2")) return BandAnalysisAvx2();
   return BandAnalysisSse2();
 }

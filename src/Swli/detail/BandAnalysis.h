@@ -54,7 +54,8 @@ struct BandAnalysisFunctions {
 
 QUARN_PP_EXPORT BandAnalysisFunctions BandAnalysisSse2();
 QUARN_PP_EXPORT BandAnalysisFunctions BandAnalysisAvx2();
-// The widest implementation this processor runs (QUARN_SWLI_ISA=sse2 caps the choice).
+QUARN_PP_EXPORT BandAnalysisFunctions BandAnalysisAvx512();
+// The widest implementation this processor runs (QUARN_SWLI_ISA=avx2 or sse2 caps the choice).
 QUARN_PP_EXPORT BandAnalysisFunctions SelectBandAnalysis();
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail

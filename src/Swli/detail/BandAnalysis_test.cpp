@@ -81,7 +81,12 @@ PixelResult Plain(const std::vector<double>& power, const std::vector<double>& w
 TEST(BandAnalysisTest, EveryLaneIsThePlainPixelsResultBitForBit) {
   Testing::SeededRandom random(53);
   SCOPED_TRACE(random.Describe());
-  const BandAnalysisFunctions kernels[2] = {SelectBandAnalysis(), BandAnalysisSse2()};
+  // Every implementation this processor runs (the widest is the one chosen).
+  __builtin_cpu_init();
+  std::vector<BandAnalysisFunctions> kernels = {BandAnalysisSse2()};
+  if (__builtin_cpu_supports("avx2")) kernels.push_back(BandAnalysisAvx2());
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq"))
+    kernels.push_back(BandAnalysisAvx512());
   for (const int bins : {1, 2, 3, 9, 17}) {
     for (int trial = 0; trial < 40; ++trial) {
       const std::size_t cells = static_cast<std::size_t>(bins) * kBandLanes;
@@ -109,7 +114,7 @@ TEST(BandAnalysisTest, EveryLaneIsThePlainPixelsResultBitForBit) {
       block.power = power.data();
       block.wrapped = wrapped.data();
       block.phase = phase.data();
-      for (int kernel = 0; kernel < 2; ++kernel) {
+      for (std::size_t kernel = 0; kernel < kernels.size(); ++kernel) {
         double lanes[7][kBandLanes];
         block.top = lanes[0];
         block.at = lanes[1];

@@ -17,7 +17,9 @@ void VectorAtan2Sse2(const double* y, const double* x, double* out, int count) {
 VectorAtan2Function SelectVectorAtan2() {
   const char* cap = std::getenv("QUARN_SWLI_ISA");
   const bool allowAvx2 = !cap || std::strcmp(cap, "sse2") != 0;
+  const bool allowAvx512 = allowAvx2 && (!cap || std::strcmp(cap, "avx2") != 0);
   __builtin_cpu_init();
+  if (allowAvx512 && __builtin_cpu_supports("avx512f")) return &VectorAtan2Avx512;
   if (allowAvx2 && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return &VectorAtan2Avx2;
   return &VectorAtan2Sse2;
 }

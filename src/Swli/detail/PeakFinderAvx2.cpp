@@ -57,21 +57,22 @@ struct Avx2Doubles {
   static Vec LoadKeys(const double* at) { return _mm256_load_pd(at); }
   static void StoreKeys(double* at, Vec v) { _mm256_store_pd(at, v); }
   static Vec Code(int code) { return _mm256_set1_pd(code / static_cast<double>(kWordBlock)); }
-  static void Differences(const std::uint16_t* before, const std::uint16_t* after, Vec& lo, Vec& hi) {
-    const __m256i a = _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(after)));
-    const __m256i b = _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(before)));
-    const __m256i d = _mm256_sub_epi32(a, b);
+  using Samples = __m256i;  // eight samples in 32-bit lanes
+  static Samples Load(const std::uint16_t* at) {
+    return _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(at)));
+  }
+  static void Differences(Samples before, Samples after, Vec& lo, Vec& hi) {
+    const __m256i d = _mm256_sub_epi32(after, before);
     lo = _mm256_cvtepi32_pd(_mm256_castsi256_si128(d));
     hi = _mm256_cvtepi32_pd(_mm256_extracti128_si256(d, 1));
   }
-  static void Fill(const std::uint16_t* before, const std::uint16_t* after, double* slot) {
+  static void Fill(Samples before, Samples after, double* slot) {
     Vec d0, d1;
     Differences(before, after, d0, d1);
     _mm256_store_pd(slot, d0);
     _mm256_store_pd(slot + 4, d1);
   }
-  static void Step(const std::uint16_t* before, const std::uint16_t* after, double* slot, Vec c, Vec& h0,
-                   Vec& h1) {
+  static void Step(Samples before, Samples after, double* slot, Vec c, Vec& h0, Vec& h1) {
     Vec d0, d1;
     Differences(before, after, d0, d1);
     const Vec o0 = _mm256_load_pd(slot), o1 = _mm256_load_pd(slot + 4);

@@ -1,8 +1,8 @@
 // The vectorised peak-frame finder compiled for AVX-512 (BW and VNNI): the 8-bit kernel of
 // PeakFinderBytes.inc on 64 pixels per step and the 16-bit kernel of limited range of
 // PeakFinderNarrow.inc on 32, each adding the energy change by one fused 16-bit
-// multiply-add-accumulate; 16-bit chunks of any range take the kernel in doubles of
-// PeakFinderWide.inc on 16.
+// multiply-add-accumulate; 16-bit chunks of any range take the kernel of PeakFinderWide.inc on 16,
+// with keys in 64-bit integers.
 #include <immintrin.h>
 
 #include <algorithm>
@@ -99,20 +99,17 @@ struct Avx512Int64 {
   static Vec LoadKeys(const std::int64_t* at) { return _mm512_load_si512(at); }
   static void StoreKeys(std::int64_t* at, Vec v) { _mm512_store_si512(at, v); }
   static Vec Code(int code) { return _mm512_set1_epi64(code); }
-  // 16 d of the step's pixels in 32-bit lanes.
-  static Vec Differences(const std::uint16_t* before, const std::uint16_t* after) {
-    const __m512i a =
-        _mm512_maskz_cvtepu16_epi32(kAll32, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(after)));
-    const __m512i b =
-        _mm512_maskz_cvtepu16_epi32(kAll32, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(before)));
-    return _mm512_maskz_slli_epi32(kAll32, _mm512_sub_epi32(a, b), 4);
+  using Samples = __m512i;  // sixteen samples times 16 in 32-bit lanes
+  static Samples Load(const std::uint16_t* at) {
+    return _mm512_maskz_slli_epi32(
+        kAll32, _mm512_maskz_cvtepu16_epi32(kAll32, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at))),
+        4);
   }
-  static void Fill(const std::uint16_t* before, const std::uint16_t* after, std::int32_t* slot) {
-    _mm512_store_si512(slot, Differences(before, after));
+  static void Fill(Samples before, Samples after, std::int32_t* slot) {
+    _mm512_store_si512(slot, _mm512_sub_epi32(after, before));
   }
-  static void Step(const std::uint16_t* before, const std::uint16_t* after, std::int32_t* slot, Vec c,
-                   Vec& h0, Vec& h1) {
-    const Vec d = Differences(before, after);
+  static void Step(Samples before, Samples after, std::int32_t* slot, Vec c, Vec& h0, Vec& h1) {
+    const Vec d = _mm512_sub_epi32(after, before);
     const Vec o = _mm512_load_si512(slot);
     _mm512_store_si512(slot, d);
     const Vec minus = _mm512_sub_epi32(o, d), plus = _mm512_add_epi32(o, d);

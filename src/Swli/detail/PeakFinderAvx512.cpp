@@ -6,9 +6,7 @@
 #include <immintrin.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
-#include <limits>
 #include <memory>
 
 #include "Swli/detail/PeakFinderKernel.h"

@@ -25,12 +25,12 @@ namespace AnalysisCore = ::Quarn::Metrology::Analysis::Core;
 // The result is a stored frame: for a reversed scan, frame p sits where frame F - p of a forward
 // scan would, and the generator mirrors it so.
 //
-// 8- and 16-bit scans run a vectorised path (AVX2 with FMA where the processor has them, for 8-bit
-// scans AVX-512 with BW and VNNI where it has those too, else SSE2) that sums the squared
-// differences exactly and updates each pixel's best frame without a branch: as integers, 64-bit ones
-// for 16-bit samples; the AVX2 16-bit kernel in unsigned 32-bit integers where a run of pixels stays
-// below 2^14 (as 12- and 14-bit cameras deliver it), else in doubles, which hold these sums below
-// 2^53 exactly. 32-bit scans, and `FindPeakFramesReference` always, run the plain path, one pixel
+// 8- and 16-bit scans run a vectorised path (AVX-512 with BW and VNNI where the processor has them,
+// else AVX2 with FMA, else SSE2) that sums the squared differences exactly and updates each pixel's
+// best frame without a branch: 8-bit scans in 32-bit integers; 16-bit scans in unsigned 32-bit
+// integers where a run of pixels stays below 2^14 (as 12- and 14-bit cameras deliver it), else in
+// 64-bit integers (AVX-512) or in doubles (AVX2, which has no 64-bit maximum; doubles hold these
+// sums below 2^53 exactly). 32-bit scans, and `FindPeakFramesReference` always, run the plain path, one pixel
 // after another in doubles. All sums are exact, so the paths find the same frames, and the result
 // does not depend on the number of threads (rows are shared among them; `threads` < 1 means every
 // processor).

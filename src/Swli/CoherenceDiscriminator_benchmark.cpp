@@ -4,12 +4,12 @@
 // once, so 1 means it runs at the speed of memory.
 // Arguments: bits, path (1 vectorised, 0 plain), threads. The scans by bits:
 //   8   8-bit samples;
-//   12  16-bit samples that stay below 4096, as a 12-bit camera delivers them (the AVX2 path sums
-//       these in 32-bit integers);
-//   16  16-bit samples over most of the range (bias 20000, fringes of 15000 counts), which the AVX2
-//       path sums in doubles.
-// The vectorised path is the widest the processor runs (AVX-512 for 8-bit and 12-bit-range scans
-// where it has BW and VNNI); QUARN_SWLI_ISA=avx2 or sse2 in the environment caps it.
+//   12  16-bit samples that stay below 4096, as a 12-bit camera delivers them (summed in 32-bit
+//       integers);
+//   16  16-bit samples over most of the range (bias 20000, fringes of 15000 counts), summed in
+//       64-bit integers with AVX-512, in doubles with AVX2.
+// The vectorised path is the widest the processor runs (AVX-512 where it has BW and VNNI);
+// QUARN_SWLI_ISA=avx2 or sse2 in the environment caps it.
 #include <benchmark/benchmark.h>
 
 #include <chrono>

@@ -1,7 +1,8 @@
 // The vectorised peak-frame finder compiled for AVX-512 (BW and VNNI): the 8-bit kernel of
 // PeakFinderBytes.inc on 64 pixels per step and the 16-bit kernel of limited range of
 // PeakFinderNarrow.inc on 32, each adding the energy change by one fused 16-bit
-// multiply-add-accumulate; 16-bit chunks of any range take the AVX2 kernel in doubles.
+// multiply-add-accumulate; 16-bit chunks of any range take the kernel of PeakFinderWide.inc on 16,
+// with keys in 64-bit integers.
 #include <immintrin.h>
 
 #include <algorithm>
@@ -73,6 +74,68 @@ struct Avx512Words {
   }
 };
 
+#include "Swli/detail/PeakFinderWide.inc"
+
+// AVX-512's vectors for the kernel of any range: keys in 64-bit integers, which AVX-512 can compare,
+// eight per vector, sixteen pixels per step. The ring keeps the differences times 16 in 32 bits (at
+// most 2^20), half the bytes of doubles, and the change 256 (d_old^2 - d_new^2) comes exact out of
+// one signed 32-bit multiply into 64 bits, (16 d_old - 16 d_new)(16 d_old + 16 d_new), of the
+// even and of the odd pixels: the first vector of keys holds the step's even pixels, the second its
+// odd ones.
+//
+// GCC 12 takes the undefined pass-through vector of several plain AVX-512 intrinsics for an
+// uninitialised read; their zero-masked forms with every lane enabled are the same instructions.
+struct Avx512Int64 {
+  static constexpr __mmask16 kAll32 = 0xffff;
+  static constexpr __mmask8 kAll64 = 0xff;
+  using Vec = __m512i;
+  using Key = std::int64_t;
+  using Ring = std::int32_t;
+  static constexpr int kStep = 16;
+  static constexpr int kChunk = 512;  // a ring of 18 KB
+  static constexpr std::int64_t kLowest = -(std::int64_t{1} << 62);
+  static Vec LoadKeys(const std::int64_t* at) { return _mm512_load_si512(at); }
+  static void StoreKeys(std::int64_t* at, Vec v) { _mm512_store_si512(at, v); }
+  static Vec Code(int code) { return _mm512_set1_epi64(code); }
+  using Samples = __m512i;  // sixteen samples times 16 in 32-bit lanes
+  static Samples Load(const std::uint16_t* at) {
+    return _mm512_maskz_slli_epi32(
+        kAll32, _mm512_maskz_cvtepu16_epi32(kAll32, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at))),
+        4);
+  }
+  static void Fill(Samples before, Samples after, std::int32_t* slot) {
+    _mm512_store_si512(slot, _mm512_sub_epi32(after, before));
+  }
+  static void Step(Samples before, Samples after, std::int32_t* slot, Vec c, Vec& h0, Vec& h1) {
+    const Vec d = _mm512_sub_epi32(after, before);
+    const Vec o = _mm512_load_si512(slot);
+    _mm512_store_si512(slot, d);
+    const Vec minus = _mm512_sub_epi32(o, d), plus = _mm512_add_epi32(o, d);
+    h0 = _mm512_maskz_max_epi64(kAll64, _mm512_add_epi64(h0, _mm512_maskz_mul_epi32(kAll64, minus, plus)), c);
+    h1 = _mm512_maskz_max_epi64(
+        kAll64,
+        _mm512_add_epi64(h1, _mm512_maskz_mul_epi32(kAll64, _mm512_maskz_srli_epi64(kAll64, minus, 32),
+                                                    _mm512_maskz_srli_epi64(kAll64, plus, 32))),
+        c);
+  }
+  static void AddWindow(const std::int32_t* ring, std::int64_t* k) {
+    Vec even = _mm512_load_si512(k), odd = _mm512_load_si512(k + 8);
+    for (int s = 0; s < kWindow; ++s) {
+      const Vec d = _mm512_load_si512(ring + s * kChunk);
+      const Vec high = _mm512_maskz_srli_epi64(kAll64, d, 32);
+      even = _mm512_add_epi64(even, _mm512_maskz_mul_epi32(kAll64, d, d));
+      odd = _mm512_add_epi64(odd, _mm512_maskz_mul_epi32(kAll64, high, high));
+    }
+    _mm512_store_si512(k, even);
+    _mm512_store_si512(k + 8, odd);
+  }
+  static int Pixel(int e) { return e < 8 ? 2 * e : 2 * (e - 8) + 1; }
+  static void Decode(std::int64_t key, std::int64_t& energy, int& code) {
+    energy = key >> kWordCodeBits;
+    code = static_cast<int>(key & (kWordBlock - 1));
+  }
+};
+
 }  // namespace
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
@@ -81,7 +144,7 @@ void FindPeaksAvx512(const PeakFinderParams& params, std::int64_t first, std::in
   if (params.sampleBytes == 1) {
     BytesRange<Avx512Bytes>(params, first, end);
   } else {
-    WordsRange<Avx512Words>(params, first, end, &FindPeaksAvx2Wide);
+    WordsRange<Avx512Words>(params, first, end, &WideRange<Avx512Int64>);
   }
 }
 

@@ -21,8 +21,6 @@ using PeakFinderFunction = void (*)(const PeakFinderParams& params, std::int64_t
 void FindPeaksSse2(const PeakFinderParams& params, std::int64_t first, std::int64_t end);
 void FindPeaksAvx2(const PeakFinderParams& params, std::int64_t first, std::int64_t end);
 void FindPeaksAvx512(const PeakFinderParams& params, std::int64_t first, std::int64_t end);
-// The AVX2 kernel for 16-bit samples of any range alone (in doubles).
-void FindPeaksAvx2Wide(const PeakFinderParams& params, std::int64_t first, std::int64_t end);
 
 // The widest implementation this processor runs (the AVX2 one also needs FMA, the AVX-512 one BW and
 // VNNI besides); QUARN_SWLI_ISA=sse2 or avx2 caps the choice (to compare the paths on one machine).

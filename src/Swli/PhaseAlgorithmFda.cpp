@@ -300,7 +300,13 @@ std::uint64_t PhaseAlgorithmFda::ProcessFrameBlockAs(int thread, const FramePlan
   const std::size_t rowBytes = static_cast<std::size_t>(block.width) * sizeof(Stored);
   for (int f = lo; f < hi; ++f) {
     const Stored* from = static_cast<const Stored*>(block.slots[f]) + block.firstPixel;
-    __builtin_prefetch(from + kFrameLanes);
+    // The same frame's line some blocks ahead, into the outer caches only: the planes' lines all share
+    // one set of the inner caches, where a line fetched for the next block is evicted before its use,
+    // and no hardware prefetcher follows as many streams as there are frames. (A prefetch is a hint:
+    // past the plane's end it does nothing; the address is formed as an integer.)
+    const std::uintptr_t ahead = reinterpret_cast<std::uintptr_t>(from) + 8 * kFrameLanes * sizeof(Stored);
+    for (std::size_t line = 0; line < kFrameLanes * sizeof(Stored); line += 64)
+      __builtin_prefetch(reinterpret_cast<const void*>(ahead + line), 0, 1);
     Stored* to = copy + static_cast<std::ptrdiff_t>(f - lo) * kFrameLanes;
     // (A whole block's row as a copy of fixed size, inlined; no library call per frame.)
     if (block.width == kFrameLanes) {

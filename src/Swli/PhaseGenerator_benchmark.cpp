@@ -211,6 +211,7 @@ BENCHMARK(BM_SwliGenerator)
     ->Args({0, 0, 16})
     ->Args({1, 0, 8})
     ->Args({1, kAllThreads, 8})
+    ->Args({1, 0, 16})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 

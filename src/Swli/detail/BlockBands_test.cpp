@@ -1,6 +1,7 @@
 // The block band transform, lane by lane, against the single-signal kernel it must repeat.
 #include "Swli/detail/BlockBands.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <random>
@@ -118,11 +119,23 @@ INSTANTIATE_TEST_SUITE_P(
                       BlockCase{128, 1, 64, false, true, false}, BlockCase{64, 0, 32, true, false, false},
                       BlockCase{64, 14, 14, false, false, false}));
 
-TEST(BlockBandsTest, DeclinesSignalSizesOtherThan64And128) {
+// Sizes without a block kernel are declined untouched; a block without any wanted lane comes out as
+// zeros (no window is read).
+TEST(BlockBandsTest, DeclinesOtherSizesAndZeroesABlockWithoutWantedLanes) {
   BandTransform t;
   ASSERT_TRUE(t.Plan(32, 4, 9));
   BlockBandsJob job;
   EXPECT_FALSE(SelectBlockBands()(t, job));
+  ASSERT_TRUE(t.Plan(64, 13, 21));
+  int offsets[BlockBandsJob::kLanes];
+  std::fill(std::begin(offsets), std::end(offsets), -1);
+  std::vector<double> re(2 * 9 * kBandLanes, 1.0), im(re.size(), 1.0);
+  job.offsets = offsets;
+  job.re = re.data();
+  job.im = im.data();
+  ASSERT_TRUE(SelectBlockBands()(t, job));
+  EXPECT_EQ(std::count(re.begin(), re.end(), 0.0) + std::count(im.begin(), im.end(), 0.0),
+            2 * 2 * 9 * kBandLanes);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "Analysis/Core/SampleDispatch.h"
 #include "Swli/detail/BlockWindows.h"
 #include "Swli/detail/CentroidBlockKernel.h"
+#include "Swli/detail/IsaCap.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 
@@ -105,8 +106,7 @@ void EnvelopeSumsBaseline(const double* d, int q, double& sumOut, double& moment
 // before a sanitizer runtime has started, which crashes ThreadSanitizer builds.
 using EnvelopeSumsFunction = void (*)(const double*, int, double&, double&);
 EnvelopeSumsFunction SelectEnvelopeSums() {
-  const char* cap = std::getenv("QUARN_SWLI_ISA");
-  const bool allowAvx2 = !cap || std::strcmp(cap, "sse2") != 0;
+  const bool allowAvx2 = detail::ReadIsaCap().avx2;
   __builtin_cpu_init();
   return allowAvx2 && __builtin_cpu_supports("avx2") ? &EnvelopeSumsAvx2 : &EnvelopeSumsBaseline;
 }

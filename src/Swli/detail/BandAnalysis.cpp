@@ -1,6 +1,7 @@
 // The block band analysis on the x86-64 baseline (SSE2), and the choice of implementation; see
 // BandAnalysis.h.
 #include "Swli/detail/BandAnalysis.h"
+#include "Swli/detail/IsaCap.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -22,9 +23,9 @@ BandAnalysisFunctions BandAnalysisSse2() {
 }
 
 BandAnalysisFunctions SelectBandAnalysis() {
-  const char* cap = std::getenv("QUARN_SWLI_ISA");
-  const bool allowAvx2 = !cap || std::strcmp(cap, "sse2") != 0;
-  const bool allowAvx512 = allowAvx2 && (!cap || std::strcmp(cap, "avx2") != 0);
+  const IsaCap allowed = ReadIsaCap();
+  const bool allowAvx2 = allowed.avx2;
+  const bool allowAvx512 = allowed.avx512;
   __builtin_cpu_init();
   if (allowAvx512 && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq"))
     return BandAnalysisAvx512();

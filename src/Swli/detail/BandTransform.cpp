@@ -1,6 +1,7 @@
 // The band transform's tables, its kernel on the x86-64 baseline (SSE2) and the choice of kernel; see
 // BandTransform.h.
 #include "Swli/detail/BandTransform.h"
+#include "Swli/detail/IsaCap.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -90,8 +91,7 @@ void BandBinsSse2(const BandTransform& transform, const double* x, double* re, d
 }
 
 BandBinsFunction SelectBandBins() {
-  const char* cap = std::getenv("QUARN_SWLI_ISA");
-  const bool allowAvx2 = !cap || std::strcmp(cap, "sse2") != 0;
+  const bool allowAvx2 = ReadIsaCap().avx2;
   __builtin_cpu_init();
   if (allowAvx2 && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return &BandBinsAvx2;
   return &BandBinsSse2;

@@ -1,6 +1,7 @@
 // The block band transform on the x86-64 baseline (SSE2), and the choice of implementation; see
 // BlockBands.h.
 #include "Swli/detail/BlockBands.h"
+#include "Swli/detail/IsaCap.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -19,8 +20,7 @@ bool BlockBandsSse2(const BandTransform& transform, const BlockBandsJob& job) {
 BlockBandsFunction SelectBlockBands() {
   // The single-signal kernel's choice decides whether products are fused: the lanes must match it.
   if (SelectBandBins() != &BandBinsAvx2) return &BlockBandsSse2;
-  const char* cap = std::getenv("QUARN_SWLI_ISA");
-  const bool allowAvx512 = !cap || std::strcmp(cap, "avx2") != 0;
+  const bool allowAvx512 = ReadIsaCap().avx512;
   __builtin_cpu_init();
   if (allowAvx512 && __builtin_cpu_supports("avx512f")) return &BlockBandsAvx512;
   return &BlockBandsAvx2;

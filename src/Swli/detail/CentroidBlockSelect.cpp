@@ -1,14 +1,11 @@
-#include <cstdlib>
-#include <cstring>
-
 #include "Swli/detail/CentroidBlockKernel.h"
+#include "Swli/detail/IsaCap.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 
 namespace {
 bool UseAvx2() {
-  const char* cap = std::getenv("QUARN_SWLI_ISA");
-  const bool allowAvx2 = !cap || std::strcmp(cap, "sse2") != 0;
+  const bool allowAvx2 = ReadIsaCap().avx2;
   __builtin_cpu_init();
   return allowAvx2 && __builtin_cpu_supports("avx2");
 }

@@ -1,14 +1,12 @@
-#include <cstdlib>
-#include <cstring>
-
+#include "Swli/detail/IsaCap.h"
 #include "Swli/detail/PeakFinderKernel.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 
 PeakFinderFunction SelectPeakFinderFunction() {
-  const char* cap = std::getenv("QUARN_SWLI_ISA");
-  const bool allowAvx2 = !cap || std::strcmp(cap, "sse2") != 0;
-  const bool allowAvx512 = allowAvx2 && (!cap || std::strcmp(cap, "avx2") != 0);
+  const IsaCap allowed = ReadIsaCap();
+  const bool allowAvx2 = allowed.avx2;
+  const bool allowAvx512 = allowed.avx512;
   __builtin_cpu_init();
   const bool avx2 = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
   if (allowAvx512 && avx2 && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&

@@ -1,11 +1,9 @@
 // SLEEF's 2-lane atan2 on the x86-64 baseline, and the choice of implementation; see VectorAtan2.h.
 #include "Swli/detail/VectorAtan2.h"
+#include "Swli/detail/IsaCap.h"
 
 #include <emmintrin.h>
 #include <sleef.h>
-
-#include <cstdlib>
-#include <cstring>
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 
@@ -15,9 +13,9 @@ void VectorAtan2Sse2(const double* y, const double* x, double* out, int count) {
 }
 
 VectorAtan2Function SelectVectorAtan2() {
-  const char* cap = std::getenv("QUARN_SWLI_ISA");
-  const bool allowAvx2 = !cap || std::strcmp(cap, "sse2") != 0;
-  const bool allowAvx512 = allowAvx2 && (!cap || std::strcmp(cap, "avx2") != 0);
+  const IsaCap allowed = ReadIsaCap();
+  const bool allowAvx2 = allowed.avx2;
+  const bool allowAvx512 = allowed.avx512;
   __builtin_cpu_init();
   if (allowAvx512 && __builtin_cpu_supports("avx512f")) return &VectorAtan2Avx512;
   if (allowAvx2 && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return &VectorAtan2Avx2;

@@ -1,12 +1,10 @@
 // SLEEF's 2-lane sine and cosine on the x86-64 baseline, and the choice of implementation; see
 // VectorSinCos.h.
 #include "Swli/detail/VectorSinCos.h"
+#include "Swli/detail/IsaCap.h"
 
 #include <emmintrin.h>
 #include <sleef.h>
-
-#include <cstdlib>
-#include <cstring>
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 
@@ -19,8 +17,7 @@ void VectorSinCosSse2(const double* x, double* sine, double* cosine, int count) 
 }
 
 VectorSinCosFunction SelectVectorSinCos() {
-  const char* cap = std::getenv("QUARN_SWLI_ISA");
-  const bool allowAvx2 = !cap || std::strcmp(cap, "sse2") != 0;
+  const bool allowAvx2 = ReadIsaCap().avx2;
   __builtin_cpu_init();
   if (allowAvx2 && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return &VectorSinCosAvx2;
   return &VectorSinCosSse2;

@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Analysis/Core/Array.h"
@@ -15,6 +16,7 @@
 #include "QuarnPhaseProcessingExport.h"
 #include "Swli/FringeRemovalMethod.h"
 #include "Swli/MeasurementAnalysis.h"
+#include "Swli/RangeRunner.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
 
@@ -131,6 +133,12 @@ class QUARN_PP_EXPORT PhaseAlgorithm : public MeasurementAnalysis {
   void SetMaxScanValue(double value) { maxScanValue_ = value; }
   FringeRemovalMethod GetRemoveFringes() const { return removeFringes_; }
 
+  // How PostProcess may spread its per-pixel loops over threads (see RangeRunner.h). The generator
+  // lends its workers for the PostProcess of a multi-threaded run and takes them back after it;
+  // empty (the default), the loops run on the calling thread. Results do not depend on it.
+  void SetRangeRunner(RangeRunner runner) { rangeRunner_ = std::move(runner); }
+  const RangeRunner& GetRangeRunner() const { return rangeRunner_; }
+
   Analysis::Core::DoubleMatrix2D& GetSurfaceMatrix() { return *surface_; }
   void SetSurfaceMatrix(Analysis::Core::DoubleMatrix2D& surface);
   Analysis::Core::IntMatrix2D& GetIntensityMatrix() { return *intensity_; }
@@ -177,6 +185,7 @@ class QUARN_PP_EXPORT PhaseAlgorithm : public MeasurementAnalysis {
   int currentPass_ = 0;
   std::unique_ptr<Analysis::Core::Array<int>> tracePixels_;
   std::vector<ThreadSignalBuffer> threadBuffers_;
+  RangeRunner rangeRunner_;
   // Name-to-matrix tables of the debug matrices; this design keeps them empty.
   std::map<std::string, Analysis::Core::DoubleMatrix2D*> debugDoubleMatrices_;
   std::map<std::string, Analysis::Core::IntMatrix2D*> debugIntMatrices_;

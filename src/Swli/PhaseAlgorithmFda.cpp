@@ -498,31 +498,33 @@ void PhaseAlgorithmFda::PostProcess() {
   halfWavelength_ = wavelength_ / 2.0;
   const bool canFold = wavelength_ > 0.0 && std::isfinite(wavelength_);
 
-  const std::int64_t count = coherence_.GetCount();
-  for (std::int64_t i = 0; i < count; ++i) {
-    if (!DoubleMatrix2D::IsDataValid(coherence_.At(i))) continue;
-    const AdcPoint& fit = fitRecords_->At(i);
-    const double coherence = coherence_.At(i) + c * fit.y;
-    double phase = fit.z * delta + (meanPeakBin_ * fit.y + fit.x) * c / meanPeakBin_;
-    if (canFold) {
-      // Whole wavelengths to within half a wavelength of the coherence height; the jump is computed,
-      // the loops only settle rounding at the boundary.
-      const double difference = phase - coherence;
-      if (difference > halfWavelength_) {
-        phase -= wavelength_ * detail::Ceil((difference - halfWavelength_) / wavelength_);
-      } else if (difference < -halfWavelength_) {
-        phase += wavelength_ * detail::Ceil((-halfWavelength_ - difference) / wavelength_);
+  // Each pixel's two heights, its own arithmetic alone: the pixels may be shared among threads.
+  RunRanges(rangeRunner_, coherence_.GetCount(), [&](std::int64_t first, std::int64_t end) {
+    for (std::int64_t i = first; i < end; ++i) {
+      if (!DoubleMatrix2D::IsDataValid(coherence_.At(i))) continue;
+      const AdcPoint& fit = fitRecords_->At(i);
+      const double coherence = coherence_.At(i) + c * fit.y;
+      double phase = fit.z * delta + (meanPeakBin_ * fit.y + fit.x) * c / meanPeakBin_;
+      if (canFold) {
+        // Whole wavelengths to within half a wavelength of the coherence height; the jump is
+        // computed, the loops only settle rounding at the boundary.
+        const double difference = phase - coherence;
+        if (difference > halfWavelength_) {
+          phase -= wavelength_ * detail::Ceil((difference - halfWavelength_) / wavelength_);
+        } else if (difference < -halfWavelength_) {
+          phase += wavelength_ * detail::Ceil((-halfWavelength_ - difference) / wavelength_);
+        }
+        for (int step = 0; step < 4 && phase - coherence > halfWavelength_; ++step)
+          phase -= wavelength_;
+        for (int step = 0; step < 4 && phase - coherence < -halfWavelength_; ++step)
+          phase += wavelength_;
       }
-      for (int i2 = 0; i2 < 4 && phase - coherence > halfWavelength_; ++i2)
-        phase -= wavelength_;
-      for (int i2 = 0; i2 < 4 && phase - coherence < -halfWavelength_; ++i2)
-        phase += wavelength_;
+      coherence_.At(i) = coherence;
+      phase_.At(i) = phase;
     }
-    coherence_.At(i) = coherence;
-    phase_.At(i) = phase;
-  }
+  });
   averageGap_ = FringeOrderAnalysis(fringeOrder_, kTwoPi, kPi, coherence_, phase_, *surface_, wavelength_,
-                                    useFastPath_);
+                                    useFastPath_, rangeRunner_);
 }
 
 double PhaseAlgorithmFda::GetAverageK0() const {

@@ -1,10 +1,12 @@
 // Frequency-domain analysis on synthetic scans of known surfaces, and the fringe-order analysis.
 #include "Swli/PhaseAlgorithmFda.h"
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <limits>
 #include <numbers>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -452,6 +454,49 @@ TEST(FringeOrderAnalysisTest, PutsEveryPhaseHeightOnTheOrderOfTheFieldsGap) {
           EXPECT_NEAR(surface.At(i), truth.At(i), 1e-9) << "pixel " << i << " gap " << gap;
         }
       }
+    }
+  }
+}
+
+// The analysis over a field of several runs of the gap's sums (96 x 120 pixels, one in seven without
+// a coherence height), its pixel loops cut by a runner into uneven ranges that run on their own
+// threads, in reverse order: gap and surface are the same bits as on one thread, on both paths.
+TEST(FringeOrderAnalysisTest, GivesTheSameBitsHoweverThePixelLoopsAreCut) {
+  constexpr double kLambda = 300.0;
+  constexpr int kRows = 96, kCols = 120;
+  Testing::SeededRandom random(41);
+  SCOPED_TRACE(random.Describe());
+  DoubleMatrix2D coherence(kRows, kCols), phase(kRows, kCols);
+  for (std::int64_t i = 0; i < coherence.GetCount(); ++i) {
+    const double h = random.Uniform(0.0, 5000.0);
+    coherence.At(i) = i % 7 == 3 ? DoubleMatrix2D::NoData() : h + random.Uniform(-0.3, 0.3) * kLambda;
+    phase.At(i) = h + 40.0 + random.UniformInt(-3, 3) * kLambda;
+  }
+  const RangeRunner threadsInReverse = [](std::int64_t count, const RangeBody& body) {
+    std::vector<std::int64_t> cuts{0, count / 5, count / 5 + 1, count / 2, count};
+    cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
+    std::vector<std::thread> pieces;
+    for (std::size_t k = cuts.size() - 1; k > 0; --k)
+      pieces.emplace_back([&body, first = cuts[k - 1], end = cuts[k]] { body(first, end); });
+    for (std::thread& piece : pieces)
+      piece.join();
+  };
+  for (const bool fastPath : {false, true}) {
+    FringeOrderParameters parameters;
+    parameters.maximumResidualFraction = 0.4;
+    DoubleMatrix2D alone(kRows, kCols), spread(kRows, kCols);
+    alone.SetAll(DoubleMatrix2D::NoData());
+    spread.SetAll(DoubleMatrix2D::NoData());
+    const double gapAlone = PhaseAlgorithmHigh2G::FringeOrderAnalysis(
+        parameters, kTwoPi, std::numbers::pi, coherence, phase, alone, kLambda, fastPath);
+    const double gapSpread = PhaseAlgorithmHigh2G::FringeOrderAnalysis(
+        parameters, kTwoPi, std::numbers::pi, coherence, phase, spread, kLambda, fastPath, threadsInReverse);
+    EXPECT_NEAR(gapAlone, 40.0, 10.0);
+    EXPECT_EQ(std::bit_cast<std::uint64_t>(gapSpread), std::bit_cast<std::uint64_t>(gapAlone)) << fastPath;
+    EXPECT_GT(alone.CountValid(), kRows * kCols / 2);
+    for (std::int64_t i = 0; i < alone.GetCount(); ++i) {
+      ASSERT_EQ(std::bit_cast<std::uint64_t>(spread.At(i)), std::bit_cast<std::uint64_t>(alone.At(i)))
+          << "pixel " << i << (fastPath ? " fast" : " plain");
     }
   }
 }

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <vector>
 
 #include "Analysis/Core/NoData.h"
 #include "Swli/detail/Rounding.h"
@@ -16,6 +18,14 @@ namespace {
 constexpr const char* kSource = "Swli\\PhaseAlgorithmHigh2G";
 // The vector sine and cosine of this processor, chosen once.
 const detail::VectorSinCosFunction kVectorSinCos = detail::SelectVectorSinCos();
+
+// Pixels per run of the gap's sums.
+constexpr std::int64_t kGapRun = 4096;
+struct GapSums {
+  double sine = 0.0;
+  double cosine = 0.0;
+  std::int64_t pixels = 0;
+};
 }  // namespace
 
 PhaseAlgorithmHigh2G::PhaseAlgorithmHigh2G(unsigned line, const char* source)
@@ -73,73 +83,94 @@ double PhaseAlgorithmHigh2G::GetAverageGap() const {
 double PhaseAlgorithmHigh2G::FringeOrderAnalysis(const FringeOrderParameters& parameters, double twoPi,
                                                  double pi, const DoubleMatrix2D& coherence,
                                                  const DoubleMatrix2D& phase, DoubleMatrix2D& surface,
-                                                 double wavelength, bool fastPath) {
+                                                 double wavelength, bool fastPath,
+                                                 const RangeRunner& runner) {
   const std::int64_t count = std::min({coherence.GetCount(), phase.GetCount(), surface.GetCount()});
   const auto both = [&](std::int64_t i) {
     return DoubleMatrix2D::IsDataValid(coherence.At(i)) && DoubleMatrix2D::IsDataValid(phase.At(i));
   };
   if (!(wavelength > 0.0) || !std::isfinite(wavelength)) {
     // Without a wavelength there are no orders to choose: the phase heights stand as they are.
-    for (std::int64_t i = 0; i < count; ++i) {
-      if (both(i)) surface.At(i) = phase.At(i);
-    }
+    RunRanges(runner, count, [&](std::int64_t first, std::int64_t end) {
+      for (std::int64_t i = first; i < end; ++i) {
+        if (both(i)) surface.At(i) = phase.At(i);
+      }
+    });
     return 0.0;
   }
 
-  // The gap is a phase: averaged on the circle (in pixel order, so the result does not depend on
-  // how the pixels were shared among threads).
+  // The gap is a phase: averaged on the circle. Its sines and cosines are summed in pixel order within
+  // fixed runs of pixels and the runs' sums added in order, the same grouping on both paths and
+  // however the runs were shared among threads, so the gap does not depend on the threads.
   double gap = 0.0;
   if (parameters.removeAverageGap) {
-    double sumSin = 0.0, sumCos = 0.0;
-    std::int64_t pixels = 0;
     const auto angleAt = [&](std::int64_t i) { return twoPi * (phase.At(i) - coherence.At(i)) / wavelength; };
-    if (fastPath) {
-      // The angles of a run of pixels at once, then their sines and cosines summed in pixel order.
-      constexpr int kRun = 256;
-      double angles[kRun], sines[kRun], cosines[kRun];
-      int filled = 0;
-      const auto sumRun = [&] {
-        const int padded = (filled + 3) / 4 * 4;
-        for (int k = filled; k < padded; ++k)
-          angles[k] = 0.0;
-        kVectorSinCos(angles, sines, cosines, padded);
-        for (int k = 0; k < filled; ++k) {
-          sumSin += sines[k];
-          sumCos += cosines[k];
-        }
-        filled = 0;
-      };
-      for (std::int64_t i = 0; i < count; ++i) {
-        if (!both(i)) continue;
-        angles[filled++] = angleAt(i);
-        ++pixels;
-        if (filled == kRun) sumRun();
-      }
-      sumRun();
-    } else {
-      for (std::int64_t i = 0; i < count; ++i) {
-        if (!both(i)) continue;
-        const double angle = angleAt(i);
-        sumSin += std::sin(angle);
-        sumCos += std::cos(angle);
-        ++pixels;
-      }
+    std::vector<GapSums> runs(static_cast<std::size_t>((count + kGapRun - 1) / kGapRun));
+    RunRanges(runner, static_cast<std::int64_t>(runs.size()),
+              [&](std::int64_t firstRun, std::int64_t endRun) {
+                for (std::int64_t run = firstRun; run < endRun; ++run) {
+                  const std::int64_t first = run * kGapRun;
+                  const std::int64_t end = std::min(count, first + kGapRun);
+                  GapSums& sums = runs[static_cast<std::size_t>(run)];
+                  if (fastPath) {
+                    // The angles of up to 256 pixels at once, then their sines and cosines summed in order.
+                    constexpr int kBatch = 256;
+                    double angles[kBatch], sines[kBatch], cosines[kBatch];
+                    int filled = 0;
+                    const auto sumBatch = [&] {
+                      const int padded = (filled + 3) / 4 * 4;
+                      for (int k = filled; k < padded; ++k)
+                        angles[k] = 0.0;
+                      kVectorSinCos(angles, sines, cosines, padded);
+                      for (int k = 0; k < filled; ++k) {
+                        sums.sine += sines[k];
+                        sums.cosine += cosines[k];
+                      }
+                      filled = 0;
+                    };
+                    for (std::int64_t i = first; i < end; ++i) {
+                      if (!both(i)) continue;
+                      angles[filled++] = angleAt(i);
+                      ++sums.pixels;
+                      if (filled == kBatch) sumBatch();
+                    }
+                    sumBatch();
+                  } else {
+                    for (std::int64_t i = first; i < end; ++i) {
+                      if (!both(i)) continue;
+                      const double angle = angleAt(i);
+                      sums.sine += std::sin(angle);
+                      sums.cosine += std::cos(angle);
+                      ++sums.pixels;
+                    }
+                  }
+                }
+              });
+    GapSums total;
+    for (const GapSums& sums : runs) {
+      total.sine += sums.sine;
+      total.cosine += sums.cosine;
+      total.pixels += sums.pixels;
     }
-    if (pixels >= std::max(parameters.minimumPixelsForGap, 1) && (sumSin != 0.0 || sumCos != 0.0)) {
-      double angle = std::atan2(sumSin, sumCos);
+    if (total.pixels >= std::max(parameters.minimumPixelsForGap, 1) &&
+        (total.sine != 0.0 || total.cosine != 0.0)) {
+      double angle = std::atan2(total.sine, total.cosine);
       if (angle <= -pi) angle += twoPi;  // the half-open range (-lambda/2, lambda/2]
       gap = angle / twoPi * wavelength;
     }
   }
 
   const double limit = parameters.maximumResidualFraction * wavelength;
-  for (std::int64_t i = 0; i < count; ++i) {
-    if (!both(i)) continue;
-    const double offset = phase.At(i) - coherence.At(i) - gap;
-    const double order = detail::RoundHalfAway(offset / wavelength);
-    const double residual = offset - order * wavelength;
-    surface.At(i) = std::abs(residual) > limit ? DoubleMatrix2D::NoData() : phase.At(i) - order * wavelength;
-  }
+  RunRanges(runner, count, [&](std::int64_t first, std::int64_t end) {
+    for (std::int64_t i = first; i < end; ++i) {
+      if (!both(i)) continue;
+      const double offset = phase.At(i) - coherence.At(i) - gap;
+      const double order = detail::RoundHalfAway(offset / wavelength);
+      const double residual = offset - order * wavelength;
+      surface.At(i) =
+          std::abs(residual) > limit ? DoubleMatrix2D::NoData() : phase.At(i) - order * wavelength;
+    }
+  });
   return gap;
 }
 

@@ -83,12 +83,14 @@ class QUARN_PP_EXPORT PhaseAlgorithmHigh2G : public PhaseAlgorithm {
   // (nanometres); other pixels are left as they are. Returns the average gap it removed (see the
   // class comment). `twoPi` and `pi` are the angle constants of the gap's circular mean. With
   // `fastPath` the mean's sines and cosines come from SLEEF's vector kernels (within 1 ulp of libm's,
-  // summed in the same pixel order), otherwise from libm one pixel at a time (the reference).
+  // summed in the same order), otherwise from libm one pixel at a time (the reference). The pixel
+  // loops run through `runner` (see RangeRunner.h; empty: on this thread); the result is the same
+  // however it cuts them.
   static double FringeOrderAnalysis(const FringeOrderParameters& parameters, double twoPi, double pi,
                                     const Analysis::Core::DoubleMatrix2D& coherence,
                                     const Analysis::Core::DoubleMatrix2D& phase,
                                     Analysis::Core::DoubleMatrix2D& surface, double wavelength,
-                                    bool fastPath = false);
+                                    bool fastPath = false, const RangeRunner& runner = {});
 
  protected:
   PhaseAlgorithmHigh2G(unsigned line, const char* source);

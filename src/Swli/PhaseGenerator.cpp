@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <string>
 
 #include "Analysis/Core/AnyValid.h"
@@ -215,7 +216,13 @@ void PhaseGenerator::ProcessMultiPass(int qSize) {
     status_ = algorithm.GetStatus();
     debug_printf("\tPhaseGenerator ProcessPixels: %g ms\n", timer.Restart() / 1000.0);
 
+    // The per-pixel loops that follow all pixels are spread over the same workers.
+    if (threads >= 2) {
+      algorithm.SetRangeRunner(
+          [this](std::int64_t count, const RangeBody& body) { LendWorkers(count, body); });
+    }
     algorithm.PostProcess();
+    algorithm.SetRangeRunner({});
     if (algorithm.GetStatus().IsError()) {
       status_ = algorithm.GetStatus();
       algorithm.FinalizeThread();
@@ -230,6 +237,29 @@ void PhaseGenerator::ProcessMultiPass(int qSize) {
     }
     debug_printf("\tPhaseGenerator FinalizeThread: %g ms\n", timer.Restart() / 1000.0);
   }
+}
+
+void PhaseGenerator::LendWorkers(std::int64_t count, const RangeBody& body) {
+  // A range of a few elements is not worth waking the pool for, and one shorter than the number of
+  // workers would lower that number for good: it is put back after every lending.
+  const int workers = dispatcher_.GetNumberOfWorkers();
+  if (workers < 2 || count < 2 * workers || count > std::numeric_limits<int>::max()) {
+    body(0, count);
+    return;
+  }
+  lentBody_ = &body;
+  try {
+    dispatcher_.Invoke(&PhaseGenerator::RunLentRange, 0, static_cast<int>(count));
+  } catch (const Status&) {
+    // A body writes only its own elements, so the whole range can be run again here.
+    body(0, count);
+  }
+  lentBody_ = nullptr;
+  dispatcher_.SetNumberOfWorkers(workers);
+}
+
+void PhaseGenerator::RunLentRange(int first, int end) {
+  (*lentBody_)(first, end);
 }
 
 void PhaseGenerator::SetDebugFlag(int thread, const std::vector<int>& tracePixels, int pixel, int skip) {

@@ -50,7 +50,9 @@ class FrameBlockEvaluator;
 // the algorithm reported it.
 //
 // Threads: off by default (`SetAllowMultiThreads(true)`); the pixel range is cut into one
-// contiguous block per worker. Results do not depend on the number of threads. A pass that runs on
+// contiguous block per worker, and the same workers are lent to the algorithm's PostProcess for its
+// per-pixel loops (`PhaseAlgorithm::SetRangeRunner`). Results do not depend on the number of
+// threads. A pass that runs on
 // one thread (threads not allowed, or an algorithm that is not multi-threadable) sets the threads in
 // use to 1, and they stay so: set them again with `SetMaxNumThreads` before a multi-threaded run.
 //
@@ -100,6 +102,9 @@ class QUARN_PP_EXPORT PhaseGenerator {
   void ProcessMultiPass(int qSize);
   void SetDebugFlag(int thread, const std::vector<int>& tracePixels, int pixel, int skip);
   void ProcessPixels(int thread, int begin, int end);
+  // The range runner lent to the algorithm for its PostProcess: the body's ranges on the workers.
+  void LendWorkers(std::int64_t count, const RangeBody& body);
+  void RunLentRange(int first, int end);
   template <typename Stored>
   void ProcessPixelsAs(int thread, int begin, int end, Analysis::Core::Status& failure);
   template <typename Stored, typename Loader>
@@ -122,6 +127,7 @@ class QUARN_PP_EXPORT PhaseGenerator {
   PhaseAlgorithm* runAlgorithm_ = nullptr;
   std::vector<const void*> slots_;
   bool dispatching_ = false;
+  const RangeBody* lentBody_ = nullptr;
   Analysis::Core::Status directStatus_;
 };
 

@@ -52,9 +52,9 @@ class FrameBlockEvaluator;
 // Threads: off by default (`SetAllowMultiThreads(true)`); the pixel range is cut into one
 // contiguous block per worker, and the same workers are lent to the algorithm's PostProcess for its
 // per-pixel loops (`PhaseAlgorithm::SetRangeRunner`). Results do not depend on the number of
-// threads. A pass that runs on
-// one thread (threads not allowed, or an algorithm that is not multi-threadable) sets the threads in
-// use to 1, and they stay so: set them again with `SetMaxNumThreads` before a multi-threaded run.
+// threads. A pass that runs on one thread (threads not allowed, or an algorithm that is not
+// multi-threadable) sets the threads in use to 1, and they stay so: set them again with
+// `SetMaxNumThreads` before a multi-threaded run.
 //
 // Stage timings go to the debug channel ("\tPhaseGenerator ProcessPixels: 12.5 ms\n").
 //

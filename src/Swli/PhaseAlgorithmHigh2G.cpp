@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "Analysis/Core/NoData.h"
-#include "Swli/detail/Rounding.h"
+#include "Swli/detail/FringeOrders.h"
 #include "Swli/detail/VectorSinCos.h"
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli {
@@ -18,6 +18,7 @@ namespace {
 constexpr const char* kSource = "Swli\\PhaseAlgorithmHigh2G";
 // The vector sine and cosine of this processor, chosen once.
 const detail::VectorSinCosFunction kVectorSinCos = detail::SelectVectorSinCos();
+const detail::ChooseFringeOrdersFunction kChooseFringeOrders = detail::SelectChooseFringeOrders();
 
 // Pixels per run of the gap's sums.
 constexpr std::int64_t kGapRun = 4096;
@@ -26,6 +27,58 @@ struct GapSums {
   double cosine = 0.0;
   std::int64_t pixels = 0;
 };
+
+// The angle 2 pi (phase - coherence) / lambda of a pixel's two heights, where both are there.
+struct GapAngles {
+  const double* coherence;
+  const double* phase;
+  double twoPi;
+  double wavelength;
+  bool Both(std::int64_t i) const {
+    return DoubleMatrix2D::IsDataValid(coherence[i]) && DoubleMatrix2D::IsDataValid(phase[i]);
+  }
+  double At(std::int64_t i) const { return twoPi * (phase[i] - coherence[i]) / wavelength; }
+};
+
+// One run's sums with libm, one pixel at a time (the reference).
+GapSums SumGapRun(const GapAngles& angles, std::int64_t first, std::int64_t end) {
+  GapSums sums;
+  for (std::int64_t i = first; i < end; ++i) {
+    if (!angles.Both(i)) continue;
+    const double angle = angles.At(i);
+    sums.sine += std::sin(angle);
+    sums.cosine += std::cos(angle);
+    ++sums.pixels;
+  }
+  return sums;
+}
+
+// The same sums with the angles of 256 pixels at once (a loop the compiler vectorises) and their
+// sines and cosines from the vector kernels, added in the same order over the same pixels.
+GapSums SumGapRunVectors(const GapAngles& angles, std::int64_t first, std::int64_t end) {
+  constexpr int kBatch = 256;
+  double angle[kBatch], sine[kBatch], cosine[kBatch];
+  bool counted[kBatch];
+  GapSums sums;
+  for (std::int64_t batch = first; batch < end; batch += kBatch) {
+    const int n = static_cast<int>(std::min<std::int64_t>(kBatch, end - batch));
+    for (int k = 0; k < n; ++k)
+      angle[k] = angles.At(batch + k);
+    for (int k = 0; k < n; ++k)
+      counted[k] = angles.Both(batch + k);
+    const int padded = (n + 3) / 4 * 4;
+    for (int k = n; k < padded; ++k)
+      angle[k] = 0.0;
+    kVectorSinCos(angle, sine, cosine, padded);
+    for (int k = 0; k < n; ++k) {
+      if (!counted[k]) continue;
+      sums.sine += sine[k];
+      sums.cosine += cosine[k];
+      ++sums.pixels;
+    }
+  }
+  return sums;
+}
 }  // namespace
 
 PhaseAlgorithmHigh2G::PhaseAlgorithmHigh2G(unsigned line, const char* source)
@@ -99,51 +152,20 @@ double PhaseAlgorithmHigh2G::FringeOrderAnalysis(const FringeOrderParameters& pa
     return 0.0;
   }
 
-  // The gap is a phase: averaged on the circle. Its sines and cosines are summed in pixel order within
-  // fixed runs of pixels and the runs' sums added in order, the same grouping on both paths and
-  // however the runs were shared among threads, so the gap does not depend on the threads.
+  // The gap is a phase: averaged on the circle. Its sines and cosines are summed in pixel order
+  // within fixed runs of pixels and the runs' sums added in order, the same grouping on both paths
+  // and however the runs were shared among threads, so the gap does not depend on the threads.
   double gap = 0.0;
   if (parameters.removeAverageGap) {
-    const auto angleAt = [&](std::int64_t i) { return twoPi * (phase.At(i) - coherence.At(i)) / wavelength; };
+    const GapAngles angles{coherence.Data(), phase.Data(), twoPi, wavelength};
     std::vector<GapSums> runs(static_cast<std::size_t>((count + kGapRun - 1) / kGapRun));
     RunRanges(runner, static_cast<std::int64_t>(runs.size()),
               [&](std::int64_t firstRun, std::int64_t endRun) {
                 for (std::int64_t run = firstRun; run < endRun; ++run) {
                   const std::int64_t first = run * kGapRun;
                   const std::int64_t end = std::min(count, first + kGapRun);
-                  GapSums& sums = runs[static_cast<std::size_t>(run)];
-                  if (fastPath) {
-                    // The angles of up to 256 pixels at once, then their sines and cosines summed in order.
-                    constexpr int kBatch = 256;
-                    double angles[kBatch], sines[kBatch], cosines[kBatch];
-                    int filled = 0;
-                    const auto sumBatch = [&] {
-                      const int padded = (filled + 3) / 4 * 4;
-                      for (int k = filled; k < padded; ++k)
-                        angles[k] = 0.0;
-                      kVectorSinCos(angles, sines, cosines, padded);
-                      for (int k = 0; k < filled; ++k) {
-                        sums.sine += sines[k];
-                        sums.cosine += cosines[k];
-                      }
-                      filled = 0;
-                    };
-                    for (std::int64_t i = first; i < end; ++i) {
-                      if (!both(i)) continue;
-                      angles[filled++] = angleAt(i);
-                      ++sums.pixels;
-                      if (filled == kBatch) sumBatch();
-                    }
-                    sumBatch();
-                  } else {
-                    for (std::int64_t i = first; i < end; ++i) {
-                      if (!both(i)) continue;
-                      const double angle = angleAt(i);
-                      sums.sine += std::sin(angle);
-                      sums.cosine += std::cos(angle);
-                      ++sums.pixels;
-                    }
-                  }
+                  runs[static_cast<std::size_t>(run)] =
+                      fastPath ? SumGapRunVectors(angles, first, end) : SumGapRun(angles, first, end);
                 }
               });
     GapSums total;
@@ -160,17 +182,16 @@ double PhaseAlgorithmHigh2G::FringeOrderAnalysis(const FringeOrderParameters& pa
     }
   }
 
-  const double limit = parameters.maximumResidualFraction * wavelength;
-  RunRanges(runner, count, [&](std::int64_t first, std::int64_t end) {
-    for (std::int64_t i = first; i < end; ++i) {
-      if (!both(i)) continue;
-      const double offset = phase.At(i) - coherence.At(i) - gap;
-      const double order = detail::RoundHalfAway(offset / wavelength);
-      const double residual = offset - order * wavelength;
-      surface.At(i) =
-          std::abs(residual) > limit ? DoubleMatrix2D::NoData() : phase.At(i) - order * wavelength;
-    }
-  });
+  detail::FringeOrderStep step;
+  step.coherence = coherence.Data();
+  step.phase = phase.Data();
+  step.surface = surface.Data();
+  step.gap = gap;
+  step.wavelength = wavelength;
+  step.limit = parameters.maximumResidualFraction * wavelength;
+  const detail::ChooseFringeOrdersFunction choose =
+      fastPath ? kChooseFringeOrders : &detail::ChooseFringeOrders;
+  RunRanges(runner, count, [&](std::int64_t first, std::int64_t end) { choose(step, first, end); });
   return gap;
 }
 

@@ -8,12 +8,6 @@
 
 namespace {
 #include "Swli/detail/BandAnalysisBody.inc"
-void Powers(const band::BandAnalysisBlock& block) {
-  PowersBody(block);
-}
-void UnwrapAndSum(const band::BandAnalysisBlock& block) {
-  UnwrapAndSumBody(block);
-}
 }  // namespace
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {

@@ -6,12 +6,6 @@
 
 namespace {
 #include "Swli/detail/BandAnalysisBody.inc"
-void Powers(const band::BandAnalysisBlock& block) {
-  PowersBody(block);
-}
-void UnwrapAndSum(const band::BandAnalysisBlock& block) {
-  UnwrapAndSumBody(block);
-}
 }  // namespace
 
 namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {

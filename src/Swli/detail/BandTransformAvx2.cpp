@@ -2,6 +2,8 @@
 // BandTransform.h.
 #include "Swli/detail/BandTransform.h"
 
+#include <immintrin.h>
+
 #include <cstring>
 
 namespace {

@@ -93,6 +93,9 @@ void ExpectSameBits(const Heights& h, double gap, double limitFraction, std::int
   step.surface = vector.data();
   ChooseFringeOrdersAvx2(step, first, end);
   for (std::size_t i = 0; i < n; ++i) {
+    // A NaN's sign and payload are not defined by the arithmetic (x86 keeps one operand's, and which
+    // operand comes first is the compiler's choice), so a NaN need only meet a NaN.
+    if (std::isnan(vector[i]) && std::isnan(reference[i])) continue;
     ASSERT_EQ(std::bit_cast<std::uint64_t>(vector[i]), std::bit_cast<std::uint64_t>(reference[i]))
         << "pixel " << i << " of [" << first << ", " << end << "): coherence " << h.coherence[i] << ", phase "
         << h.phase[i] << ", gap " << gap << ", limit " << limitFraction << " lambda; reference "

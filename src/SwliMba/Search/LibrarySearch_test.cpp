@@ -248,8 +248,8 @@ class ShiftedSignalTest : public testing::TestWithParam<ModeCase> {};
 TEST_P(ShiftedSignalTest, FindsSignalAndShift) {
   const ModeCase& c = GetParam();
   const int rows = 3, cols = 8;
-  auto signal = [cols](int r, int col) { return (37 * (r * cols + col) + 11) % kSignals; };
-  auto shift = [cols](int r, int col) { return ((r * cols + col) % 13) - 6; };
+  auto signal = [](int r, int col) { return (37 * (r * cols + col) + 11) % kSignals; };
+  auto shift = [](int r, int col) { return ((r * cols + col) % 13) - 6; };
   FrameBuffer frames = FilmScan(
       rows, cols, [&](int r, int col) { return kFromUm + signal(r, col) * kIncrementUm; },
       [&](int r, int col) { return shift(r, col) * kStepUm; });

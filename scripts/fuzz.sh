@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # libFuzzer harnesses of fuzz/ in their own clang build (everything instrumented, ASan + UBSan):
-#   scripts/fuzz.sh            each harness for FUZZ_RUNS runs (default 20000) from its seed corpus,
-#                              then every seed and every past failure (fuzz/regressions/) replayed
+#   scripts/fuzz.sh            each harness for FUZZ_RUNS runs (default 10000) from its seed corpus,
+#                              then every seed and every past failure (fuzz/regressions/) replayed;
+#                              the mutations follow FUZZ_SEED (default 1), so that a run that passes
+#                              passes again: set another seed, or more runs, to search further
 #   scripts/fuzz.sh replay     only the replay
 # New inputs found on the way are kept in build-fuzz/corpus/, never in the repository; an input that
 # breaks a harness is written to build-fuzz/ (crash-*) and belongs in fuzz/regressions/<harness>/ once
@@ -26,7 +28,7 @@ for harness in "${harnesses[@]}"; do
     mkdir -p "$work"
     # -rss_limit_mb: a small file must not make a reader claim gigabytes.
     log="$dir/$harness.fuzz.log"
-    if ! "$binary" -runs="${FUZZ_RUNS:-10000}" -max_len=8192 -rss_limit_mb=1024 -timeout=20 -print_final_stats=1 \
+    if ! "$binary" -runs="${FUZZ_RUNS:-10000}" -seed="${FUZZ_SEED:-1}" -max_len=8192 -rss_limit_mb=1024 -timeout=20 -print_final_stats=1 \
         -artifact_prefix="$dir/$harness-" "$work" "$seeds" >"$log" 2>&1; then
       tail -n 60 "$log" >&2
       echo "== $harness failed; the input is in $dir/$harness-*" >&2

@@ -16,6 +16,7 @@
 #include "Swli/detail/BandTransform.h"
 #include "Swli/detail/BlockBands.h"
 #include "Swli/detail/BlockWindows.h"
+#include "Swli/detail/HeightFold.h"
 #include "Swli/detail/Rounding.h"
 #include "Swli/detail/VectorAtan2.h"
 
@@ -75,6 +76,7 @@ PhaseFit WeightedPhaseFit(const double* power, int stride, const double* phase, 
 
 // The vector atan2 and the band transform of this processor, chosen once.
 const detail::VectorAtan2Function kVectorAtan2 = detail::SelectVectorAtan2();
+const detail::FoldHeightsFunction kFoldHeights = detail::SelectFoldHeights();
 const detail::BandBinsFunction kBandBins = detail::SelectBandBins();
 const detail::BlockBandsFunction kBlockBands = detail::SelectBlockBands();
 // The pixels of a frame block and the weight of the standard fringe-removal window.
@@ -496,33 +498,21 @@ void PhaseAlgorithmFda::PostProcess() {
   const double c = length / kTwoPi;
   wavelength_ = length / meanPeakBin_;
   halfWavelength_ = wavelength_ / 2.0;
-  const bool canFold = wavelength_ > 0.0 && std::isfinite(wavelength_);
 
   // Each pixel's two heights, its own arithmetic alone: the pixels may be shared among threads.
-  RunRanges(rangeRunner_, coherence_.GetCount(), [&](std::int64_t first, std::int64_t end) {
-    for (std::int64_t i = first; i < end; ++i) {
-      if (!DoubleMatrix2D::IsDataValid(coherence_.At(i))) continue;
-      const AdcPoint& fit = fitRecords_->At(i);
-      const double coherence = coherence_.At(i) + c * fit.y;
-      double phase = fit.z * delta + (meanPeakBin_ * fit.y + fit.x) * c / meanPeakBin_;
-      if (canFold) {
-        // Whole wavelengths to within half a wavelength of the coherence height; the jump is
-        // computed, the loops only settle rounding at the boundary.
-        const double difference = phase - coherence;
-        if (difference > halfWavelength_) {
-          phase -= wavelength_ * detail::Ceil((difference - halfWavelength_) / wavelength_);
-        } else if (difference < -halfWavelength_) {
-          phase += wavelength_ * detail::Ceil((-halfWavelength_ - difference) / wavelength_);
-        }
-        for (int step = 0; step < 4 && phase - coherence > halfWavelength_; ++step)
-          phase -= wavelength_;
-        for (int step = 0; step < 4 && phase - coherence < -halfWavelength_; ++step)
-          phase += wavelength_;
-      }
-      coherence_.At(i) = coherence;
-      phase_.At(i) = phase;
-    }
-  });
+  detail::HeightFoldStep fold;
+  fold.coherence = coherence_.Data();
+  fold.phase = phase_.Data();
+  fold.fits = fitRecords_->Data();
+  fold.c = c;
+  fold.delta = delta;
+  fold.k0 = meanPeakBin_;
+  fold.wavelength = wavelength_;
+  fold.halfWavelength = halfWavelength_;
+  fold.canFold = wavelength_ > 0.0 && std::isfinite(wavelength_);
+  const detail::FoldHeightsFunction foldHeights = useFastPath_ ? kFoldHeights : &detail::FoldHeights;
+  RunRanges(rangeRunner_, std::min({coherence_.GetCount(), phase_.GetCount(), fitRecords_->GetCount()}),
+            [&](std::int64_t first, std::int64_t end) { foldHeights(fold, first, end); });
   averageGap_ = FringeOrderAnalysis(fringeOrder_, kTwoPi, kPi, coherence_, phase_, *surface_, wavelength_,
                                     useFastPath_, rangeRunner_);
 }

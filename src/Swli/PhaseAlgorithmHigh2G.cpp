@@ -22,10 +22,23 @@ const detail::ChooseFringeOrdersFunction kChooseFringeOrders = detail::SelectCho
 
 // Pixels per run of the gap's sums.
 constexpr std::int64_t kGapRun = 4096;
+// Within a run, pixel i adds to partial sum (i - first) % kGapLanes, and the partial sums are joined
+// pairwise at the run's end: four short chains of additions instead of one long one, which a vector
+// unit runs side by side and which round less than a single running sum.
+constexpr int kGapLanes = 4;
 struct GapSums {
   double sine = 0.0;
   double cosine = 0.0;
   std::int64_t pixels = 0;
+};
+struct GapPartials {
+  double sine[kGapLanes] = {};
+  double cosine[kGapLanes] = {};
+  std::int64_t pixels = 0;
+  GapSums Joined() const {
+    return GapSums{(sine[0] + sine[1]) + (sine[2] + sine[3]),
+                   (cosine[0] + cosine[1]) + (cosine[2] + cosine[3]), pixels};
+  }
 };
 
 // The angle 2 pi (phase - coherence) / lambda of a pixel's two heights, where both are there.
@@ -42,42 +55,50 @@ struct GapAngles {
 
 // One run's sums with libm, one pixel at a time (the reference).
 GapSums SumGapRun(const GapAngles& angles, std::int64_t first, std::int64_t end) {
-  GapSums sums;
+  GapPartials partials;
   for (std::int64_t i = first; i < end; ++i) {
     if (!angles.Both(i)) continue;
     const double angle = angles.At(i);
-    sums.sine += std::sin(angle);
-    sums.cosine += std::cos(angle);
-    ++sums.pixels;
+    const std::int64_t lane = (i - first) % kGapLanes;
+    partials.sine[lane] += std::sin(angle);
+    partials.cosine[lane] += std::cos(angle);
+    ++partials.pixels;
   }
-  return sums;
+  return partials.Joined();
 }
 
-// The same sums with the angles of 256 pixels at once (a loop the compiler vectorises) and their
-// sines and cosines from the vector kernels, added in the same order over the same pixels.
+// The same sums with the angles of 256 pixels at once and their sines and cosines from the vector
+// kernels, over the same pixels into the same partial sums. A pixel without both heights adds +0
+// instead of nothing: a partial sum starts at +0 and additions never make it -0, so x + 0 is x
+// exactly and the loops need no branch.
 GapSums SumGapRunVectors(const GapAngles& angles, std::int64_t first, std::int64_t end) {
   constexpr int kBatch = 256;
+  static_assert(kBatch % kGapLanes == 0);
   double angle[kBatch], sine[kBatch], cosine[kBatch];
   bool counted[kBatch];
-  GapSums sums;
+  GapPartials partials;
   for (std::int64_t batch = first; batch < end; batch += kBatch) {
     const int n = static_cast<int>(std::min<std::int64_t>(kBatch, end - batch));
     for (int k = 0; k < n; ++k)
       angle[k] = angles.At(batch + k);
     for (int k = 0; k < n; ++k)
       counted[k] = angles.Both(batch + k);
-    const int padded = (n + 3) / 4 * 4;
-    for (int k = n; k < padded; ++k)
+    const int padded = (n + kGapLanes - 1) / kGapLanes * kGapLanes;
+    for (int k = n; k < padded; ++k) {
       angle[k] = 0.0;
-    kVectorSinCos(angle, sine, cosine, padded);
-    for (int k = 0; k < n; ++k) {
-      if (!counted[k]) continue;
-      sums.sine += sine[k];
-      sums.cosine += cosine[k];
-      ++sums.pixels;
+      counted[k] = false;
     }
+    kVectorSinCos(angle, sine, cosine, padded);
+    for (int k = 0; k < padded; k += kGapLanes) {
+      for (int lane = 0; lane < kGapLanes; ++lane) {
+        partials.sine[lane] += counted[k + lane] ? sine[k + lane] : 0.0;
+        partials.cosine[lane] += counted[k + lane] ? cosine[k + lane] : 0.0;
+      }
+    }
+    for (int k = 0; k < n; ++k)
+      partials.pixels += counted[k];
   }
-  return sums;
+  return partials.Joined();
 }
 }  // namespace
 
@@ -152,9 +173,10 @@ double PhaseAlgorithmHigh2G::FringeOrderAnalysis(const FringeOrderParameters& pa
     return 0.0;
   }
 
-  // The gap is a phase: averaged on the circle. Its sines and cosines are summed in pixel order
-  // within fixed runs of pixels and the runs' sums added in order, the same grouping on both paths
-  // and however the runs were shared among threads, so the gap does not depend on the threads.
+  // The gap is a phase: averaged on the circle. Its sines and cosines are summed within fixed runs
+  // of pixels (each run in the same partial sums on both paths) and the runs' sums added in order,
+  // the same grouping however the runs were shared among threads, so the gap does not depend on the
+  // threads.
   double gap = 0.0;
   if (parameters.removeAverageGap) {
     const GapAngles angles{coherence.Data(), phase.Data(), twoPi, wavelength};

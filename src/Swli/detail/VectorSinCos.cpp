@@ -10,16 +10,17 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 
 void VectorSinCosSse2(const double* x, double* sine, double* cosine, int count) {
   for (int i = 0; i + 2 <= count; i += 2) {
-    const Sleef___m128d_2 both = Sleef_sincosd2_u10sse2(_mm_loadu_pd(x + i));
+    const Sleef___m128d_2 both = Sleef_sincosd2_u35sse2(_mm_loadu_pd(x + i));
     _mm_storeu_pd(sine + i, both.x);
     _mm_storeu_pd(cosine + i, both.y);
   }
 }
 
 VectorSinCosFunction SelectVectorSinCos() {
-  const bool allowAvx2 = ReadIsaCap().avx2;
+  const IsaCap allowed = ReadIsaCap();
   __builtin_cpu_init();
-  if (allowAvx2 && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return &VectorSinCosAvx2;
+  if (allowed.avx512 && __builtin_cpu_supports("avx512f")) return &VectorSinCosAvx512;
+  if (allowed.avx2 && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return &VectorSinCosAvx2;
   return &VectorSinCosSse2;
 }
 

@@ -8,7 +8,7 @@ namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail {
 
 void VectorSinCosAvx2(const double* x, double* sine, double* cosine, int count) {
   for (int i = 0; i + 4 <= count; i += 4) {
-    const Sleef___m256d_2 both = Sleef_sincosd4_u10avx2(_mm256_loadu_pd(x + i));
+    const Sleef___m256d_2 both = Sleef_sincosd4_u35avx2(_mm256_loadu_pd(x + i));
     _mm256_storeu_pd(sine + i, both.x);
     _mm256_storeu_pd(cosine + i, both.y);
   }

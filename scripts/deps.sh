@@ -3,17 +3,20 @@
 # what the tests need besides (Python with numpy and Pillow for the cross-check against an
 # independent implementation, tifffile for the white-light numpy benchmark; pytest and Dask for the
 # Python package's tests); with --fuzz, clang and its runtime libraries (libFuzzer, ASan, UBSan) for
-# the harnesses of fuzz/. Does nothing when everything is present.
+# the harnesses of fuzz/ and the AddressSanitizer build. The flags combine. Does nothing when
+# everything is present.
 set -euo pipefail
 
 packages=(cmake g++ make pkgconf libgtest-dev libgmock-dev libbenchmark-dev libfftw3-dev libeigen3-dev
           libtiff-dev libpng-dev libcli11-dev libsleef-dev nlohmann-json3-dev python3-dev pybind11-dev)
-if [[ "${1:-}" == "--test" ]]; then
-  packages+=(python3 python3-numpy python3-pil python3-tifffile python3-pytest python3-dask python3-distributed)
-fi
-if [[ "${1:-}" == "--fuzz" ]]; then
-  packages+=(clang-14 libclang-rt-14-dev)
-fi
+for flag in "$@"; do
+  case "$flag" in
+    --test) packages+=(python3 python3-numpy python3-pil python3-tifffile python3-pytest python3-dask
+                       python3-distributed) ;;
+    --fuzz) packages+=(clang-14 libclang-rt-14-dev) ;;
+    *) echo "usage: scripts/deps.sh [--test] [--fuzz]" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for package in "${packages[@]}"; do

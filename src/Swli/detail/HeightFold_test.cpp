@@ -41,6 +41,18 @@ HeightFoldStep UnitStep(double wavelength) {
   return step;
 }
 
+// A 64-frame FDA at 80 nm: c = 64 x 80 / 2 pi, a mean peak bin of 17.3 (a wavelength of 296 nm).
+HeightFoldStep FdaStep() {
+  HeightFoldStep step;
+  step.delta = 80.0;
+  step.c = 64 * 80.0 / (2.0 * 3.141592653589793);
+  step.k0 = 17.3;
+  step.wavelength = 64 * 80.0 / 17.3;
+  step.halfWavelength = step.wavelength / 2.0;
+  step.canFold = true;
+  return step;
+}
+
 Pixels EdgeCases(double wavelength) {
   Pixels p;
   const double half = wavelength / 2.0;
@@ -113,14 +125,7 @@ TEST(HeightFoldTest, TheVectorKernelGivesTheReferencesBits) {
     }
   }
 
-  // A 64-frame FDA at 80 nm: c = 64 x 80 / 2 pi, a mean peak bin of 17.3 (a wavelength of 296 nm).
-  HeightFoldStep step;
-  step.delta = 80.0;
-  step.c = 64 * 80.0 / (2.0 * 3.141592653589793);
-  step.k0 = 17.3;
-  step.wavelength = 64 * 80.0 / 17.3;
-  step.halfWavelength = step.wavelength / 2.0;
-  step.canFold = true;
+  const HeightFoldStep step = FdaStep();
   Testing::SeededRandom random(44);
   SCOPED_TRACE(random.Describe());
   const Pixels field = RandomPixels(random, 4099, step);
@@ -132,12 +137,7 @@ TEST(HeightFoldTest, TheVectorKernelGivesTheReferencesBits) {
 // of its pixel's coherence height (the boundary itself belongs to the upper side), a whole number of
 // wavelengths from where the fit put it, and both heights untouched where the coherence is missing.
 TEST(HeightFoldTest, PutsEachPhaseHeightWithinHalfAWavelengthOfItsCoherenceHeight) {
-  HeightFoldStep step;
-  step.delta = 80.0;
-  step.c = 64 * 80.0 / (2.0 * 3.141592653589793);
-  step.k0 = 17.3;
-  step.wavelength = 64 * 80.0 / 17.3;
-  step.halfWavelength = step.wavelength / 2.0;
+  HeightFoldStep step = FdaStep();
   Testing::SeededRandom random(45);
   SCOPED_TRACE(random.Describe());
   const Pixels field = RandomPixels(random, 2000, step);

@@ -20,7 +20,8 @@ VectorSinCosFunction SelectVectorSinCos() {
   const IsaCap allowed = ReadIsaCap();
   __builtin_cpu_init();
   if (allowed.avx512 && __builtin_cpu_supports("avx512f")) return &VectorSinCosAvx512;
-  if (allowed.avx2 && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return &VectorSinCosAvx2;
+  if (allowed.avx2 && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"))
+    return &VectorSinCosAvx2;
   return &VectorSinCosSse2;
 }
 

@@ -106,9 +106,7 @@ void EnvelopeSumsBaseline(const double* d, int q, double& sumOut, double& moment
 // before a sanitizer runtime has started, which crashes ThreadSanitizer builds.
 using EnvelopeSumsFunction = void (*)(const double*, int, double&, double&);
 EnvelopeSumsFunction SelectEnvelopeSums() {
-  const bool allowAvx2 = detail::ReadIsaCap().avx2;
-  __builtin_cpu_init();
-  return allowAvx2 && __builtin_cpu_supports("avx2") ? &EnvelopeSumsAvx2 : &EnvelopeSumsBaseline;
+  return detail::MayUseAvx2() ? &EnvelopeSumsAvx2 : &EnvelopeSumsBaseline;
 }
 const EnvelopeSumsFunction EnvelopeSums = SelectEnvelopeSums();
 const detail::CentroidBlockSumsFunction<std::uint8_t> CentroidBlockSums8 = detail::SelectCentroidBlockSums8();

@@ -24,10 +24,7 @@ void ChooseFringeOrders(const FringeOrderStep& step, std::int64_t first, std::in
 }
 
 ChooseFringeOrdersFunction SelectChooseFringeOrders() {
-  const bool allowAvx2 = ReadIsaCap().avx2;
-  __builtin_cpu_init();
-  if (allowAvx2 && __builtin_cpu_supports("avx2")) return &ChooseFringeOrdersAvx2;
-  return &ChooseFringeOrders;
+  return MayUseAvx2() ? &ChooseFringeOrdersAvx2 : &ChooseFringeOrders;
 }
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail

@@ -34,10 +34,7 @@ void FoldHeights(const HeightFoldStep& step, std::int64_t first, std::int64_t en
 }
 
 FoldHeightsFunction SelectFoldHeights() {
-  const bool allowAvx2 = ReadIsaCap().avx2;
-  __builtin_cpu_init();
-  if (allowAvx2 && __builtin_cpu_supports("avx2")) return &FoldHeightsAvx2;
-  return &FoldHeights;
+  return MayUseAvx2() ? &FoldHeightsAvx2 : &FoldHeights;
 }
 
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail

@@ -21,4 +21,10 @@ inline IsaCap ReadIsaCap() {
   return allowed;
 }
 
+// Whether a kernel that needs AVX2 alone may run: allowed by the cap and present in the processor.
+inline bool MayUseAvx2() {
+  __builtin_cpu_init();
+  return ReadIsaCap().avx2 && __builtin_cpu_supports("avx2");
+}
+
 }  // namespace Quarn::Metrology::PhaseProcessing::Core::Swli::detail
